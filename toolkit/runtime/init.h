@@ -1,0 +1,39 @@
+// Toolkit initialisation: runs once per process at start-up.
+#pragma once
+#include <cstdint>
+
+// Six 32-bit words in this order.
+struct kiv_initrec {
+  uint32_t first;        // carried through by kiv_cinit, not read by kiv_init
+  uint32_t flags;        // KIV_INIT_NOSUB1, KIV_INIT_NOSUB2, KIV_INIT_POLICY
+  uint32_t version;      // requested interface version, 0 for any; 5 on return
+  uint32_t revision;     // requested revision; 0 on return
+  uint32_t policymarker; // must equal KIV_POLICY_MARKER for policyhook to be taken
+  uint32_t policyhook;   // which policy function: KIV_POLICY_NONEXPORTABLE
+};
+// A 32-bit word cannot carry a 64-bit function pointer, so the record names the policy
+// function by number and kiv_init looks the function up.
+static_assert(sizeof(kiv_initrec) == 24, "kiv_initrec is six 32-bit words");
+
+constexpr uint32_t KIV_INIT_NOSUB1 = 0x1;  // suppress an optional subsystem (none here)
+constexpr uint32_t KIV_INIT_NOSUB2 = 0x2;
+constexpr uint32_t KIV_INIT_POLICY = 0x8000;  // policymarker and policyhook are present
+constexpr uint32_t KIV_POLICY_NONEXPORTABLE = 1;
+constexpr int KIV_VERSION = 5;
+constexpr int KIV_REVISION = 0;
+
+// The record of one connection of the toolkit's network layer. This system never
+// creates one; calls that take a context get null.
+struct kiv_context {
+  int number;               // printed by the log's %s
+  uint32_t prevtime;        // hundredths of a second of the previous %t line
+  char **searchlist;        // null-terminated prefix paths for relative info names
+};
+
+// 0; KIV_EBUSY (reported as a warning) when called before; KIV_ENOTFOUND when the
+// record asks for a version that is not provided (the toolkit stays uninitialised).
+int kiv_init(kiv_initrec *rec);
+// Starts the socket library once (under lock slot 5). 0 or KIV_ESYS.
+int kiv_net_init();
+// "exportable" or "non-exportable", as recorded by the last successful kiv_init.
+const char *kiv_flavour();

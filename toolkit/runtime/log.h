@@ -1,0 +1,51 @@
+// Logging: trace lines (kiv_log) and failure reports (kiv_logerror), configured once
+// from the debug spec. Each line is written whole, synchronously, by the calling thread.
+#pragma once
+#include <cstdarg>
+#include "lib/printf.h"
+
+struct kiv_context;
+
+// Verbosity 0..9 (0 at start); nothing at all is written while it is negative. Callers
+// test it before each kiv_log call.
+extern int kiv_loglevel;
+int *kiv_loglevelp();
+
+// Severities of kiv_logerror, printed by the prefix directive %e.
+constexpr int KIV_SEV_FATAL = 1;
+constexpr int KIV_SEV_ERROR = 2;
+constexpr int KIV_SEV_WARNING = 3;
+constexpr int KIV_SEV_DEBUG = 4;  // kiv_log lines
+
+constexpr int KIV_LOGLINE = 2048;  // a line holds at most KIV_LOGLINE - 1 characters
+extern const char KIV_LOGPREFIX[];  // "%p %n[%s] %f: "
+
+// The output function; kiv_logtofile unless a test replaces it.
+using kiv_sinkfunc = void (*)(const char *line);
+extern kiv_sinkfunc kiv_logsink;
+
+// Applies a debug spec: items separated by ";" (digit: level; "+t": time prefix;
+// "=T": prefix template T; ">F": log file F; "!M": exclude module M; "M": include M).
+void kiv_logconfig(const char *spec);
+void kiv_log(kiv_context *ctx, const char *tag, const char *format, ...) KIV_PRINTF(3, 4);
+void kiv_logerror(kiv_context *ctx, const char *tag, int severity, int code,
+                  const char *format, ...) KIV_PRINTF(5, 6);
+void kiv_vlogerror(kiv_context *ctx, const char *tag, int severity, int code,
+                   const char *format, va_list args);
+// 1 when a line of that level and tag passes the level and the module list.
+int kiv_logcheck(int level, const char *tag);
+// Writes the prefix of one line into buffer; returns the characters written (at most
+// size). Does not promise a terminating zero.
+int kiv_logprefix(char *buffer, int size, kiv_context *ctx, const char *tag, int severity,
+                  int code);
+// Hands one finished line to kiv_logsink, serialised across threads; a sink that logs
+// may nest once, a third level on the same thread is dropped.
+void kiv_logwrite(const char *line);
+void kiv_logtofile(const char *line);
+const char *kiv_severityname(int severity);
+// The process id printed by %p; kiv_init fills the cache.
+void kiv_logsetpid(long pid);
+
+// Returns the log to its state at process start (level 0, no modules, default
+// template, no file, standard error, default sink). For tests.
+void kiv_logreset();

@@ -1,0 +1,40 @@
+#include "toolkit/runtime/memory.h"
+
+#include <cstring>
+
+#include "lib/heap.h"
+#include "toolkit/runtime/error.h"
+#include "toolkit/runtime/log.h"
+
+void kiv_allocfail(const char *tag, unsigned size) {
+  // %d as the report gives it: a size of 2^31 or more prints negative.
+  kiv_logerror(nullptr, tag ? tag : "kiv_alloc", KIV_SEV_FATAL, KIV_ENOMEM,
+               "failed to allocate %d bytes", static_cast<int>(size));
+}
+
+void *kiv_alloc(unsigned size, const char *tag) {
+  if (size == 0) return nullptr;
+  void *p = xrealloc(nullptr, size, nullptr);
+  if (!p) kiv_allocfail(tag, size);
+  return p;
+}
+
+void *kiv_zalloc(unsigned size, const char *tag) {
+  void *p = kiv_alloc(size, tag);
+  if (p) memset(p, 0, size);
+  return p;
+}
+
+void *kiv_realloc(void *block, unsigned size, const char *tag) {
+  if (size == 0) {
+    xfree(block);
+    return nullptr;
+  }
+  if (!block) return kiv_alloc(size, tag);
+  void *p = xrealloc(block, size, nullptr);
+  if (!p) {
+    kiv_allocfail(tag, size);
+    return block;
+  }
+  return p;
+}

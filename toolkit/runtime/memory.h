@@ -1,0 +1,14 @@
+// The toolkit allocator: the process heap, with every failure reported under the
+// caller's log tag ("failed to allocate %d bytes", FATAL, ENOMEM). Blocks are released
+// with xfree (lib/heap.h); the receiver of a block owns it.
+#pragma once
+
+// Size 0 gives null without a report.
+void *kiv_alloc(unsigned size, const char *tag);
+void *kiv_zalloc(unsigned size, const char *tag);
+// Size 0 releases the block and gives null; no block acts as kiv_alloc. When the heap
+// refuses, reports and returns the old block unchanged: a caller that grows a block must
+// not write beyond what it knows it has.
+void *kiv_realloc(void *block, unsigned size, const char *tag);
+// Writes the out-of-memory report; a null tag reports under "kiv_alloc".
+void kiv_allocfail(const char *tag, unsigned size);
