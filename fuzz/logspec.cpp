@@ -1,5 +1,5 @@
-// The debug debugspec and the prefix template from the input: everything before the first NUL
-// is a debug debugspec, the rest a template (its ";" become ":" since an item cannot hold one).
+// The debug spec and the prefix template from the input: everything before the first NUL
+// is a debug spec, the rest a template (its ";" become ":" since an item cannot hold one).
 // Prefixes go into buffers of several sizes with a guard region behind them, and whole
 // lines through a sink that checks their length.
 #include <cstddef>

@@ -123,8 +123,8 @@ int dstr_vformat(dstr *out, int limit, const char *format, va_list args) {
     int width = 0;
     int precision = -1;
     char sign = 0;
-    bool spec = true;
-    while (spec) {
+    bool in_conversion = true;
+    while (in_conversion) {
       switch (*p) {
         case ' ':
           if (!sign) sign = ' ';
@@ -180,7 +180,7 @@ int dstr_vformat(dstr *out, int limit, const char *format, va_list args) {
           p++;
           break;
         default:
-          spec = false;
+          in_conversion = false;
       }
     }
     if (flags & F_LONG) flags &= ~F_SHORT;

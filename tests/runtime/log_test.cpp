@@ -80,7 +80,7 @@ static std::string prefix(int size, kiv_context *ctx = nullptr, const char *tag 
 TEST_F(Log, ModuleFilter) {
   std::string many = "3";  // a list longer than one block
   for (int i = 0; i < 20; i++) many += ";m" + std::to_string(i);
-  struct { std::string spec; const char *tag; int level, expected; } cases[] = {
+  struct { std::string debugspec; const char *tag; int level, expected; } cases[] = {
       {"3;ssock", "ssock.start_agent", 0, 1}, {"3;ssock", "ssock", 0, 1}, {"3;ssock", "ssockx.main", 0, 0},
       {"3;ssoc", "ssock.start_agent", 0, 0}, {"3;ssock", nullptr, 0, 1}, {"3;ssock", "ssock.x", 4, 0},
       {"3;ssock;sserv", "sserv.main", 0, 1}, {"3;!ntpipe;ssock", "ntpipe.r", 0, 0}, {"3;!ntpipe;ssock", "sserv.m", 0, 1},
@@ -89,17 +89,17 @@ TEST_F(Log, ModuleFilter) {
   };
   for (const auto &c : cases) {
     kiv_logreset();
-    kiv_logconfig(c.spec.c_str());
-    EXPECT_EQ(c.expected, kiv_logcheck(c.level, c.tag)) << c.spec << " / " << (c.tag ? c.tag : "(null)");
+    kiv_logconfig(c.debugspec.c_str());
+    EXPECT_EQ(c.expected, kiv_logcheck(c.level, c.tag)) << c.debugspec << " / " << (c.tag ? c.tag : "(null)");
   }
 }
 
-// A spec's items set the level and the prefix template; each case's prefix is that of a
+// A debugspec's items set the level and the prefix template; each case's prefix is that of a
 // line with the given severity, code, room, tag and context.
 TEST_F(Log, SpecItemsAndPrefixDirectives) {
   kiv_context ctx{7, 0, nullptr};
   struct {
-    const char *spec, *expected;
+    const char *debugspec, *expected;
     int level = 0, severity = 4, code = 0, size = 256;
     const char *tag = TAG;
     kiv_context *ctx = nullptr;
@@ -124,9 +124,9 @@ TEST_F(Log, SpecItemsAndPrefixDirectives) {
   };
   for (const auto &c : cases) {
     fresh();
-    kiv_logconfig(c.spec);
-    EXPECT_EQ(c.level, kiv_loglevel) << c.spec;
-    EXPECT_EQ(c.expected, prefix(c.size, c.ctx, c.tag, c.severity, c.code)) << c.spec << " size " << c.size;
+    kiv_logconfig(c.debugspec);
+    EXPECT_EQ(c.level, kiv_loglevel) << c.debugspec;
+    EXPECT_EQ(c.expected, prefix(c.size, c.ctx, c.tag, c.severity, c.code)) << c.debugspec << " size " << c.size;
   }
 }
 

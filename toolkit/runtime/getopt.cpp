@@ -48,16 +48,16 @@ int kiv_getopt(int argc, char *const argv[], const char *optstring) {
 
   int letter = static_cast<unsigned char>(word[optpos++]);
   kiv_optopt = letter;
-  const char *spec = nullptr;
+  const char *found = nullptr;
   for (const char *p = optstring ? optstring : ""; *p; p++) {
     if (*p == ':') continue;
     if (static_cast<unsigned char>(*p) == letter) {
-      spec = p;
+      found = p;
       break;
     }
   }
-  if (!spec) return '?';
-  if (spec[1] != ':') return letter;
+  if (!found) return '?';
+  if (found[1] != ':') return letter;
 
   if (word[optpos] != '\0') {
     kiv_optarg = word + optpos;

@@ -28,7 +28,7 @@ struct module {
   int excluded;  // 1 for a "!" item
 };
 
-module *modules;   // ended by an entry with a null name; null when the spec names none
+module *modules;   // ended by an entry with a null name; null when the debug spec names none
 int nmodules;      // entries in use, the terminator not counted
 int modcapacity;   // entries the block is known to hold, terminator included
 char *prefix;      // the template; null means KIV_LOGPREFIX
@@ -143,15 +143,15 @@ const char *kiv_severityname(int severity) {
   return names[severity];
 }
 
-void kiv_logconfig(const char *spec) {
+void kiv_logconfig(const char *debugspec) {
   if (modules) {
     freemodules();
     xfree(prefix);
     prefix = nullptr;
     kiv_loglevel = 0;
   }
-  if (!spec) return;
-  const char *item = spec;
+  if (!debugspec) return;
+  const char *item = debugspec;
   while (*item) {
     const char *end = strchr(item, ';');
     if (!end) end = item + strlen(item);
