@@ -52,7 +52,7 @@ test-native:
 # for them forever.
 test-windows:
 	@echo "== Windows tests (Wine)"
-	@$(WINESERVER) -p; wine cmd /c exit </dev/null >/dev/null 2>&1; \
+	@ulimit -n 4096 2>/dev/null || true; $(WINESERVER) -p; wine cmd /c exit </dev/null >/dev/null 2>&1; \
 	 cd $(BUILD)/windows && ctest --output-on-failure -j $(JOBS); rc=$$?; \
 	 $(WINESERVER) -k 2>/dev/null; exit $$rc
 
@@ -69,9 +69,15 @@ fuzz: fuzz-build
 	  $$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 $(BUILD)/fuzz/corpus/$$name $$seeds 2>&1 | tail -n 12; \
 	done
 
-bench: bench-build
+# Native benchmarks, then the Windows ones (bench_*.exe under build/windows/bench) under
+# one wineserver.
+bench: bench-build windows
 	@set -e; for b in $(BUILD)/bench/bench/bench_*; do \
 	  [ -x "$$b" ] || continue; echo "== $$(basename $$b)"; $$b; done
+	@ulimit -n 4096 2>/dev/null || true; $(WINESERVER) -p; \
+	 for b in $(BUILD)/windows/bench/bench_*.exe; do \
+	  [ -f "$$b" ] || continue; echo "== $$(basename $$b)"; scripts/wine-run $$b || exit 1; done; \
+	 $(WINESERVER) -k 2>/dev/null; true
 
 run: setup
 	@echo "make run starts the service in console mode; the service host is not built yet."

@@ -33,6 +33,7 @@ int nmodules;      // entries in use, the terminator not counted
 int modcapacity;   // entries the block is known to hold, terminator included
 char *prefix;      // the template; null means KIV_LOGPREFIX
 char *filename;    // set by the ">" item
+char *keptspec;    // copy of the last debug spec, handed on to agents
 FILE *stream;      // the open log file; null while lines go to standard error
 const char *progname;  // printed by %n; nothing in this system sets it
 uint32_t prevtime;     // hundredths of a second of the previous %t line
@@ -150,7 +151,10 @@ void kiv_logconfig(const char *debugspec) {
     prefix = nullptr;
     kiv_loglevel = 0;
   }
+  xfree(keptspec);
+  keptspec = nullptr;
   if (!debugspec) return;
+  keptspec = copytext(debugspec, strlen(debugspec));
   const char *item = debugspec;
   while (*item) {
     const char *end = strchr(item, ';');
@@ -184,6 +188,8 @@ void kiv_logconfig(const char *debugspec) {
     item = end + 1;
   }
 }
+
+const char *kiv_logspec() { return keptspec; }
 
 int kiv_logcheck(int level, const char *tag) {
   if (level > kiv_loglevel) return 0;
@@ -400,6 +406,8 @@ void kiv_logreset() {
   prefix = nullptr;
   xfree(filename);
   filename = nullptr;
+  xfree(keptspec);
+  keptspec = nullptr;
   if (stream) fclose(stream);
   stream = nullptr;
   progname = nullptr;

@@ -27,6 +27,9 @@ extern kiv_sinkfunc kiv_logsink;
 // Applies a debug spec: items separated by ";" (digit: level; "+t": time prefix;
 // "=T": prefix template T; ">F": log file F; "!M": exclude module M; "M": include M).
 void kiv_logconfig(const char *debugspec);
+// The debug spec last given to kiv_logconfig, or null when none was given (or its copy
+// could not be allocated). The port manager passes it on to every agent it starts.
+const char *kiv_logspec();
 void kiv_log(kiv_context *ctx, const char *tag, const char *format, ...) KIV_PRINTF(3, 4);
 void kiv_logerror(kiv_context *ctx, const char *tag, int severity, int code,
                   const char *format, ...) KIV_PRINTF(5, 6);

@@ -1,0 +1,46 @@
+// The port manager: the records of ports, services, global programs and agents, built
+// from the registry configuration and kept alive by the supervision pass. Everything
+// here runs on the main loop's thread. Results are toolkit codes (0 or a negative code).
+#pragma once
+#include <winsock2.h>
+#include <windows.h>
+
+#include <ctime>
+
+// Registry key that holds the configuration (subkeys "tcp", "services", "global").
+extern const char SSOCK_ROOT[];  // "HKEY_LOCAL_MACHINE\SOFTWARE\Orvane\Agents"
+
+// Re-reads the configuration and makes the tables agree with it; runs one pass. Always 0.
+int ssock_reconfig();
+// The supervision pass: removals, listening, launches, restarts; rebuilds the wait list
+// and the next due time. Always 0.
+int ssock_update();
+// The wait list of the last pass: returns its count n; when n > 0 *handles is the array
+// (n entries and room for five more; valid until the next pass). *due, the absolute
+// calendar time of the next timed event, is always written.
+unsigned ssock_waitset(HANDLE **handles, time_t *due);
+// Handles the signalled entry `index` (0 .. n-1) of the last wait list: a connection on
+// a listening port or the end of an agent, a global program or a hooking process.
+// 0 or a negative code; the main loop ignores it.
+int ssock_callback(unsigned index);
+
+// Control operations (the command interpreter's add, remove, disable, enable).
+// ssock_add: 0, KIV_ECONFIG, KIV_EBUSY, KIV_ESYS. pid and extra_args may be null.
+int ssock_add(int port, const char *pid, const char *extra_args);
+int ssock_remove(int port);   // 0, KIV_ENOTFOUND, KIV_ECONFIG
+int ssock_disable(int port);  // 0, KIV_ENOTFOUND, KIV_ECONFIG
+int ssock_enable(int port);   // 0, KIV_ENOTFOUND, KIV_ECONFIG
+
+// The listing: one call of write(context, line, length) per port record, in list order;
+// the line has no terminator. The command interpreter hands the pipe's write operation
+// and the pipe number. Always 0.
+using ssock_writefunc = int (*)(int context, const char *text, int length);
+int ssock_info(int context, ssock_writefunc write);
+
+// Shutdown, after the main loop has ended: agents told to exit and waited for up to 5 s,
+// then terminated with the global programs. Always 0; the records are not freed.
+int ssock_cleanup();
+
+// Frees every record, socket, handle and the wait list and returns the manager to its
+// state at process start (after ssock_cleanup, or with nothing running). For tests.
+void ssock_reset();
