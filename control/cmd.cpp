@@ -1,0 +1,148 @@
+#include "control/cmd.h"
+
+#include <winsock2.h>
+#include <windows.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "control/npipe.h"
+#include "lib/dstr.h"
+#include "lib/heap.h"
+#include "lib/printf.h"
+#include "lib/strcase.h"
+#include "ports/ssock.h"
+#include "toolkit/runtime/getopt.h"
+#include "toolkit/runtime/log.h"
+
+namespace {
+
+cmd_stopfunc stop_request;
+
+using handler = void (*)(int pipe, int argc, char **argv);
+struct command {
+  const char *name;
+  handler run;
+};
+const command table[] = {
+    {"quit", cmd_quit},     {"info", cmd_info},       {"reconfig", cmd_reconfig},
+    {"update", cmd_update}, {"add", cmd_add},         {"remove", cmd_remove},
+    {"disable", cmd_disable}, {"enable", cmd_enable}, {"ls", cmd_ls},
+};
+
+void reply(int pipe, const char *text) { npipe_write(pipe, text, static_cast<int>(strlen(text))); }
+
+void reply_result(int pipe, int rc) {
+  if (rc == 0) {
+    reply(pipe, "+");
+    return;
+  }
+  char text[40];
+  xsnprintf(text, sizeof text, "-Failed with code %d", rc);
+  reply(pipe, text);
+}
+
+// remove, disable and enable: one port number; leading digits count.
+void port_command(int pipe, int argc, char **argv, int (*op)(int), const char *usage) {
+  int port = argc > 1 ? atoi(argv[1]) : 0;
+  if (port == 0) {
+    reply(pipe, usage);
+    return;
+  }
+  reply_result(pipe, op(port));
+}
+
+}  // namespace
+
+void cmd_setstop(cmd_stopfunc stop) { stop_request = stop; }
+
+void cmd(int pipe, char *line) {
+  if (pipe >= 0 && kiv_loglevel >= 3) kiv_log(nullptr, "sserv.cmd", "\"%s\"", line);
+  char *words[CMD_MAXWORDS];
+  int count = cmd_split(line, words);
+  if (words[0][0] == '\0') return;
+  if (count > CMD_MAXWORDS) {
+    reply(pipe, "-Too many words");
+    return;
+  }
+  for (const command &c : table) {
+    if (xstrncasecmp(words[0], c.name, CMD_LINE + 1) == 0) {
+      c.run(pipe, count, words);
+      return;
+    }
+  }
+  reply(pipe, "-Unknown command");
+}
+
+void cmd_quit(int pipe, int argc, char **argv) {
+  if (argc > 1 && strcmp(argv[1], "-Q") == 0 && stop_request) stop_request();
+  npipe_close(pipe);
+}
+
+void cmd_info(int pipe, int, char **) {
+  reply(pipe, "!");
+  char name[128];
+  DWORD size = sizeof name;
+  if (GetUserNameA(name, &size)) {
+    char text[160];
+    xsnprintf(text, sizeof text, "My UserName: %s", name);
+    reply(pipe, text);
+  }
+  reply(pipe, ".");
+}
+
+void cmd_reconfig(int pipe, int, char **) {
+  ssock_reconfig();
+  reply(pipe, "+");
+}
+
+void cmd_update(int pipe, int, char **) {
+  ssock_update();
+  reply(pipe, "+");
+}
+
+void cmd_add(int pipe, int argc, char **argv) {
+  static const char usage[] = "-Usage: add -p port [-i pid] -- extra_args";
+  int port = 0;
+  const char *pid = nullptr;
+  bool bad = false;
+  kiv_optind = -1;
+  for (int c; !bad && (c = kiv_getopt(argc, argv, "i:p:")) != -1;) {
+    if (c == 'p') port = atoi(kiv_optarg);
+    else if (c == 'i') pid = kiv_optarg;
+    else if (c == '?') bad = true;
+  }
+  if (bad || port == 0) {
+    reply(pipe, usage);
+    return;
+  }
+  // The words are at most CMD_LINE bytes together, so the joined text is bounded too.
+  dstr extra;
+  dstr_init(&extra);
+  bool any = false;
+  for (int i = kiv_optind; i < argc; i++) {
+    if (any) dstr_append(&extra, " ", 1);
+    dstr_append(&extra, argv[i], static_cast<int>(strlen(argv[i])));
+    any = true;
+  }
+  reply_result(pipe, ssock_add(port, pid, any ? extra.buffer : nullptr));
+  dstr_free(&extra, 0);
+}
+
+void cmd_remove(int pipe, int argc, char **argv) {
+  port_command(pipe, argc, argv, ssock_remove, "-Usage: remove port");
+}
+
+void cmd_disable(int pipe, int argc, char **argv) {
+  port_command(pipe, argc, argv, ssock_disable, "-Usage: disable port");
+}
+
+void cmd_enable(int pipe, int argc, char **argv) {
+  port_command(pipe, argc, argv, ssock_enable, "-Usage: enable port");
+}
+
+void cmd_ls(int pipe, int, char **) {
+  reply(pipe, "!");
+  ssock_info(pipe, npipe_write);
+  reply(pipe, ".");
+}

@@ -1,0 +1,34 @@
+// The command interpreter of the control pipe: splits one message into words, finds the
+// command and writes its reply ("+", a text beginning with "-", or a listing from "!"
+// to ".") to the pipe instance the message came from, one pipe message per element.
+// Runs on the main loop's thread.
+#pragma once
+
+constexpr int CMD_LINE = 512;    // longest command message in bytes
+constexpr int CMD_MAXWORDS = 20;  // entries of the word vector
+
+// Splits line in place into words (blanks and tabs separate; a backslash protects the
+// next character; double quotes group and are removed). vector has CMD_MAXWORDS
+// entries. Returns the word count, at least 1 (one empty word for an empty line), or
+// CMD_MAXWORDS + 1 when the line has more words: the vector then holds the first
+// CMD_MAXWORDS and the rest of the line is left unsplit.
+int cmd_split(char *line, char **vector);
+
+// The service host hands the interpreter its stop request ("quit -Q") at start-up.
+using cmd_stopfunc = void (*)();
+void cmd_setstop(cmd_stopfunc stop);
+
+// Runs one command line (NUL-terminated, at most CMD_LINE bytes; modified) from pipe
+// number `pipe`, or -1 for the main loop's own "update", whose reply is dropped.
+void cmd(int pipe, char *line);
+
+// Handlers: pipe number, word count, word vector (the command word first).
+void cmd_quit(int pipe, int argc, char **argv);
+void cmd_info(int pipe, int argc, char **argv);
+void cmd_reconfig(int pipe, int argc, char **argv);
+void cmd_update(int pipe, int argc, char **argv);
+void cmd_add(int pipe, int argc, char **argv);
+void cmd_remove(int pipe, int argc, char **argv);
+void cmd_disable(int pipe, int argc, char **argv);
+void cmd_enable(int pipe, int argc, char **argv);
+void cmd_ls(int pipe, int argc, char **argv);

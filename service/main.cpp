@@ -1,0 +1,32 @@
+// kivd: process entry. Reads the options "D:SBIU" and installs or removes the service,
+// hands the process to the service dispatcher (-S), or runs in the foreground.
+#include "service/sserv.h"
+#include "toolkit/runtime/getopt.h"
+#include "toolkit/runtime/log.h"
+
+int main(int argc, char **argv) {
+  const char *debugspec = nullptr;
+  int action = 0;
+  bool service = false;
+  kiv_optind = 0;
+  for (int c; (c = kiv_getopt(argc, argv, "D:SBIU")) != -1;) {
+    if (c == 'D') debugspec = kiv_optarg;
+    else if (c == 'S') service = true;
+    else if (c == 'I' || c == 'U') action = c;
+  }
+  if (debugspec) kiv_logconfig(debugspec);
+  if (action) return install_service(action, debugspec);
+  if (service) {
+    if (kiv_loglevel >= 3)
+      kiv_log(nullptr, "sserv.main", "Before StartServiceCtrlDispatcher() for %s", argv[0]);
+    char name[] = "";
+    SERVICE_TABLE_ENTRYA table[] = {{name, kivw32_service_start}, {nullptr, nullptr}};
+    StartServiceCtrlDispatcherA(table);
+    if (kiv_loglevel >= 3) kiv_log(nullptr, "sserv.main", "After StartServiceCtrlDispatcher()");
+    return 0;
+  }
+  if (initialize() != 0) return 0;
+  if (kiv_loglevel >= 3) kiv_log(nullptr, "sserv.main", "main loop");
+  run_service();
+  return 0;
+}

@@ -1,0 +1,316 @@
+#include "service/sserv.h"
+
+#include <aclapi.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "control/cmd.h"
+#include "control/mwait.h"
+#include "control/npipe.h"
+#include "lib/heap.h"
+#include "lib/printf.h"
+#include "ports/ssock.h"
+#include "toolkit/config/info.h"
+#include "toolkit/runtime/cinit.h"
+#include "toolkit/runtime/clock.h"
+#include "toolkit/runtime/error.h"
+#include "toolkit/runtime/log.h"
+#include "toolkit/runtime/memory.h"
+
+const char SSERV_NAME[] = "vesk_kivd";
+const char SSERV_DISPLAY[] = "Varnel Agent Port Manager";
+const char SSERV_PIPE[] = "\\\\.\\pipe\\vesk_kivd";
+
+namespace {
+
+HANDLE die;
+// A stop that came before `die` existed; initialize then signals `die` at once.
+volatile LONG stop_early;
+SERVICE_STATUS status;
+SERVICE_STATUS_HANDLE status_handle;
+
+constexpr DWORD ALL_SERVICE = 0xF01FF;
+constexpr DWORD ALL_MANAGER = 0xF003F;
+constexpr DWORD STATUS_TYPE = 0x30;  // own-process and share-process bits, as reported
+constexpr int LOGGED_WAIT = 7200;    // waits shorter than this are logged
+
+struct scoped_service {
+  SC_HANDLE h;
+  explicit scoped_service(SC_HANDLE handle) : h(handle) {}
+  scoped_service(const scoped_service &) = delete;
+  scoped_service &operator=(const scoped_service &) = delete;
+  ~scoped_service() {
+    if (h) CloseServiceHandle(h);
+  }
+  SC_HANDLE get() const { return h; }
+};
+
+int uninstall(SC_HANDLE service) {
+  SERVICE_STATUS st;
+  if (QueryServiceStatus(service, &st) && st.dwCurrentState == SERVICE_RUNNING) {
+    ControlService(service, SERVICE_CONTROL_STOP, &st);
+    printf("Stopping service ..");
+    fflush(stdout);
+    for (int i = 0; i < 40; i++) {
+      if (st.dwCurrentState == SERVICE_STOPPED) break;
+      printf(".");
+      fflush(stdout);
+      Sleep(250);
+      QueryServiceStatus(service, &st);
+    }
+    printf(" OK\n");
+  }
+  if (DeleteService(service))
+    printf("Service deleted\n");
+  else
+    printf("DeleteService() failed with error %d\n", static_cast<int>(GetLastError()));
+  return 0;
+}
+
+int install(SC_HANDLE manager, const char *debugspec) {
+  char path[SSERV_CMDLINE];
+  DWORD n = GetModuleFileNameA(nullptr, path, sizeof path);
+  if (n == 0) {
+    printf("Failed to locate myself\n");
+    return 1;
+  }
+  char cmdline[SSERV_CMDLINE];
+  // A path cut by the buffer, or one that leaves no room for the options, would install
+  // a command line that starts something else or loses -S: refuse instead.
+  if (n >= sizeof path - 1 || install_cmdline(cmdline, sizeof cmdline, path, debugspec) != 0) {
+    printf("Service command line too long (more than %d characters)\n", SSERV_CMDLINE - 1);
+    return 1;
+  }
+  scoped_service service(CreateServiceA(manager, SSERV_NAME, SSERV_DISPLAY, ALL_SERVICE,
+                                        SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START,
+                                        SERVICE_ERROR_NORMAL, cmdline, nullptr, nullptr,
+                                        nullptr, nullptr, nullptr));
+  if (!service.get()) {
+    printf("Failed to Create Service. Error %d\n", static_cast<int>(GetLastError()));
+    return 1;
+  }
+  printf("Service \"%s\" installed\n", SSERV_DISPLAY);
+  return 0;
+}
+
+void report(const char *tag) {
+  if (!SetServiceStatus(status_handle, &status) && kiv_loglevel >= 1)
+    kiv_log(nullptr, tag, "SetServiceStatus() error %d", static_cast<int>(GetLastError()));
+}
+
+}  // namespace
+
+int install_cmdline(char *buffer, int size, const char *exe, const char *debugspec) {
+  int n = debugspec ? xsnprintf(buffer, size, "%s -S -D%s;>c:/kivd.txt", exe, debugspec)
+                    : xsnprintf(buffer, size, "%s -S", exe);
+  if (n < 0 || n >= size) {
+    if (size > 0) buffer[0] = '\0';
+    return KIV_EOVERFLOW;
+  }
+  return 0;
+}
+
+int install_service(int action, const char *debugspec) {
+  scoped_service manager(OpenSCManagerA(nullptr, nullptr, ALL_MANAGER));
+  if (!manager.get()) {
+    printf("Failed to access SCManager\n");
+    return 1;
+  }
+  scoped_service service(OpenServiceA(manager.get(), SSERV_NAME, ALL_SERVICE));
+  if (action == 'U') {
+    if (!service.get()) {
+      printf("Service not installed\n");
+      return 0;
+    }
+    return uninstall(service.get());
+  }
+  if (service.get()) return 0;
+  return install(manager.get(), debugspec);
+}
+
+void WINAPI kivw32_service_start(DWORD, char **argv) {
+  static const char tag[] = "sserv.kivw32_service_start";
+  char user[128];
+  DWORD size = sizeof user;
+  if (GetUserNameA(user, &size) && kiv_loglevel >= 3) kiv_log(nullptr, tag, "My UserName: %s", user);
+  if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "Service %s startup ...", argv[0]);
+  status.dwServiceType = STATUS_TYPE;
+  status.dwCurrentState = SERVICE_START_PENDING;
+  status.dwControlsAccepted = SERVICE_ACCEPT_STOP;
+  status.dwWin32ExitCode = 0;
+  status.dwServiceSpecificExitCode = 0;
+  status.dwCheckPoint = 0;
+  status.dwWaitHint = 0;
+  status_handle = RegisterServiceCtrlHandlerA(argv[0], kivw32_service_ctrl);
+  if (!status_handle) {
+    if (kiv_loglevel >= 1)
+      kiv_log(nullptr, tag, "RegisterServiceCtrlHandler() error %d", static_cast<int>(GetLastError()));
+    return;
+  }
+  if (!SetServiceStatus(status_handle, &status)) {
+    if (kiv_loglevel >= 1)
+      kiv_log(nullptr, tag, "SetServiceStatus() error %d", static_cast<int>(GetLastError()));
+    return;
+  }
+  int result = initialize();
+  if (result == 0) {
+    status.dwCurrentState = SERVICE_RUNNING;
+    SetServiceStatus(status_handle, &status);
+    if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "Service running");
+    result = run_service();
+  }
+  if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "Service stopped with code %d", result);
+  kivw32_service_ctrl(SERVICE_CONTROL_STOP);
+  Sleep(1500);
+  status.dwCurrentState = SERVICE_STOPPED;
+  status.dwWin32ExitCode = result ? ERROR_SERVICE_SPECIFIC_ERROR : 0;
+  status.dwServiceSpecificExitCode = static_cast<DWORD>(result);
+  status.dwCheckPoint++;
+  status.dwWaitHint = 0;
+  if (SetServiceStatus(status_handle, &status)) {
+    Sleep(1500);
+  } else if (kiv_loglevel >= 1) {
+    kiv_log(nullptr, tag, "SetServiceStatus() error %d", static_cast<int>(GetLastError()));
+  }
+}
+
+void WINAPI kivw32_service_ctrl(DWORD control) {
+  if (control == SERVICE_CONTROL_STOP) {
+    stop_service();
+    status.dwCheckPoint = 0;
+    status.dwCurrentState = SERVICE_STOP_PENDING;
+  } else if (control == SERVICE_CONTROL_INTERROGATE) {
+    status.dwCheckPoint++;
+  }
+  report("sserv.kivw32_service_ctrl");
+}
+
+void *MakePipeSecurity() {
+  static const char tag[] = "sserv.MakePipeSecurity";
+  char system[] = "SYSTEM", admins[] = "ADMINISTRATORS";
+  EXPLICIT_ACCESSA entries[2];
+  BuildExplicitAccessWithNameA(&entries[0], system, GENERIC_READ | GENERIC_WRITE, GRANT_ACCESS,
+                               NO_INHERITANCE);
+  BuildExplicitAccessWithNameA(&entries[1], admins, GENERIC_READ | GENERIC_WRITE, GRANT_ACCESS,
+                               NO_INHERITANCE);
+  PACL acl = nullptr;
+  DWORD rc = SetEntriesInAclA(2, entries, nullptr, &acl);
+  if (rc != ERROR_SUCCESS) {
+    kiv_logerror(nullptr, tag, KIV_SEV_FATAL, static_cast<int>(rc), "SetEntriesInAcl() failed: %d",
+                 static_cast<int>(rc));
+    return nullptr;
+  }
+  unsigned aclsize = acl->AclSize;
+  if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "ACL size: %d", static_cast<int>(aclsize));
+  unsigned size = sizeof(SECURITY_DESCRIPTOR) + aclsize;
+  auto *sd = static_cast<SECURITY_DESCRIPTOR *>(kiv_alloc(size, tag));
+  if (!sd || !InitializeSecurityDescriptor(sd, SECURITY_DESCRIPTOR_REVISION)) {
+    kiv_logerror(nullptr, tag, KIV_SEV_FATAL, 0, "InitializeSecurityDescriptor() failed: %d", 0);
+    LocalFree(acl);
+    xfree(sd);
+    return nullptr;
+  }
+  PACL copy = reinterpret_cast<PACL>(sd + 1);
+  memcpy(copy, acl, aclsize);
+  LocalFree(acl);
+  if (!SetSecurityDescriptorDacl(sd, TRUE, copy, FALSE)) {
+    kiv_logerror(nullptr, tag, KIV_SEV_FATAL, 0, "SetSecurityDescriptorDacl() failed: %d",
+                 static_cast<int>(GetLastError()));
+    xfree(sd);
+    return nullptr;
+  }
+  return sd;
+}
+
+int initialize() {
+  static const char tag[] = "sserv.initialize";
+  WSADATA wsa;
+  if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return KIV_ESYS;
+  HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  InterlockedExchangePointer(&die, event);
+  if (event && InterlockedCompareExchange(&stop_early, 0, 0)) SetEvent(event);
+
+  SECURITY_ATTRIBUTES sa;
+  sa.nLength = sizeof sa;
+  sa.lpSecurityDescriptor = MakePipeSecurity();
+  sa.bInheritHandle = FALSE;
+  int rc = npipe_setup_server(2, SSERV_PIPE, &sa);
+  xfree(sa.lpSecurityDescriptor);
+  if (rc == 0 && !die) rc = KIV_ESYS;
+  if (rc != 0) {
+    if (kiv_loglevel >= 3)
+      kiv_log(nullptr, tag, "die:%d, npipe_setup_server() -> %d", die ? 1 : 0, rc);
+    return rc;
+  }
+  if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "OK");
+  cmd_setstop(stop_service);
+  kiv_cinit(nullptr);
+  kivinfo_init(0);
+  ssock_reconfig();
+  return 0;
+}
+
+int wait_seconds(time_t due, time_t now) {
+  time_t t = due - now;
+  if (t <= 0) t = 5;
+  t += 1;
+  // With no handle too the loop wakes when something is due (a lone port disabled for a
+  // few seconds must come back then); nothing due means a week.
+  return static_cast<int>(t > SSERV_WEEK ? SSERV_WEEK : t);
+}
+
+int run_service() {
+  static const char tag[] = "sserv.run_service";
+  char line[CMD_LINE + 1];
+  for (;;) {
+    HANDLE *handles = nullptr;
+    time_t due = 0;
+    unsigned n = ssock_waitset(&handles, &due);
+    HANDLE alone[1];
+    if (n == 0) handles = alone;
+    handles[n] = die;
+    int t = wait_seconds(due, kiv_time());
+    if (t < LOGGED_WAIT && kiv_loglevel >= 3) kiv_log(nullptr, tag, "Waiting ... (%d seconds)", t);
+    DWORD index = 0;
+    int p = npipe_wait(n + 1, handles, static_cast<DWORD>(t) * 1000, FALSE, mwait_any, &index);
+    if (p >= 1) {
+      int connected = 0;
+      int rc = npipe_read(p, line, CMD_LINE, &connected);
+      if (connected) {
+        npipe_write(p, "KIVD v0.1", 9);
+      } else if (rc >= 0) {
+        line[rc] = '\0';
+        cmd(p, line);
+      } else if (rc == KIV_EOVERFLOW) {
+        // The message was read whole and dropped; the client learns why, and its next
+        // message is read as usual.
+        static const char refused[] = "-Message too long";
+        npipe_write(p, refused, sizeof refused - 1);
+      } else if (rc != KIV_EOF && kiv_loglevel >= 3) {
+        kiv_log(nullptr, tag, "npipe_read() -> %d", rc);
+      }
+      continue;
+    }
+    if (index == n) break;
+    // From 259 handles on, the time-out code is also an index: the handle tells.
+    bool timeout = index == WAIT_TIMEOUT &&
+                   (index >= n + 1 || WaitForSingleObject(handles[index], 0) != WAIT_OBJECT_0);
+    if (timeout) {
+      strcpy(line, "update");
+      cmd(-1, line);
+    } else if (index < n + 1) {
+      if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "wait -> %d/%d", static_cast<int>(index), n + 1);
+      ssock_callback(index);
+    }
+  }
+  if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "RIP!");
+  ssock_cleanup();
+  return 0;
+}
+
+void stop_service() {
+  InterlockedExchange(&stop_early, 1);
+  HANDLE event = static_cast<HANDLE>(InterlockedCompareExchangePointer(&die, nullptr, nullptr));
+  if (event) SetEvent(event);
+}

@@ -1,0 +1,161 @@
+// kivctl: the control client. `kivctl WORDS...` sends one command and prints its reply,
+// one element per line; with no words it reads commands from standard input, one per
+// line. Exit codes: 0 for "+", a listing, or a "quit" that hung up; 1 for a "-" reply;
+// 2 when the pipe cannot be opened or breaks.
+#include <windows.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "lib/dstr.h"
+
+namespace {
+
+const char PIPE[] = "\\\\.\\pipe\\vesk_kivd";
+constexpr int LINE = 4096;  // longest line read from standard input
+
+struct scoped_handle {
+  HANDLE h = INVALID_HANDLE_VALUE;
+  scoped_handle() = default;
+  scoped_handle(const scoped_handle &) = delete;
+  scoped_handle &operator=(const scoped_handle &) = delete;
+  ~scoped_handle() {
+    if (h && h != INVALID_HANDLE_VALUE) CloseHandle(h);
+  }
+};
+
+int fail(const char *what, DWORD error) {
+  fprintf(stderr, "kivctl: %s %s: error %lu\n", what, PIPE, static_cast<unsigned long>(error));
+  return 2;
+}
+
+// Opens the pipe in message mode; a busy pipe is waited for as long as the server's
+// default time-out.
+int open_pipe(scoped_handle *pipe) {
+  for (;;) {
+    pipe->h = CreateFileA(PIPE, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    if (pipe->h != INVALID_HANDLE_VALUE) break;
+    DWORD e = GetLastError();
+    if (e != ERROR_PIPE_BUSY) return fail("cannot open", e);
+    if (!WaitNamedPipeA(PIPE, NMPWAIT_USE_DEFAULT_WAIT)) {
+      e = GetLastError();
+      // The instance freed by the wait can be taken by another client before we open it.
+      if (e == ERROR_SEM_TIMEOUT) return fail("busy, gave up waiting for", e);
+      if (e != ERROR_PIPE_BUSY) return fail("cannot open", e);
+    }
+  }
+  DWORD mode = PIPE_READMODE_MESSAGE;
+  if (!SetNamedPipeHandleState(pipe->h, &mode, nullptr, nullptr))
+    return fail("cannot set message mode on", GetLastError());
+  return 0;
+}
+
+// Reads one whole message into out. 0, or the platform's error.
+DWORD read_message(HANDLE pipe, dstr *out) {
+  dstr_truncate(out, 0);
+  char buffer[1024];
+  for (;;) {
+    DWORD got = 0;
+    BOOL ok = ReadFile(pipe, buffer, sizeof buffer, &got, nullptr);
+    DWORD e = ok ? 0 : GetLastError();
+    if (!ok && e != ERROR_MORE_DATA) return e;
+    if (dstr_append(out, buffer, static_cast<int>(got)) < 0) return ERROR_NOT_ENOUGH_MEMORY;
+    if (ok) return 0;
+  }
+}
+
+bool hung_up(DWORD e) {
+  return e == ERROR_BROKEN_PIPE || e == ERROR_PIPE_NOT_CONNECTED || e == ERROR_NO_DATA;
+}
+
+bool is_quit(const char *line) {
+  while (*line == ' ' || *line == '\t') line++;
+  return _strnicmp(line, "quit", 4) == 0 && (line[4] == '\0' || line[4] == ' ' || line[4] == '\t');
+}
+
+// Sends one command line and prints its reply. Returns the exit code of that command.
+int send_command(HANDLE pipe, const char *line, int length) {
+  DWORD put = 0;
+  if (!WriteFile(pipe, line, length, &put, nullptr)) {
+    DWORD e = GetLastError();
+    if (hung_up(e) && is_quit(line)) return 0;
+    return fail("cannot write to", e);
+  }
+  dstr reply;
+  dstr_init(&reply);
+  int code = 0;
+  bool listing = false;
+  for (;;) {
+    DWORD e = read_message(pipe, &reply);
+    if (e) {
+      // "quit" is answered by hanging up.
+      code = hung_up(e) && is_quit(line) && !listing ? 0 : fail("lost", e);
+      break;
+    }
+    printf("%s\n", reply.buffer);
+    if (!listing && strcmp(reply.buffer, "!") == 0) {
+      listing = true;
+      continue;
+    }
+    if (listing) {
+      if (strcmp(reply.buffer, ".") == 0) break;
+      continue;
+    }
+    code = reply.buffer[0] == '-' ? 1 : 0;
+    break;
+  }
+  fflush(stdout);
+  dstr_free(&reply, 0);
+  return code;
+}
+
+// The command line's words as one command: each word stays one word for the server,
+// whatever blanks, tabs, quotes or backslashes it holds.
+void join_words(int argc, char **argv, dstr *line) {
+  for (int i = 1; i < argc; i++) {
+    if (i > 1) dstr_append(line, " ", 1);
+    if (argv[i][0] == '\0') dstr_append(line, "\"\"", 2);
+    for (const char *c = argv[i]; *c; c++) {
+      if (*c == ' ' || *c == '\t' || *c == '"' || *c == '\\') dstr_append(line, "\\", 1);
+      dstr_append(line, c, 1);
+    }
+  }
+}
+
+bool blank_line(const char *line) {
+  for (; *line; line++)
+    if (*line != ' ' && *line != '\t') return false;
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  scoped_handle pipe;
+  int code = open_pipe(&pipe);
+  if (code) return code;
+  dstr greeting;
+  dstr_init(&greeting);
+  DWORD e = read_message(pipe.h, &greeting);
+  dstr_free(&greeting, 0);
+  if (e) return fail("no greeting on", e);
+
+  if (argc > 1) {
+    dstr line;
+    dstr_init(&line);
+    join_words(argc, argv, &line);
+    // An empty command word gets no reply from the server: nothing to send.
+    code = argv[1][0] ? send_command(pipe.h, line.buffer, line.length) : 0;
+    dstr_free(&line, 0);
+    return code;
+  }
+  char line[LINE];
+  while (fgets(line, sizeof line, stdin)) {
+    size_t n = strlen(line);
+    while (n > 0 && (line[n - 1] == '\n' || line[n - 1] == '\r')) line[--n] = '\0';
+    if (blank_line(line)) continue;  // the server would not answer
+    code = send_command(pipe.h, line, static_cast<int>(n));
+    if (code == 2 || is_quit(line)) break;
+  }
+  return code;
+}
