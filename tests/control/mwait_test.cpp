@@ -1,0 +1,119 @@
+#include <gtest/gtest.h>
+#include <windows.h>
+#include <tlhelp32.h>
+
+#include <thread>
+#include <vector>
+
+#include "control/mwait.h"
+
+namespace {
+
+// Manual-reset events, closed at the end of the test.
+struct events {
+  std::vector<HANDLE> h;
+  explicit events(int n) {
+    for (int i = 0; i < n; i++) h.push_back(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+  }
+  ~events() {
+    for (HANDLE e : h) CloseHandle(e);
+  }
+  DWORD wait(DWORD timeout) { return mwait_any(static_cast<DWORD>(h.size()), h.data(), FALSE, timeout, FALSE); }
+};
+
+int thread_count() {
+  HANDLE snap = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+  THREADENTRY32 te;
+  te.dwSize = sizeof te;
+  int n = 0;
+  DWORD self = GetCurrentProcessId();
+  for (BOOL ok = Thread32First(snap, &te); ok; ok = Thread32Next(snap, &te))
+    if (te.th32OwnerProcessID == self) n++;
+  CloseHandle(snap);
+  return n;
+}
+
+TEST(Mwait, ReportsEachSignalledHandleAcrossGroupBoundaries) {
+  events ev(200);
+  EXPECT_EQ(ev.wait(0), static_cast<DWORD>(WAIT_TIMEOUT));
+  EXPECT_EQ(ev.wait(30), static_cast<DWORD>(WAIT_TIMEOUT));
+  for (int k : {0, 1, 62, 63, 64, 125, 126, 127, 188, 189, 199}) {
+    SetEvent(ev.h[k]);
+    EXPECT_EQ(ev.wait(5000), static_cast<DWORD>(k));
+    ResetEvent(ev.h[k]);
+  }
+}
+
+TEST(Mwait, LowestIndexWithinAGroup) {
+  events ev(150);
+  SetEvent(ev.h[80]);
+  SetEvent(ev.h[70]);
+  EXPECT_EQ(ev.wait(0), 70u);
+  EXPECT_EQ(ev.wait(INFINITE), 70u);
+  events few(10);
+  SetEvent(few.h[7]);
+  SetEvent(few.h[3]);
+  EXPECT_EQ(few.wait(0), 3u);
+}
+
+TEST(Mwait, WakesForAHandleSignalledWhileWaiting) {
+  events ev(300);
+  for (int k : {5, 150, 299}) {
+    std::thread setter([&] {
+      Sleep(20);
+      SetEvent(ev.h[k]);
+    });
+    EXPECT_EQ(ev.wait(20000), static_cast<DWORD>(k));
+    setter.join();
+    ResetEvent(ev.h[k]);
+  }
+}
+
+TEST(Mwait, BusyLowHandlesDoNotStarveHighOnes) {
+  events ev(200);
+  SetEvent(ev.h[0]);
+  SetEvent(ev.h[199]);
+  bool low = false, high = false;
+  for (int i = 0; i < 8; i++) {
+    DWORD r = ev.wait(INFINITE);
+    low |= r == 0;
+    high |= r == 199;
+    EXPECT_TRUE(r == 0 || r == 199) << r;
+  }
+  EXPECT_TRUE(low && high) << "low " << low << " high " << high;
+}
+
+TEST(Mwait, HelpersAreReusedAcrossWaits) {
+  events ev(1000);
+  EXPECT_EQ(ev.wait(1), static_cast<DWORD>(WAIT_TIMEOUT));  // the helpers exist now
+  int before = thread_count();
+  for (int i = 0; i < 50; i++) EXPECT_EQ(ev.wait(1), static_cast<DWORD>(WAIT_TIMEOUT));
+  SetEvent(ev.h[999]);
+  EXPECT_EQ(ev.wait(INFINITE), 999u);
+  EXPECT_EQ(thread_count(), before);
+}
+
+TEST(Mwait, RefusesWhatItCannotDo) {
+  events ev(100);
+  EXPECT_EQ(mwait_any(100, ev.h.data(), TRUE, 0, FALSE), WAIT_FAILED);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+  std::vector<HANDLE> many(MWAIT_MAX + 1, ev.h[0]);
+  EXPECT_EQ(mwait_any(MWAIT_MAX + 1, many.data(), FALSE, 0, FALSE), WAIT_FAILED);
+}
+
+TEST(Mwait, AProcessThatEndsIsSeen) {
+  events ev(130);
+  std::vector<HANDLE> h = ev.h;
+  char cmdline[] = "cmd.exe /c exit 3";
+  STARTUPINFOA si = {};
+  si.cb = sizeof si;
+  PROCESS_INFORMATION pi;
+  ASSERT_TRUE(CreateProcessA(nullptr, cmdline, nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr,
+                             nullptr, &si, &pi));
+  CloseHandle(pi.hThread);
+  h[100] = pi.hProcess;
+  EXPECT_EQ(mwait_any(static_cast<DWORD>(h.size()), h.data(), FALSE, 30000, FALSE), 100u);
+  CloseHandle(pi.hProcess);
+}
+
+}  // namespace

@@ -1,0 +1,221 @@
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "control/mwait.h"
+#include "control/npipe.h"
+#include "toolkit/runtime/error.h"
+#include "toolkit/runtime/log.h"
+
+namespace {
+
+// The server is process-wide and set up once; each test leaves both instances listening.
+std::string pipe_name() {
+  return "\\\\.\\pipe\\kivd_npipe_test_" + std::to_string(GetCurrentProcessId());
+}
+
+void server() {
+  static bool ready = false;
+  if (ready) return;
+  ASSERT_EQ(npipe_setup_server(2, pipe_name().c_str(), nullptr), 0);
+  ready = true;
+}
+
+struct client {
+  HANDLE h;
+  client() {
+    h = CreateFileA(pipe_name().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    DWORD mode = PIPE_READMODE_MESSAGE;
+    if (h != INVALID_HANDLE_VALUE) SetNamedPipeHandleState(h, &mode, nullptr, nullptr);
+  }
+  ~client() { close(); }
+  void close() {
+    if (h != INVALID_HANDLE_VALUE) CloseHandle(h);
+    h = INVALID_HANDLE_VALUE;
+  }
+  void send(const std::string &m) {
+    DWORD put = 0;
+    ASSERT_TRUE(WriteFile(h, m.data(), static_cast<DWORD>(m.size()), &put, nullptr)) << GetLastError();
+  }
+  std::string receive() {
+    std::string out;
+    char buf[4096];
+    for (;;) {
+      DWORD got = 0;
+      BOOL ok = ReadFile(h, buf, sizeof buf, &got, nullptr);
+      out.append(buf, got);
+      if (ok) return out;
+      if (GetLastError() != ERROR_MORE_DATA) return "<error " + std::to_string(GetLastError()) + ">";
+    }
+  }
+};
+
+// One wake-up of the server: the pipe number that woke, or 0 after the time-out.
+int wake(DWORD timeout = 10000) {
+  DWORD index = 0;
+  return npipe_wait(0, nullptr, timeout, FALSE, mwait_any, &index);
+}
+
+// Serves wake-ups until pipe `p` delivers something other than KIV_EAGAIN.
+int read_from(int p, char *buffer, int size, int *connected = nullptr) {
+  for (int i = 0; i < 50; i++) {
+    int w = wake();
+    if (w == 0) continue;
+    int rc = npipe_read(w, buffer, size, connected);
+    if (w == p && (rc != KIV_EAGAIN || (connected && *connected))) return rc;
+  }
+  return -1000;
+}
+
+// A new client, collected and greeted as the main loop does; returns its pipe number.
+int accept_client(client &c) {
+  EXPECT_NE(c.h, INVALID_HANDLE_VALUE);
+  char buf[16];
+  for (int i = 0; i < 10; i++) {
+    int w = wake();
+    int connected = 0;
+    int rc = npipe_read(w, buf, sizeof buf, &connected);
+    if (connected) {
+      EXPECT_EQ(rc, KIV_EAGAIN);
+      npipe_write(w, "KIVD v0.1", 9);
+      EXPECT_EQ(c.receive(), "KIVD v0.1");
+      return w;
+    }
+  }
+  return 0;
+}
+
+TEST(Npipe, SetupOnceOnly) {
+  server();
+  EXPECT_EQ(npipe_setup_server(2, pipe_name().c_str(), nullptr), KIV_EBUSY);
+  EXPECT_EQ(npipe_state(0), LISTEN);
+  EXPECT_EQ(npipe_state(1), LISTEN);
+}
+
+TEST(Npipe, MessagesOfEverySizeAndAnOversizedOneDrained) {
+  server();
+  client c;
+  int p = accept_client(c);
+  ASSERT_GE(p, 1);
+  char buf[1024];
+  struct {
+    std::string sent;
+    int result;
+  } cases[] = {
+      {"ls", 2},
+      {"", 0},
+      {std::string(512, 'x'), 512},
+      {std::string(513, 'y'), KIV_EOVERFLOW},
+      {"after", 5},
+      {std::string(5000, 'z'), KIV_EOVERFLOW},
+      {"next", 4},
+  };
+  for (auto &k : cases) {
+    // A big message fills the pipe's buffer: the client writes it from a thread.
+    std::thread writer([&] { c.send(k.sent); });
+    int rc = read_from(p, buf, 512);
+    writer.join();
+    EXPECT_EQ(rc, k.result) << "message of " << k.sent.size() << " bytes";
+    if (rc >= 0) {
+      EXPECT_EQ(std::string(buf, rc), k.sent.substr(0, rc));
+    }
+  }
+  npipe_close(p);
+  EXPECT_EQ(npipe_state(p - 1), LISTEN);
+}
+
+TEST(Npipe, RepliesArriveAsSeparateMessagesInOrder) {
+  server();
+  client c;
+  int p = accept_client(c);
+  ASSERT_GE(p, 1);
+  std::vector<std::string> sent;
+  for (int i = 0; i < 60; i++) sent.push_back(std::to_string(i) + std::string(i * 7, '.'));
+  for (auto &m : sent) EXPECT_EQ(npipe_write(p, m.data(), static_cast<int>(m.size())), 0);
+  std::vector<std::string> got;
+  std::thread reader([&] {
+    for (size_t i = 0; i < sent.size(); i++) got.push_back(c.receive());
+  });
+  // The writes that wait for earlier ones are started inside npipe_wait.
+  for (int i = 0; i < 200 && got.size() < sent.size(); i++) wake(20);
+  reader.join();
+  EXPECT_EQ(got, sent);
+  npipe_close(p);
+}
+
+TEST(Npipe, AClientThatVanishesLosesItsQueuedRepliesOnly) {
+  server();
+  int p;
+  {
+    client c;
+    p = accept_client(c);
+    ASSERT_GE(p, 1);
+    std::string big(900, 'q');
+    for (int i = 0; i < 10; i++) npipe_write(p, big.data(), static_cast<int>(big.size()));
+  }
+  char buf[512];
+  EXPECT_EQ(read_from(p, buf, sizeof buf), KIV_EOF);
+  EXPECT_EQ(npipe_state(p - 1), LISTEN);
+  client next;
+  int q = accept_client(next);  // the greeting is the first thing it reads
+  ASSERT_GE(q, 1);
+  npipe_write(q, "+", 1);
+  EXPECT_EQ(next.receive(), "+");
+  npipe_close(q);
+}
+
+TEST(Npipe, WritesToNoClientAreRefused) {
+  server();
+  EXPECT_EQ(npipe_write(0, "x", 1), KIV_ENOTREADY);
+  EXPECT_EQ(npipe_write(3, "x", 1), KIV_ENOTREADY);
+  EXPECT_EQ(npipe_write(-1, "x", 1), KIV_ENOTREADY);
+  EXPECT_EQ(npipe_write(1, "x", 1), KIV_ENOTREADY);  // listening
+  EXPECT_EQ(npipe_close(1), 0);
+  EXPECT_EQ(npipe_state(0), LISTEN);
+}
+
+std::vector<std::string> lines;
+void capture(const char *line) { lines.push_back(line); }
+
+TEST(Npipe, TwoClientsAtOnceAndTheStatusLine) {
+  server();
+  client a;
+  int pa = accept_client(a);
+  kiv_logsink = capture;
+  kiv_loglevel = 3;
+  client b;
+  int pb = accept_client(b);
+  kiv_loglevel = 0;
+  kiv_logreset();
+  ASSERT_GE(pa, 1);
+  ASSERT_GE(pb, 1);
+  EXPECT_NE(pa, pb);
+  std::string want = std::to_string(pb - 1) + " -> CONNECTED  [" + "CC]";
+  bool seen = false;
+  for (auto &l : lines) seen |= l.find(want) != std::string::npos;
+  EXPECT_TRUE(seen) << (lines.empty() ? "no lines" : lines.back());
+
+  char buf[512];
+  a.send("from a");
+  b.send("from b");
+  int got = 0;
+  for (int i = 0; i < 20 && got < 2; i++) {
+    int w = wake();
+    int rc = npipe_read(w, buf, sizeof buf, nullptr);
+    if (rc < 0) continue;
+    EXPECT_EQ(std::string(buf, rc), w == pa ? "from a" : "from b");
+    got++;
+  }
+  EXPECT_EQ(got, 2);
+  // A third client finds every instance busy.
+  HANDLE third = CreateFileA(pipe_name().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+  EXPECT_EQ(third, INVALID_HANDLE_VALUE);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_PIPE_BUSY));
+  npipe_close(pa);
+  npipe_close(pb);
+}
+
+}  // namespace
