@@ -236,6 +236,7 @@ int npipe_read(int pipe, char *buffer, int size, int *connected) {
   }
 
   DWORD got = 0;
+  bool gone = false;
   if (ReadFile(in->pipe, in->buffer, cap, &got, &in->rd)) {
     SetEvent(in->rd.hEvent);
     in->pending = 1;
@@ -248,8 +249,11 @@ int npipe_read(int pipe, char *buffer, int size, int *connected) {
       SetEvent(in->rd.hEvent);
       in->pending = 1;
     } else if (e == ERROR_BROKEN_PIPE) {
+      // A client that sent its last message and hung up at once ("quit -Q" from a
+      // script): the message is still delivered; its reply has nowhere to go.
       reset_pipe(i);
-      result = KIV_EOF;
+      gone = true;
+      if (result < 0) result = KIV_EOF;
     } else {
       kiv_logerror(nullptr, tag, KIV_SEV_FATAL, KIV_ESYS, "Failed to ReadFile(): %d",
                    static_cast<int>(e));
@@ -257,7 +261,7 @@ int npipe_read(int pipe, char *buffer, int size, int *connected) {
     }
   }
 
-  if (in->state == LISTEN && result != KIV_EOF) {
+  if (in->state == LISTEN && !gone) {
     in->state = CONNECTED;
     if (kiv_loglevel >= 3) {
       char status[NPIPE_MAXINSTANCES + 1];

@@ -39,7 +39,8 @@ int handle_write(int index);
 // one message copied to buffer (at most size and 1024); KIV_EAGAIN nothing to deliver
 // (*connected is set for a new client); KIV_EOF the client has gone (listening again);
 // KIV_EOVERFLOW the message was longer than size and has been read and dropped;
-// KIV_ESYS platform failure. connected may be null.
+// KIV_ESYS platform failure. A message collected just before its client hung up is
+// still delivered (the instance listens again). connected may be null.
 int npipe_read(int pipe, char *buffer, int size, int *connected);
 // Queues bytes as one message to pipe number `pipe`. 0; KIV_ENOTREADY when the number
 // is out of range or the instance is not CONNECTED (nothing queued).

@@ -1,0 +1,209 @@
+// kivd.exe in console mode, driven over the real control pipe.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+#include "kivd_fixture.h"
+
+namespace {
+
+using replies = std::vector<std::string>;
+
+std::string port_line(int port, const char *service, const char *mode) {
+  char line[256];
+  snprintf(line, sizeof line, "%5d  %-11s   %s", port, service, mode);
+  return line;
+}
+
+// One kivd with an auto port and a hook port of one service whose program does not
+// exist (nothing here connects to them), for the protocol's reply texts.
+class Console : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    reg = new kt::registry;
+    autoport = kt::free_port();
+    hookport = kt::free_port();
+    reg->service("svc", "C:\\no\\such\\agent.exe");
+    reg->port(autoport, "auto", "svc");
+    reg->port(hookport, "hook", "svc");
+    daemon = new kt::kivd("-D3");
+  }
+  static void TearDownTestSuite() {
+    delete daemon;
+    delete reg;
+  }
+  static kt::registry *reg;
+  static kt::kivd *daemon;
+  static int autoport, hookport;
+};
+kt::registry *Console::reg;
+kt::kivd *Console::daemon;
+int Console::autoport, Console::hookport;
+
+TEST_F(Console, GreetingFirst) {
+  kt::client c(false);
+  ASSERT_NE(c.h, INVALID_HANDLE_VALUE) << c.error;
+  EXPECT_EQ(c.receive(), "KIVD v0.1");
+}
+
+TEST_F(Console, EveryCommandAndReply) {
+  std::string a = std::to_string(autoport), h = std::to_string(hookport);
+  std::string listing = port_line(autoport, "svc", "Auto");
+  struct {
+    std::string line;
+    replies want;
+  } cases[] = {
+      {"info", {"!", "My UserName: " + kt::user_name(), "."}},
+      {"ls", {"!", listing, "."}},
+      {"reconfig", {"+"}},
+      {"update", {"+"}},
+      {"bogus", {"-Unknown command"}},
+      {"ls\n", {"-Unknown command"}},
+      {"quit\n", {"-Unknown command"}},
+      {"lsx", {"-Unknown command"}},
+      {"l", {"-Unknown command"}},
+      {"LS", {"!", listing, "."}},
+      {"\t  Ls extra words", {"!", listing, "."}},
+      {"\"l\"s", {"!", listing, "."}},
+      {"l\\s", {"!", listing, "."}},
+      {"remove", {"-Usage: remove port"}},
+      {"remove 0", {"-Usage: remove port"}},
+      {"remove abc", {"-Usage: remove port"}},
+      {"disable", {"-Usage: disable port"}},
+      {"enable x", {"-Usage: enable port"}},
+      {"remove " + a, {"-Failed with code -24"}},
+      {"remove 7", {"-Failed with code -4"}},
+      {"remove 7abc", {"-Failed with code -4"}},
+      {"disable 7", {"-Failed with code -4"}},
+      {"enable 7", {"-Failed with code -4"}},
+      {"add", {"-Usage: add -p port [-i pid] -- extra_args"}},
+      {"add -p 0", {"-Usage: add -p port [-i pid] -- extra_args"}},
+      {"add -x -p " + h, {"-Usage: add -p port [-i pid] -- extra_args"}},
+      {"add -p " + a, {"-Failed with code -24"}},
+      {"add -p 7", {"-Failed with code -24"}},
+      {"add -p " + h + " -i 999999", {"-Failed with code -12"}},
+      {"DISABLE " + a, {"+"}},
+      {"Enable\t" + a, {"+"}},
+      {"ADD -p " + h + " -- prog \"two words\" -v", {"+"}},
+      {"ls", {"!", listing, port_line(hookport, "svc", "Hook"), "."}},
+      {"disable " + h, {"-Failed with code -24"}},
+      {"remove " + h, {"+"}},
+      {"w1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21", {"-Too many words"}},
+      {"ls" + std::string(510, ' '), {"!", listing, "."}},
+      {"ls" + std::string(511, ' '), {"-Message too long"}},
+      {std::string(3000, 'x'), {"-Message too long"}},
+      {"update", {"+"}},
+  };
+  kt::client c;
+  for (auto &k : cases) EXPECT_EQ(c.command(k.line), k.want) << "sent: [" << k.line.substr(0, 60) << "]";
+  EXPECT_TRUE(daemon->log_has("cmd: \"bogus\""));
+}
+
+TEST_F(Console, DisabledPortIsListedWithItsDate) {
+  kt::client c;
+  EXPECT_EQ(c.command("disable " + std::to_string(autoport)), replies{"+"});
+  replies ls = c.command("ls");
+  ASSERT_EQ(ls.size(), 3u);
+  EXPECT_EQ(ls[1].rfind(port_line(autoport, "svc", "Auto Disable="), 0), 0u) << ls[1];
+  EXPECT_EQ(c.command("enable " + std::to_string(autoport)), replies{"+"});
+}
+
+TEST_F(Console, BlankLinesGetNoReply) {
+  kt::client c;
+  for (const char *blank : {"", " ", "\t \t", "\"\""}) {
+    ASSERT_TRUE(c.send(blank));
+    // The next reply on this pipe belongs to the next command.
+    EXPECT_EQ(c.command("update"), replies{"+"}) << "after [" << blank << "]";
+  }
+}
+
+TEST_F(Console, QuitHangsUpAndOnlyCapitalQStops) {
+  {
+    kt::client c;
+    ASSERT_TRUE(c.send("quit"));
+    EXPECT_EQ(c.receive().rfind("<error", 0), 0u);
+  }
+  {
+    kt::client c;
+    ASSERT_TRUE(c.send("QUIT -q"));
+    EXPECT_EQ(c.receive().rfind("<error", 0), 0u);
+  }
+  kt::client c;
+  EXPECT_EQ(c.command("update"), replies{"+"});
+  EXPECT_FALSE(daemon->wait(0));
+}
+
+TEST_F(Console, TwoClientsAtOnceAThirdFindsThePipeBusy) {
+  kt::client a, b;
+  ASSERT_NE(a.h, INVALID_HANDLE_VALUE);
+  ASSERT_NE(b.h, INVALID_HANDLE_VALUE);
+  kt::client third(false, 0);
+  EXPECT_EQ(third.h, INVALID_HANDLE_VALUE);
+  EXPECT_EQ(third.error, static_cast<DWORD>(ERROR_PIPE_BUSY));
+  // An oversized message from one client does not disturb the other.
+  ASSERT_TRUE(a.send(std::string(700, 'a')));
+  EXPECT_EQ(b.command("remove 7"), replies{"-Failed with code -4"});
+  EXPECT_EQ(a.receive(), "-Message too long");
+  EXPECT_EQ(a.command("update"), replies{"+"});
+}
+
+TEST_F(Console, AClientThatVanishesWithRepliesQueued) {
+  {
+    kt::client c;
+    // Far more reply bytes than the pipe's buffer holds, never read.
+    for (int i = 0; i < 200; i++) ASSERT_TRUE(c.send("info"));
+  }
+  kt::client next;  // its first message is the greeting, nothing of the other's
+  EXPECT_EQ(next.command("update"), replies{"+"});
+  EXPECT_FALSE(daemon->wait(0));
+}
+
+TEST(ConsoleEnd, QuitWithCapitalQEndsKivd) {
+  kt::registry reg;
+  kt::kivd d("-D3");
+  {
+    kt::client c;
+    ASSERT_TRUE(c.send("Quit -Q"));
+  }
+  ASSERT_TRUE(d.wait(20000));
+  EXPECT_EQ(d.exit_code(), 0u);
+  EXPECT_TRUE(d.log_has("RIP!", 0));
+}
+
+TEST(ConsoleEnd, NoOptionsAndOnlyBRunInTheForeground) {
+  kt::registry reg;
+  for (const char *options : {"", "-B", "-X -B"}) {
+    kt::kivd d(options);
+    kt::client c;
+    EXPECT_EQ(c.command("update"), replies{"+"}) << options;
+    d.quit();
+    EXPECT_EQ(d.exit_code(), 0u);
+    EXPECT_EQ(d.err(), "") << options;  // no debug spec, no log lines
+  }
+}
+
+// A lone port whose agent cannot start is off for 3 seconds; with no handle left to wait
+// on, the loop must still wake when that time is up and listen again, and the timer's
+// "update" sends nothing to a connected client.
+TEST(ConsoleEnd, ALonePortComesBackAfterItsDisable) {
+  kt::registry reg;
+  int port = kt::free_port();
+  reg.service("lone", "C:\\no\\such\\agent.exe");
+  reg.port(port, "auto", "lone");
+  kt::kivd d("-D3");
+  std::string listening = "Listening on port " + std::to_string(port);
+  ASSERT_TRUE(d.log_has(listening));
+  kt::client watcher;
+  SOCKET s = kt::connect_to(port);
+  ASSERT_NE(s, INVALID_SOCKET);
+  EXPECT_TRUE(d.log_has("Port " + std::to_string(port) + " disabled for 3 seconds"));
+  EXPECT_TRUE(d.log_has("Waiting ... ("));
+  EXPECT_TRUE(kt::poll([&] { return d.log_count(listening) >= 2; }, 30000)) << d.err();
+  closesocket(s);
+  EXPECT_EQ(watcher.command("info").front(), "!");
+  SOCKET again = kt::connect_to(port);
+  EXPECT_NE(again, INVALID_SOCKET);
+  closesocket(again);
+}
+
+}  // namespace

@@ -1,0 +1,304 @@
+#include "kivd_fixture.h"
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+namespace kt {
+
+namespace {
+const char ROOT[] = "SOFTWARE\\Orvane\\Agents";
+const char PIPE[] = "\\\\.\\pipe\\vesk_kivd";
+constexpr DWORD IO_MS = 15000;  // longest wait for one pipe message
+
+std::string dir_of_this_exe() {
+  char path[MAX_PATH];
+  DWORD n = GetModuleFileNameA(nullptr, path, sizeof path);
+  std::string p(path, n);
+  return p.substr(0, p.find_last_of('\\'));
+}
+
+std::string slurp(const std::string &file) {
+  std::ifstream in(file, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+struct winsock {
+  winsock() {
+    WSADATA w;
+    WSAStartup(MAKEWORD(2, 2), &w);
+  }
+} started;
+
+int temp_counter;
+std::string temp_file(const char *what) {
+  char dir[MAX_PATH];
+  GetTempPathA(sizeof dir, dir);
+  return std::string(dir) + "kivd_test_" + std::to_string(GetCurrentProcessId()) + "_" +
+         std::to_string(temp_counter++) + "_" + what + ".txt";
+}
+
+HANDLE inheritable_file(const std::string &name, bool write) {
+  SECURITY_ATTRIBUTES sa = {sizeof sa, nullptr, TRUE};
+  return CreateFileA(name.c_str(), write ? GENERIC_WRITE : GENERIC_READ,
+                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &sa,
+                     write ? CREATE_ALWAYS : OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+}  // namespace
+
+std::string build_dir() {
+  char full[MAX_PATH];
+  std::string up = dir_of_this_exe() + "\\..\\..";
+  DWORD n = GetFullPathNameA(up.c_str(), sizeof full, full, nullptr);
+  return n && n < sizeof full ? std::string(full, n) : up;
+}
+std::string kivd_exe() { return build_dir() + "\\service\\kivd.exe"; }
+std::string kivctl_exe() { return build_dir() + "\\tools\\kivctl\\kivctl.exe"; }
+std::string testagent_exe() {
+  std::string p = build_dir() + "\\tests\\testagent\\testagent.exe";
+  return GetFileAttributesA(p.c_str()) == INVALID_FILE_ATTRIBUTES ? "" : p;
+}
+
+bool poll(const std::function<bool()> &done, int ms) {
+  DWORD start = GetTickCount();
+  for (;;) {
+    if (done()) return true;
+    if (static_cast<int>(GetTickCount() - start) > ms) return done();
+    Sleep(20);
+  }
+}
+
+registry::registry() { RegDeleteTreeA(HKEY_LOCAL_MACHINE, ROOT); }
+registry::~registry() { RegDeleteTreeA(HKEY_LOCAL_MACHINE, ROOT); }
+
+void registry::set(const std::string &key, const std::string &value, const std::string &text) {
+  HKEY k;
+  std::string path = std::string(ROOT) + "\\" + key;
+  if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &k,
+                      nullptr) != ERROR_SUCCESS)
+    return;
+  RegSetValueExA(k, value.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE *>(text.c_str()),
+                 static_cast<DWORD>(text.size() + 1));
+  RegCloseKey(k);
+}
+
+void registry::port(int port, const char *start, const char *service) {
+  std::string key = "tcp\\s" + std::to_string(port);
+  set(key, "start", start);
+  set(key, "service", service);
+}
+
+void registry::service(const char *name, const std::string &program) {
+  set(std::string("services\\") + name, "program", program);
+}
+
+int free_port() {
+  SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  sockaddr_in a = {};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a);
+  int len = sizeof a;
+  getsockname(s, reinterpret_cast<sockaddr *>(&a), &len);
+  closesocket(s);
+  return ntohs(a.sin_port);
+}
+
+SOCKET connect_to(int port) {
+  SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  sockaddr_in a = {};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a.sin_port = htons(static_cast<u_short>(port));
+  if (connect(s, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
+    closesocket(s);
+    return INVALID_SOCKET;
+  }
+  return s;
+}
+
+std::string read_line(SOCKET s, int ms) {
+  DWORD timeout = ms;
+  setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char *>(&timeout), sizeof timeout);
+  std::string line;
+  char c;
+  while (recv(s, &c, 1, 0) == 1 && c != '\n') line += c;
+  return line;
+}
+
+process::process(const std::string &cmdline, const std::string &input) {
+  out_file = temp_file("out");
+  err_file = temp_file("err");
+  HANDLE out = inheritable_file(out_file, true), err = inheritable_file(err_file, true);
+  HANDLE in = INVALID_HANDLE_VALUE;
+  std::string in_file;
+  if (!input.empty()) {
+    in_file = temp_file("in");
+    std::ofstream(in_file, std::ios::binary) << input;
+    in = inheritable_file(in_file, false);
+  }
+  STARTUPINFOA si = {};
+  si.cb = sizeof si;
+  si.dwFlags = STARTF_USESTDHANDLES;
+  si.hStdInput = in;
+  si.hStdOutput = out;
+  si.hStdError = err;
+  PROCESS_INFORMATION pi;
+  std::string line = cmdline;
+  if (CreateProcessA(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi)) {
+    CloseHandle(pi.hThread);
+    h = pi.hProcess;
+    pid = pi.dwProcessId;
+  }
+  CloseHandle(out);
+  CloseHandle(err);
+  if (in != INVALID_HANDLE_VALUE) CloseHandle(in);
+}
+
+process::~process() {
+  if (h) {
+    if (WaitForSingleObject(h, 0) != WAIT_OBJECT_0) {
+      TerminateProcess(h, 99);
+      WaitForSingleObject(h, 10000);
+    }
+    CloseHandle(h);
+  }
+  DeleteFileA(out_file.c_str());
+  DeleteFileA(err_file.c_str());
+}
+
+bool process::wait(int ms) { return h && WaitForSingleObject(h, ms) == WAIT_OBJECT_0; }
+
+DWORD process::exit_code() {
+  DWORD code = 0x4711;
+  if (h) GetExitCodeProcess(h, &code);
+  return code;
+}
+
+std::string process::out() const { return slurp(out_file); }
+std::string process::err() const { return slurp(err_file); }
+
+kivd::kivd(const std::string &options) : process("\"" + kivd_exe() + "\" " + options) {
+  // Ready when the control pipe exists.
+  poll([] { return WaitNamedPipeA(PIPE, NMPWAIT_NOWAIT) || GetLastError() == ERROR_SEM_TIMEOUT; }, 20000);
+}
+
+kivd::~kivd() {
+  if (h && WaitForSingleObject(h, 0) != WAIT_OBJECT_0) quit();
+}
+
+bool kivd::log_has(const std::string &text, int ms) {
+  return poll([&] { return err().find(text) != std::string::npos; }, ms);
+}
+
+int kivd::log_count(const std::string &text) {
+  std::string log = err();
+  int n = 0;
+  for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) n++;
+  return n;
+}
+
+void kivd::quit() {
+  {
+    client c;
+    c.send("quit -Q");
+  }
+  wait(20000);
+}
+
+client::client(bool greet, int ms) {
+  poll(
+      [&] {
+        h = CreateFileA(PIPE, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                        FILE_FLAG_OVERLAPPED, nullptr);
+        if (h != INVALID_HANDLE_VALUE) return true;
+        error = GetLastError();
+        return false;
+      },
+      ms);
+  if (h == INVALID_HANDLE_VALUE) return;
+  DWORD mode = PIPE_READMODE_MESSAGE;
+  SetNamedPipeHandleState(h, &mode, nullptr, nullptr);
+  if (greet) receive();
+}
+
+client::~client() { close(); }
+
+void client::close() {
+  if (h != INVALID_HANDLE_VALUE) CloseHandle(h);
+  h = INVALID_HANDLE_VALUE;
+}
+
+bool client::send(const std::string &message) {
+  OVERLAPPED ov = {};
+  ov.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  DWORD put = 0;
+  BOOL ok = WriteFile(h, message.data(), static_cast<DWORD>(message.size()), nullptr, &ov);
+  if (!ok && GetLastError() == ERROR_IO_PENDING) {
+    if (WaitForSingleObject(ov.hEvent, IO_MS) != WAIT_OBJECT_0) CancelIo(h);
+    ok = GetOverlappedResult(h, &ov, &put, TRUE);
+  } else if (ok) {
+    ok = GetOverlappedResult(h, &ov, &put, TRUE);
+  }
+  CloseHandle(ov.hEvent);
+  return ok;
+}
+
+std::string client::receive() {
+  std::string out;
+  char buf[2048];
+  OVERLAPPED ov = {};
+  ov.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  std::string result;
+  for (;;) {
+    DWORD got = 0;
+    ResetEvent(ov.hEvent);
+    BOOL ok = ReadFile(h, buf, sizeof buf, nullptr, &ov);
+    DWORD e = ok ? 0 : GetLastError();
+    if (!ok && e == ERROR_IO_PENDING) {
+      if (WaitForSingleObject(ov.hEvent, IO_MS) != WAIT_OBJECT_0) {
+        CancelIo(h);
+        GetOverlappedResult(h, &ov, &got, TRUE);
+        result = "<timeout>";
+        break;
+      }
+    }
+    ok = GetOverlappedResult(h, &ov, &got, TRUE);
+    e = ok ? 0 : GetLastError();
+    out.append(buf, got);
+    if (ok) {
+      result = out;
+      break;
+    }
+    if (e != ERROR_MORE_DATA) {
+      result = "<error " + std::to_string(e) + ">";
+      break;
+    }
+  }
+  CloseHandle(ov.hEvent);
+  return result;
+}
+
+std::vector<std::string> client::command(const std::string &line) {
+  std::vector<std::string> reply;
+  if (!send(line)) return {"<send failed>"};
+  reply.push_back(receive());
+  if (reply[0] == "!") {
+    for (;;) {
+      reply.push_back(receive());
+      const std::string &last = reply.back();
+      if (last == "." || last[0] == '<') break;
+    }
+  }
+  return reply;
+}
+
+std::string user_name() {
+  char name[128];
+  DWORD size = sizeof name;
+  return GetUserNameA(name, &size) ? name : "";
+}
+
+}  // namespace kt

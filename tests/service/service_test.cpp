@@ -1,0 +1,286 @@
+// kivd.exe as a service through the real service manager, its installation and removal,
+// and the control pipe's access list.
+#include <gtest/gtest.h>
+#include <aclapi.h>
+#include <sddl.h>
+#include <tlhelp32.h>
+
+#include "kivd_fixture.h"
+#include "service/sserv.h"
+#include "lib/heap.h"
+#include "toolkit/runtime/error.h"
+
+namespace {
+
+using replies = std::vector<std::string>;
+
+struct manager {
+  SC_HANDLE scm = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
+  ~manager() {
+    if (scm) CloseServiceHandle(scm);
+  }
+  // The service's state, or 0 when it is not installed.
+  SERVICE_STATUS status() {
+    SERVICE_STATUS st = {};
+    SC_HANDLE s = OpenServiceA(scm, "vesk_kivd", SERVICE_QUERY_STATUS);
+    if (s) {
+      QueryServiceStatus(s, &st);
+      CloseServiceHandle(s);
+    }
+    return st;
+  }
+  bool installed() {
+    SC_HANDLE s = OpenServiceA(scm, "vesk_kivd", SERVICE_QUERY_STATUS);
+    if (s) CloseServiceHandle(s);
+    return s != nullptr;
+  }
+  QUERY_SERVICE_CONFIGA *config(std::vector<char> &buf) {
+    buf.assign(8192, 0);
+    SC_HANDLE s = OpenServiceA(scm, "vesk_kivd", SERVICE_QUERY_CONFIG);
+    DWORD need = 0;
+    auto *c = reinterpret_cast<QUERY_SERVICE_CONFIGA *>(buf.data());
+    bool ok = s && QueryServiceConfigA(s, c, static_cast<DWORD>(buf.size()), &need);
+    if (s) CloseServiceHandle(s);
+    return ok ? c : nullptr;
+  }
+  bool start() {
+    SC_HANDLE s = OpenServiceA(scm, "vesk_kivd", SERVICE_START);
+    bool ok = s && StartServiceA(s, 0, nullptr);
+    if (s) CloseServiceHandle(s);
+    return ok;
+  }
+  bool control(DWORD code) {
+    SERVICE_STATUS st;
+    SC_HANDLE s = OpenServiceA(scm, "vesk_kivd", SERVICE_STOP | SERVICE_INTERROGATE);
+    bool ok = s && ControlService(s, code, &st);
+    if (s) CloseServiceHandle(s);
+    return ok;
+  }
+  bool state_is(DWORD state, int ms = 30000) {
+    return kt::poll([&] { return status().dwCurrentState == state; }, ms);
+  }
+};
+
+// Runs kivd.exe with options to its end; returns its standard output and exit code.
+std::string run(const std::string &options, DWORD *code) {
+  kt::process p("\"" + kt::kivd_exe() + "\" " + options);
+  p.wait(60000);
+  *code = p.exit_code();
+  // Standard output is in text mode: the platform's printf writes each "\n" as CR LF.
+  std::string out;
+  for (char c : p.out())
+    if (c != '\r') out += c;
+  return out;
+}
+
+// True once no kivd.exe process is left: a stopped service's process lingers a moment
+// after its last status report, and a start in that moment would reach the old process.
+bool no_kivd_process() {
+  return kt::poll([] {
+    HANDLE snap = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    PROCESSENTRY32 pe;
+    pe.dwSize = sizeof pe;
+    bool found = false;
+    for (BOOL ok = Process32First(snap, &pe); ok; ok = Process32Next(snap, &pe))
+      found |= _stricmp(pe.szExeFile, "kivd.exe") == 0;
+    CloseHandle(snap);
+    return !found;
+  });
+}
+
+// Leaves no service behind, whatever a test did.
+struct clean_service {
+  clean_service() { remove(); }
+  ~clean_service() { remove(); }
+  void remove() {
+    manager m;
+    if (!m.installed()) return;
+    m.control(SERVICE_CONTROL_STOP);
+    m.state_is(SERVICE_STOPPED, 15000);
+    no_kivd_process();
+    SC_HANDLE s = OpenServiceA(m.scm, "vesk_kivd", DELETE);
+    if (s) {
+      DeleteService(s);
+      CloseServiceHandle(s);
+    }
+  }
+};
+
+TEST(Install, CommandLineOutputsAndExitCodes) {
+  clean_service clean;
+  manager m;
+  DWORD code = 0;
+  std::string exe = kt::kivd_exe();
+  std::vector<char> buf;
+
+  EXPECT_EQ(run("-U", &code), "Service not installed\n");
+  EXPECT_EQ(code, 0u);
+  EXPECT_EQ(run("-I -U", &code), "Service not installed\n");  // the last action wins
+  EXPECT_FALSE(m.installed());
+
+  EXPECT_EQ(run("-U -S -I", &code), "Service \"Varnel Agent Port Manager\" installed\n");
+  EXPECT_EQ(code, 0u);
+  QUERY_SERVICE_CONFIGA *c = m.config(buf);
+  ASSERT_NE(c, nullptr);
+  EXPECT_STREQ(c->lpBinaryPathName, (exe + " -S").c_str());
+  EXPECT_STREQ(c->lpDisplayName, "Varnel Agent Port Manager");
+  EXPECT_EQ(c->dwStartType, static_cast<DWORD>(SERVICE_AUTO_START));
+  EXPECT_EQ(c->dwServiceType & 0xFF, static_cast<DWORD>(SERVICE_WIN32_OWN_PROCESS));
+  EXPECT_EQ(m.status().dwCurrentState, static_cast<DWORD>(SERVICE_STOPPED));  // -S ignored
+
+  EXPECT_EQ(run("-I -D5", &code), "");  // installed already: nothing, 0
+  EXPECT_EQ(code, 0u);
+  EXPECT_STREQ(m.config(buf)->lpBinaryPathName, (exe + " -S").c_str());
+
+  EXPECT_EQ(run("-U", &code), "Service deleted\n");
+  EXPECT_EQ(code, 0u);
+  EXPECT_EQ(run("-D7 -I -D3", &code), "Service \"Varnel Agent Port Manager\" installed\n");
+  c = m.config(buf);
+  ASSERT_NE(c, nullptr);
+  EXPECT_STREQ(c->lpBinaryPathName, (exe + " -S -D3;>c:/kivd.txt").c_str());
+  EXPECT_EQ(run("-U", &code), "Service deleted\n");
+
+  // A command line that would not fit its 388 bytes is refused, nothing installed.
+  std::string room(SSERV_CMDLINE - 1 - exe.size() - strlen(" -S -D;>c:/kivd.txt"), '3');
+  EXPECT_EQ(run("-I -D" + room + "x", &code),
+            "Service command line too long (more than 387 characters)\n");
+  EXPECT_EQ(code, 1u);
+  EXPECT_FALSE(m.installed());
+  EXPECT_EQ(run("-I -D" + room, &code), "Service \"Varnel Agent Port Manager\" installed\n");
+  EXPECT_EQ(code, 0u);
+  EXPECT_EQ(strlen(m.config(buf)->lpBinaryPathName), static_cast<size_t>(SSERV_CMDLINE - 1));
+}
+
+TEST(Install, CommandLineBuffer) {
+  char buf[SSERV_CMDLINE];
+  EXPECT_EQ(install_cmdline(buf, sizeof buf, "C:\\k\\kivd.exe", nullptr), 0);
+  EXPECT_STREQ(buf, "C:\\k\\kivd.exe -S");
+  EXPECT_EQ(install_cmdline(buf, sizeof buf, "C:\\k\\kivd.exe", "3;+t"), 0);
+  EXPECT_STREQ(buf, "C:\\k\\kivd.exe -S -D3;+t;>c:/kivd.txt");
+  std::string exe(SSERV_CMDLINE - 4, 'p');  // with " -S" exactly 387 characters
+  EXPECT_EQ(install_cmdline(buf, sizeof buf, exe.c_str(), nullptr), 0);
+  exe += "p";
+  EXPECT_EQ(install_cmdline(buf, sizeof buf, exe.c_str(), nullptr), KIV_EOVERFLOW);
+  EXPECT_STREQ(buf, "");
+}
+
+TEST(Service, StartStopStatesAndExitCodes) {
+  clean_service clean;
+  kt::registry reg;
+  manager m;
+  DWORD code = 0;
+  run("-I", &code);
+  ASSERT_TRUE(m.installed());
+
+  ASSERT_TRUE(m.start());
+  ASSERT_TRUE(m.state_is(SERVICE_RUNNING)) << m.status().dwCurrentState;
+  SERVICE_STATUS st = m.status();
+  EXPECT_EQ(st.dwControlsAccepted, static_cast<DWORD>(SERVICE_ACCEPT_STOP));
+  {
+    kt::client c;
+    EXPECT_EQ(c.command("update"), replies{"+"});
+    EXPECT_EQ(c.command("info")[0], "!");
+  }
+  EXPECT_TRUE(m.control(SERVICE_CONTROL_INTERROGATE));
+  ASSERT_TRUE(m.control(SERVICE_CONTROL_STOP));
+  ASSERT_TRUE(m.state_is(SERVICE_STOPPED));
+  st = m.status();
+  EXPECT_EQ(st.dwWin32ExitCode, 0u);
+  EXPECT_EQ(st.dwServiceSpecificExitCode, 0u);
+  ASSERT_TRUE(no_kivd_process());
+  // The pipe went with the service.
+  EXPECT_TRUE(kt::poll([] { return !WaitNamedPipeA("\\\\.\\pipe\\vesk_kivd", NMPWAIT_NOWAIT) &&
+                                   GetLastError() == ERROR_FILE_NOT_FOUND; }));
+
+  // "quit -Q" ends a running service as well.
+  ASSERT_TRUE(m.start());
+  ASSERT_TRUE(m.state_is(SERVICE_RUNNING));
+  {
+    kt::client c;
+    c.send("quit -Q");
+  }
+  ASSERT_TRUE(m.state_is(SERVICE_STOPPED));
+  EXPECT_EQ(m.status().dwWin32ExitCode, 0u);
+  EXPECT_TRUE(no_kivd_process());
+}
+
+TEST(Service, FailedInitializeStopsWith1066AndItsCode) {
+  clean_service clean;
+  kt::registry reg;
+  manager m;
+  DWORD code = 0;
+  run("-I", &code);
+  // A console kivd holds both instances of the pipe: the service cannot create its own.
+  kt::kivd console("-D3");
+  ASSERT_TRUE(m.start());
+  ASSERT_TRUE(m.state_is(SERVICE_STOPPED)) << m.status().dwCurrentState;
+  SERVICE_STATUS st = m.status();
+  EXPECT_EQ(st.dwWin32ExitCode, static_cast<DWORD>(ERROR_SERVICE_SPECIFIC_ERROR));
+  EXPECT_EQ(static_cast<int>(st.dwServiceSpecificExitCode), KIV_ESYS);
+}
+
+TEST(Service, UninstallStopsARunningService) {
+  clean_service clean;
+  kt::registry reg;
+  manager m;
+  DWORD code = 0;
+  run("-I", &code);
+  ASSERT_TRUE(m.start());
+  ASSERT_TRUE(m.state_is(SERVICE_RUNNING));
+  std::string out = run("-U", &code);
+  EXPECT_EQ(out.rfind("Stopping service ..", 0), 0u) << out;
+  EXPECT_NE(out.find(" OK\nService deleted\n"), std::string::npos) << out;
+  EXPECT_EQ(code, 0u);
+  EXPECT_TRUE(kt::poll([&] { return !m.installed(); }));
+  EXPECT_TRUE(no_kivd_process());
+}
+
+TEST(PipeSecurity, SystemAndAdministratorsOnly) {
+  kt::registry reg;
+  kt::kivd d("-D3");
+  kt::client c;
+  ASSERT_NE(c.h, INVALID_HANDLE_VALUE);
+  PACL dacl = nullptr;
+  PSECURITY_DESCRIPTOR sd = nullptr;
+  ASSERT_EQ(GetSecurityInfo(c.h, SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl,
+                            nullptr, &sd),
+            static_cast<DWORD>(ERROR_SUCCESS));
+  ASSERT_NE(dacl, nullptr);
+  std::vector<std::string> sids;
+  for (DWORD i = 0; i < dacl->AceCount; i++) {
+    ACCESS_ALLOWED_ACE *ace = nullptr;
+    ASSERT_TRUE(GetAce(dacl, i, reinterpret_cast<void **>(&ace)));
+    EXPECT_EQ(ace->Header.AceType, ACCESS_ALLOWED_ACE_TYPE);
+    char *text = nullptr;
+    ConvertSidToStringSidA(&ace->SidStart, &text);
+    sids.push_back(text ? text : "?");
+    LocalFree(text);
+    // Generic read and write, or what they map to for a pipe.
+    EXPECT_TRUE(ace->Mask == 0xC0000000u || (ace->Mask & (FILE_GENERIC_READ | FILE_GENERIC_WRITE)) ==
+                                                 (FILE_GENERIC_READ | FILE_GENERIC_WRITE))
+        << std::hex << ace->Mask;
+  }
+  EXPECT_EQ(sids, (std::vector<std::string>{"S-1-5-18", "S-1-5-32-544"}));
+  LocalFree(sd);
+}
+
+TEST(PipeSecurity, TheDescriptorBlock) {
+  auto *sd = static_cast<SECURITY_DESCRIPTOR *>(MakePipeSecurity());
+  ASSERT_NE(sd, nullptr);
+  BOOL present = FALSE, defaulted = TRUE;
+  PACL dacl = nullptr;
+  ASSERT_TRUE(GetSecurityDescriptorDacl(sd, &present, &dacl, &defaulted));
+  EXPECT_TRUE(present);
+  EXPECT_FALSE(defaulted);
+  // The access list lives in the same block, right behind the descriptor.
+  EXPECT_EQ(reinterpret_cast<char *>(dacl), reinterpret_cast<char *>(sd + 1));
+  EXPECT_EQ(dacl->AceCount, 2);
+  ACCESS_ALLOWED_ACE *ace = nullptr;
+  for (int i = 0; i < 2; i++) {
+    ASSERT_TRUE(GetAce(dacl, i, reinterpret_cast<void **>(&ace)));
+    EXPECT_EQ(ace->Mask, 0xC0000000u);
+  }
+  xfree(sd);
+}
+
+}  // namespace
