@@ -167,6 +167,27 @@ TEST(Npipe, AClientThatVanishesLosesItsQueuedRepliesOnly) {
   npipe_close(q);
 }
 
+TEST(Npipe, ALastMessageBeforeAHangUpIsStillDelivered) {
+  server();
+  int p;
+  {
+    client c;
+    p = accept_client(c);
+    ASSERT_GE(p, 1);
+    c.send("quit -Q");
+  }
+  char buf[512];
+  int rc = read_from(p, buf, sizeof buf);
+  ASSERT_EQ(rc, 7);
+  EXPECT_EQ(std::string(buf, rc), "quit -Q");
+  // The hang-up itself surfaces now or at the next wake-up; the instance listens again.
+  if (npipe_state(p - 1) != LISTEN) {
+    EXPECT_EQ(read_from(p, buf, sizeof buf), KIV_EOF);
+  }
+  EXPECT_EQ(npipe_state(p - 1), LISTEN);
+  EXPECT_EQ(npipe_write(p, "+", 1), KIV_ENOTREADY);
+}
+
 TEST(Npipe, WritesToNoClientAreRefused) {
   server();
   EXPECT_EQ(npipe_write(0, "x", 1), KIV_ENOTREADY);

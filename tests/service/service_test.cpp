@@ -164,13 +164,20 @@ TEST(Install, CommandLineBuffer) {
   EXPECT_STREQ(buf, "");
 }
 
-TEST(Service, StartStopStatesAndExitCodes) {
+// An installed service, removed again afterwards, with an empty configuration.
+class Service : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    run("-I", &code);
+    ASSERT_TRUE(m.installed());
+  }
   clean_service clean;
   kt::registry reg;
   manager m;
   DWORD code = 0;
-  run("-I", &code);
-  ASSERT_TRUE(m.installed());
+};
+
+TEST_F(Service, StartStopStatesAndExitCodes) {
 
   ASSERT_TRUE(m.start());
   ASSERT_TRUE(m.state_is(SERVICE_RUNNING)) << m.status().dwCurrentState;
@@ -204,12 +211,7 @@ TEST(Service, StartStopStatesAndExitCodes) {
   EXPECT_TRUE(no_kivd_process());
 }
 
-TEST(Service, FailedInitializeStopsWith1066AndItsCode) {
-  clean_service clean;
-  kt::registry reg;
-  manager m;
-  DWORD code = 0;
-  run("-I", &code);
+TEST_F(Service, FailedInitializeStopsWith1066AndItsCode) {
   // A console kivd holds both instances of the pipe: the service cannot create its own.
   kt::kivd console("-D3");
   ASSERT_TRUE(m.start());
@@ -219,12 +221,7 @@ TEST(Service, FailedInitializeStopsWith1066AndItsCode) {
   EXPECT_EQ(static_cast<int>(st.dwServiceSpecificExitCode), KIV_ESYS);
 }
 
-TEST(Service, UninstallStopsARunningService) {
-  clean_service clean;
-  kt::registry reg;
-  manager m;
-  DWORD code = 0;
-  run("-I", &code);
+TEST_F(Service, UninstallStopsARunningService) {
   ASSERT_TRUE(m.start());
   ASSERT_TRUE(m.state_is(SERVICE_RUNNING));
   std::string out = run("-U", &code);
