@@ -141,6 +141,11 @@ int service_path(char *buffer, const char *name, const char *suffix);
 // Closes a port's socket and its event together.
 void close_socket(port_record *p);
 
+// Control operations (control.cpp).
+// A UTC breakdown (year, month, day, hour, minute) for when localtime cannot represent a
+// time, as 0x7FFFFFFF east of UTC with a 32-bit time: the listing line is still written.
+void utc_breakdown(time_t t, tm *out);
+
 // Reconfiguration (reconfig.cpp).
 int servnode_cb(const char *path, const char *value, void *arg);
 int tcpnode_cb(const char *path, const char *value, void *arg);
