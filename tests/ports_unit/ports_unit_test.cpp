@@ -2,6 +2,7 @@
 // end-to-end behaviour (agents, the fixed registry root) is tested in tests/ports.
 #include <winsock2.h>
 // winsock2.h first: windows.h would otherwise bring the old winsock.h.
+#include <gtest/gtest.h>
 #include <windows.h>
 
 #include <cstdlib>
@@ -31,6 +32,8 @@ bool logged_with(const std::string &text) {
 
 time_t now;
 time_t testclock() { return now; }
+uint32_t ticks, tickstep;
+uint32_t testticks() { return ticks += tickstep; }
 
 // A private key under HKEY_CURRENT_USER holding a small configuration.
 const std::string subkey = "Software\\kivd-ports-unit-" + std::to_string(GetCurrentProcessId());
@@ -344,6 +347,38 @@ TEST_F(Ports, Sendcmd) {
   sendcmd(&c, "exit");
   EXPECT_TRUE(logged.empty());
   CloseHandle(read);
+}
+
+// Shutdown waits for more agents than one wait can take, group by group within one
+// 5-second limit. Agents here are events: set means ended.
+TEST_F(Ports, CleanupWaitsInGroups) {
+  constexpr int AGENTS = MAXIMUM_WAIT_OBJECTS + 6;
+  struct row {
+    int running;  // index of the agent that does not end, -1 for none
+    bool timeout;
+  } rows[] = {{-1, false}, {AGENTS - 1, true}, {0, true}};
+  for (const row &r : rows) {
+    ssock_reset();
+    logged.clear();
+    service_record *echo = addservice("echo");
+    for (int i = 0; i < AGENTS; i++) {
+      auto *c = static_cast<child_record *>(kiv_zalloc(sizeof(child_record), "test"));
+      c->process = CreateEventA(nullptr, TRUE, i != r.running, nullptr);
+      c->links = 1;
+      addport(1000 + i, echo, START_AUTO)->agent = c;
+    }
+    // Each reading of the tick moves it by six seconds: a later group finds the limit
+    // spent and waits no more.
+    ticks = 0;
+    tickstep = 6000;
+    kiv_setclock(testclock, testticks);
+    ASSERT_EQ(0, ssock_cleanup());
+    EXPECT_TRUE(logged_with("Waiting for " + std::to_string(AGENTS) + " children"));
+    EXPECT_EQ(r.timeout, logged_with("ssock_cleanup: timeout")) << r.running;
+    int held = 0;
+    for (port_record *p = ssock_ports; p; p = p->next) held += p->agent != nullptr;
+    EXPECT_EQ(r.timeout ? 0 : AGENTS, held) << r.running;
+  }
 }
 
 TEST_F(Ports, ListeningSockets) {
