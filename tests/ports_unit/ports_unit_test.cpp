@@ -2,7 +2,6 @@
 // end-to-end behaviour (agents, the fixed registry root) is tested in tests/ports.
 #include <winsock2.h>
 // winsock2.h first: windows.h would otherwise bring the old winsock.h.
-#include <gtest/gtest.h>
 #include <windows.h>
 
 #include <cstdlib>
