@@ -262,6 +262,55 @@ TEST_F(Ports, PassRemovals) {
   EXPECT_EQ(now + 86400, due);
 }
 
+// A process that ended with an access violation's exit code.
+HANDLE crashed_process() {
+  char self[MAX_PATH];
+  GetModuleFileNameA(nullptr, self, sizeof self);
+  std::string line = std::string("\"") + self + "\" --gtest_list_tests";
+  STARTUPINFOA startup = {};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION info = {};
+  EXPECT_TRUE(CreateProcessA(nullptr, &line[0], nullptr, nullptr, FALSE, CREATE_SUSPENDED,
+                             nullptr, nullptr, &startup, &info));
+  TerminateProcess(info.hProcess, 0xC0000005);
+  WaitForSingleObject(info.hProcess, 10000);
+  CloseHandle(info.hThread);
+  return info.hProcess;
+}
+
+// An agent that ends by an exception rests its ports for 3 seconds, but a removed port
+// stays removed: a reconfiguration's removal is carried out, a disable by command keeps
+// lasting until the enable command.
+TEST_F(Ports, ExceptionExitOfRemovedPorts) {
+  service_record *echo = addservice("echo");
+  auto *c = static_cast<child_record *>(kiv_zalloc(sizeof(child_record), "test"));
+  c->process = crashed_process();
+  c->links = 3;
+  port_record *live = addport(1, echo, START_ON);
+  port_record *gone = addport(2, echo, START_AUTO);
+  port_record *off = addport(3, echo, START_AUTO);
+  gone->flags = PORT_REMOVE | PORT_TOLD;
+  off->flags = PORT_REMOVE | PORT_TOLD | PORT_DISABLED;
+  off->until = UNTIL_ENABLED;
+  live->agent = gone->agent = off->agent = c;
+  ssock_update();
+  HANDLE *handles = nullptr;
+  time_t due = 0;
+  ASSERT_EQ(1u, ssock_waitset(&handles, &due));
+  EXPECT_EQ(0, ssock_callback(0));
+  EXPECT_TRUE(logged_with("caused exeption 0xc0000005"));
+  EXPECT_FALSE(logged_with("Link count"));
+  std::vector<port_record *> order;
+  for (port_record *p = ssock_ports; p; p = p->next) order.push_back(p);
+  ASSERT_EQ((std::vector<port_record *>{live, off}), order);
+  EXPECT_EQ(PORT_DISABLED, live->flags);
+  EXPECT_EQ(now + 3, live->until);
+  EXPECT_EQ(PORT_DISABLED, off->flags);
+  EXPECT_EQ(UNTIL_ENABLED, off->until);
+  EXPECT_EQ(0u, ssock_waitset(&handles, &due));
+  EXPECT_EQ(now + 3, due);
+}
+
 // tcpnode_cb over a private configuration: which entries make which port records.
 TEST_F(Ports, TcpEntries) {
   struct row {
