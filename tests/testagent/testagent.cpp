@@ -18,7 +18,7 @@
 // "#ready", "#accepted <port>", "#closed <port>", "#eof", "#ignored", "#exit <code>",
 // "#crash". Every pipe line is recorded verbatim without its CR LF.
 // A client that connects receives "agent <pid> port <port>\r\n"; if it then sends
-// "exit <n>" the agent exits with n, "crash" makes it crash.
+// "exit <n>" and closes, the agent exits with n; "crash" makes it crash.
 // Whatever happens, the agent ends by itself after LIFETIME_MS so that a failed test
 // leaves no process behind.
 // Up to 1,024 handed-over sockets in one select (the default set holds 64).
@@ -102,10 +102,13 @@ bool b64decode(const std::string &text, std::string &out) {
   return true;
 }
 
-// What the process inherited: every valid small handle value other than the standard
-// handles and its own pipe is a socket (listening or not), a pipe, or something else.
+// What the process inherited: every valid small inheritable handle value other than the
+// standard handles and its own pipe is a socket (listening or not), a pipe, or something else.
+std::string found;  // the values behind a non-zero count of scan_handles, for a test's message
+
 std::string scan_handles(HANDLE own) {
   int listening = 0, sockets = 0, pipes = 0, owned = 0;
+  std::string which;  // the values found, for a failing test's message
   HANDLE std_handles[] = {GetStdHandle(STD_INPUT_HANDLE), GetStdHandle(STD_OUTPUT_HANDLE),
                           GetStdHandle(STD_ERROR_HANDLE)};
   for (uintptr_t v = 4; v < 0x4000; v += 4) {
@@ -117,17 +120,27 @@ std::string scan_handles(HANDLE own) {
       owned++;
       continue;
     }
-    if (h == std_handles[0] || h == std_handles[1] || h == std_handles[2])
+    // An inherited handle keeps its inheritance flag; handles the runtime opened in this
+    // process (Wine keeps some pipes of its own) have it clear and are not counted.
+    if (h == std_handles[0] || h == std_handles[1] || h == std_handles[2] || !(flags & HANDLE_FLAG_INHERIT))
       continue;
     int accepting = 0, length = sizeof accepting;
-    if (getsockopt(SOCKET(v), SOL_SOCKET, SO_ACCEPTCONN, reinterpret_cast<char *>(&accepting), &length) == 0)
+    char value[32];
+    if (getsockopt(SOCKET(v), SOL_SOCKET, SO_ACCEPTCONN, reinterpret_cast<char *>(&accepting), &length) == 0) {
       accepting ? listening++ : sockets++;
-    else if (GetFileType(h) == FILE_TYPE_PIPE)
+      snprintf(value, sizeof value, " %#x:%s", unsigned(v), accepting ? "listening" : "socket");
+    } else if (GetFileType(h) == FILE_TYPE_PIPE) {
       pipes++;
+      snprintf(value, sizeof value, " %#x:pipe", unsigned(v));
+    } else {
+      continue;
+    }
+    which += value;
   }
   char text[128];
   snprintf(text, sizeof text, "#handles listening=%d sockets=%d pipes=%d own=%d", listening, sockets,
            pipes, owned);
+  found = which;
   return text;
 }
 
@@ -228,12 +241,19 @@ void serve(const port_socket &ps) {
   send(client, hello.data(), int(hello.size()), 0);
   DWORD timeout = 3000;
   setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char *>(&timeout), sizeof timeout);
-  char request[64] = {};
+  char request[64] = {}, rest[16];
   int got = recv(client, request, sizeof request - 1, 0);
+  bool exit_request = got > 0 && strncmp(request, "exit ", 5) == 0;
+  bool crash_request = got > 0 && strncmp(request, "crash", 5) == 0;
+  // The client closes first, so the port is not left with a connection in TIME_WAIT
+  // (under Wine that would make the manager's next bind of the port fail).
+  if (exit_request || crash_request)
+    while (recv(client, rest, sizeof rest, 0) > 0) {
+    }
   closesocket(client);
-  if (got > 0 && strncmp(request, "exit ", 5) == 0)
+  if (exit_request)
     leave(atoi(request + 5));
-  if (got > 0 && strncmp(request, "crash", 5) == 0)
+  if (crash_request)
     crash();
 }
 
@@ -271,6 +291,8 @@ int main(int argc, char **argv) {
                               nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
   record("#cmd " + std::string(GetCommandLineA()));
   record(inherited);
+  if (!found.empty())
+    record("#found" + found);
   if (violate)
     crash();
   if (quit)
