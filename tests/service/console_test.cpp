@@ -85,7 +85,7 @@ TEST_F(Console, EveryCommandAndReply) {
       {"DISABLE " + a, {"+"}},
       {"Enable\t" + a, {"+"}},
       {"ADD -p " + h + " -- prog \"two words\" -v", {"+"}},
-      {"ls", {"!", listing, port_line(hookport, "svc", "Hook"), "."}},
+      {"ls", {"!", port_line(hookport, "svc", "Hook"), listing, "."}},  // newest first
       {"disable " + h, {"-Failed with code -24"}},
       {"remove " + h, {"+"}},
       {"w1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21", {"-Too many words"}},
