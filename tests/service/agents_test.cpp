@@ -1,0 +1,105 @@
+// kivd.exe with agents: a connection reaches the agent through the handed-over socket,
+// and one kivd serves far more ports and agents than one platform wait takes.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "kivd_fixture.h"
+
+namespace {
+
+std::string record_file() {
+  char dir[MAX_PATH];
+  GetTempPathA(sizeof dir, dir);
+  return std::string(dir) + "kivd_agents_" + std::to_string(GetCurrentProcessId()) + ".txt";
+}
+
+std::string agent_program(const std::string &record) {
+  return "\"" + kt::testagent_exe() + "\" -F" + record;
+}
+
+TEST(Agents, AConnectionThroughKivdReachesTheAgent) {
+  ASSERT_NE(kt::testagent_exe(), "");
+  kt::registry reg;
+  std::string record = record_file();
+  int port = kt::free_port();
+  reg.service("echo", agent_program(record));
+  reg.port(port, "auto", "echo");
+  kt::kivd d("-D3");
+  ASSERT_TRUE(d.log_has("Listening on port " + std::to_string(port)));
+  SOCKET s = kt::connect_to(port);
+  ASSERT_NE(s, INVALID_SOCKET);
+  std::string hello = kt::read_line(s);
+  EXPECT_EQ(hello.rfind("agent ", 0), 0u) << hello;
+  EXPECT_NE(hello.find(" port " + std::to_string(port)), std::string::npos) << hello;
+  unsigned pid = 0;
+  sscanf(hello.c_str(), "agent %u", &pid);
+  {
+    kt::client c;
+    auto ls = c.command("ls");
+    ASSERT_EQ(ls.size(), 3u);
+    EXPECT_NE(ls[1].find(" Agent=" + std::to_string(pid)), std::string::npos) << ls[1];
+  }
+  closesocket(s);
+  d.quit();
+  EXPECT_EQ(d.exit_code(), 0u);
+  EXPECT_EQ(d.log_count("timeout"), 0) << "the agent ends when told to exit";
+  DeleteFileA(record.c_str());
+}
+
+// 150 ports of 150 services: 150 socket events, then 150 agent processes in the wait,
+// plus die and the pipe's four events.
+TEST(Agents, MoreThanSixtyFourHandles) {
+  ASSERT_NE(kt::testagent_exe(), "");
+  constexpr int N = 150;
+  kt::registry reg;
+  std::string record = record_file();
+  std::vector<int> ports;
+  for (int i = 0; i < N; i++) {
+    int port;
+    do port = kt::free_port();
+    while (std::find(ports.begin(), ports.end(), port) != ports.end());
+    ports.push_back(port);
+    std::string svc = "svc" + std::to_string(i);
+    reg.service(svc.c_str(), agent_program(record));
+    reg.port(port, "auto", svc.c_str());
+  }
+  kt::kivd d("-D3");
+  ASSERT_TRUE(kt::poll([&] { return d.log_count("Listening on port ") >= N; }, 60000));
+
+  std::vector<SOCKET> conns;
+  for (int port : ports) {
+    SOCKET s = kt::connect_to(port);
+    ASSERT_NE(s, INVALID_SOCKET) << port;
+    std::string hello = kt::read_line(s, 30000);
+    EXPECT_NE(hello.find(" port " + std::to_string(port)), std::string::npos) << port << ": " << hello;
+    conns.push_back(s);
+  }
+  {
+    kt::client c;
+    auto ls = c.command("ls");
+    int with_agent = 0;
+    for (auto &line : ls) with_agent += line.find(" Agent=") != std::string::npos;
+    EXPECT_EQ(with_agent, N);
+  }
+  // Every agent ends with 0; kivd must see each end and listen on its port again.
+  for (SOCKET s : conns) {
+    send(s, "exit 0\n", 7, 0);
+    closesocket(s);
+  }
+  for (int port : ports)
+    EXPECT_TRUE(d.log_has("Listening on port " + std::to_string(port) + " again", 30000)) << port;
+  // And the ports are served again, the last ones of the wait list included.
+  for (int i : {0, 1, 63, 64, 127, N - 2, N - 1}) {
+    SOCKET s = kt::connect_to(ports[i]);
+    ASSERT_NE(s, INVALID_SOCKET);
+    EXPECT_NE(kt::read_line(s, 30000).find(" port " + std::to_string(ports[i])), std::string::npos);
+    closesocket(s);
+  }
+  d.quit();
+  EXPECT_EQ(d.exit_code(), 0u);
+  DeleteFileA(record.c_str());
+}
+
+}  // namespace
