@@ -12,7 +12,6 @@
 namespace {
 
 const char PIPE[] = "\\\\.\\pipe\\vesk_kivd";
-constexpr int LINE = 4096;  // longest line read from standard input
 
 struct scoped_handle {
   HANDLE h = INVALID_HANDLE_VALUE;
@@ -122,6 +121,19 @@ void join_words(int argc, char **argv, dstr *line) {
   }
 }
 
+// One line of input without its line end, however long (the server refuses what is too
+// long for it). false at the end of the input.
+bool read_line(FILE *in, dstr *line) {
+  dstr_truncate(line, 0);
+  int c;
+  while ((c = getc(in)) != EOF && c != '\n') {
+    char ch = static_cast<char>(c);
+    dstr_append(line, &ch, 1);
+  }
+  while (line->length > 0 && line->buffer[line->length - 1] == '\r') dstr_truncate(line, line->length - 1);
+  return c != EOF || line->length > 0;
+}
+
 bool blank_line(const char *line) {
   for (; *line; line++)
     if (*line != ' ' && *line != '\t') return false;
@@ -149,13 +161,13 @@ int main(int argc, char **argv) {
     dstr_free(&line, 0);
     return code;
   }
-  char line[LINE];
-  while (fgets(line, sizeof line, stdin)) {
-    size_t n = strlen(line);
-    while (n > 0 && (line[n - 1] == '\n' || line[n - 1] == '\r')) line[--n] = '\0';
-    if (blank_line(line)) continue;  // the server would not answer
-    code = send_command(pipe.h, line, static_cast<int>(n));
-    if (code == 2 || is_quit(line)) break;
+  dstr line;
+  dstr_init(&line);
+  while (read_line(stdin, &line)) {
+    if (blank_line(line.buffer)) continue;  // the server would not answer
+    code = send_command(pipe.h, line.buffer, line.length);
+    if (code == 2 || is_quit(line.buffer)) break;
   }
+  dstr_free(&line, 0);
   return code;
 }

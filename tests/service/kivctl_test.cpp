@@ -1,0 +1,91 @@
+// kivctl.exe against a running kivd: its output and exit codes.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+#include "kivd_fixture.h"
+
+namespace {
+
+struct result {
+  std::string out;
+  DWORD code;
+};
+
+// Runs kivctl with the argument text (and standard input) to its end.
+result kivctl(const std::string &args, const std::string &input = "") {
+  kt::process p("\"" + kt::kivctl_exe() + "\" " + args, input);
+  p.wait(60000);
+  std::string out;
+  for (char c : p.out())
+    if (c != '\r') out += c;  // text-mode standard output
+  return {out, p.exit_code()};
+}
+
+TEST(Kivctl, RepliesAndExitCodes) {
+  kt::registry reg;
+  int port = kt::free_port();
+  reg.service("svc", "C:\\no\\such\\agent.exe");
+  reg.port(port, "auto", "svc");
+  kt::kivd d("-D3");
+  char line[64];
+  snprintf(line, sizeof line, "%5d  %-11s   Auto", port, "svc");
+  std::string listing = std::string("!\n") + line + "\n.\n";
+  struct {
+    std::string args;
+    std::string out;
+    DWORD code;
+  } cases[] = {
+      {"update", "+\n", 0},
+      {"ls", listing, 0},
+      {"info", "!\nMy UserName: " + kt::user_name() + "\n.\n", 0},
+      {"remove 7", "-Failed with code -4\n", 1},
+      {"bogus words", "-Unknown command\n", 1},
+      {"add -p 7 -- \"two words\" x", "-Failed with code -24\n", 1},
+      {"\"\"", "", 0},  // an empty command gets no reply: nothing is sent
+      {"quit", "", 0},
+  };
+  for (auto &c : cases) {
+    result r = kivctl(c.args);
+    EXPECT_EQ(r.out, c.out) << "kivctl " << c.args;
+    EXPECT_EQ(r.code, c.code) << "kivctl " << c.args;
+  }
+  // Each argument stays one word, whatever it holds.
+  kivctl("\"l s\" \"a\\\"b\" c\\d");
+  EXPECT_TRUE(d.log_has("cmd: \"l\\ s a\\\"b c\\\\d\"")) << d.err();
+
+  // Standard input: one command per line, blank lines skipped, CR LF taken as a line end.
+  result r = kivctl("", "update\n\n  \t\nremove 7\r\nls\n");
+  EXPECT_EQ(r.out, "+\n-Failed with code -4\n" + listing);
+  EXPECT_EQ(r.code, 0u);
+  r = kivctl("", "update\nquit\nupdate\n");
+  EXPECT_EQ(r.out, "+\n");
+  EXPECT_EQ(r.code, 0u);
+  r = kivctl("", "update\n" + std::string(5000, 'x') + "\nupdate\n");
+  EXPECT_EQ(r.out, "+\n-Message too long\n+\n");
+
+  // A busy pipe is waited for.
+  {
+    kt::client a, b;
+    kt::process p("\"" + kt::kivctl_exe() + "\" update");
+    EXPECT_FALSE(p.wait(300));
+    a.close();
+    ASSERT_TRUE(p.wait(20000));
+    EXPECT_EQ(p.exit_code(), 0u);
+  }
+  r = kivctl("quit -Q");
+  EXPECT_EQ(r.code, 0u);
+  ASSERT_TRUE(d.wait(20000));
+  r = kivctl("ls");
+  EXPECT_EQ(r.code, 2u);
+  EXPECT_EQ(r.out, "");
+}
+
+TEST(Kivctl, NoKivdNoPipe) {
+  kt::process p("\"" + kt::kivctl_exe() + "\" ls");
+  ASSERT_TRUE(p.wait(20000));
+  EXPECT_EQ(p.exit_code(), 2u);
+  EXPECT_NE(p.err().find("cannot open \\\\.\\pipe\\vesk_kivd"), std::string::npos) << p.err();
+}
+
+}  // namespace
