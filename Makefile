@@ -12,7 +12,7 @@ export WINEDEBUG  := -all
 export WINEDLLOVERRIDES := mscoree,mshtml=
 
 .PHONY: all setup build windows native fuzz-build bench-build test test-native test-windows \
-        test-fuzz fuzz bench run clean
+        test-fuzz fuzz bench run kivctl clean
 
 all: build
 
@@ -79,9 +79,46 @@ bench: bench-build windows
 	  [ -f "$$b" ] || continue; echo "== $$(basename $$b)"; scripts/wine-run $$b || exit 1; done; \
 	 $(WINESERVER) -k 2>/dev/null; true
 
-run: setup
-	@echo "make run starts the service in console mode; the service host is not built yet."
-	@echo "Use 'make test' to build and test the toolkit."
+# make run: kivd.exe in console mode in the foreground with a demo configuration in the
+# project's Wine prefix: the echo agent on a free loopback port ("auto": started for the
+# first connection) and on a second one ("on": started at once). Ctrl-C sends
+# "quit -Q", so kivd shuts its agents down before it ends (kivd runs in a session of its
+# own: Wine would end it on the terminal's interrupt before it could clean up).
+WIN        := $(BUILD)/windows
+KIVD_EXE   := $(WIN)/service/kivd.exe
+KIVCTL_EXE := $(WIN)/tools/kivctl/kivctl.exe
+ECHO_AGENT ?= $(firstword $(wildcard $(WIN)/agent/examples/echo-agent/echo-agent.exe \
+                $(WIN)/agent/examples/echo-agent.exe $(WIN)/agent/echo-agent.exe) \
+                $(WIN)/tests/testagent/testagent.exe)
+DEMO_KEY   := HKLM\\SOFTWARE\\Orvane\\Agents
+
+run: SHELL := /bin/bash
+run: windows
+	@set -e; ulimit -n 4096 2>/dev/null || true; \
+	 free_port() { p=$$1; while (exec 3<>/dev/tcp/127.0.0.1/$$p) 2>/dev/null; do p=$$((p+1)); done; echo $$p; }; \
+	 auto=$$(free_port 7007); on=$$(free_port $$((auto+1))); \
+	 agent=$$(winepath -w "$(ECHO_AGENT)"); \
+	 reg() { wine reg "$$@" >/dev/null 2>&1; }; \
+	 reg delete "$(DEMO_KEY)" /f || true; \
+	 reg add "$(DEMO_KEY)\\services\\echo" /v program /d "$$agent" /f; \
+	 reg add "$(DEMO_KEY)\\services\\echo" /v description /d "echo demo" /f; \
+	 reg add "$(DEMO_KEY)\\tcp\\s$$auto" /v start /d auto /f; \
+	 reg add "$(DEMO_KEY)\\tcp\\s$$auto" /v service /d echo /f; \
+	 reg add "$(DEMO_KEY)\\tcp\\s$$on" /v start /d on /f; \
+	 reg add "$(DEMO_KEY)\\tcp\\s$$on" /v service /d echo /f; \
+	 echo "== kivd in console mode (agent: $(ECHO_AGENT))"; \
+	 echo "   connect:  nc 127.0.0.1 $$auto   (auto: the agent starts on the first connection)"; \
+	 echo "             nc 127.0.0.1 $$on   (on: the agent runs already)"; \
+	 echo "   commands: make kivctl ARGS=ls     (or: WINEPREFIX=$(PREFIX) wine $(KIVCTL_EXE) ls)"; \
+	 echo "   stop:     Ctrl-C, or make kivctl ARGS='quit -Q'"; \
+	 set +e; setsid wine $(KIVD_EXE) -D3 & pid=$$!; \
+	 trap 'echo "== stopping kivd"; wine $(KIVCTL_EXE) quit -Q; wait $$pid' INT TERM; \
+	 wait $$pid; trap - INT TERM; wait $$pid 2>/dev/null; echo "== kivd ended"
+
+# make kivctl ARGS="ls": one command to the running kivd (no ARGS: commands from stdin).
+kivctl:
+	@[ -f $(KIVCTL_EXE) ] || $(MAKE) --no-print-directory windows
+	@wine $(KIVCTL_EXE) $(ARGS)
 
 clean:
 	rm -rf $(BUILD)/windows $(BUILD)/native $(BUILD)/fuzz $(BUILD)/bench
