@@ -12,7 +12,7 @@
 #include "lib/printf.h"
 #include "lib/strcase.h"
 #include "ports/ssock.h"
-#include "toolkit/runtime/getopt.h"
+#include "toolkit/runtime/error.h"
 #include "toolkit/runtime/log.h"
 
 namespace {
@@ -102,30 +102,17 @@ void cmd_update(int pipe, int, char **) {
 }
 
 void cmd_add(int pipe, int argc, char **argv) {
-  static const char usage[] = "-Usage: add -p port [-i pid] -- extra_args";
   int port = 0;
   const char *pid = nullptr;
-  bool bad = false;
-  kiv_optind = -1;
-  for (int c; !bad && (c = kiv_getopt(argc, argv, "i:p:")) != -1;) {
-    if (c == 'p') port = atoi(kiv_optarg);
-    else if (c == 'i') pid = kiv_optarg;
-    else if (c == '?') bad = true;
-  }
-  if (bad || port == 0) {
-    reply(pipe, usage);
-    return;
-  }
-  // The words are at most CMD_LINE bytes together, so the joined text is bounded too.
   dstr extra;
   dstr_init(&extra);
-  bool any = false;
-  for (int i = kiv_optind; i < argc; i++) {
-    if (any) dstr_append(&extra, " ", 1);
-    dstr_append(&extra, argv[i], static_cast<int>(strlen(argv[i])));
-    any = true;
-  }
-  reply_result(pipe, ssock_add(port, pid, any ? extra.buffer : nullptr));
+  int words = cmd_addargs(argc, argv, &port, &pid, &extra);
+  if (words == KIV_EINVAL)
+    reply(pipe, "-Usage: add -p port [-i pid] -- extra_args");
+  else if (words < 0)
+    reply_result(pipe, words);
+  else
+    reply_result(pipe, ssock_add(port, pid, words ? extra.buffer : nullptr));
   dstr_free(&extra, 0);
 }
 

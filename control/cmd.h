@@ -14,6 +14,13 @@ constexpr int CMD_MAXWORDS = 20;  // entries of the word vector
 // CMD_MAXWORDS and the rest of the line is left unsplit.
 int cmd_split(char *line, char **vector);
 
+struct dstr;
+// The arguments of "add" (argv[0] is "add"): options "i:p:", then the extra arguments
+// joined by blanks into extra (an initialised dstr). Returns the number of extra words
+// (0: none), KIV_EINVAL for an unknown option or no non-zero -p (the usage reply), or
+// KIV_ENOMEM. *pid points into argv, or is null without -i.
+int cmd_addargs(int argc, char **argv, int *port, const char **pid, dstr *extra);
+
 // The service host hands the interpreter its stop request ("quit -Q") at start-up.
 using cmd_stopfunc = void (*)();
 void cmd_setstop(cmd_stopfunc stop);

@@ -4,6 +4,8 @@
 #include <vector>
 
 #include "control/cmd.h"
+#include "lib/dstr.h"
+#include "toolkit/runtime/error.h"
 
 namespace {
 
@@ -82,6 +84,52 @@ TEST(CmdSplit, MoreWordsThanTheVectorAreRefusedWithoutWritingPastIt) {
   snprintf(line, sizeof line, "%s", blanks.c_str());
   EXPECT_EQ(cmd_split(line, v.vector), 1);
   EXPECT_STREQ(v.vector[0], "");
+}
+
+}  // namespace
+
+namespace {
+
+TEST(CmdAddArgs, Table) {
+  struct {
+    const char *line;
+    int result;  // extra words, or KIV_EINVAL for the usage reply
+    int port;
+    const char *pid;
+    const char *extra;
+  } cases[] = {
+      {"add", KIV_EINVAL, 0, nullptr, ""},
+      {"add -p 0", KIV_EINVAL, 0, nullptr, ""},
+      {"add -p x", KIV_EINVAL, 0, nullptr, ""},
+      {"add -i 5", KIV_EINVAL, 0, "5", ""},
+      {"add -x -p 99", KIV_EINVAL, 0, nullptr, ""},
+      {"add -p 99 -x", KIV_EINVAL, 99, nullptr, ""},
+      {"add -p 99", 0, 99, nullptr, ""},
+      {"add -p99abc", 0, 99, nullptr, ""},
+      {"add -p 1 -p 99", 0, 99, nullptr, ""},
+      {"add -p 99 -i", 0, 99, nullptr, ""},  // a value-less option at the end is ignored
+      {"add -p 99 -- prog -v", 2, 99, nullptr, "prog -v"},
+      {"add -p 99 prog -v", 2, 99, nullptr, "prog -v"},
+      {"add -p 99 -i 1234 -- \"a b\"  c", 2, 99, "1234", "a b c"},
+      {"add -i 1 -i 77 -p 5 -- -x", 1, 5, "77", "-x"},
+  };
+  for (auto &c : cases) {
+    char line[CMD_LINE + 1];
+    snprintf(line, sizeof line, "%s", c.line);
+    char *words[CMD_MAXWORDS];
+    int n = cmd_split(line, words);
+    int port = -1;
+    const char *pid = "unset";
+    dstr extra;
+    dstr_init(&extra);
+    EXPECT_EQ(cmd_addargs(n, words, &port, &pid, &extra), c.result) << c.line;
+    if (c.result != KIV_EINVAL) {
+      EXPECT_EQ(port, c.port) << c.line;
+      EXPECT_STREQ(pid, c.pid) << c.line;
+    }
+    EXPECT_STREQ(extra.buffer, c.extra) << c.line;
+    dstr_free(&extra, 0);
+  }
 }
 
 }  // namespace
