@@ -24,3 +24,22 @@ TEST(WaitTime, Rules) {
 }
 
 }  // namespace
+
+namespace {
+
+// A stop that arrives before initialize has created `die` is remembered: the loop then
+// ends at its first wait instead of running on (in a child process: the loop holds the
+// fixed pipe name while it runs).
+TEST(EarlyStopDeathTest, AStopBeforeDieExistsEndsTheLoopAtOnce) {
+  EXPECT_EXIT(
+      {
+        // Without the remembered stop the loop would wait a day: give up long before.
+        CreateThread(nullptr, 0, [](void *) -> DWORD { Sleep(20000); ExitProcess(4); }, nullptr, 0, nullptr);
+        stop_service();
+        if (initialize() != 0) exit(2);
+        exit(run_service() == 0 ? 7 : 3);
+      },
+      ::testing::ExitedWithCode(7), "");
+}
+
+}  // namespace
