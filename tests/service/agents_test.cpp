@@ -2,7 +2,6 @@
 // and one kivd serves far more ports and agents than one platform wait takes.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdio>
 
 #include "kivd_fixture.h"
@@ -55,12 +54,9 @@ TEST(Agents, MoreThanSixtyFourHandles) {
   constexpr int N = 150;
   kt::registry reg;
   std::string record = record_file();
-  std::vector<int> ports;
+  std::vector<int> ports = kt::free_ports(N);
   for (int i = 0; i < N; i++) {
-    int port;
-    do port = kt::free_port();
-    while (std::find(ports.begin(), ports.end(), port) != ports.end());
-    ports.push_back(port);
+    int port = ports[i];
     std::string svc = "svc" + std::to_string(i);
     reg.service(svc.c_str(), agent_program(record));
     reg.port(port, "auto", svc.c_str());

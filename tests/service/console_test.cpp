@@ -21,8 +21,9 @@ class Console : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     reg = new kt::registry;
-    autoport = kt::free_port();
-    hookport = kt::free_port();
+    std::vector<int> ports = kt::free_ports(2);
+    autoport = ports[0];
+    hookport = ports[1];
     reg->service("svc", "C:\\no\\such\\agent.exe");
     reg->port(autoport, "auto", "svc");
     reg->port(hookport, "hook", "svc");
@@ -85,7 +86,9 @@ TEST_F(Console, EveryCommandAndReply) {
       {"DISABLE " + a, {"+"}},
       {"Enable\t" + a, {"+"}},
       {"ADD -p " + h + " -- prog \"two words\" -v", {"+"}},
-      {"ls", {"!", port_line(hookport, "svc", "Hook"), listing, "."}},  // newest first
+      // The listing is in port order.
+      {"ls", hookport < autoport ? replies{"!", port_line(hookport, "svc", "Hook"), listing, "."}
+                                 : replies{"!", listing, port_line(hookport, "svc", "Hook"), "."}},
       {"disable " + h, {"-Failed with code -24"}},
       {"remove " + h, {"+"}},
       {"w1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21", {"-Too many words"}},
@@ -121,12 +124,12 @@ TEST_F(Console, QuitHangsUpAndOnlyCapitalQStops) {
   {
     kt::client c;
     ASSERT_TRUE(c.send("quit"));
-    EXPECT_EQ(c.receive().rfind("<error", 0), 0u);
+    EXPECT_TRUE(c.hung_up());
   }
   {
     kt::client c;
     ASSERT_TRUE(c.send("QUIT -q"));
-    EXPECT_EQ(c.receive().rfind("<error", 0), 0u);
+    EXPECT_TRUE(c.hung_up());
   }
   kt::client c;
   EXPECT_EQ(c.command("update"), replies{"+"});

@@ -1,5 +1,6 @@
 #include "kivd_fixture.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -49,10 +50,17 @@ HANDLE inheritable_file(const std::string &name, bool write) {
 }  // namespace
 
 std::string build_dir() {
-  char full[MAX_PATH];
-  std::string up = dir_of_this_exe() + "\\..\\..";
-  DWORD n = GetFullPathNameA(up.c_str(), sizeof full, full, nullptr);
-  return n && n < sizeof full ? std::string(full, n) : up;
+  // The first folder above this executable that holds service\kivd.exe.
+  std::string dir = dir_of_this_exe();
+  for (int up = 0; up < 4; up++) {
+    char full[MAX_PATH];
+    DWORD n = GetFullPathNameA(dir.c_str(), sizeof full, full, nullptr);
+    std::string candidate = n && n < sizeof full ? std::string(full, n) : dir;
+    if (GetFileAttributesA((candidate + "\\service\\kivd.exe").c_str()) != INVALID_FILE_ATTRIBUTES)
+      return candidate;
+    dir += "\\..";
+  }
+  return dir;
 }
 std::string kivd_exe() { return build_dir() + "\\service\\kivd.exe"; }
 std::string kivctl_exe() { return build_dir() + "\\tools\\kivctl\\kivctl.exe"; }
@@ -95,15 +103,30 @@ void registry::service(const char *name, const std::string &program) {
 }
 
 int free_port() {
-  SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a);
-  int len = sizeof a;
-  getsockname(s, reinterpret_cast<sockaddr *>(&a), &len);
-  closesocket(s);
-  return ntohs(a.sin_port);
+  // Below the range the system hands out for outgoing connections (Linux's, under Wine,
+  // starts at 32768), so that no client socket takes the port before kivd listens.
+  static unsigned seed = GetCurrentProcessId() * 7919u + GetTickCount();
+  for (;;) {
+    seed = seed * 1103515245u + 12345u;
+    int port = 20000 + static_cast<int>((seed >> 8) % 12000);
+    SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    sockaddr_in a = {};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(static_cast<u_short>(port));
+    bool free = bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
+    closesocket(s);
+    if (free) return port;
+  }
+}
+
+std::vector<int> free_ports(int n) {
+  std::vector<int> ports;
+  while (static_cast<int>(ports.size()) < n) {
+    int port = free_port();
+    if (std::find(ports.begin(), ports.end(), port) == ports.end()) ports.push_back(port);
+  }
+  return ports;
 }
 
 SOCKET connect_to(int port) {
@@ -249,36 +272,36 @@ bool client::send(const std::string &message) {
 std::string client::receive() {
   std::string out;
   char buf[2048];
-  OVERLAPPED ov = {};
-  ov.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-  std::string result;
+  // Heap-held: a read that even a cancel cannot end must not outlive its stack frame.
+  auto *ov = new OVERLAPPED();
+  ov->hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
   for (;;) {
     DWORD got = 0;
-    ResetEvent(ov.hEvent);
-    BOOL ok = ReadFile(h, buf, sizeof buf, nullptr, &ov);
-    DWORD e = ok ? 0 : GetLastError();
-    if (!ok && e == ERROR_IO_PENDING) {
-      if (WaitForSingleObject(ov.hEvent, IO_MS) != WAIT_OBJECT_0) {
-        CancelIo(h);
-        GetOverlappedResult(h, &ov, &got, TRUE);
-        result = "<timeout>";
-        break;
-      }
-    }
-    ok = GetOverlappedResult(h, &ov, &got, TRUE);
-    e = ok ? 0 : GetLastError();
-    out.append(buf, got);
-    if (ok) {
-      result = out;
+    ResetEvent(ov->hEvent);
+    if (!ReadFile(h, buf, sizeof buf, nullptr, ov) && GetLastError() == ERROR_IO_PENDING &&
+        WaitForSingleObject(ov->hEvent, IO_MS) != WAIT_OBJECT_0) {
+      CancelIoEx(h, ov);
+      if (WaitForSingleObject(ov->hEvent, 2000) != WAIT_OBJECT_0) return "<timeout, read left pending>";
+      GetOverlappedResult(h, ov, &got, FALSE);
+      out = "<timeout>";
       break;
     }
+    BOOL ok = GetOverlappedResult(h, ov, &got, FALSE);
+    DWORD e = ok ? 0 : GetLastError();
+    out.append(buf, got);
+    if (ok) break;
     if (e != ERROR_MORE_DATA) {
-      result = "<error " + std::to_string(e) + ">";
+      out = "<error " + std::to_string(e) + ">";
       break;
     }
   }
-  CloseHandle(ov.hEvent);
-  return result;
+  CloseHandle(ov->hEvent);
+  delete ov;
+  return out;
+}
+
+bool client::hung_up(int ms) {
+  return poll([&] { return !PeekNamedPipe(h, nullptr, 0, nullptr, nullptr, nullptr); }, ms);
 }
 
 std::vector<std::string> client::command(const std::string &line) {

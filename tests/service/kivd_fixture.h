@@ -31,6 +31,8 @@ struct registry {
 
 // A loopback port that nothing listens on at the moment of the call.
 int free_port();
+// n distinct such ports.
+std::vector<int> free_ports(int n);
 // Connects to 127.0.0.1:port; INVALID_SOCKET when refused.
 SOCKET connect_to(int port);
 // The first line a server sends on s (up to a newline or the close), "" on a time-out.
@@ -69,6 +71,8 @@ struct client {
   void close();
   bool send(const std::string &message);
   std::string receive();  // one message; "<error N>" when the pipe broke
+  // True once the server has hung up (within ms). Watches without a pending read.
+  bool hung_up(int ms = 20000);
   // Sends one command and collects the reply elements ("!" .. "." for a listing).
   std::vector<std::string> command(const std::string &line);
 };

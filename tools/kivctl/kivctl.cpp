@@ -12,6 +12,7 @@
 namespace {
 
 const char PIPE[] = "\\\\.\\pipe\\vesk_kivd";
+constexpr DWORD NPIPE_DEFAULT_WAIT = 10000;  // the server's default time-out (ms)
 
 struct scoped_handle {
   HANDLE h = INVALID_HANDLE_VALUE;
@@ -72,6 +73,20 @@ bool is_quit(const char *line) {
   return _strnicmp(line, "quit", 4) == 0 && (line[4] == '\0' || line[4] == ' ' || line[4] == '\t');
 }
 
+// "quit" is answered by hanging up, and nothing else. The hang-up is watched for
+// without a read left pending on a pipe that the server disconnects.
+int await_hangup(HANDLE pipe) {
+  for (DWORD waited = 0; waited < NPIPE_DEFAULT_WAIT; waited += 10) {
+    DWORD avail = 0;
+    if (!PeekNamedPipe(pipe, nullptr, 0, nullptr, &avail, nullptr)) {
+      DWORD e = GetLastError();
+      return hung_up(e) ? 0 : fail("lost", e);
+    }
+    Sleep(10);
+  }
+  return fail("no hang-up after quit on", ERROR_TIMEOUT);
+}
+
 // Sends one command line and prints its reply. Returns the exit code of that command.
 int send_command(HANDLE pipe, const char *line, int length) {
   DWORD put = 0;
@@ -80,6 +95,7 @@ int send_command(HANDLE pipe, const char *line, int length) {
     if (hung_up(e) && is_quit(line)) return 0;
     return fail("cannot write to", e);
   }
+  if (is_quit(line)) return await_hangup(pipe);
   dstr reply;
   dstr_init(&reply);
   int code = 0;
@@ -87,8 +103,7 @@ int send_command(HANDLE pipe, const char *line, int length) {
   for (;;) {
     DWORD e = read_message(pipe, &reply);
     if (e) {
-      // "quit" is answered by hanging up.
-      code = hung_up(e) && is_quit(line) && !listing ? 0 : fail("lost", e);
+      code = fail("lost", e);
       break;
     }
     printf("%s\n", reply.buffer);
