@@ -1,7 +1,5 @@
 #include "lib/b64.h"
 
-#include "toolkit/runtime/error.h"
-
 namespace {
 const char ALPHABET[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 // The largest count whose text length, 4 * ceil(count / 3), still fits an int.
@@ -43,9 +41,4 @@ int b64_encode(const void *bytes, int count, char *out) {
   }
   *to = '\0';
   return static_cast<int>(to - out);
-}
-
-int kiv_b64encode(const void *bytes, int count, char *out) {
-  int n = b64_encode(bytes, count, out);
-  return n < 0 ? KIV_EINVAL : n;
 }

@@ -4,5 +4,3 @@
 // Encodes count bytes into out, zero-terminated; out must hold 4 * ceil(count / 3) + 1.
 // Returns the characters written (0 for count <= 0), or -1 for null bytes.
 int b64_encode(const void *bytes, int count, char *out);
-// The toolkit's entry point: as b64_encode, with KIV_EINVAL for a negative result.
-int kiv_b64encode(const void *bytes, int count, char *out);

@@ -7,6 +7,7 @@
 #include "lib/heap.h"
 #include "toolkit/config/conf.h"
 #include "toolkit/runtime/error.h"
+#include "toolkit/runtime/platform.h"
 
 namespace {
 
@@ -20,7 +21,9 @@ int record(const char *name, const char *value, const char *prefix, int letter) 
 
 // Writes exactly these bytes (binary) to a file the parser then reads in text mode.
 std::string tempfile(const std::string &bytes) {
-  std::string path = (std::filesystem::temp_directory_path() / "kivconf-test.cfg").string();
+  // One name per process: the native and the Windows runs may overlap.
+  std::string path = (std::filesystem::temp_directory_path() /
+                      ("kivconf-test-" + std::to_string(kiv_processid()) + ".cfg")).string();
   FILE *f = fopen(path.c_str(), "wb");
   EXPECT_NE(nullptr, f) << path;
   if (f) fwrite(bytes.data(), 1, bytes.size(), f), fclose(f);

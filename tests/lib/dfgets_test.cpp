@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <unistd.h>
 #include <string>
 #include <vector>
 
@@ -8,7 +9,8 @@
 
 // Writes content to a real file and reads it back line by line into one record.
 std::vector<std::string> lines_of(const std::string &content) {
-  std::string path = testing::TempDir() + "kiv_dfgets_test.txt";
+  // One name per process: the native and the Windows runs may overlap.
+  std::string path = testing::TempDir() + "kiv_dfgets_test_" + std::to_string(getpid()) + ".txt";
   FILE *f = fopen(path.c_str(), "wb");
   fwrite(content.data(), 1, content.size(), f);
   fclose(f);

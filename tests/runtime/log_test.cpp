@@ -24,10 +24,12 @@ static uint32_t ticks;
 static uint32_t testticks() { return ticks; }
 static const char TAG[] = "ssock.ssock_update";
 
-// The toolkit is initialised once per process, so the whole story is one ordered test,
-// and it comes first: the log's lock is among what it starts.
+// The toolkit is initialised once per process, so the whole story is one ordered test.
+// It is the only caller of kiv_init here; the log takes its own lock, so the tests run
+// in any order.
 TEST(Init, RefusedVersionThenOnceOnly) {
   kiv_logreset();
+  captured.clear();
   kiv_logsink = capture;
   // A version that is not provided: refused, answered with 5/0, nothing recorded.
   kiv_initrec rec{0, 0, 3, 1, 0, 0};
@@ -59,7 +61,10 @@ TEST(Init, RefusedVersionThenOnceOnly) {
 class Log : public ::testing::Test {
  protected:
   void SetUp() override { fresh(); }
-  void TearDown() override { kiv_logreset(); }
+  void TearDown() override {
+    kiv_logreset();
+    captured.clear();
+  }
   static void fresh() {
     kiv_logreset();
     captured.clear();

@@ -9,7 +9,7 @@
 #include "toolkit/config/memdb.h"
 #include "toolkit/config/w32conf.h"
 #include "toolkit/runtime/error.h"
-#include "toolkit/runtime/init.h"
+#include "toolkit/runtime/context.h"
 #include "toolkit/runtime/locks.h"
 #include "toolkit/runtime/log.h"
 #include "toolkit/runtime/memory.h"

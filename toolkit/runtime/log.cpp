@@ -6,7 +6,7 @@
 #include "lib/heap.h"
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
-#include "toolkit/runtime/init.h"
+#include "toolkit/runtime/context.h"
 #include "toolkit/runtime/locks.h"
 #include "toolkit/runtime/memory.h"
 #include "toolkit/runtime/platform.h"
