@@ -8,6 +8,7 @@
 #include "toolkit/config/conf.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/platform.h"
+#include "tests/lib/oom.h"
 
 namespace {
 
@@ -77,6 +78,42 @@ TEST(Conf, ReadFile) {
   tempfile("sec:\n  broken\n");
   EXPECT_EQ(KIV_EFTYPE, kivconf_readfile(".m", path.c_str(), record));
   std::remove(path.c_str());
+}
+
+// The parser with the heap failing at every point in turn: a refusal ends the parse with
+// -1 and "<line>: out of memory" (or no text when that copy is refused too), every call
+// made before it is one the complete parse makes too, and nothing leaks.
+TEST(ConfOutOfMemory, ParseStopsCleanlyAtEveryRefusal) {
+  std::string text = "# agents\nglobal:\n  port = 25\n  name = \"two\\tparts\"\n  long = " +
+                     std::string(200, 'L') + "\nt.s25:\r\n\tservice = smtp\n";
+  std::string path = tempfile(text);
+  calls.clear();
+  FILE *f = fopen(path.c_str(), "r");
+  ASSERT_EQ(0, kivconf_parse(f, record, ".P", nullptr));
+  fclose(f);
+  const std::string full = calls;
+  int points = failpoints(".cfg reader: five lines, one of 200 characters", [&](int n) {
+    calls.clear();
+    FILE *in = fopen(path.c_str(), "r");
+    char *error = nullptr;
+    xheap_failafter(n);
+    int rc = kivconf_parse(in, record, ".P", &error);
+    xheap_failafter(-1);
+    fclose(in);
+    std::string message = error ? error : "";
+    xfree(error);
+    if (rc == 0) {
+      EXPECT_EQ(full, calls);
+      EXPECT_EQ("", message);
+      return true;
+    }
+    EXPECT_EQ(-1, rc);
+    EXPECT_TRUE(message.empty() || message.find(": out of memory") != std::string::npos) << message;
+    EXPECT_EQ(full.substr(0, calls.size()), calls);
+    return false;
+  });
+  std::remove(path.c_str());
+  EXPECT_GE(points, 4);  // two texts, and the long line grows its text twice
 }
 
 }  // namespace
