@@ -1,0 +1,184 @@
+// echo-agent: sends back every byte each client sends, on every port the port manager
+// hands it. One thread per port waits for connections, one thread per client echoes; the
+// main thread follows the manager's commands and the lifespan.
+//
+// Exit codes: 0 on "exit", when the pipe closes and after `lifespan` seconds without a
+// client (the manager then listens again on the same sockets); 1 when it has no port it
+// can serve (the manager then opens new sockets); 2 when the start-up cannot be read.
+#include <cstdio>
+
+#include <cstring>
+
+#include "agent/kivagent.h"
+#include "lib/heap.h"
+
+namespace {
+
+struct server {
+  unsigned port;
+  SOCKET sock;
+  HANDLE stop;       // set by the main thread to end the port's thread
+  HANDLE readable;   // FD_ACCEPT on sock
+  HANDLE thread;
+};
+
+// Clients being served, and since when there has been none (GetTickCount64).
+CRITICAL_SECTION idle_lock;
+unsigned clients;
+ULONGLONG idle_since;
+HANDLE client_gone;  // auto reset: a client ended, the lifespan count may begin
+
+DWORD WINAPI echo(void *arg) {
+  SOCKET c = reinterpret_cast<SOCKET>(arg);
+  char buf[4096];
+  for (;;) {
+    int n = recv(c, buf, sizeof buf, 0);
+    if (n <= 0) break;
+    int sent = 0;
+    while (sent < n) {
+      int m = send(c, buf + sent, n - sent, 0);
+      if (m <= 0) break;
+      sent += m;
+    }
+    if (sent < n) break;
+  }
+  closesocket(c);
+  EnterCriticalSection(&idle_lock);
+  if (--clients == 0) idle_since = GetTickCount64();
+  LeaveCriticalSection(&idle_lock);
+  SetEvent(client_gone);
+  return 0;
+}
+
+void serve_client(SOCKET c) {
+  // An accepted socket inherits the listener's event selection and non-blocking mode;
+  // the echo thread wants a plain blocking socket.
+  u_long blocking = 0;
+  WSAEventSelect(c, nullptr, 0);
+  ioctlsocket(c, FIONBIO, &blocking);
+  EnterCriticalSection(&idle_lock);
+  clients++;
+  LeaveCriticalSection(&idle_lock);
+  HANDLE t = CreateThread(nullptr, 64 * 1024, echo, reinterpret_cast<void *>(c), STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+  if (t) {
+    CloseHandle(t);
+    return;
+  }
+  closesocket(c);
+  EnterCriticalSection(&idle_lock);
+  if (--clients == 0) idle_since = GetTickCount64();
+  LeaveCriticalSection(&idle_lock);
+}
+
+DWORD WINAPI accept_loop(void *arg) {
+  auto *sv = static_cast<server *>(arg);
+  HANDLE wait[2] = {sv->stop, sv->readable};
+  for (;;) {
+    if (WaitForMultipleObjects(2, wait, FALSE, INFINITE) != WAIT_OBJECT_0 + 1) return 0;
+    WSANETWORKEVENTS ne;
+    WSAEnumNetworkEvents(sv->sock, sv->readable, &ne);
+    // One signal may stand for several waiting connections: take them all.
+    for (;;) {
+      SOCKET c = accept(sv->sock, nullptr, nullptr);
+      if (c == INVALID_SOCKET) break;
+      serve_client(c);
+    }
+  }
+}
+
+// Starts the thread of one port. False when the port cannot be served.
+bool start_server(server *sv, unsigned port, SOCKET sock) {
+  sv->port = port;
+  sv->sock = sock;
+  sv->stop = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  sv->readable = WSACreateEvent();
+  if (!sv->stop || sv->readable == WSA_INVALID_EVENT || WSAEventSelect(sock, sv->readable, FD_ACCEPT) != 0)
+    return false;
+  sv->thread = CreateThread(nullptr, 64 * 1024, accept_loop, sv, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+  return sv->thread != nullptr;
+}
+
+void stop_server(server *sv) {
+  if (sv->thread) {
+    SetEvent(sv->stop);
+    WaitForSingleObject(sv->thread, INFINITE);
+    CloseHandle(sv->thread);
+  }
+  if (sv->stop) CloseHandle(sv->stop);
+  if (sv->readable != WSA_INVALID_EVENT && sv->readable) WSACloseEvent(sv->readable);
+  *sv = server{};
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  WSADATA wsa;
+  if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return 2;
+  InitializeCriticalSection(&idle_lock);
+  client_gone = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+
+  kivagent agent;
+  int r = kivagent_start(&agent, argc, argv, KIVAGENT_NONBLOCKING);
+  if (r != 0) {
+    fprintf(stderr, "echo-agent: no start-up from the port manager (%d)\n", r);
+    kivagent_end(&agent);
+    return r == KIVAGENT_EOF ? 0 : 2;
+  }
+  idle_since = GetTickCount64();
+
+  auto *servers = static_cast<server *>(xrealloc(nullptr, (agent.nports + 1) * sizeof(server), nullptr));
+  if (servers) memset(servers, 0, (agent.nports + 1) * sizeof(server));
+  unsigned serving = 0;
+  for (unsigned i = 0; servers && i < agent.nports; i++) {
+    kivagent_port *p = &agent.ports[i];
+    // An "on" port comes without a socket: listen on it as the manager would have.
+    if (p->sock == INVALID_SOCKET && kivagent_listen(p->port, KIVAGENT_NONBLOCKING, &p->sock) != 0) {
+      fprintf(stderr, "echo-agent: cannot listen on port %u (%d)\n", p->port, WSAGetLastError());
+      continue;
+    }
+    if (start_server(&servers[i], p->port, p->sock)) serving++;
+    else stop_server(&servers[i]);
+  }
+  int code = serving ? 0 : 1;
+
+  bool done = !serving;
+  while (!done) {
+    DWORD timeout = INFINITE;
+    EnterCriticalSection(&idle_lock);
+    if (clients == 0) {
+      ULONGLONG idle = GetTickCount64() - idle_since, life = agent.lifespan * 1000ull;
+      timeout = idle >= life ? 0 : DWORD(life - idle);
+    }
+    LeaveCriticalSection(&idle_lock);
+    if (timeout == 0) break;
+
+    HANDLE wait[2] = {agent.event, client_gone};
+    DWORD w = WaitForMultipleObjects(2, wait, FALSE, timeout);
+    if (w != WAIT_OBJECT_0) continue;  // time-out or a client gone: the lifespan is reckoned again
+    kivagent_event ev;
+    while (!done && kivagent_next(&agent, &ev)) {
+      switch (ev.kind) {
+        case KIVAGENT_REMOVE:
+          for (unsigned i = 0; i < agent.nports; i++)
+            if (servers[i].port == ev.port) stop_server(&servers[i]);
+          kivagent_drop(&agent, ev.port);
+          break;
+        case KIVAGENT_EXIT:
+        case KIVAGENT_CLOSED:
+          done = true;
+          break;
+        case KIVAGENT_ERROR:
+          fprintf(stderr, "echo-agent: line ignored (%d): %s\n", ev.code, ev.line);
+          break;
+        default:  // "reconfig": nothing the echo agent serves depends on the configuration
+          break;
+      }
+    }
+  }
+
+  for (unsigned i = 0; servers && i < agent.nports; i++) stop_server(&servers[i]);
+  xfree(servers);
+  kivagent_end(&agent);
+  // Clients still being served are cut off with the process.
+  return code;
+}
