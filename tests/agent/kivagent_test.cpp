@@ -19,6 +19,8 @@ constexpr DWORD DEADLINE_MS = 20000;
 struct feed {
   HANDLE wr = nullptr;
   std::thread writer;
+  std::vector<std::string> args;  // the agent's argv, which outlives the start-up
+  std::vector<char *> argv;
   ~feed() {
     if (writer.joinable()) writer.join();
     if (wr) CloseHandle(wr);
@@ -31,16 +33,16 @@ struct feed {
 };
 
 int start(kivagent *a, feed *f, const std::vector<std::string> &lines, unsigned flags,
-          std::vector<std::string> args = {}, bool close_after = false) {
+          const std::vector<std::string> &args = {}, bool close_after = false) {
   HANDLE rd = nullptr;
   if (!CreatePipe(&rd, &f->wr, nullptr, 0)) return -100;
   char pipearg[32];
   snprintf(pipearg, sizeof pipearg, "-C%#x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(rd)));
-  args.insert(args.begin(), "agent.exe");
-  args.push_back(pipearg);
-  std::vector<char *> argv;
-  for (auto &s : args) argv.push_back(&s[0]);
-  argv.push_back(nullptr);
+  f->args = args;
+  f->args.insert(f->args.begin(), "agent.exe");
+  f->args.push_back(pipearg);
+  for (auto &s : f->args) f->argv.push_back(&s[0]);
+  f->argv.push_back(nullptr);
   f->writer = std::thread([f, lines, close_after] {
     for (const auto &l : lines) send_line(f->wr, l);
     if (close_after) {
@@ -48,7 +50,7 @@ int start(kivagent *a, feed *f, const std::vector<std::string> &lines, unsigned 
       f->wr = nullptr;
     }
   });
-  int r = kivagent_start(a, static_cast<int>(args.size()), argv.data(), flags);
+  int r = kivagent_start(a, static_cast<int>(f->args.size()), f->argv.data(), flags);
   f->writer.join();
   return r;
 }

@@ -123,6 +123,9 @@ std::string beside_me(const char *relative) {
 SOCKET connect_loopback(unsigned port) {
   SOCKET c = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
   if (c == INVALID_SOCKET) return c;
+  // Agents are started with inheritance on: a client socket they inherited would keep the
+  // connection open after the client closed it.
+  SetHandleInformation(reinterpret_cast<HANDLE>(c), HANDLE_FLAG_INHERIT, 0);
   sockaddr_in a{};
   a.sin_family = AF_INET;
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
