@@ -98,7 +98,11 @@ static int read_line(kivagent_state *s, char *line) {
       else over = true;
     }
     DWORD got = 0;
-    if (!ReadFile(s->pipe, s->buf, sizeof s->buf, &got, nullptr) || got == 0) {
+    BOOL ok = ReadFile(s->pipe, s->buf, sizeof s->buf, &got, nullptr);
+    // A zero-byte write at the other end reads as success with nothing; the end of the
+    // pipe reads as a failure (ERROR_BROKEN_PIPE).
+    if (ok && got == 0) continue;
+    if (!ok) {
       // A last line without its end is still the manager's word; handle it as a line.
       line[len] = '\0';
       if (len == 0) return KIVAGENT_EOF;
@@ -290,6 +294,7 @@ int kivagent_start(kivagent *a, int argc, char **argv, unsigned flags) {
 }
 
 int kivagent_next(kivagent *a, kivagent_event *ev) {
+  if (!ev) return 0;
   memset(ev, 0, sizeof *ev);
   kivagent_state *s = a ? a->state : nullptr;
   if (!s) return 0;

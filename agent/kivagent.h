@@ -67,7 +67,8 @@ struct kivagent {
   struct kivagent_port *ports;  /* nports entries in the order of the port lines */
   unsigned nports;
   unsigned long lifespan;       /* seconds without a client after which the agent may end */
-  const char *debug;            /* the text of -D (the manager's debug spec), in argv; or NULL */
+  const char *debug;            /* the text of the first argument beginning with -D (the
+                                   manager's debug spec), in argv; or NULL */
   HANDLE event;                 /* manual reset; signalled while kivagent_next has events */
   struct kivagent_state *state;
 };

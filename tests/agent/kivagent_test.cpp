@@ -242,8 +242,9 @@ TEST(KivAgent, CommandsArriveAsEventsWithoutBlocking) {
     EXPECT_EQ(0, kivagent_next(&a, &ev)) << c.line;
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(a.event, 0)) << "event left set after " << c.line;
   }
-  // A line without CR, several lines in one write, then the end of the pipe.
+  // An empty write, a line without CR, several lines in one write, the end of the pipe.
   DWORD put;
+  ASSERT_TRUE(WriteFile(f.wr, "", 0, &put, nullptr));
   ASSERT_TRUE(WriteFile(f.wr, "reconfig\nexit\r\n", 15, &put, nullptr));
   f.close();
   EXPECT_EQ(KIVAGENT_RECONFIG, next_event(&a).kind);
