@@ -6,7 +6,6 @@
 // client (the manager then listens again on the same sockets); 1 when it has no port it
 // can serve (the manager then opens new sockets); 2 when the start-up cannot be read.
 #include <cstdio>
-
 #include <cstring>
 
 #include "agent/kivagent.h"
@@ -17,8 +16,7 @@ namespace {
 struct server {
   unsigned port;
   SOCKET sock;
-  HANDLE stop;       // set by the main thread to end the port's thread
-  HANDLE readable;   // FD_ACCEPT on sock
+  volatile LONG stopping;  // set before the main thread closes sock under the port's thread
   HANDLE thread;
 };
 
@@ -51,11 +49,6 @@ DWORD WINAPI echo(void *arg) {
 }
 
 void serve_client(SOCKET c) {
-  // An accepted socket inherits the listener's event selection and non-blocking mode;
-  // the echo thread wants a plain blocking socket.
-  u_long blocking = 0;
-  WSAEventSelect(c, nullptr, 0);
-  ioctlsocket(c, FIONBIO, &blocking);
   EnterCriticalSection(&idle_lock);
   clients++;
   LeaveCriticalSection(&idle_lock);
@@ -70,43 +63,43 @@ void serve_client(SOCKET c) {
   LeaveCriticalSection(&idle_lock);
 }
 
+// A blocking accept takes every connection the socket queues, without depending on
+// readiness notices that could be missed.
 DWORD WINAPI accept_loop(void *arg) {
   auto *sv = static_cast<server *>(arg);
-  HANDLE wait[2] = {sv->stop, sv->readable};
+  HANDLE nap = CreateEventA(nullptr, TRUE, FALSE, nullptr);
   for (;;) {
-    if (WaitForMultipleObjects(2, wait, FALSE, INFINITE) != WAIT_OBJECT_0 + 1) return 0;
-    WSANETWORKEVENTS ne;
-    WSAEnumNetworkEvents(sv->sock, sv->readable, &ne);
-    // One signal may stand for several waiting connections: take them all.
-    for (;;) {
-      SOCKET c = accept(sv->sock, nullptr, nullptr);
-      if (c == INVALID_SOCKET) break;
+    SOCKET c = accept(sv->sock, nullptr, nullptr);
+    if (c != INVALID_SOCKET) {
       serve_client(c);
+      continue;
     }
+    // Closing the socket is how the main thread ends a blocked accept.
+    if (sv->stopping) break;
+    // A client that gave up while queued costs nothing; other failures (out of sockets
+    // or memory) get a pause, so that the loop does not spin while they last.
+    if (WSAGetLastError() != WSAECONNRESET && nap) WaitForSingleObject(nap, 100);
   }
+  if (nap) CloseHandle(nap);
+  return 0;
 }
 
 // Starts the thread of one port. False when the port cannot be served.
 bool start_server(server *sv, unsigned port, SOCKET sock) {
   sv->port = port;
   sv->sock = sock;
-  sv->stop = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-  sv->readable = WSACreateEvent();
-  if (!sv->stop || sv->readable == WSA_INVALID_EVENT || WSAEventSelect(sock, sv->readable, FD_ACCEPT) != 0)
-    return false;
   sv->thread = CreateThread(nullptr, 64 * 1024, accept_loop, sv, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
   return sv->thread != nullptr;
 }
 
-void stop_server(server *sv) {
-  if (sv->thread) {
-    SetEvent(sv->stop);
-    WaitForSingleObject(sv->thread, INFINITE);
-    CloseHandle(sv->thread);
-  }
-  if (sv->stop) CloseHandle(sv->stop);
-  if (sv->readable != WSA_INVALID_EVENT && sv->readable) WSACloseEvent(sv->readable);
-  *sv = server{};
+// Stops serving a port: its socket is closed (by kivagent_drop), which also ends the
+// thread's accept. The thread is not waited for: the port is closed either way.
+void stop_server(kivagent *agent, server *sv) {
+  InterlockedExchange(&sv->stopping, 1);
+  kivagent_drop(agent, sv->port);
+  if (sv->thread) CloseHandle(sv->thread);
+  sv->thread = nullptr;
+  sv->port = 0;
 }
 
 }  // namespace
@@ -118,7 +111,7 @@ int main(int argc, char **argv) {
   client_gone = CreateEventA(nullptr, FALSE, FALSE, nullptr);
 
   kivagent agent;
-  int r = kivagent_start(&agent, argc, argv, KIVAGENT_NONBLOCKING);
+  int r = kivagent_start(&agent, argc, argv, KIVAGENT_BLOCKING);
   if (r != 0) {
     fprintf(stderr, "echo-agent: no start-up from the port manager (%d)\n", r);
     kivagent_end(&agent);
@@ -132,12 +125,11 @@ int main(int argc, char **argv) {
   for (unsigned i = 0; servers && i < agent.nports; i++) {
     kivagent_port *p = &agent.ports[i];
     // An "on" port comes without a socket: listen on it as the manager would have.
-    if (p->sock == INVALID_SOCKET && kivagent_listen(p->port, KIVAGENT_NONBLOCKING, &p->sock) != 0) {
+    if (p->sock == INVALID_SOCKET && kivagent_listen(p->port, KIVAGENT_BLOCKING, &p->sock) != 0) {
       fprintf(stderr, "echo-agent: cannot listen on port %u (%d)\n", p->port, WSAGetLastError());
       continue;
     }
     if (start_server(&servers[i], p->port, p->sock)) serving++;
-    else stop_server(&servers[i]);
   }
   int code = serving ? 0 : 1;
 
@@ -160,8 +152,7 @@ int main(int argc, char **argv) {
       switch (ev.kind) {
         case KIVAGENT_REMOVE:
           for (unsigned i = 0; i < agent.nports; i++)
-            if (servers[i].port == ev.port) stop_server(&servers[i]);
-          kivagent_drop(&agent, ev.port);
+            if (servers[i].port == ev.port) stop_server(&agent, &servers[i]);
           break;
         case KIVAGENT_EXIT:
         case KIVAGENT_CLOSED:
@@ -176,9 +167,10 @@ int main(int argc, char **argv) {
     }
   }
 
-  for (unsigned i = 0; servers && i < agent.nports; i++) stop_server(&servers[i]);
-  xfree(servers);
+  for (unsigned i = 0; servers && i < agent.nports; i++) InterlockedExchange(&servers[i].stopping, 1);
   kivagent_end(&agent);
-  // Clients still being served are cut off with the process.
-  return code;
+  // Port threads may still be leaving their accept and clients still being served:
+  // servers stays, and the end of the process takes the threads and their sockets.
+  fflush(stderr);
+  ExitProcess(static_cast<UINT>(code));
 }
