@@ -80,10 +80,8 @@ static void push_error(kivagent_state *s, int code, unsigned port, const char *l
   push(s, ev);
 }
 
-// Reads the next line into line (KIVAGENT_MAXLINE + 1 bytes), without its LF and the CR
-// before it. Returns its length; KIVAGENT_EOVERFLOW for a longer line, which is skipped up
-// to its LF (line keeps its start); KIVAGENT_EOF when the pipe is closed or broken.
-static int read_line(kivagent_state *s, char *line) {
+// read_line below, zero bytes and all.
+static int read_raw_line(kivagent_state *s, char *line) {
   unsigned len = 0;
   bool over = false;
   for (;;) {
@@ -123,6 +121,17 @@ static unsigned parse_port(const char *text, size_t len) {
     v = v * 10 + unsigned(text[i] - '0');
   }
   return v <= 65535 ? v : 0;
+}
+
+// Reads the next line into line (KIVAGENT_MAXLINE + 1 bytes), without its LF and the CR
+// before it. Returns its length; KIVAGENT_EOVERFLOW for a longer line, which is skipped up
+// to its LF (line keeps its start); KIVAGENT_EINVAL for a line with a zero byte, which
+// would otherwise read as its part before the zero; KIVAGENT_EOF when the pipe is closed
+// or broken.
+static int read_line(kivagent_state *s, char *line) {
+  int n = read_raw_line(s, line);
+  if (n > 0 && strlen(line) != size_t(n)) return KIVAGENT_EINVAL;
+  return n;
 }
 
 static bool starts(const char *line, const char *word) { return strncmp(line, word, strlen(word)) == 0; }
@@ -208,7 +217,7 @@ static DWORD WINAPI reader(void *arg) {
   for (;;) {
     int n = read_line(s, line);
     if (n == KIVAGENT_EOF) break;
-    if (n == KIVAGENT_EOVERFLOW) push_error(s, KIVAGENT_EOVERFLOW, 0, line);
+    if (n < 0) push_error(s, n, 0, line);
     else if (!command_line(s, line)) push_error(s, KIVAGENT_EINVAL, 0, line);
   }
   push_kind(s, KIVAGENT_CLOSED, 0);
@@ -271,8 +280,8 @@ int kivagent_start(kivagent *a, int argc, char **argv, unsigned flags) {
       push_kind(s, KIVAGENT_CLOSED, 0);
       return KIVAGENT_EOF;
     }
-    if (n == KIVAGENT_EOVERFLOW) {
-      push_error(s, KIVAGENT_EOVERFLOW, 0, line);
+    if (n < 0) {
+      push_error(s, n, 0, line);
     } else if (starts(line, "-Ptcp::")) {
       port_line(a, line, flags);
     } else if (starts(line, "lifespan ")) {

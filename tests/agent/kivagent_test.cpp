@@ -191,6 +191,8 @@ TEST(KivAgent, GarbledLinesBecomeErrorEvents) {
       {false, "--", KIVAGENT_EINVAL, 0},
       {false, "lifespan 5", KIVAGENT_EINVAL, 0},
       {false, std::string("ex\0it", 5), KIVAGENT_EINVAL, 0},
+      {false, std::string("exit\0now", 8), KIVAGENT_EINVAL, 0},  // not "exit"
+      {true, std::string("-Ptcp::4001\0", 12), KIVAGENT_EINVAL, 0},
       {false, over + over, KIVAGENT_EOVERFLOW, 0},
   };
   for (const auto &c : cases) {

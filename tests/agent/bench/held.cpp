@@ -13,7 +13,7 @@
 namespace {
 
 constexpr int BATCH = 100;
-constexpr int ROUNDS = 21;
+constexpr int ROUNDS = 41;
 
 bool one_connection(unsigned port) {
   SOCKET c = connect_loopback(port);
