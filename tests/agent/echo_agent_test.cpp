@@ -158,7 +158,7 @@ TEST(EchoAgent, LifespanCountsOnlyTimeWithoutClients) {
   SOCKET client = connect_loopback(ports[0]);
   ASSERT_TRUE(start_echo(&run, ports, {}, "1"));
   ASSERT_TRUE(echoes(client, "first"));
-  Sleep(2500);
+  Sleep(2500);  // well past the lifespan of 1 s, with the client still connected
   EXPECT_EQ(-1, wait_exit(run.l, 0)) << "ended with a client connected";
   EXPECT_TRUE(echoes(client, "still served"));
   closesocket(client);

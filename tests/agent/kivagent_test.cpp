@@ -9,6 +9,12 @@
 
 #include "lib/b64.h"
 #include "tests/agent/launcher.h"
+#include "toolkit/runtime/error.h"
+
+// Agents see the same result numbers as the port manager's own log lines.
+static_assert(KIVAGENT_ENOMEM == KIV_ENOMEM && KIVAGENT_EOF == KIV_EOF && KIVAGENT_EINVAL == KIV_EINVAL &&
+                  KIVAGENT_EOVERFLOW == KIV_EOVERFLOW && KIVAGENT_ESYS == KIV_ESYS,
+              "kivagent's codes are the toolkit's");
 
 namespace {
 
