@@ -26,6 +26,15 @@ unsigned clients;
 ULONGLONG idle_since;
 HANDLE client_gone;  // auto reset: a client ended, the lifespan count may begin
 
+// Every end of a client, so that the main thread starts counting the lifespan when the
+// last one leaves.
+void client_left() {
+  EnterCriticalSection(&idle_lock);
+  if (--clients == 0) idle_since = GetTickCount64();
+  LeaveCriticalSection(&idle_lock);
+  SetEvent(client_gone);
+}
+
 DWORD WINAPI echo(void *arg) {
   SOCKET c = reinterpret_cast<SOCKET>(arg);
   char buf[4096];
@@ -41,10 +50,7 @@ DWORD WINAPI echo(void *arg) {
     if (sent < n) break;
   }
   closesocket(c);
-  EnterCriticalSection(&idle_lock);
-  if (--clients == 0) idle_since = GetTickCount64();
-  LeaveCriticalSection(&idle_lock);
-  SetEvent(client_gone);
+  client_left();
   return 0;
 }
 
@@ -58,9 +64,7 @@ void serve_client(SOCKET c) {
     return;
   }
   closesocket(c);
-  EnterCriticalSection(&idle_lock);
-  if (--clients == 0) idle_since = GetTickCount64();
-  LeaveCriticalSection(&idle_lock);
+  client_left();
 }
 
 // A blocking accept takes every connection the socket queues, without depending on
@@ -109,6 +113,7 @@ int main(int argc, char **argv) {
   if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return 2;
   InitializeCriticalSection(&idle_lock);
   client_gone = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+  if (!client_gone) return 2;
 
   kivagent agent;
   int r = kivagent_start(&agent, argc, argv, KIVAGENT_BLOCKING);
@@ -146,6 +151,7 @@ int main(int argc, char **argv) {
 
     HANDLE wait[2] = {agent.event, client_gone};
     DWORD w = WaitForMultipleObjects(2, wait, FALSE, timeout);
+    if (w == WAIT_FAILED) break;
     if (w != WAIT_OBJECT_0) continue;  // time-out or a client gone: the lifespan is reckoned again
     kivagent_event ev;
     while (!done && kivagent_next(&agent, &ev)) {
