@@ -1,0 +1,278 @@
+// Control operations: hooking and removing ports, disable and enable, the listing,
+// shutdown, and the reset that tests use.
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <vector>
+
+#include "lib/heap.h"
+#include "lib/printf.h"
+#include "ports/internal.h"
+#include "toolkit/config/info.h"
+#include "toolkit/runtime/clock.h"
+#include "toolkit/runtime/error.h"
+
+namespace {
+
+// The longest pieces of a listing line besides the service name: "%5d  " of a port and
+// "  " after the name (9), " Hook" (5), " Disable=" with a date whose year takes up to 11
+// characters (32), " Parent=%d" (19) and " Agent=%d" (18).
+constexpr int LISTING_FIXED = 83;
+// Longer service names are cut in the listing so that the rest of the line always fits.
+constexpr int LISTING_NAME_MAX = LISTING_SIZE - 1 - LISTING_FIXED;
+static_assert(LISTING_NAME_MAX >= 160, "the listing shows long service names whole");
+
+}  // namespace
+
+void utc_breakdown(time_t t, tm *out) {
+  long long days = t / 86400, seconds = t % 86400;
+  if (seconds < 0) {
+    seconds += 86400;
+    days--;
+  }
+  // Civil date from a day count (days since 1970-01-01), in 400-year eras.
+  days += 719468;
+  long long era = (days >= 0 ? days : days - 146096) / 146097;
+  long long doe = days - era * 146097;
+  long long yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+  long long doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+  long long mp = (5 * doy + 2) / 153;
+  long long day = doy - (153 * mp + 2) / 5 + 1;
+  long long month = mp < 10 ? mp + 3 : mp - 9;
+  long long year = yoe + era * 400 + (month <= 2);
+  *out = tm{};
+  out->tm_year = static_cast<int>(year - 1900);
+  out->tm_mon = static_cast<int>(month - 1);
+  out->tm_mday = static_cast<int>(day);
+  out->tm_hour = static_cast<int>(seconds / 3600);
+  out->tm_min = static_cast<int>(seconds / 60 % 60);
+}
+
+namespace {
+
+void local_breakdown(time_t t, tm *out) {
+  const tm *local = localtime(&t);
+  if (local)
+    *out = *local;
+  else
+    utc_breakdown(t, out);
+}
+
+}  // namespace
+
+int ssock_add(int port, const char *pid, const char *extra_args) {
+  static const char TAG[] = "ssock.ssock_add";
+  port_record *existing = find_port(port);
+  if (existing) {
+    SSOCK_LOG(3, TAG, "Port %d exists", port);
+    if (existing->start != START_HOOK) return KIV_ECONFIG;
+  }
+  char key[PATH_SIZE];
+  char *value = nullptr;
+  xsnprintf(key, sizeof key, ".tcp.s%d.start", port);
+  // Numbers the configuration could not hold count as not configured for hooking.
+  if (port < 1 || port > 65534 || kivinfo_get(nullptr, key, &value) != 0 ||
+      strcmp(value, "hook") != 0) {
+    xfree(value);
+    SSOCK_LOG(3, TAG, "Port %d not configured as hook", port);
+    return KIV_ECONFIG;
+  }
+  xfree(value);
+  xsnprintf(key, sizeof key, ".tcp.s%d.service", port);
+  char *name = nullptr;
+  if (kivinfo_get(nullptr, key, &name) != 0) {
+    SSOCK_LOG(3, TAG, "No service for port %d", port);
+    return KIV_ECONFIG;
+  }
+  SSOCK_LOG(3, TAG, "Found port %d, service %s", port, name);
+  service_record *svc = addservice(name);
+  xfree(name);
+  if (!svc) return KIV_ECONFIG;  // a name too long for its paths, logged by addservice
+  HANDLE parent = nullptr;
+  DWORD parent_pid = 0;
+  if (pid) {
+    parent_pid = static_cast<DWORD>(atoi(pid));
+    if (existing) {
+      if (existing->parent_pid != parent_pid) return KIV_EBUSY;
+      parent = existing->parent;
+      existing->parent = nullptr;
+    } else {
+      parent = OpenProcess(SYNCHRONIZE, FALSE, parent_pid);
+      if (!parent) {
+        kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "Failed to open process %d [%d]",
+                     static_cast<int>(parent_pid), static_cast<int>(GetLastError()));
+        return KIV_ESYS;
+      }
+      SSOCK_LOG(3, TAG, "Got handle to process %d", static_cast<int>(parent_pid));
+    }
+  }
+  port_record *p = addport(port, svc, START_HOOK);
+  if (!p) {
+    if (parent) CloseHandle(parent);
+    return KIV_ENOMEM;
+  }
+  if (extra_args) {
+    p->extra_args = xstrdup(extra_args, nullptr);
+    SSOCK_LOG(3, TAG, "Extra args: \"%s\"", extra_args);
+  }
+  if (pid) {
+    p->parent = parent;
+    p->parent_pid = parent_pid;
+  }
+  ssock_update();
+  return 0;
+}
+
+int ssock_remove(int port) {
+  port_record *p = find_port(port);
+  if (!p) return KIV_ENOTFOUND;
+  if (p->start != START_HOOK) return KIV_ECONFIG;
+  p->flags |= PORT_REMOVE | PORT_EXIT;
+  SSOCK_LOG(3, "ssock.ssock_remove", "port %d", port);
+  ssock_update();
+  return 0;
+}
+
+// The current record of a configured (not hooked) port: 0, KIV_ENOTFOUND, KIV_ECONFIG.
+static int configured_port(int port, port_record **out) {
+  *out = find_port(port);
+  if (!*out) return KIV_ENOTFOUND;
+  return (*out)->start == START_AUTO || (*out)->start == START_ON ? 0 : KIV_ECONFIG;
+}
+
+int ssock_disable(int port) {
+  port_record *p;
+  if (int rc = configured_port(port, &p)) return rc;
+  p->until = UNTIL_ENABLED;
+  p->flags |= PORT_REMOVE | PORT_DISABLED;
+  SSOCK_LOG(3, "ssock.ssock_disable", "Port %d disabled", port);
+  ssock_update();
+  return 0;
+}
+
+int ssock_enable(int port) {
+  port_record *p;
+  if (int rc = configured_port(port, &p)) return rc;
+  p->until = 0;
+  p->flags &= ~(PORT_REMOVE | PORT_DISABLED);
+  SSOCK_LOG(3, "ssock.ssock_enable", "Port %d enabled", port);
+  ssock_update();
+  return 0;
+}
+
+int ssock_info(int context, ssock_writefunc write) {
+  for (port_record *p = ssock_ports; p; p = p->next) {
+    char line[LISTING_SIZE];
+    int n = xsnprintf(line, sizeof line, "%5d  %-11.*s   %s", p->port, LISTING_NAME_MAX,
+                      p->service->name, START_NAMES[p->start]);
+    if (p->flags & PORT_DISABLED) {
+      tm when;
+      local_breakdown(p->until, &when);
+      n += xsnprintf(line + n, sizeof line - n, " Disable=%d-%02d-%02d_%02d:%02d",
+                     when.tm_year + 1900, when.tm_mon + 1, when.tm_mday, when.tm_hour, when.tm_min);
+    }
+    if (p->parent)
+      n += xsnprintf(line + n, sizeof line - n, " Parent=%d", static_cast<int>(p->parent_pid));
+    if (p->agent)
+      n += xsnprintf(line + n, sizeof line - n, " Agent=%d", static_cast<int>(p->agent->pid));
+    write(context, line, n);
+  }
+  return 0;
+}
+
+int ssock_cleanup() {
+  static const char TAG[] = "ssock.ssock_cleanup";
+  SSOCK_LOG(3, TAG, "Closing the shop");
+  for (port_record *p = ssock_ports; p; p = p->next) p->flags |= PORT_REMOVE | PORT_EXIT;
+  for (prog_record *g = ssock_progs; g; g = g->next) g->flags |= PROG_REMOVE;
+  ssock_update();
+  if (ssock_waitcount == 0) return 0;
+  SSOCK_LOG(3, TAG, "Waiting for %d children", static_cast<int>(ssock_waitcount));
+  // One wait takes at most MAXIMUM_WAIT_OBJECTS handles: larger lists are waited for
+  // group by group, all within the one 5-second limit.
+  constexpr uint32_t LIMIT = 5000;
+  uint32_t begin = kiv_ticks();
+  bool timedout = false;
+  for (unsigned first = 0; first < ssock_waitcount && !timedout; first += MAXIMUM_WAIT_OBJECTS) {
+    unsigned count = ssock_waitcount - first;
+    if (count > MAXIMUM_WAIT_OBJECTS) count = MAXIMUM_WAIT_OBJECTS;
+    uint32_t spent = kiv_ticks() - begin;
+    DWORD r = WaitForMultipleObjects(count, ssock_waithandles + first, TRUE,
+                                     spent < LIMIT ? LIMIT - spent : 0);
+    if (r == WAIT_TIMEOUT)
+      timedout = true;
+    else if (r == WAIT_FAILED)
+      return 0;
+  }
+  if (!timedout) return 0;
+  SSOCK_LOG(3, TAG, "timeout");
+  for (port_record *p = ssock_ports; p; p = p->next) {
+    child_record *c = p->agent;
+    if (!c) continue;
+    if (c->process) {
+      if (TerminateProcess(c->process, 1))
+        SSOCK_LOG(3, TAG, "Process %d terminated", static_cast<int>(c->pid));
+      CloseHandle(c->process);
+      c->process = nullptr;
+    }
+    // Cleared so that no record keeps pointing at a freed agent.
+    p->agent = nullptr;
+    if (--c->links == 0) {
+      if (c->pipe) CloseHandle(c->pipe);
+      xfree(c);
+    }
+  }
+  for (prog_record *g = ssock_progs; g; g = g->next) {
+    if (!g->process) continue;
+    if (TerminateProcess(g->process, 1))
+      SSOCK_LOG(3, TAG, "Prog %d terminated", static_cast<int>(g->pid));
+    CloseHandle(g->process);
+    g->process = nullptr;
+  }
+  return 0;
+}
+
+void ssock_reset() {
+  std::vector<child_record *> agents;
+  for (port_record *p = ssock_ports; p;) {
+    if (p->agent && std::find(agents.begin(), agents.end(), p->agent) == agents.end())
+      agents.push_back(p->agent);
+    close_socket(p);
+    if (p->parent) CloseHandle(p->parent);
+    xfree(p->extra_args);
+    port_record *next = p->next;
+    xfree(p);
+    p = next;
+  }
+  for (child_record *c : agents) {
+    if (c->process) CloseHandle(c->process);
+    if (c->pipe) CloseHandle(c->pipe);
+    xfree(c);
+  }
+  for (service_record *s = ssock_services; s;) {
+    service_record *next = s->next;
+    xfree(s->name);
+    xfree(s->description);
+    xfree(s->program);
+    xfree(s);
+    s = next;
+  }
+  for (prog_record *g = ssock_progs; g;) {
+    prog_record *next = g->next;
+    if (g->process) CloseHandle(g->process);
+    xfree(g->name);
+    xfree(g->program);
+    xfree(g);
+    g = next;
+  }
+  xfree(ssock_waithandles);
+  xfree(ssock_waitports);
+  ssock_ports = nullptr;
+  ssock_services = nullptr;
+  ssock_progs = nullptr;
+  ssock_waithandles = nullptr;
+  ssock_waitports = nullptr;
+  ssock_waitcount = 0;
+  ssock_nextdue = 0;
+}

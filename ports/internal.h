@@ -1,0 +1,169 @@
+// The port manager's records and the operations its files share. Private to ports/:
+// the service host and the command interpreter use ssock.h only. Tests of the port
+// manager may include it to look at the records.
+#pragma once
+#include <winsock2.h>
+// winsock2.h first: windows.h would otherwise bring the old winsock.h.
+#include <windows.h>
+
+#include <cstdint>
+#include <ctime>
+
+#include "ports/ssock.h"
+#include "toolkit/runtime/log.h"
+
+// Start modes; the listing names them through START_NAMES.
+constexpr int START_AUTO = 1;
+constexpr int START_HOOK = 2;
+constexpr int START_ON = 3;
+extern const char *const START_NAMES[4];  // "", "Auto", "Hook", "On"
+
+// Port flags.
+constexpr unsigned PORT_REMOVE = 0x1;    // find_port no longer sees it; the pass removes it
+constexpr unsigned PORT_TOLD = 0x2;      // its agent was told to drop it; waits for its exit
+constexpr unsigned PORT_DISABLED = 0x4;  // neither listened on nor started before `until`
+constexpr unsigned PORT_EXIT = 0x8;      // removal tells a sole-port agent "exit"
+
+// Prog flags.
+constexpr unsigned PROG_REMOVE = 0x1;
+constexpr unsigned PROG_DISABLED = 0x2;  // not started again before a pass after `until`
+constexpr unsigned PROG_KILLED = 0x4;    // TerminateProcess was sent
+
+constexpr time_t UNTIL_ENABLED = 0x7FFFFFFF;  // a disable that only the enable command lifts
+
+// Throttle and restart constants (seconds).
+constexpr int AGENT_STARTS = 12;  // agent launches after the one that opened a period
+constexpr int PROG_STARTS = 6;    // program starts after the one that opened a period
+constexpr int START_PERIOD = 60;
+constexpr int DISABLE_THROTTLED = 900;  // also a failed listen_on
+constexpr int DISABLE_CRASHED = 3;      // also a launch that failed with ESYS
+constexpr int DISABLE_MODECHANGE = 10;
+constexpr int PROG_DISABLE_FAILED = 600;
+constexpr int PROG_DISABLE_CRASHED = 60;
+constexpr int NEXT_DUE_IDLE = 86400;
+constexpr DWORD EXIT_EXCEPTION = 0xC0000000;  // exit codes at or above: ended by an exception
+constexpr DWORD EXIT_UNKNOWN = 0x4711;        // used when GetExitCodeProcess fails
+
+// Fixed buffers and limits.
+constexpr int PATH_SIZE = 256;    // configuration paths built from names
+constexpr int PROGRAM_MAX = 256;  // agent program text of a service
+constexpr int EXTRA_ARGS_MAX = 226;
+constexpr int CMDLINE_SIZE = 512;  // agent command line before the -C piece
+constexpr int SENDCMD_SIZE = 1024;
+constexpr int LISTING_SIZE = 256;
+constexpr int WAIT_SPARE = 5;  // free entries after the wait list's handles
+constexpr int RECONFIG_AGENTS = 100;
+
+struct service_record;
+struct child_record;
+
+struct port_record {
+  uint16_t port;
+  SOCKET sock;       // the manager's listening socket, or INVALID_SOCKET
+  WSAEVENT event;    // bound to sock by WSAEventSelect; meaningful only while sock is
+  char *extra_args;  // hooked ports: extra agent arguments
+  HANDLE parent;     // hooked ports: the hooking process (SYNCHRONIZE), or null
+  DWORD parent_pid;
+  int start;                // START_*
+  int refs;                 // configuration entries naming it in the current reconfiguration
+  unsigned flags;           // PORT_*
+  time_t until;             // end of a disable (PORT_DISABLED only)
+  service_record *service;  // not owned
+  child_record *agent;      // the agent that holds the port, shared with its other ports
+  port_record *next;
+};
+
+struct service_record {
+  char *name;  // as read from .tcp.s<port>.service
+  char *description;
+  char *program;  // agent program path, optionally with fixed arguments
+  int nports;     // port records whose service this is
+  int refs;
+  int starts;           // launches counted in the current period
+  time_t period_start;  // 0 before the first launch
+  service_record *next;
+};
+
+struct prog_record {
+  char *name;     // <name> of .global.start.<name>
+  char *program;  // command line
+  int refs;
+  unsigned flags;  // PROG_*
+  time_t until;
+  int starts;
+  time_t period_start;
+  HANDLE process;  // the running process, or null
+  DWORD pid;
+  prog_record *next;
+};
+
+struct child_record {
+  HANDLE process;
+  DWORD pid;
+  HANDLE pipe;  // the manager's write end of the agent pipe; null once closed
+  int links;    // port records whose agent this is
+  int listed;   // 0, 1, 2 while the wait list is built
+};
+
+// Module state (ports/records.cpp).
+extern port_record *ssock_ports;        // ascending port numbers, newest of equal numbers last
+extern service_record *ssock_services;  // newest first
+extern prog_record *ssock_progs;        // newest first
+extern unsigned ssock_waitcount;
+extern HANDLE *ssock_waithandles;  // ssock_waitcount entries + WAIT_SPARE
+extern uint16_t *ssock_waitports;  // port number per handle; 0 for a process handle
+extern time_t ssock_nextdue;
+
+// Trace lines: written only when the log level reaches `level`.
+#define SSOCK_LOG(level, tag, ...)                                     \
+  do {                                                                 \
+    if (kiv_loglevel >= (level)) kiv_log(nullptr, (tag), __VA_ARGS__); \
+  } while (0)
+
+// Records and lookups (records.cpp).
+// The first record of that number not marked PORT_REMOVE; numbers above 65535 match none.
+port_record *find_port(int number);
+service_record *find_service(const char *name);  // exact, case-sensitive
+prog_record *find_prog(const char *name);
+// Creates or refreshes the service (description and program re-read). Null when the name
+// is too long for its configuration paths (logged) or the heap refuses.
+service_record *addservice(const char *name);
+// Inserts a new record in order; a current record of the number is marked for removal
+// and hands its socket over (same mode) or is told to exit (other mode). Null only when
+// the heap refuses.
+port_record *addport(int number, service_record *svc, int start);
+// Creates or refreshes the prog (flags cleared, program re-read, refs counted). Null when
+// the name is too long for its configuration path (logged) or the heap refuses.
+prog_record *addprog(const char *name);
+// Formats ".services.<name><suffix>" into buffer (PATH_SIZE) with every "." of the name
+// made "_". KIV_EOVERFLOW when it would not fit.
+int service_path(char *buffer, const char *name, const char *suffix);
+// Closes a port's socket and its event together.
+void close_socket(port_record *p);
+
+// Control operations (control.cpp).
+// A UTC breakdown (year, month, day, hour, minute) for when localtime cannot represent a
+// time, as 0x7FFFFFFF east of UTC with a 32-bit time: the listing line is still written.
+void utc_breakdown(time_t t, tm *out);
+
+// Reconfiguration (reconfig.cpp).
+int servnode_cb(const char *path, const char *value, void *arg);
+int tcpnode_cb(const char *path, const char *value, void *arg);
+int startnode_cb(const char *path, const char *value, void *arg);
+
+// Launching (launch.cpp).
+// 0, KIV_ECONFIG, KIV_EINVAL (throttled), KIV_ESYS, KIV_ENOMEM.
+int start_agent(port_record *p);
+// Starts command_line plus " -C<read end>" with inheritance; the new process holds the
+// read end of a fresh pipe whose write end goes to *pipe. 0, KIV_ESYS, KIV_ENOMEM.
+int start_child(const char *application, const char *command_line, HANDLE *process, DWORD *pid,
+                HANDLE *pipe);
+int start_prog(prog_record *pg);  // 0, KIV_EINVAL (throttled), KIV_ESYS
+// Writes one agent command and CR LF; nothing once the child's pipe is closed.
+void sendcmd(child_record *c, const char *format, ...) KIV_PRINTF(2, 3);
+// The throttle shared by agents and programs: counts a start in *starts / *period_start;
+// false when `limit` starts already followed the one that opened a period still running.
+bool start_allowed(int *starts, time_t *period_start, int limit);
+
+// Supervision (supervise.cpp).
+void disable_port(port_record *p, int seconds);

@@ -1,0 +1,263 @@
+// Launching: agents with their listening sockets handed over, global programs, and the
+// agent commands written on an agent's pipe.
+#include <cstdarg>
+#include <cstring>
+
+#include "lib/b64.h"
+#include "lib/heap.h"
+#include "lib/printf.h"
+#include "ports/internal.h"
+#include "toolkit/config/info.h"
+#include "toolkit/runtime/clock.h"
+#include "toolkit/runtime/error.h"
+#include "toolkit/runtime/memory.h"
+
+static_assert(sizeof(WSAPROTOCOL_INFOA) == 372, "agents decode 372 bytes of protocol information");
+
+namespace {
+
+constexpr int B64_SIZE = 744;  // 496 characters of base64 for 372 bytes, and room to spare
+
+// Closes a handle when the scope ends unless released; null and INVALID_HANDLE_VALUE
+// count as empty.
+class scoped_handle {
+ public:
+  explicit scoped_handle(HANDLE h = nullptr) : h_(h) {}
+  ~scoped_handle() { reset(); }
+  scoped_handle(scoped_handle &&other) noexcept : h_(other.release()) {}
+  scoped_handle(const scoped_handle &) = delete;
+  scoped_handle &operator=(const scoped_handle &) = delete;
+  HANDLE get() const { return h_; }
+  HANDLE *put() {
+    reset();
+    return &h_;
+  }
+  HANDLE release() {
+    HANDLE h = h_;
+    h_ = nullptr;
+    return h;
+  }
+  void reset(HANDLE h = nullptr) {
+    if (h_ && h_ != INVALID_HANDLE_VALUE) CloseHandle(h_);
+    h_ = h;
+  }
+
+ private:
+  HANDLE h_;
+};
+
+// Duplicates p's socket for pid and writes its port line; the caller has cancelled the
+// socket's event selection. False (nothing written) when the duplication fails.
+bool handover(port_record *p, child_record *c, char *b64) {
+  WSAPROTOCOL_INFOA info;
+  if (WSADuplicateSocketA(p->sock, c->pid, &info) == SOCKET_ERROR) return false;
+  kiv_b64encode(&info, sizeof info, b64);
+  sendcmd(c, "-Ptcp::%u@%s", static_cast<unsigned>(p->port), b64);
+  p->agent = c;
+  c->links++;
+  return true;
+}
+
+// The agent command line without its -C piece. The debug spec has no bound of its own,
+// so a line that outgrows the usual buffer gets a heap block of its exact size instead
+// of being cut: the agent must see the spec whole. Null when the heap refuses.
+char *agent_command_line(const char *program, const char *spec, const char *extra,
+                         char (&fixed)[CMDLINE_SIZE]) {
+  size_t need =
+      strlen(program) + (spec ? 3 + strlen(spec) : 0) + (extra ? 1 + strlen(extra) : 0) + 1;
+  char *line = need <= sizeof fixed
+                   ? fixed
+                   : static_cast<char *>(kiv_alloc(unsigned(need), "ssock.start_agent"));
+  if (!line) return nullptr;
+  xsnprintf(line, unsigned(need), "%s%s%s%s%s", program, spec ? " -D" : "", spec ? spec : "",
+            extra ? " " : "", extra ? extra : "");
+  return line;
+}
+
+}  // namespace
+
+bool start_allowed(int *starts, time_t *period_start, int limit) {
+  if (*period_start != 0 && (*starts)++ < limit) return true;
+  time_t now = kiv_time();
+  bool allowed = now - *period_start >= START_PERIOD;
+  // A refusal starts the counting afresh as well.
+  *period_start = now;
+  *starts = 0;
+  return allowed;
+}
+
+int start_agent(port_record *p) {
+  static const char TAG[] = "ssock.start_agent";
+  service_record *svc = p->service;
+  if (!svc->program || strlen(svc->program) > PROGRAM_MAX) {
+    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ECONFIG, "No program configured for service %s",
+                 svc->name);
+    return KIV_ECONFIG;
+  }
+  if (!start_allowed(&svc->starts, &svc->period_start, AGENT_STARTS)) {
+    SSOCK_LOG(3, TAG, "Too many agents started for service %s", svc->name);
+    disable_port(p, DISABLE_THROTTLED);
+    for (port_record *q = ssock_ports; q; q = q->next)
+      if (q != p && q->service == svc && !q->agent && q->sock != INVALID_SOCKET &&
+          !(q->flags & PORT_REMOVE))
+        disable_port(q, DISABLE_THROTTLED);
+    return KIV_EINVAL;
+  }
+  if (p->extra_args && strlen(p->extra_args) > EXTRA_ARGS_MAX) {
+    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ECONFIG, "Too big extra_args (len=%d)",
+                 static_cast<int>(strlen(p->extra_args)));
+    return KIV_ECONFIG;
+  }
+  char fixed[CMDLINE_SIZE];
+  char *line = agent_command_line(svc->program, kiv_logspec(), p->extra_args, fixed);
+  auto *c = static_cast<child_record *>(kiv_zalloc(sizeof(child_record), TAG));
+  int rc = line && c ? start_child(nullptr, line, &c->process, &c->pid, &c->pipe) : KIV_ENOMEM;
+  if (line != fixed) xfree(line);
+  if (rc != 0) {
+    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, rc, "Failed to start agent for service %s. Code = %d",
+                 svc->name, rc);
+    xfree(c);
+    return rc;
+  }
+  SSOCK_LOG(3, TAG, "Child %d started for port %d [%s, %s]", static_cast<int>(c->pid), p->port,
+            svc->name, START_NAMES[p->start]);
+  if (p->start == START_ON) {
+    sendcmd(c, "-Ptcp::%u", static_cast<unsigned>(p->port));
+    p->agent = c;
+    c->links++;
+  } else {
+    char b64[B64_SIZE];
+    WSAEventSelect(p->sock, p->event, 0);
+    if (!handover(p, c, b64)) {
+      kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS,
+                   "Failed to WSADuplicateSocket(). Error %d", WSAGetLastError());
+      WSAEventSelect(p->sock, p->event, FD_ACCEPT);
+      // The agent runs on without its port; closing its pipe tells it so.
+      CloseHandle(c->process);
+      CloseHandle(c->pipe);
+      xfree(c);
+      return KIV_ESYS;
+    }
+    // A hooked port's agent serves that port alone.
+    for (port_record *q = ssock_ports; q && p->start == START_AUTO; q = q->next) {
+      if (q->service != svc || q->agent || q->sock == INVALID_SOCKET || q->start != START_AUTO ||
+          (q->flags & PORT_REMOVE))
+        continue;
+      WSAEventSelect(q->sock, q->event, 0);
+      if (!handover(q, c, b64)) {
+        SSOCK_LOG(2, TAG, "Failed to WSADuplicateSocket() for port %d, Error %d", q->port,
+                  WSAGetLastError());
+        WSAEventSelect(q->sock, q->event, FD_ACCEPT);
+        continue;
+      }
+      SSOCK_LOG(3, TAG, "Port %d added to %d", q->port, static_cast<int>(c->pid));
+    }
+  }
+  sendcmd(c, "--");
+  char *name = xstrdup(svc->name, nullptr);
+  char path[PATH_SIZE];
+  char *lifespan = nullptr;
+  if (name) {
+    xsnprintf(path, sizeof path, ".services.%.*s.lifespan", 236, kivinfo_fixname(name));
+    kivinfo_get(nullptr, path, &lifespan);
+  }
+  sendcmd(c, "lifespan %s", lifespan ? lifespan : "86400");
+  xfree(lifespan);
+  xfree(name);
+  return 0;
+}
+
+int start_child(const char *application, const char *command_line, HANDLE *process, DWORD *pid,
+                HANDLE *pipe) {
+  static const char TAG[] = "ssock.start_child";
+  *pipe = nullptr;
+  *process = nullptr;
+  *pid = 0;
+  size_t length = strlen(command_line) + 20;  // " -C0x" and eight digits, and the zero
+  auto *line = static_cast<char *>(kiv_alloc(static_cast<unsigned>(length), TAG));
+  if (!line) return KIV_ENOMEM;
+  scoped_handle read, write;
+  HANDLE inheritable = nullptr;
+  PROCESS_INFORMATION info = {};
+  bool started = false;
+  if (!CreatePipe(read.put(), write.put(), nullptr, 0)) {
+    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "CreatePipe() failed %d",
+                 static_cast<int>(GetLastError()));
+  } else if (!DuplicateHandle(GetCurrentProcess(), read.release(), GetCurrentProcess(),
+                              &inheritable, 0, TRUE,
+                              DUPLICATE_CLOSE_SOURCE | DUPLICATE_SAME_ACCESS)) {
+    // DUPLICATE_CLOSE_SOURCE closes the source even when the duplication fails.
+    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "DuplicateHandle() failed %d",
+                 static_cast<int>(GetLastError()));
+  } else {
+    read.reset(inheritable);
+    // The handle value is what the agent's -C names; handles fit in 32 bits.
+    xsnprintf(line, static_cast<unsigned>(length), "%s -C%#x", command_line,
+              static_cast<unsigned>(reinterpret_cast<uintptr_t>(inheritable)));
+    STARTUPINFOA startup = {};
+    startup.cb = sizeof startup;
+    started = CreateProcessA(application, line, nullptr, nullptr, TRUE, 0, nullptr, nullptr,
+                             &startup, &info);
+    if (!started)
+      kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "CreateProcess(%s,%s) failed %d",
+                   application, command_line, static_cast<int>(GetLastError()));
+  }
+  // The read end now lives on in the agent alone.
+  read.reset();
+  xfree(line);
+  if (!started) return KIV_ESYS;
+  CloseHandle(info.hThread);
+  *process = info.hProcess;
+  *pid = info.dwProcessId;
+  *pipe = write.release();
+  return 0;
+}
+
+int start_prog(prog_record *pg) {
+  static const char TAG[] = "ssock.start_prog";
+  if (!start_allowed(&pg->starts, &pg->period_start, PROG_STARTS)) {
+    SSOCK_LOG(3, TAG, "Too many prog started for %s", pg->name);
+    pg->flags |= PROG_DISABLED;
+    return KIV_EINVAL;
+  }
+  // CreateProcessA may write into its command line: it gets a copy.
+  char *line = pg->program ? xstrdup(pg->program, nullptr) : nullptr;
+  STARTUPINFOA startup = {};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION info = {};
+  BOOL started = line && CreateProcessA(nullptr, line, nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                                        &startup, &info);
+  DWORD error = line ? GetLastError() : ERROR_INVALID_PARAMETER;
+  xfree(line);
+  if (!started) {
+    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "CreateProcess(%s) failed %d", pg->program,
+                 static_cast<int>(error));
+    return KIV_ESYS;
+  }
+  CloseHandle(info.hThread);
+  pg->process = info.hProcess;
+  pg->pid = info.dwProcessId;
+  SSOCK_LOG(3, TAG, "Started pid %d: %s", static_cast<int>(pg->pid), pg->program);
+  return 0;
+}
+
+void sendcmd(child_record *c, const char *format, ...) {
+  static const char TAG[] = "ssock.sendcmd";
+  if (!c->pipe) return;
+  // wvsprintfA never writes more than 1024 characters with its zero; the longest agent
+  // command, a port line for port 65535, has 509.
+  char text[SENDCMD_SIZE + 2];
+  va_list args;
+  va_start(args, format);
+  int length = wvsprintfA(text, format, args);
+  va_end(args);
+  if (length < 0) length = 0;
+  if (length > 20)
+    SSOCK_LOG(3, TAG, "To %d: \"%.20s ...\"", static_cast<int>(c->pid), text);
+  else
+    SSOCK_LOG(3, TAG, "To %d: \"%s\"", static_cast<int>(c->pid), text);
+  text[length] = '\r';
+  text[length + 1] = '\n';
+  DWORD written = 0;
+  WriteFile(c->pipe, text, static_cast<DWORD>(length + 2), &written, nullptr);
+}

@@ -1,0 +1,152 @@
+// The records' lists, the lookups and the record constructors.
+#include <cstring>
+
+#include "lib/heap.h"
+#include "lib/printf.h"
+#include "ports/internal.h"
+#include "toolkit/config/info.h"
+#include "toolkit/runtime/clock.h"
+#include "toolkit/runtime/error.h"
+#include "toolkit/runtime/memory.h"
+
+const char SSOCK_ROOT[] = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Orvane\\Agents";
+const char *const START_NAMES[4] = {"", "Auto", "Hook", "On"};
+
+port_record *ssock_ports;
+service_record *ssock_services;
+prog_record *ssock_progs;
+unsigned ssock_waitcount;
+HANDLE *ssock_waithandles;
+uint16_t *ssock_waitports;
+time_t ssock_nextdue;
+
+port_record *find_port(int number) {
+  for (port_record *p = ssock_ports; p; p = p->next)
+    if (p->port == static_cast<unsigned>(number) && !(p->flags & PORT_REMOVE)) return p;
+  return nullptr;
+}
+
+service_record *find_service(const char *name) {
+  for (service_record *s = ssock_services; s; s = s->next)
+    if (strcmp(s->name, name) == 0) return s;
+  return nullptr;
+}
+
+prog_record *find_prog(const char *name) {
+  for (prog_record *g = ssock_progs; g; g = g->next)
+    if (strcmp(g->name, name) == 0) return g;
+  return nullptr;
+}
+
+int service_path(char *buffer, const char *name, const char *suffix) {
+  constexpr int PREFIX = 10;  // ".services."
+  int n = xsnprintf(buffer, PATH_SIZE, ".services.%s%s", name, suffix);
+  if (n < 0 || n >= PATH_SIZE) return KIV_EOVERFLOW;
+  for (char *c = buffer + PREFIX; c < buffer + n - strlen(suffix); c++)
+    if (*c == '.') *c = '_';
+  return 0;
+}
+
+// A new zeroed record named by a copy of name, pushed at the head of its list.
+template <typename R>
+R *push_new(R *&head, const char *name, const char *tag) {
+  auto *r = static_cast<R *>(kiv_zalloc(sizeof(R), tag));
+  if (!r) return nullptr;
+  r->name = xstrdup(name, nullptr);
+  if (!r->name) {
+    xfree(r);
+    return nullptr;
+  }
+  r->next = head;
+  head = r;
+  return r;
+}
+
+// The value at path, or null when it is missing; the caller owns it.
+static char *getvalue(const char *path) {
+  char *value = nullptr;
+  return kivinfo_get(nullptr, path, &value) == 0 ? value : nullptr;
+}
+
+service_record *addservice(const char *name) {
+  static const char TAG[] = "ssock.addservice";
+  char description[PATH_SIZE], program[PATH_SIZE];
+  // A name whose paths would not fit in their buffers is refused before a record exists.
+  if (service_path(description, name, ".description") != 0 ||
+      service_path(program, name, ".program") != 0) {
+    SSOCK_LOG(1, TAG, "Service name too long: %.40s...", name);
+    return nullptr;
+  }
+  service_record *s = find_service(name);
+  if (!s && !(s = push_new(ssock_services, name, TAG))) return nullptr;
+  xfree(s->description);
+  s->description = getvalue(description);
+  xfree(s->program);
+  s->program = getvalue(program);
+  return s;
+}
+
+port_record *addport(int number, service_record *svc, int start) {
+  static const char TAG[] = "ssock.addport";
+  auto *p = static_cast<port_record *>(kiv_zalloc(sizeof(port_record), TAG));
+  if (!p) return nullptr;
+  p->port = static_cast<uint16_t>(number);
+  p->start = start;
+  p->service = svc;
+  p->sock = INVALID_SOCKET;
+  svc->nports++;
+  if (!ssock_ports || p->port < ssock_ports->port) {
+    p->next = ssock_ports;
+    ssock_ports = p;
+    return p;
+  }
+  port_record *cur = ssock_ports;
+  while (cur->next && cur->next->port <= p->port) cur = cur->next;
+  p->next = cur->next;
+  cur->next = p;
+  if (cur->port == p->port) {
+    cur->flags |= PORT_REMOVE;
+    if (cur->start == start) {
+      p->sock = cur->sock;
+      p->event = cur->event;
+      cur->sock = INVALID_SOCKET;
+      cur->event = nullptr;
+      // An agent's launch cancelled the selection on this socket; the new record has
+      // no agent and is in the wait list, so it must really listen. A pending
+      // connection signals the event again.
+      if (p->sock != INVALID_SOCKET) WSAEventSelect(p->sock, p->event, FD_ACCEPT);
+    } else {
+      cur->flags |= PORT_EXIT;
+      SSOCK_LOG(3, TAG, "New port disabled for 10 seconds");
+      p->flags |= PORT_DISABLED;
+      p->until = kiv_time() + DISABLE_MODECHANGE;
+    }
+    SSOCK_LOG(3, TAG, "Old port %d [%s] marked for removal", cur->port, cur->service->name);
+  }
+  return p;
+}
+
+prog_record *addprog(const char *name) {
+  static const char TAG[] = "ssock.addprog";
+  char path[PATH_SIZE];
+  int n = xsnprintf(path, sizeof path, ".global.start.%s.program", name);
+  if (n < 0 || n >= PATH_SIZE) {
+    SSOCK_LOG(1, TAG, "Prog name too long: %.40s...", name);
+    return nullptr;
+  }
+  prog_record *g = find_prog(name);
+  if (!g && !(g = push_new(ssock_progs, name, TAG))) return nullptr;
+  g->flags = 0;
+  xfree(g->program);
+  g->program = getvalue(path);
+  g->refs++;
+  return g;
+}
+
+void close_socket(port_record *p) {
+  if (p->sock == INVALID_SOCKET) return;
+  closesocket(p->sock);
+  WSACloseEvent(p->event);
+  p->sock = INVALID_SOCKET;
+  p->event = nullptr;
+}

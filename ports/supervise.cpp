@@ -1,0 +1,351 @@
+// Supervision: the pass that carries out removals, listens, launches and restarts, the
+// wait list it leaves for the main loop, and the handling of one signalled entry.
+#include "lib/heap.h"
+#include "ports/internal.h"
+#include "ports/util.h"
+#include "toolkit/runtime/clock.h"
+#include "toolkit/runtime/error.h"
+#include "toolkit/runtime/memory.h"
+
+namespace {
+
+const char UPDATE_TAG[] = "ssock.ssock_update";
+const char CALLBACK_TAG[] = "ssock.ssock_callback";
+
+// Unlinks p, whose predecessor is prev (null at the head), and frees it.
+void unlink_port(port_record *prev, port_record *p) {
+  p->service->nports--;
+  xfree(p->extra_args);
+  SSOCK_LOG(3, UPDATE_TAG, "Port %d/%s unlinked", p->port, START_NAMES[p->start]);
+  (prev ? prev->next : ssock_ports) = p->next;
+  xfree(p);
+}
+
+// Tells a removed port's agent to drop it: the sole port of an agent is told and waits
+// for the agent's exit; a port among others is detached at once.
+void tell_agent(port_record *p) {
+  child_record *c = p->agent;
+  SSOCK_LOG(3, UPDATE_TAG, "Removing port %d from pid %d", p->port, static_cast<int>(c->pid));
+  if (c->links == 1) {
+    if (p->flags & PORT_EXIT) {
+      sendcmd(c, "exit");
+    } else {
+      sendcmd(c, "remove tcp::%u", static_cast<unsigned>(p->port));
+      CloseHandle(c->pipe);
+      c->pipe = nullptr;
+    }
+    p->flags |= PORT_TOLD;
+  } else {
+    sendcmd(c, "remove tcp::%u", static_cast<unsigned>(p->port));
+    c->links--;
+    p->agent = nullptr;
+  }
+}
+
+// Opens the listening socket of a port that should listen; a failure disables the port.
+void start_listening(port_record *p) {
+  SOCKET s = INVALID_SOCKET;
+  int rc = listen_on(p->port, &s);
+  WSAEVENT event = WSA_INVALID_EVENT;
+  if (rc == 0) {
+    event = WSACreateEvent();
+    // A port without its event could never report a connection: treated as a failure.
+    if (event == WSA_INVALID_EVENT) {
+      closesocket(s);
+      rc = KIV_ESYS;
+    }
+  }
+  if (rc != 0) {
+    kiv_logerror(nullptr, UPDATE_TAG, KIV_SEV_ERROR, rc, "Failed to listen to port %d", p->port);
+    disable_port(p, DISABLE_THROTTLED);
+    return;
+  }
+  p->flags &= ~PORT_DISABLED;
+  p->sock = s;
+  p->event = event;
+  WSAEventSelect(s, event, FD_ACCEPT);
+  SSOCK_LOG(3, UPDATE_TAG, "Listening on port %d for %s", p->port, p->service->name);
+}
+
+// The port pass; returns the number of the port due next, or 0.
+int port_pass(time_t now) {
+  int nextport = 0;
+restart:
+  for (port_record *prev = nullptr, *p = ssock_ports; p; prev = p, p = p->next) {
+    if (p->agent) p->agent->listed = 0;
+    if (p->flags & PORT_REMOVE) {
+      if (p->parent) {
+        CloseHandle(p->parent);
+        p->parent = nullptr;
+      }
+      if (p->agent && !(p->flags & PORT_TOLD)) tell_agent(p);
+      if (p->sock != INVALID_SOCKET) {
+        SSOCK_LOG(3, UPDATE_TAG, "Not listening on port %d", p->port);
+        closesocket(p->sock);
+        SSOCK_LOG(3, UPDATE_TAG, "Socket closed");
+        WSACloseEvent(p->event);
+        p->sock = INVALID_SOCKET;
+        p->event = nullptr;
+      }
+      if (!p->agent) {
+        // A hooked port never comes back without its parent, so a removed one is freed
+        // even under a timed disable; only the disable command keeps a record disabled.
+        if (!(p->flags & PORT_DISABLED) || p->start == START_HOOK) {
+          unlink_port(prev, p);
+          goto restart;  // records already handled need nothing more
+        }
+        p->flags = PORT_DISABLED;
+      }
+    } else if (p->start == START_ON && !p->agent) {
+      if (!((p->flags & PORT_DISABLED) && now < p->until)) {
+        p->flags &= ~PORT_DISABLED;
+        if (start_agent(p) == 0) p->agent->listed = 0;
+      }
+    } else if (p->sock == INVALID_SOCKET && p->start != START_ON) {
+      if (!((p->flags & PORT_DISABLED) && now < p->until)) start_listening(p);
+    }
+    if ((p->flags & PORT_DISABLED) && p->until < ssock_nextdue) {
+      ssock_nextdue = p->until;
+      nextport = p->port;
+    }
+  }
+  return nextport;
+}
+
+void prog_pass(time_t now) {
+restart:
+  for (prog_record *prev = nullptr, *g = ssock_progs; g; prev = g, g = g->next) {
+    if (g->flags & PROG_REMOVE) {
+      if (!g->process || (g->flags & PROG_KILLED)) {
+        (prev ? prev->next : ssock_progs) = g->next;
+        if (g->process) CloseHandle(g->process);
+        xfree(g->name);
+        xfree(g->program);
+        xfree(g);
+        goto restart;
+      }
+      SSOCK_LOG(3, UPDATE_TAG, "Prog %s/%d killed", g->name, static_cast<int>(g->pid));
+      TerminateProcess(g->process, 1);
+      g->flags |= PROG_KILLED;
+    } else if (!g->process && (!(g->flags & PROG_DISABLED) || now > g->until)) {
+      g->flags &= ~PROG_DISABLED;
+      if (start_prog(g) != 0) {
+        g->flags |= PROG_DISABLED;
+        g->until = now + PROG_DISABLE_FAILED;
+        SSOCK_LOG(3, UPDATE_TAG, "Prog %s disabled for 600 sec.", g->name);
+      }
+    }
+    if ((g->flags & PROG_DISABLED) && g->until < ssock_nextdue) ssock_nextdue = g->until;
+  }
+}
+
+void service_pass() {
+restart:
+  for (service_record *prev = nullptr, *s = ssock_services; s; prev = s, s = s->next) {
+    if (s->nports != 0) continue;
+    SSOCK_LOG(3, UPDATE_TAG, "Service %s no longer used", s->name);
+    (prev ? prev->next : ssock_services) = s->next;
+    xfree(s->name);
+    xfree(s->description);
+    xfree(s->program);
+    xfree(s);
+    goto restart;
+  }
+}
+
+// Rebuilds the wait list: each idle listening port by its event, each agent once by its
+// process handle, each hooking process and each running program by its handle.
+void build_waitlist() {
+  unsigned count = 0;
+  for (port_record *p = ssock_ports; p; p = p->next) {
+    if (p->agent) {
+      if (p->agent->listed == 0) {
+        p->agent->listed = 1;
+        count++;
+      }
+    } else if (p->sock != INVALID_SOCKET) {
+      count++;
+    }
+    if (p->parent) count++;
+  }
+  for (prog_record *g = ssock_progs; g; g = g->next)
+    if (g->process) count++;
+  xfree(ssock_waithandles);
+  xfree(ssock_waitports);
+  ssock_waitcount = 0;
+  ssock_waithandles =
+      static_cast<HANDLE *>(kiv_alloc((count + WAIT_SPARE) * sizeof(HANDLE), UPDATE_TAG));
+  ssock_waitports = static_cast<uint16_t *>(kiv_alloc(count * sizeof(uint16_t), UPDATE_TAG));
+  // Without its arrays the list stays empty; the next pass tries again.
+  if (!ssock_waithandles || (count && !ssock_waitports)) return;
+  unsigned n = 0;
+  auto append = [&n](HANDLE h, uint16_t number) {
+    ssock_waithandles[n] = h;
+    ssock_waitports[n++] = number;
+  };
+  for (port_record *p = ssock_ports; p; p = p->next) {
+    if (p->agent) {
+      if (p->agent->listed == 1) {
+        p->agent->listed = 2;
+        append(p->agent->process, 0);
+      }
+    } else if (p->sock != INVALID_SOCKET) {
+      append(p->event, p->port);
+    }
+    if (p->parent) append(p->parent, 0);
+  }
+  for (prog_record *g = ssock_progs; g; g = g->next)
+    if (g->process) append(g->process, 0);
+  ssock_waitcount = n;
+}
+
+DWORD exit_code(HANDLE process) {
+  DWORD code;
+  return GetExitCodeProcess(process, &code) ? code : EXIT_UNKNOWN;
+}
+
+// A connection on a listening port: launch its agent, or refuse the connection.
+int port_event(uint16_t number, HANDLE h) {
+  port_record *p = find_port(number);
+  if (!p) {
+    kiv_logerror(nullptr, CALLBACK_TAG, KIV_SEV_ERROR, KIV_EINTERNAL, "Port %d not found. Argh!",
+                 number);
+    WSAResetEvent(h);
+    return KIV_EINTERNAL;
+  }
+  if (p->sock == INVALID_SOCKET) {
+    kiv_logerror(nullptr, CALLBACK_TAG, KIV_SEV_ERROR, KIV_EINTERNAL,
+                 "No socket for port %d. Argh!", number);
+    WSAResetEvent(h);
+    return KIV_EINTERNAL;
+  }
+  WSANETWORKEVENTS events;
+  if (WSAEnumNetworkEvents(p->sock, p->event, &events) == SOCKET_ERROR) {
+    kiv_logerror(nullptr, CALLBACK_TAG, KIV_SEV_ERROR, KIV_ESYS, "WSAEnumNetworkEvent failed %d",
+                 WSAGetLastError());
+    WSAResetEvent(h);
+    return KIV_ESYS;
+  }
+  if (!(events.lNetworkEvents & FD_ACCEPT)) {
+    SSOCK_LOG(3, CALLBACK_TAG, "NetEvents = %#x", static_cast<unsigned>(events.lNetworkEvents));
+    return 0;
+  }
+  int rc = start_agent(p);
+  if (rc == KIV_ESYS) {
+    disable_port(p, DISABLE_CRASHED);
+  } else if (rc != 0 && p->sock != INVALID_SOCKET) {
+    sockaddr_in peer = {};
+    int length = sizeof peer;
+    SOCKET s = accept(p->sock, reinterpret_cast<sockaddr *>(&peer), &length);
+    if (s != INVALID_SOCKET) closesocket(s);
+    SSOCK_LOG(3, CALLBACK_TAG, "Peer %s on port %d killed", inet_ntoa(peer.sin_addr), number);
+    WSAEventSelect(p->sock, p->event, FD_ACCEPT);
+  }
+  ssock_update();
+  return rc;
+}
+
+// The end of an agent, of a global program or of a process that hooked ports.
+int process_event(unsigned index, HANDLE h) {
+  for (prog_record *g = ssock_progs; g; g = g->next) {
+    if (g->process != h) continue;
+    DWORD code = exit_code(h);
+    SSOCK_LOG(3, CALLBACK_TAG, "Prog %s/%d died with code %#x", g->name, static_cast<int>(g->pid),
+              static_cast<unsigned>(code));
+    CloseHandle(g->process);
+    g->process = nullptr;
+    if (code >= EXIT_EXCEPTION) {
+      g->flags |= PROG_DISABLED;
+      g->until = kiv_time() + PROG_DISABLE_CRASHED;
+      SSOCK_LOG(3, CALLBACK_TAG, "Prog %s disabled for 1 minute", g->name);
+    }
+    ssock_update();
+    return 0;
+  }
+  child_record *c = nullptr;
+  int parents = 0;
+  for (port_record *p = ssock_ports; p && !c; p = p->next) {
+    if (p->agent && p->agent->process == h) {
+      c = p->agent;
+    } else if (p->parent == h) {
+      SSOCK_LOG(3, CALLBACK_TAG, "Parent for port %d died", p->port);
+      p->flags |= PORT_REMOVE | PORT_EXIT;
+      parents++;
+    }
+  }
+  if (!c) {
+    if (parents) {
+      ssock_update();
+      return 0;
+    }
+    kiv_logerror(nullptr, CALLBACK_TAG, KIV_SEV_ERROR, KIV_EINTERNAL,
+                 "Child event 0x%x signaled, but not found! (%d)",
+                 static_cast<unsigned>(reinterpret_cast<uintptr_t>(h)), static_cast<int>(index));
+    return KIV_EINTERNAL;
+  }
+  DWORD code = exit_code(h);
+  SSOCK_LOG(3, CALLBACK_TAG, "Child %d died with code %#x", static_cast<int>(c->pid),
+            static_cast<unsigned>(code));
+  if (code >= EXIT_EXCEPTION)
+    kiv_logerror(nullptr, CALLBACK_TAG, KIV_SEV_WARNING, KIV_EINVAL, "Child %d caused exeption %#x",
+                 static_cast<int>(c->pid), static_cast<unsigned>(code));
+  for (port_record *p = ssock_ports; p; p = p->next) {
+    if (p->agent != c) continue;
+    p->agent = nullptr;
+    c->links--;
+    if (code >= EXIT_EXCEPTION) {
+      // A removed record is not coming back: a 3-second rest would revive it beside its
+      // successor, or cut short a disable by command. Its removal goes on instead.
+      if (!(p->flags & PORT_REMOVE)) disable_port(p, DISABLE_CRASHED);
+    } else if (code != 0) {
+      close_socket(p);  // the next pass listens on a new socket
+    } else if (p->flags & PORT_REMOVE) {
+      SSOCK_LOG(3, CALLBACK_TAG, "Stale old port %d", p->port);
+    } else if (p->sock != INVALID_SOCKET) {
+      SSOCK_LOG(3, CALLBACK_TAG, "Listening on port %d again", p->port);
+      WSAEventSelect(p->sock, p->event, FD_ACCEPT);
+    }
+  }
+  if (c->links != 0)
+    SSOCK_LOG(1, CALLBACK_TAG, "Link count for %d is %d (!= 0)", static_cast<int>(c->pid),
+              c->links);
+  if (c->pipe) CloseHandle(c->pipe);
+  CloseHandle(c->process);
+  xfree(c);
+  ssock_update();
+  return 0;
+}
+
+}  // namespace
+
+int ssock_update() {
+  time_t now = kiv_time();
+  ssock_nextdue = now + NEXT_DUE_IDLE;
+  int nextport = port_pass(now);
+  if (nextport) SSOCK_LOG(3, UPDATE_TAG, "Next port is %d", nextport);
+  prog_pass(now);
+  service_pass();
+  build_waitlist();
+  return 0;
+}
+
+unsigned ssock_waitset(HANDLE **handles, time_t *due) {
+  // The array exists after every pass, with its spare entries even when empty.
+  *handles = ssock_waithandles;
+  *due = ssock_nextdue;
+  return ssock_waitcount;
+}
+
+int ssock_callback(unsigned index) {
+  if (index >= ssock_waitcount) return KIV_EINTERNAL;
+  uint16_t number = ssock_waitports[index];
+  HANDLE h = ssock_waithandles[index];
+  return number > 0 ? port_event(number, h) : process_event(index, h);
+}
+
+void disable_port(port_record *p, int seconds) {
+  SSOCK_LOG(3, "ssock.disable_port", "Port %d disabled for %d seconds", p->port, seconds);
+  close_socket(p);
+  p->flags |= PORT_DISABLED;
+  p->until = kiv_time() + seconds;
+}
