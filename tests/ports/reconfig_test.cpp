@@ -1,0 +1,281 @@
+// Reconfiguration against running agents, the disable and enable commands with the
+// listing, and shutdown.
+#include "ports/ssock.h"
+#include "tests/ports/fixture.h"
+#include "toolkit/runtime/error.h"
+
+namespace porttest {
+namespace {
+
+bool ready(const std::string &record, size_t count = 1) {
+  size_t n = 0;
+  for (auto &r : read_record(record))
+    n += r.text == "#ready";
+  return n >= count;
+}
+
+// Connects to port and waits until a new agent has started in `record` and greeted the
+// client; returns its pid (0 on failure). The client is closed.
+DWORD start_agent_on(unsigned port, const std::string &record) {
+  size_t before = agents(record).size();
+  SOCKET client = connect_to(port);
+  bool ok = pump_until([&] { return ready(record, before + 1); });
+  std::string hello = ok ? read_line(client) : "";
+  closesocket(client);
+  EXPECT_TRUE(ok) << port;
+  DWORD pid = ok ? agents(record).back() : 0;
+  EXPECT_EQ("agent " + std::to_string(pid) + " port " + std::to_string(port), hello);
+  return pid;
+}
+
+size_t count_of(const lines &all, const std::string &text) { return size_t(std::count(all.begin(), all.end(), text)); }
+
+using Reconfig = Ports;
+
+TEST_F(Reconfig, UnchangedConfigurationSendsOneReconfigToEachAgent) {
+  auto p = free_ports(3);
+  std::string a = record_path("a"), b = record_path("b");
+  set_service("a", agent_program(a));
+  set_service("b", agent_program(b));
+  set_port(p[0], "auto", "a");
+  set_port(p[1], "auto", "a");
+  set_port(p[2], "auto", "b");
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(0, logged("sending reconfig"));  // the first run has nothing to tell
+  DWORD agent_a = start_agent_on(p[0], a), agent_b = start_agent_on(p[2], b);
+  lines before = listing();
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(2, logged("No port removed/added sending reconfig"));
+  ASSERT_TRUE(pump_until([&] { return has_text(a, "reconfig", agent_a) && has_text(b, "reconfig", agent_b); }));
+  EXPECT_EQ(1u, count_of(pipe_lines(a, agent_a), "reconfig"));
+  EXPECT_EQ(1u, count_of(pipe_lines(b, agent_b), "reconfig"));
+  EXPECT_EQ(before, listing());
+}
+
+// The port moves to another service while the old agent holds it with another port: the
+// old agent drops it, the new record takes over the listening socket and really listens.
+TEST_F(Reconfig, ServiceChangedHandsTheSocketToTheNewRecord) {
+  auto p = free_ports(2);
+  std::string a = record_path("a"), b = record_path("b");
+  set_service("a", agent_program(a));
+  set_service("b", agent_program(b));
+  set_port(p[0], "auto", "a");
+  set_port(p[1], "auto", "a");
+  ASSERT_EQ(0, ssock_reconfig());
+  DWORD agent_a = start_agent_on(p[0], a);
+  set_port(p[0], "auto", "b");
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(1, logged("Old port " + std::to_string(p[0]) + " [a] marked for removal"));
+  EXPECT_EQ(0, logged("Listening on port " + std::to_string(p[0]) + " for b"));  // no new socket
+  EXPECT_EQ(lines({line_of(p[0], "b", "Auto"), line_of(p[1], "a", "Auto") + " Agent=" + std::to_string(agent_a)}),
+            listing());
+  waitlist w = wait_list();
+  EXPECT_EQ(1u, w.events);
+  EXPECT_EQ(std::vector<DWORD>{agent_a}, w.pids);
+  std::string number = std::to_string(p[0]);
+  ASSERT_TRUE(pump_until([&] { return has_text(a, "#closed " + number, agent_a); }));
+  EXPECT_EQ(1u, count_of(pipe_lines(a, agent_a), "remove tcp::" + number));
+
+  DWORD agent_b = start_agent_on(p[0], b);
+  EXPECT_EQ(3u, pipe_lines(b, agent_b).size());  // b's port alone
+}
+
+// auto -> on while an agent holds the port alone: that agent is told "exit"; the new
+// record rests for 10 seconds, then starts its own agent.
+TEST_F(Reconfig, StartModeChangedEndsTheAgentAndRestsTheNewRecord) {
+  unsigned port = free_ports(1)[0];
+  std::string rec = record_path("mode");
+  set_service("svc", agent_program(rec));
+  set_port(port, "auto", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  DWORD old = start_agent_on(port, rec);
+  set_port(port, "on", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(1, logged("New port disabled for 10 seconds"));
+  EXPECT_EQ(lines({line_of(port, "svc", "Auto") + " Agent=" + std::to_string(old),
+                   line_of(port, "svc", "On") + disable_of(now + 10)}),
+            listing());
+  ASSERT_TRUE(pump_until([&] { return listing().size() == 1; }));
+  EXPECT_EQ("exit", pipe_lines(rec, old).back());
+  EXPECT_EQ(lines({line_of(port, "svc", "On") + disable_of(now + 10)}), listing());
+  EXPECT_EQ(now + 10, wait_list().due);
+  advance(9);
+  EXPECT_EQ(1u, agents(rec).size());
+  advance(1);
+  ASSERT_TRUE(pump_until([&] { return ready(rec, 2); }));
+  EXPECT_EQ(lines({"-Ptcp::" + std::to_string(port), "--", "lifespan 86400"}), pipe_lines(rec, agents(rec).back()));
+}
+
+TEST_F(Reconfig, RemovedKeysMarkPortsForRemoval) {
+  auto p = free_ports(2);
+  std::string rec = record_path("gone");
+  set_service("idle", agent_program(record_path("idle")));
+  set_service("held", agent_program(rec));
+  set_port(p[0], "auto", "idle");
+  set_port(p[1], "auto", "held");
+  ASSERT_EQ(0, ssock_reconfig());
+  DWORD agent = start_agent_on(p[1], rec);
+  remove_key("tcp\\s" + std::to_string(p[0]));
+  remove_key("tcp\\s" + std::to_string(p[1]));
+  ASSERT_EQ(0, ssock_reconfig());
+  for (unsigned port : p)
+    EXPECT_EQ(1, logged("Port " + std::to_string(port) + " no longer used"));
+  EXPECT_EQ(1, logged("Service idle no longer used"));
+  // The held port waits, told, for its agent; the pipe closed after "remove".
+  EXPECT_EQ(lines({line_of(p[1], "held", "Auto") + " Agent=" + std::to_string(agent)}), listing());
+  EXPECT_EQ(KIV_ENOTFOUND, ssock_disable(int(p[1])));
+  ASSERT_TRUE(pump_until([&] { return listing().empty(); }));
+  EXPECT_EQ(lines({"-Ptcp::" + std::to_string(p[1]) + "@", "--", "lifespan 86400", "remove tcp::" + std::to_string(p[1])}),
+            [&] {
+              lines got = pipe_lines(rec, agent);
+              if (!got.empty()) got[0].resize(got[0].find('@') + 1);
+              return got;
+            }());
+  EXPECT_TRUE(has_text(rec, "#eof", agent));
+  EXPECT_EQ(1, logged("Service held no longer used"));
+  waitlist w = wait_list();
+  EXPECT_EQ(0u, w.count);
+}
+
+using Control = Ports;
+
+TEST_F(Control, DisableAndEnableWithTheListing) {
+  auto p = free_ports(3);
+  std::string held = record_path("held"), on = record_path("on");
+  set_service("idle", agent_program(record_path("idle")));
+  set_service("held", agent_program(held));
+  set_service("on", agent_program(on));
+  set_port(p[0], "auto", "idle");
+  set_port(p[1], "auto", "held");
+  set_port(p[2], "on", "on");
+  ASSERT_EQ(0, ssock_reconfig());
+  ASSERT_TRUE(pump_until([&] { return ready(on); }));
+  DWORD agent = start_agent_on(p[1], held), on_agent = agents(on)[0];
+  std::string forever = disable_of(0x7FFFFFFF);
+  EXPECT_EQ(lines({line_of(p[0], "idle", "Auto"), line_of(p[1], "held", "Auto") + " Agent=" + std::to_string(agent),
+                   line_of(p[2], "on", "On") + " Agent=" + std::to_string(on_agent)}),
+            listing());
+  // The mode name starts in column 22 (index 21) for ports of up to 5 digits and names of
+  // up to 11 characters.
+  EXPECT_EQ("Auto", listing()[0].substr(21, 4));
+
+  for (auto op : {ssock_disable, ssock_enable})
+    EXPECT_EQ(KIV_ENOTFOUND, op(65535));
+
+  // Idle port: off until enabled, then listening again at once.
+  ASSERT_EQ(0, ssock_disable(int(p[0])));
+  EXPECT_EQ(line_of(p[0], "idle", "Auto") + forever, listing()[0]);
+  EXPECT_EQ(0u, wait_list().events);
+  advance(86400 * 365);
+  EXPECT_EQ(0u, wait_list().events);
+  ASSERT_EQ(0, ssock_enable(int(p[0])));
+  EXPECT_EQ(line_of(p[0], "idle", "Auto"), listing()[0]);
+  EXPECT_EQ(1u, wait_list().events);
+
+  // Held port: its agent drops it (pipe closed, so it ends); the record stays disabled.
+  ASSERT_EQ(0, ssock_disable(int(p[1])));
+  ASSERT_TRUE(pump_until([&] { return has_text(held, "#eof", agent); }));
+  ASSERT_TRUE(pump_until([&] { return wait_list().pids.size() == 1; }));
+  EXPECT_EQ("remove tcp::" + std::to_string(p[1]), pipe_lines(held, agent).back());
+  EXPECT_EQ(line_of(p[1], "held", "Auto") + forever, listing()[1]);
+  ASSERT_EQ(0, ssock_enable(int(p[1])));
+  EXPECT_EQ(2u, wait_list().events);
+
+  // "on" port: no agent while disabled, a new one on enable.
+  ASSERT_EQ(0, ssock_disable(int(p[2])));
+  ASSERT_TRUE(pump_until([&] { return wait_list().pids.empty(); }));
+  EXPECT_EQ(line_of(p[2], "on", "On") + forever, listing()[2]);
+  ASSERT_EQ(0, ssock_enable(int(p[2])));
+  ASSERT_TRUE(pump_until([&] { return ready(on, 2); }));
+}
+
+// A service name too long for the 256-character listing line: the line is cut (where is
+// the manager's choice) or the port refused, never written past.
+TEST_F(Control, ListingLineStaysInItsBuffer) {
+  unsigned port = free_ports(1)[0];
+  std::string name(220, 'n');  // 39 characters of port, mode and disable besides
+  set_service(name, agent_program(record_path("long")));
+  set_port(port, "auto", name.c_str());
+  ASSERT_EQ(0, ssock_reconfig());
+  ssock_disable(int(port));
+  for (auto &l : listing()) {
+    EXPECT_GE(255u, l.size()) << l;
+    EXPECT_EQ(0u, l.find(line_of(port, name, "Auto").substr(0, 107))) << l;  // the name, cut anywhere
+  }
+}
+
+using Shutdown = Ports;
+
+TEST_F(Shutdown, AgentsThatExitInTimeAreNotTerminated) {
+  auto p = free_ports(3);
+  std::string a = record_path("a"), b = record_path("b"), job = record_path("job");
+  set_service("a", agent_program(a));
+  set_service("b", agent_program(b));
+  set_port(p[0], "auto", "a");
+  set_port(p[1], "auto", "a");
+  set_port(p[2], "auto", "b");
+  set_global("job", "on", agent_program(job));
+  ASSERT_EQ(0, ssock_reconfig());
+  DWORD agent_a = start_agent_on(p[0], a), agent_b = start_agent_on(p[2], b);
+  ASSERT_TRUE(pump_until([&] { return !agents(job).empty(); }));
+  cleaned_up = true;
+  ASSERT_EQ(0, ssock_cleanup());
+  EXPECT_EQ(1, logged("Closing the shop"));
+  EXPECT_EQ(1, logged("Waiting for 3 children"));
+  EXPECT_EQ(0, logged("timeout"));
+  EXPECT_EQ(0, logged("terminated"));
+  EXPECT_EQ(1, logged("Prog job/" + std::to_string(agents(job)[0]) + " killed"));
+  lines got = pipe_lines(a, agent_a);
+  ASSERT_LE(2u, got.size());
+  EXPECT_EQ("remove tcp::" + std::to_string(p[0]), got[got.size() - 2]);  // every port but the last
+  EXPECT_EQ("exit", got.back());
+  EXPECT_EQ("exit", pipe_lines(b, agent_b).back());
+}
+
+// The one real wait of the suite: an agent that ignores "exit" is terminated after 5 s.
+TEST_F(Shutdown, AgentIgnoringExitIsTerminatedAfterFiveSeconds) {
+  unsigned port = free_ports(1)[0];
+  std::string rec = record_path("stubborn");
+  set_service("svc", agent_program(rec, "-I"));
+  set_port(port, "auto", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  DWORD agent = start_agent_on(port, rec);
+  HANDLE process = OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, agent);
+  cleaned_up = true;
+  ASSERT_EQ(0, ssock_cleanup());
+  EXPECT_EQ(1, logged("timeout"));
+  EXPECT_EQ(1, logged("Process " + std::to_string(agent) + " terminated"));
+  EXPECT_TRUE(has_text(rec, "#ignored", agent));
+  ASSERT_NE(nullptr, process);
+  EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(process, 5000));
+  DWORD code = 0;
+  GetExitCodeProcess(process, &code);
+  EXPECT_EQ(1u, code);
+  CloseHandle(process);
+}
+
+// A thousand ports over ten services: the wait list holds exactly one entry per idle
+// port and one per agent, and a port far past the 64th entry still reaches its agent.
+TEST_F(Shutdown, ThousandPorts) {
+  auto p = free_ports(1000);
+  ASSERT_EQ(1000u, p.size());
+  std::string rec = record_path("many");
+  for (int s = 0; s < 10; s++)
+    set_service("k" + std::to_string(s), agent_program(rec));
+  for (unsigned i = 0; i < p.size(); i++)
+    set_port(p[i], "auto", ("k" + std::to_string(i % 10)).c_str());
+  ASSERT_EQ(0, ssock_reconfig());
+  waitlist w = wait_list();
+  EXPECT_EQ(1000u, w.count);
+  EXPECT_EQ(1000u, w.events);
+  EXPECT_EQ(1000u, listing().size());
+  DWORD agent = start_agent_on(p[999], rec);
+  EXPECT_EQ(102u, pipe_lines(rec, agent).size());  // 100 port lines, "--", "lifespan"
+  w = wait_list();
+  EXPECT_EQ(901u, w.count);
+  EXPECT_EQ(900u, w.events);
+  EXPECT_EQ(std::vector<DWORD>{agent}, w.pids);
+}
+
+}  // namespace
+}  // namespace porttest
