@@ -23,8 +23,8 @@ constexpr int LISTING_FIXED = 83;
 constexpr int LISTING_NAME_MAX = LISTING_SIZE - 1 - LISTING_FIXED;
 static_assert(LISTING_NAME_MAX >= 160, "the listing shows long service names whole");
 
-// A UTC breakdown for when localtime cannot represent the time (0x7FFFFFFF east of UTC
-// with a 32-bit time): the listing line is still written.
+}  // namespace
+
 void utc_breakdown(time_t t, tm *out) {
   long long days = t / 86400, seconds = t % 86400;
   if (seconds < 0) {
@@ -48,6 +48,8 @@ void utc_breakdown(time_t t, tm *out) {
   out->tm_hour = static_cast<int>(seconds / 3600);
   out->tm_min = static_cast<int>(seconds / 60 % 60);
 }
+
+namespace {
 
 void local_breakdown(time_t t, tm *out) {
   const tm *local = localtime(&t);

@@ -141,6 +141,11 @@ int service_path(char *buffer, const char *name, const char *suffix);
 // Closes a port's socket and its event together.
 void close_socket(port_record *p);
 
+// Control operations (control.cpp).
+// A UTC breakdown (year, month, day, hour, minute) for when localtime cannot represent a
+// time, as 0x7FFFFFFF east of UTC with a 32-bit time: the listing line is still written.
+void utc_breakdown(time_t t, tm *out);
+
 // Reconfiguration (reconfig.cpp).
 int servnode_cb(const char *path, const char *value, void *arg);
 int tcpnode_cb(const char *path, const char *value, void *arg);
@@ -155,7 +160,7 @@ int start_child(const char *application, const char *command_line, HANDLE *proce
                 HANDLE *pipe);
 int start_prog(prog_record *pg);  // 0, KIV_EINVAL (throttled), KIV_ESYS
 // Writes one agent command and CR LF; nothing once the child's pipe is closed.
-void sendcmd(child_record *c, const char *format, ...);
+void sendcmd(child_record *c, const char *format, ...) KIV_PRINTF(2, 3);
 // The throttle shared by agents and programs: counts a start in *starts / *period_start;
 // false when `limit` starts already followed the one that opened a period still running.
 bool start_allowed(int *starts, time_t *period_start, int limit);

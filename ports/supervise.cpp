@@ -294,7 +294,9 @@ int process_event(unsigned index, HANDLE h) {
     p->agent = nullptr;
     c->links--;
     if (code >= EXIT_EXCEPTION) {
-      disable_port(p, DISABLE_CRASHED);
+      // A removed record is not coming back: a 3-second rest would revive it beside its
+      // successor, or cut short a disable by command. Its removal goes on instead.
+      if (!(p->flags & PORT_REMOVE)) disable_port(p, DISABLE_CRASHED);
     } else if (code != 0) {
       close_socket(p);  // the next pass listens on a new socket
     } else if (p->flags & PORT_REMOVE) {
