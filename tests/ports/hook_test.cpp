@@ -8,7 +8,6 @@
 namespace porttest {
 namespace {
 
-bool ready(const std::string &record) { return has_text(record, "#ready"); }
 std::string cmd_of(const std::string &record) {
   for (auto &t : texts(record))
     if (t.compare(0, 5, "#cmd ") == 0)

@@ -7,30 +7,28 @@
 namespace porttest {
 namespace {
 
-bool ready(const std::string &record, size_t count = 1) {
-  size_t n = 0;
-  for (auto &r : read_record(record))
-    n += r.text == "#ready";
-  return n >= count;
-}
-
-// Connects to port and waits until a new agent has started in `record` and greeted the
-// client; returns its pid (0 on failure). The client is closed.
-DWORD start_agent_on(unsigned port, const std::string &record) {
-  size_t before = agents(record).size();
-  SOCKET client = connect_to(port);
-  bool ok = pump_until([&] { return ready(record, before + 1); });
-  std::string hello = ok ? read_line(client) : "";
-  closesocket(client);
-  EXPECT_TRUE(ok) << port;
-  DWORD pid = ok ? agents(record).back() : 0;
-  EXPECT_EQ("agent " + std::to_string(pid) + " port " + std::to_string(port), hello);
-  return pid;
-}
-
 size_t count_of(const lines &all, const std::string &text) { return size_t(std::count(all.begin(), all.end(), text)); }
 
 using Reconfig = Ports;
+
+// Which port keys become ports: the key name, the start value, the service and its program.
+TEST_F(Reconfig, OnlyWellFormedPortKeysBecomePorts) {
+  auto p = free_ports(6);
+  auto key = [&](const char *prefix, int i) { return prefix + std::to_string(p[size_t(i)]); };
+  set_service("svc", agent_program(record_path("shapes")));
+  set_port_key(key("s", 0), "auto", "svc");
+  set_port_key(key("S", 1), "auto", "svc");     // key names are compared without case
+  set_port_key(key("s", 2), "Auto", "svc");     // start values are not
+  set_port_key(key("s", 3), "hook", "svc");     // hooked only by the add command
+  set_port_key(key("s", 4), "auto", nullptr);   // no service
+  set_port_key(key("s", 5), "auto", "noprog");  // a service without a program
+  set_port_key("s0", "auto", "svc");
+  set_port_key("s65535", "auto", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(lines({line_of(p[0], "svc", "Auto"), line_of(p[1], "svc", "Auto")}), listing());
+  EXPECT_EQ(1, logged("No program for service noprog. " + std::to_string(p[5]) + " not added"));
+  EXPECT_EQ(2u, wait_list().events);
+}
 
 TEST_F(Reconfig, UnchangedConfigurationSendsOneReconfigToEachAgent) {
   auto p = free_ports(3);
@@ -161,12 +159,15 @@ TEST_F(Control, DisableAndEnableWithTheListing) {
 
   for (auto op : {ssock_disable, ssock_enable})
     EXPECT_EQ(KIV_ENOTFOUND, op(65535));
+  EXPECT_EQ(KIV_EINTERNAL, ssock_callback(wait_list().count));  // past the wait list
 
   // Idle port: off until enabled, then listening again at once.
   ASSERT_EQ(0, ssock_disable(int(p[0])));
   EXPECT_EQ(line_of(p[0], "idle", "Auto") + forever, listing()[0]);
   EXPECT_EQ(0u, wait_list().events);
   advance(86400 * 365);
+  ASSERT_EQ(0, ssock_reconfig());  // a disable by command outlives time and reconfiguration
+  EXPECT_EQ(line_of(p[0], "idle", "Auto") + forever, listing()[0]);
   EXPECT_EQ(0u, wait_list().events);
   ASSERT_EQ(0, ssock_enable(int(p[0])));
   EXPECT_EQ(line_of(p[0], "idle", "Auto"), listing()[0]);

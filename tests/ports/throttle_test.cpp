@@ -100,9 +100,27 @@ TEST_F(Throttle, PortThatCannotBeBoundRestsFifteenMinutes) {
   closesocket(blocker);
   advance(899);
   EXPECT_EQ(0u, wait_list().count);
-  advance(1);
+  // A reconfiguration lifts a timed disable at once.
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(1, logged("Reenable port " + std::to_string(port)));
   EXPECT_EQ(1u, wait_list().events);
   EXPECT_EQ(lines({line_of(port, "svc", "Auto")}), listing());
+}
+
+TEST_F(Throttle, AgentThatCannotBeStartedRestsItsPortThreeSeconds) {
+  unsigned port = free_ports(1)[0];
+  set_service("svc", "C:\\kivd-no-such-folder\\agent.exe");
+  set_port(port, "auto", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  SOCKET client = connect_to(port);
+  ASSERT_TRUE(pump_until([] { return logged("Failed to start agent for service svc. Code = -12") == 1; }));
+  closesocket(client);
+  EXPECT_EQ(lines({line_of(port, "svc", "Auto") + disable_of(now + 3)}), listing());
+  waitlist w = wait_list();
+  EXPECT_EQ(0u, w.count);
+  EXPECT_EQ(now + 3, w.due);
+  advance(3);
+  EXPECT_EQ(1u, wait_list().events);
 }
 
 }  // namespace
