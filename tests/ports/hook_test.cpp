@@ -113,6 +113,61 @@ TEST_F(Hook, HookedPortLivesAsLongAsItsParent) {
   CloseHandle(stranger.hProcess);
 }
 
+TEST_F(Hook, HookingAgainWithoutPidDropsTheParent) {
+  unsigned port = free_ports(1)[0];
+  set_service("svc", agent_program(record_path("again")));
+  set_port(port, "hook", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  PROCESS_INFORMATION parent = start_process(agent_program(record_path("parent-process"), "-S60000"));
+  ASSERT_EQ(0, ssock_add(int(port), std::to_string(parent.dwProcessId).c_str(), nullptr));
+  ASSERT_EQ(0, ssock_add(int(port), nullptr, nullptr));
+  EXPECT_EQ(lines({line_of(port, "svc", "Hook")}), listing());
+  waitlist w = wait_list();
+  EXPECT_EQ(1u, w.events);
+  EXPECT_TRUE(w.pids.empty());
+  TerminateProcess(parent.hProcess, 0);
+  CloseHandle(parent.hProcess);
+}
+
+// A hooked port resting after a failed bind goes for good when it is removed or its
+// parent ends: it never comes back without its parent.
+TEST_F(Hook, RestingHookedPortIsFreedOnRemoveAndOnParentDeath) {
+  for (bool by_parent : {false, true}) {
+    SCOPED_TRACE(by_parent ? "parent ends" : "remove");
+    unsigned port = free_ports(1)[0];
+    SOCKET blocker = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    SetHandleInformation(reinterpret_cast<HANDLE>(blocker), HANDLE_FLAG_INHERIT, 0);
+    sockaddr_in a = {};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(u_short(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(0, bind(blocker, reinterpret_cast<sockaddr *>(&a), sizeof a));
+    ASSERT_EQ(0, listen(blocker, 1));
+    set_service("svc", agent_program(record_path("resting")));
+    set_port(port, "hook", "svc");
+    ASSERT_EQ(0, ssock_reconfig());
+    PROCESS_INFORMATION parent = start_process(agent_program(record_path("parent-process"), "-S60000"));
+    std::string pid = std::to_string(parent.dwProcessId);
+    ASSERT_EQ(0, ssock_add(int(port), pid.c_str(), nullptr));
+    EXPECT_EQ(lines({line_of(port, "svc", "Hook") + disable_of(now + 900) + " Parent=" + pid}), listing());
+    closesocket(blocker);
+    if (by_parent) {
+      TerminateProcess(parent.hProcess, 0);
+      ASSERT_TRUE(pump_until([&] { return listing().empty(); }));
+    } else {
+      ASSERT_EQ(0, ssock_remove(int(port)));
+      EXPECT_EQ(lines(), listing());
+    }
+    EXPECT_EQ(0u, wait_list().count);
+    advance(900);
+    EXPECT_EQ(lines(), listing());
+    EXPECT_EQ(0u, wait_list().count);
+    TerminateProcess(parent.hProcess, 0);
+    CloseHandle(parent.hProcess);
+    restart_manager();
+  }
+}
+
 // Texts at their limits and one past them. A refused launch accepts the waiting
 // connection and closes it; the port keeps listening.
 TEST_F(Hook, CommandLinePiecesAtAndPastTheirLimits) {
@@ -178,6 +233,7 @@ TEST_F(Hook, LongDebugSpecNeverOverrunsTheCommandLine) {
     std::string line = before_pipe(cmd_of(rec));
     EXPECT_EQ(program, line.substr(0, program.size()));
     std::string debug = line.substr(program.size());
+    EXPECT_LE(3u, debug.size()) << line;
     EXPECT_EQ(debug, (" -D" + spec).substr(0, debug.size()));  // the spec, cut at most
   }
   EXPECT_EQ(lines({line_of(port, "svc", "Auto") + (ready(rec) ? " Agent=" + std::to_string(agents(rec)[0]) : "")}),

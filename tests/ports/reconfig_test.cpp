@@ -190,6 +190,29 @@ TEST_F(Control, DisableAndEnableWithTheListing) {
   ASSERT_TRUE(pump_until([&] { return ready(on, 2); }));
 }
 
+// A disable by command outlives an exception exit of the agent that held the port.
+TEST_F(Control, DisabledPortStaysDisabledWhenItsAgentCrashes) {
+  unsigned port = free_ports(1)[0];
+  std::string rec = record_path("crashing");
+  set_service("svc", agent_program(rec, "-I"));  // stays after its pipe closes
+  set_port(port, "auto", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  SOCKET client = connect_to(port);
+  ASSERT_TRUE(pump_until([&] { return ready(rec); }));
+  DWORD agent = agents(rec)[0];
+  ASSERT_EQ("agent " + std::to_string(agent) + " port " + std::to_string(port), read_line(client));
+  ASSERT_EQ(0, ssock_disable(int(port)));
+  ASSERT_TRUE(pump_until([&] { return has_text(rec, "remove tcp::" + std::to_string(port), agent); }));
+  send_text(client, "crash");
+  closesocket(client);
+  ASSERT_TRUE(pump_until([&] { return logged("caused exeption") == 1; }));
+  std::string forever = disable_of(0x7FFFFFFF);
+  EXPECT_EQ(lines({line_of(port, "svc", "Auto") + forever}), listing());
+  advance(3);
+  EXPECT_EQ(lines({line_of(port, "svc", "Auto") + forever}), listing());
+  EXPECT_EQ(0u, wait_list().count);
+}
+
 // A service name too long for the 256-character listing line: the line is cut (where is
 // the manager's choice) or the port refused, never written past.
 TEST_F(Control, ListingLineStaysInItsBuffer) {
