@@ -267,6 +267,21 @@ std::vector<unsigned> free_ports(unsigned count) {
   return ports;
 }
 
+SOCKET block_port(unsigned port) {
+  SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
+  sockaddr_in a = {};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(u_short(port));
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (s != INVALID_SOCKET && (bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a) || listen(s, 1))) {
+    ADD_FAILURE() << "block port " << port << ": " << WSAGetLastError();
+    closesocket(s);
+    return INVALID_SOCKET;
+  }
+  return s;
+}
+
 SOCKET connect_to(unsigned port) {
   SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
   if (s == INVALID_SOCKET)

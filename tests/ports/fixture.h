@@ -74,6 +74,9 @@ std::string disable_of(time_t t);
 
 // Ports free on loopback right now, ascending.
 std::vector<unsigned> free_ports(unsigned count);
+// Another program's listening socket on 127.0.0.1:port, not inheritable (INVALID_SOCKET
+// on failure): the manager's bind of the port fails while it is open.
+SOCKET block_port(unsigned port);
 // A non-inheritable client connection to 127.0.0.1:port (INVALID_SOCKET on failure).
 SOCKET connect_to(unsigned port);
 // One line from the peer without CR LF; "" on close, reset or 10 s of silence.

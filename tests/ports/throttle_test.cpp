@@ -79,14 +79,8 @@ TEST_F(Throttle, ProgramEndedByAnExceptionRestsForAMinute) {
 
 TEST_F(Throttle, PortThatCannotBeBoundRestsFifteenMinutes) {
   unsigned port = free_ports(1)[0];
-  SOCKET blocker = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  SetHandleInformation(reinterpret_cast<HANDLE>(blocker), HANDLE_FLAG_INHERIT, 0);
-  sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(u_short(port));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(0, bind(blocker, reinterpret_cast<sockaddr *>(&a), sizeof a));
-  ASSERT_EQ(0, listen(blocker, 1));
+  SOCKET blocker = block_port(port);
+  ASSERT_NE(INVALID_SOCKET, blocker);
   set_service("svc", agent_program(record_path("bind")));
   set_port(port, "auto", "svc");
   ASSERT_EQ(0, ssock_reconfig());
