@@ -1,5 +1,7 @@
 // Reconfiguration against running agents, the disable and enable commands with the
 // listing, and shutdown.
+#include <regex>
+
 #include "ports/ssock.h"
 #include "tests/ports/fixture.h"
 #include "toolkit/runtime/error.h"
@@ -211,6 +213,33 @@ TEST_F(Control, DisabledPortStaysDisabledWhenItsAgentCrashes) {
   advance(3);
   EXPECT_EQ(lines({line_of(port, "svc", "Auto") + forever}), listing());
   EXPECT_EQ(0u, wait_list().count);
+}
+
+// "Until enabled" is the largest time value; the line is produced in any time zone, even
+// where that instant's local time is past it.
+TEST_F(Control, DisabledUntilEnabledIsListedInAnyTimeZone) {
+  unsigned port = free_ports(1)[0];
+  set_service("svc", agent_program(record_path("zones")));
+  set_port(port, "auto", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  ASSERT_EQ(0, ssock_disable(int(port)));
+  const std::regex disabled(" Disable=\\d{4}-\\d\\d-\\d\\d_\\d\\d:\\d\\d");
+  for (const char *zone : {"TZ=UTC0", "TZ=KIV-14", "TZ=KIV+12"}) {
+    SCOPED_TRACE(zone);
+    _putenv(zone);
+    _tzset();
+    lines got = listing();
+    ASSERT_EQ(1u, got.size());
+    std::string head = line_of(port, "svc", "Auto");
+    EXPECT_EQ(head, got[0].substr(0, head.size()));
+    EXPECT_TRUE(std::regex_match(got[0].substr(head.size()), disabled)) << got[0];
+    time_t forever = 0x7FFFFFFF;
+    if (localtime(&forever)) {
+      EXPECT_EQ(head + disable_of(forever), got[0]);
+    }
+  }
+  _putenv("TZ=");
+  _tzset();
 }
 
 // A service name too long for the 256-character listing line: the line is cut (where is

@@ -131,8 +131,9 @@ TEST_F(Road, AgentExitCodeDecidesWhatBecomesOfItsPorts) {
 TEST_F(Road, OnPortKeepsOneAgentThatListensByItself) {
   unsigned port = free_ports(1)[0];
   std::string rec = record_path("on");
-  set_service("svc", agent_program(rec), "77");
-  set_port(port, "on", "svc");
+  // A dotted, mixed-case service name: its keys are found under "On_Svc", in any case.
+  set_service("On_Svc", agent_program(rec), "77");
+  set_port(port, "on", "On.Svc");
   ASSERT_EQ(0, ssock_reconfig());
   ASSERT_TRUE(pump_until([&] { return ready(rec, 1); }));
   DWORD first = agents(rec)[0];
@@ -142,7 +143,7 @@ TEST_F(Road, OnPortKeepsOneAgentThatListensByItself) {
   waitlist w = wait_list();
   EXPECT_EQ(std::vector<DWORD>{first}, w.pids);
   EXPECT_EQ(0u, w.events);
-  EXPECT_EQ(lines({line_of(port, "svc", "On") + " Agent=" + std::to_string(first)}), listing());
+  EXPECT_EQ(lines({line_of(port, "On.Svc", "On") + " Agent=" + std::to_string(first)}), listing());
 
   // A non-zero exit: the pass starts the next agent at once.
   SOCKET client = connect_to(port);
@@ -159,7 +160,7 @@ TEST_F(Road, OnPortKeepsOneAgentThatListensByItself) {
   send_text(client, "crash");
   closesocket(client);
   ASSERT_TRUE(pump_until([&] { return logged("Child " + std::to_string(second) + " caused exeption") == 1; }));
-  EXPECT_EQ(lines({line_of(port, "svc", "On") + disable_of(now + 3)}), listing());
+  EXPECT_EQ(lines({line_of(port, "On.Svc", "On") + disable_of(now + 3)}), listing());
   w = wait_list();
   EXPECT_EQ(0u, w.count);
   EXPECT_EQ(now + 3, w.due);

@@ -73,8 +73,36 @@ TEST_F(Throttle, ProgramEndedByAnExceptionRestsForAMinute) {
   ASSERT_TRUE(pump_until([] { return logged("Prog job disabled for 1 minute") == 1; }));
   EXPECT_EQ(1, logged("died with code 0xc0000005"));
   EXPECT_EQ(now + 60, wait_list().due);
-  advance(61);
+  advance(60);
+  EXPECT_EQ(1, logged("Started pid"));
+  advance(1);
   EXPECT_EQ(2, logged("Started pid"));
+  // A reconfiguration makes a resting program eligible again at once.
+  ASSERT_TRUE(pump_until([] { return logged("Prog job disabled for 1 minute") == 2; }));
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(3, logged("Started pid"));
+}
+
+TEST_F(Throttle, ProgramNoLongerConfiguredIsKilledAndForgotten) {
+  std::string rec = record_path("gone");
+  set_global("job", "on", agent_program(rec));  // lives until killed
+  ASSERT_EQ(0, ssock_reconfig());
+  ASSERT_TRUE(pump_until([&] { return !agents(rec).empty(); }));
+  DWORD pid = agents(rec)[0];
+  HANDLE process = OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid);
+  EXPECT_EQ(std::vector<DWORD>{pid}, wait_list().pids);
+  remove_key("global\\start\\job");
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(1, logged("Prog job no longer used"));
+  EXPECT_EQ(1, logged("Prog job/" + std::to_string(pid) + " killed"));
+  ASSERT_TRUE(pump_until([] { return wait_list().count == 0; }));
+  ASSERT_NE(nullptr, process);
+  EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(process, 5000));
+  DWORD code = 0;
+  GetExitCodeProcess(process, &code);
+  EXPECT_EQ(1u, code);
+  CloseHandle(process);
+  EXPECT_EQ(1, logged("Started pid"));  // not started again
 }
 
 TEST_F(Throttle, PortThatCannotBeBoundRestsFifteenMinutes) {
