@@ -325,6 +325,18 @@ DWORD start_agent_on(unsigned port, const std::string &record) {
   return pid;
 }
 
+HANDLE open_process(DWORD pid) { return OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid); }
+
+DWORD exit_code(HANDLE process) {
+  if (!process)
+    return 0xFFFFFFFF;
+  DWORD code = STILL_ACTIVE;
+  if (WaitForSingleObject(process, 5000) == WAIT_OBJECT_0)
+    GetExitCodeProcess(process, &code);
+  CloseHandle(process);
+  return code;
+}
+
 PROCESS_INFORMATION start_process(const std::string &program) {
   STARTUPINFOA si = {};
   si.cb = sizeof si;

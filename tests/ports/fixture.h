@@ -85,6 +85,11 @@ void send_text(SOCKET s, const std::string &text);
 // Connects to port and pumps until a new agent of `record` has started and greeted the
 // client; returns its pid (0 on failure). The client is closed.
 DWORD start_agent_on(unsigned port, const std::string &record);
+// A handle to wait for the process and read its exit code.
+HANDLE open_process(DWORD pid);
+// Waits up to 5 s for the process to end, closes the handle, returns its exit code
+// (STILL_ACTIVE if it did not end, 0xFFFFFFFF for a null handle).
+DWORD exit_code(HANDLE process);
 // A process that lives until killed (the test agent without a pipe), not inheriting.
 PROCESS_INFORMATION start_process(const std::string &program);
 

@@ -293,18 +293,13 @@ TEST_F(Shutdown, AgentIgnoringExitIsTerminatedAfterFiveSeconds) {
   set_port(port, "auto", "svc");
   ASSERT_EQ(0, ssock_reconfig());
   DWORD agent = start_agent_on(port, rec);
-  HANDLE process = OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, agent);
+  HANDLE process = open_process(agent);
   cleaned_up = true;
   ASSERT_EQ(0, ssock_cleanup());
   EXPECT_EQ(1, logged("timeout"));
   EXPECT_EQ(1, logged("Process " + std::to_string(agent) + " terminated"));
   EXPECT_TRUE(has_text(rec, "#ignored", agent));
-  ASSERT_NE(nullptr, process);
-  EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(process, 5000));
-  DWORD code = 0;
-  GetExitCodeProcess(process, &code);
-  EXPECT_EQ(1u, code);
-  CloseHandle(process);
+  EXPECT_EQ(1u, exit_code(process));  // terminated
 }
 
 // A thousand ports over ten services: the wait list holds exactly one entry per idle

@@ -89,19 +89,14 @@ TEST_F(Throttle, ProgramNoLongerConfiguredIsKilledAndForgotten) {
   ASSERT_EQ(0, ssock_reconfig());
   ASSERT_TRUE(pump_until([&] { return !agents(rec).empty(); }));
   DWORD pid = agents(rec)[0];
-  HANDLE process = OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid);
+  HANDLE process = open_process(pid);
   EXPECT_EQ(std::vector<DWORD>{pid}, wait_list().pids);
   remove_key("global\\start\\job");
   ASSERT_EQ(0, ssock_reconfig());
   EXPECT_EQ(1, logged("Prog job no longer used"));
   EXPECT_EQ(1, logged("Prog job/" + std::to_string(pid) + " killed"));
   ASSERT_TRUE(pump_until([] { return wait_list().count == 0; }));
-  ASSERT_NE(nullptr, process);
-  EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(process, 5000));
-  DWORD code = 0;
-  GetExitCodeProcess(process, &code);
-  EXPECT_EQ(1u, code);
-  CloseHandle(process);
+  EXPECT_EQ(1u, exit_code(process));  // terminated
   EXPECT_EQ(1, logged("Started pid"));  // not started again
 }
 
