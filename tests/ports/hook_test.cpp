@@ -8,8 +8,8 @@
 namespace porttest {
 namespace {
 
-std::string cmd_of(const std::string &record) {
-  for (auto &t : texts(record))
+std::string cmd_of(const std::string &record, DWORD pid = 0) {
+  for (auto &t : texts(record, pid))
     if (t.compare(0, 5, "#cmd ") == 0)
       return t.substr(5);
   return "";
@@ -125,6 +125,34 @@ TEST_F(Hook, HookingAgainWithoutPidDropsTheParent) {
   waitlist w = wait_list();
   EXPECT_EQ(1u, w.events);
   EXPECT_TRUE(w.pids.empty());
+  TerminateProcess(parent.hProcess, 0);
+  CloseHandle(parent.hProcess);
+}
+
+// The same parent hooks a port again while an agent holds it: the old agent drops it
+// (its pipe closed, so it ends), the new record takes over the socket and listens on it.
+TEST_F(Hook, HookingAgainWhileHeldHandsTheSocketOver) {
+  unsigned port = free_ports(1)[0];
+  std::string rec = record_path("rehook");
+  std::string program = agent_program(rec);
+  set_service("svc", program);
+  set_port(port, "hook", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  PROCESS_INFORMATION parent = start_process(agent_program(record_path("parent-process"), "-S60000"));
+  std::string pid = std::to_string(parent.dwProcessId);
+  ASSERT_EQ(0, ssock_add(int(port), pid.c_str(), "one"));
+  DWORD first = start_agent_on(port, rec);
+  ASSERT_EQ(0, ssock_add(int(port), pid.c_str(), "two"));
+  ASSERT_TRUE(pump_until([&] { return has_text(rec, "#eof", first); }));
+  EXPECT_EQ("remove tcp::" + std::to_string(port), pipe_lines(rec, first).back());
+  ASSERT_TRUE(pump_until([&] { return listing().size() == 1; }));
+  EXPECT_EQ(lines({line_of(port, "svc", "Hook") + " Parent=" + pid}), listing());
+  waitlist w = wait_list();
+  EXPECT_EQ(1u, w.events);
+  EXPECT_EQ(std::vector<DWORD>{parent.dwProcessId}, w.pids);
+  DWORD second = start_agent_on(port, rec);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(program + " -D3 two", before_pipe(cmd_of(rec, second)));
   TerminateProcess(parent.hProcess, 0);
   CloseHandle(parent.hProcess);
 }
