@@ -36,6 +36,8 @@ TEST_F(Hook, HookedPortWithoutParentServesOnlyItselfAndGoesOnRemove) {
   EXPECT_EQ(lines({line_of(other, "svc", "Auto")}), listing());  // reconfiguration never hooks
 
   EXPECT_EQ(KIV_ECONFIG, ssock_add(other, nullptr, nullptr));   // configured "auto"
+  for (int number : {0, 65535, 70000})                            // never configured
+    EXPECT_EQ(KIV_ECONFIG, ssock_add(number, nullptr, nullptr)) << number;
   EXPECT_EQ(KIV_ECONFIG, ssock_remove(other));
   for (auto op : {ssock_remove, ssock_disable, ssock_enable})  // not hooked yet: no record
     EXPECT_EQ(KIV_ENOTFOUND, op(int(hooked)));
