@@ -1,0 +1,379 @@
+#include "tests/ports/fixture.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "ports/ssock.h"
+#include "toolkit/config/info.h"
+#include "toolkit/runtime/clock.h"
+#include "toolkit/runtime/log.h"
+
+namespace porttest {
+
+time_t now = START_TIME;
+lines logs;
+
+namespace {
+
+const char ROOT[] = "SOFTWARE\\Orvane\\Agents";
+std::string record_dir;
+std::vector<std::string> record_files;
+lines listed;
+
+time_t fake_time() { return now; }
+void capture(const char *line) { logs.push_back(line); }
+int collect(int, const char *text, int length) {
+  listed.emplace_back(text, size_t(length));
+  return length;
+}
+
+void set_values(const std::string &subkey, std::initializer_list<std::pair<const char *, const char *>> values) {
+  HKEY key = nullptr;
+  std::string path = std::string(ROOT) + "\\" + subkey;
+  ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
+                                           nullptr, &key, nullptr)) << path;
+  for (auto &v : values) {
+    if (v.second) {
+      EXPECT_EQ(ERROR_SUCCESS, RegSetValueExA(key, v.first, 0, REG_SZ, reinterpret_cast<const BYTE *>(v.second),
+                                              DWORD(strlen(v.second) + 1))) << path << " " << v.first;
+    }
+  }
+  RegCloseKey(key);
+}
+
+std::string agent_exe() {
+  char self[MAX_PATH], full[MAX_PATH];
+  DWORD n = GetModuleFileNameA(nullptr, self, sizeof self);
+  std::string dir(self, n);
+  dir.erase(dir.find_last_of('\\') + 1);
+  std::string relative = KIV_TESTAGENT;
+  std::replace(relative.begin(), relative.end(), '/', '\\');
+  GetFullPathNameA((dir + relative).c_str(), sizeof full, full, nullptr);
+  return full;
+}
+
+// Socket, pipe and process set-up shared by every test of the executable.
+struct Environment : ::testing::Environment {
+  void SetUp() override {
+    WSADATA wsa;
+    ASSERT_EQ(0, WSAStartup(MAKEWORD(2, 2), &wsa));
+    ASSERT_EQ(0, kivinfo_init(0));
+    char temp[MAX_PATH];
+    GetTempPathA(sizeof temp, temp);
+    record_dir = std::string(temp) + "kivports" + std::to_string(GetCurrentProcessId()) + "\\";
+    CreateDirectoryA(record_dir.c_str(), nullptr);
+  }
+  void TearDown() override { RemoveDirectoryA(record_dir.c_str()); }
+};
+::testing::Environment *const environment = ::testing::AddGlobalTestEnvironment(new Environment);
+
+}  // namespace
+
+void set_port(unsigned port, const char *start, const char *service) {
+  set_port_key("s" + std::to_string(port), start, service);
+}
+void set_port_key(const std::string &key, const char *start, const char *service) {
+  set_values("tcp\\" + key, {{"start", start}, {"service", service}});
+}
+void set_service(const std::string &name, const std::string &program, const char *lifespan) {
+  set_values("services\\" + name, {{"program", program.c_str()}, {"lifespan", lifespan}});
+}
+void set_global(const std::string &name, const char *start, const std::string &program) {
+  set_values("global\\start\\" + name, {{"start", start}, {"program", program.c_str()}});
+}
+void remove_key(const std::string &subkey) {
+  EXPECT_EQ(ERROR_SUCCESS, RegDeleteTreeA(HKEY_LOCAL_MACHINE, (std::string(ROOT) + "\\" + subkey).c_str())) << subkey;
+}
+
+std::string agent_program(const std::string &record, const std::string &options) {
+  static const std::string exe = agent_exe();
+  return "\"" + exe + "\" -F" + record + (options.empty() ? "" : " " + options);
+}
+
+std::string record_path(const std::string &name) {
+  std::string path = record_dir + name + ".rec";
+  DeleteFileA(path.c_str());
+  record_files.push_back(path);
+  return path;
+}
+
+std::vector<recline> read_record(const std::string &path) {
+  std::vector<recline> out;
+  HANDLE f = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                         nullptr, OPEN_EXISTING, 0, nullptr);
+  if (f == INVALID_HANDLE_VALUE)
+    return out;
+  std::string all;
+  char buffer[65536];
+  DWORD got;
+  while (ReadFile(f, buffer, sizeof buffer, &got, nullptr) && got)
+    all.append(buffer, got);
+  CloseHandle(f);
+  size_t start = 0, eol;
+  // A line is complete only with its newline: the agent may be writing the rest now.
+  while ((eol = all.find('\n', start)) != std::string::npos) {
+    std::string line = all.substr(start, eol - start);
+    start = eol + 1;
+    size_t blank = line.find(' ');
+    if (blank != std::string::npos)
+      out.push_back({DWORD(strtoul(line.c_str(), nullptr, 10)), line.substr(blank + 1)});
+  }
+  return out;
+}
+
+lines texts(const std::string &path, DWORD pid) {
+  lines out;
+  for (auto &r : read_record(path))
+    if (!pid || r.pid == pid)
+      out.push_back(r.text);
+  return out;
+}
+
+std::vector<DWORD> agents(const std::string &path) {
+  std::vector<DWORD> out;
+  for (auto &r : read_record(path))
+    if (std::find(out.begin(), out.end(), r.pid) == out.end())
+      out.push_back(r.pid);
+  return out;
+}
+
+bool has_text(const std::string &path, const std::string &text, DWORD pid) {
+  lines all = texts(path, pid);
+  return std::find(all.begin(), all.end(), text) != all.end();
+}
+
+bool ready(const std::string &record, size_t count) {
+  size_t n = 0;
+  for (auto &r : read_record(record))
+    n += r.text == "#ready";
+  return n >= count;
+}
+
+lines pipe_lines(const std::string &path, DWORD pid) {
+  lines out;
+  for (auto &t : texts(path, pid))
+    if (t.empty() || t[0] != '#')
+      out.push_back(t);
+  return out;
+}
+
+int logged(const std::string &needle) {
+  return int(std::count_if(logs.begin(), logs.end(),
+                           [&](const std::string &l) { return l.find(needle) != std::string::npos; }));
+}
+
+bool pump_until(const std::function<bool()> &done, DWORD timeout_ms) {
+  DWORD start = GetTickCount();
+  while (!done()) {
+    if (GetTickCount() - start > timeout_ms)
+      return false;
+    HANDLE *handles = nullptr;
+    time_t due;
+    unsigned n = ssock_waitset(&handles, &due);
+    if (n == 0) {
+      Sleep(20);
+      continue;
+    }
+    if (n <= MAXIMUM_WAIT_OBJECTS) {
+      DWORD r = WaitForMultipleObjects(n, handles, FALSE, 20);
+      if (r < WAIT_OBJECT_0 + n)
+        ssock_callback(r - WAIT_OBJECT_0);
+      continue;
+    }
+    // More than one wait can take: poll the groups, as a grouped wait would see them.
+    bool any = false;
+    for (unsigned base = 0; base < n && !any; base += MAXIMUM_WAIT_OBJECTS) {
+      unsigned count = std::min<unsigned>(MAXIMUM_WAIT_OBJECTS, n - base);
+      DWORD r = WaitForMultipleObjects(count, handles + base, FALSE, 0);
+      if (r < WAIT_OBJECT_0 + count) {
+        ssock_callback(base + r - WAIT_OBJECT_0);
+        any = true;
+      }
+    }
+    if (!any)
+      Sleep(10);
+  }
+  return true;
+}
+
+void advance(time_t seconds) {
+  now += seconds;
+  ssock_update();
+}
+
+waitlist wait_list() {
+  waitlist w;
+  HANDLE *handles = nullptr;
+  w.count = ssock_waitset(&handles, &w.due);
+  for (unsigned i = 0; i < w.count; i++) {
+    // A hooking process's handle has SYNCHRONIZE access only: ask a duplicate for its id.
+    HANDLE query = nullptr;
+    DWORD pid = 0;
+    if (DuplicateHandle(GetCurrentProcess(), handles[i], GetCurrentProcess(), &query,
+                        PROCESS_QUERY_LIMITED_INFORMATION, FALSE, 0)) {
+      pid = GetProcessId(query);
+      CloseHandle(query);
+    }
+    if (pid)
+      w.pids.push_back(pid);
+    else
+      w.events++;
+  }
+  return w;
+}
+
+lines listing() {
+  listed.clear();
+  EXPECT_EQ(0, ssock_info(7, collect));
+  return listed;
+}
+
+std::string line_of(unsigned port, const std::string &service, const char *mode) {
+  char text[512];
+  snprintf(text, sizeof text, "%5u  %-11s   %s", port, service.c_str(), mode);
+  return text;
+}
+
+std::string disable_of(time_t t) {
+  struct tm *local = localtime(&t);
+  char text[64] = " Disable=?";
+  if (local)
+    snprintf(text, sizeof text, " Disable=%d-%02d-%02d_%02d:%02d", local->tm_year + 1900, local->tm_mon + 1,
+             local->tm_mday, local->tm_hour, local->tm_min);
+  return text;
+}
+
+std::vector<unsigned> free_ports(unsigned count) {
+  std::vector<SOCKET> held;
+  std::vector<unsigned> ports;
+  for (unsigned i = 0; i < count; i++) {
+    SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    sockaddr_in a = {};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    int length = sizeof a;
+    if (s == INVALID_SOCKET || bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a) ||
+        getsockname(s, reinterpret_cast<sockaddr *>(&a), &length)) {
+      ADD_FAILURE() << "no free port: " << WSAGetLastError();
+      break;
+    }
+    held.push_back(s);
+    ports.push_back(ntohs(a.sin_port));
+  }
+  for (SOCKET s : held)
+    closesocket(s);
+  std::sort(ports.begin(), ports.end());
+  return ports;
+}
+
+SOCKET block_port(unsigned port) {
+  SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
+  sockaddr_in a = {};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(u_short(port));
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (s != INVALID_SOCKET && (bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a) || listen(s, 1))) {
+    ADD_FAILURE() << "block port " << port << ": " << WSAGetLastError();
+    closesocket(s);
+    return INVALID_SOCKET;
+  }
+  return s;
+}
+
+SOCKET connect_to(unsigned port) {
+  SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  if (s == INVALID_SOCKET)
+    return s;
+  // Agents start with inheritance on; a test's own sockets must not reach them.
+  SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
+  sockaddr_in a = {};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(u_short(port));
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(s, reinterpret_cast<sockaddr *>(&a), sizeof a)) {
+    ADD_FAILURE() << "connect to " << port << ": " << WSAGetLastError();
+    closesocket(s);
+    return INVALID_SOCKET;
+  }
+  DWORD timeout = 10000;
+  setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char *>(&timeout), sizeof timeout);
+  return s;
+}
+
+std::string read_line(SOCKET s) {
+  std::string line;
+  char c;
+  while (recv(s, &c, 1, 0) == 1 && c != '\n')
+    if (c != '\r')
+      line += c;
+  return line;
+}
+
+void send_text(SOCKET s, const std::string &text) { send(s, text.data(), int(text.size()), 0); }
+
+DWORD start_agent_on(unsigned port, const std::string &record) {
+  size_t before = agents(record).size();
+  SOCKET client = connect_to(port);
+  bool ok = pump_until([&] { return ready(record, before + 1); });
+  std::string hello = ok ? read_line(client) : "";
+  closesocket(client);
+  EXPECT_TRUE(ok) << port;
+  DWORD pid = ok ? agents(record).back() : 0;
+  EXPECT_EQ("agent " + std::to_string(pid) + " port " + std::to_string(port), hello);
+  return pid;
+}
+
+HANDLE open_process(DWORD pid) { return OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid); }
+
+DWORD exit_code(HANDLE process) {
+  if (!process)
+    return 0xFFFFFFFF;
+  DWORD code = STILL_ACTIVE;
+  if (WaitForSingleObject(process, 5000) == WAIT_OBJECT_0)
+    GetExitCodeProcess(process, &code);
+  CloseHandle(process);
+  return code;
+}
+
+PROCESS_INFORMATION start_process(const std::string &program) {
+  STARTUPINFOA si = {};
+  si.cb = sizeof si;
+  PROCESS_INFORMATION pi = {};
+  std::string line = program;
+  EXPECT_TRUE(CreateProcessA(nullptr, &line[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
+      << program << ": " << GetLastError();
+  if (pi.hThread)
+    CloseHandle(pi.hThread);
+  return pi;
+}
+
+void Ports::SetUp() {
+  RegDeleteTreeA(HKEY_LOCAL_MACHINE, ROOT);
+  now = START_TIME;
+  kiv_setclock(fake_time, nullptr);
+  logs.clear();
+  kiv_logconfig("3");
+  kiv_logsink = capture;
+}
+
+void Ports::restart_manager() {
+  if (!cleaned_up)
+    ssock_cleanup();
+  ssock_reset();
+  cleaned_up = false;
+  logs.clear();
+  RegDeleteTreeA(HKEY_LOCAL_MACHINE, ROOT);
+}
+
+void Ports::TearDown() {
+  restart_manager();
+  kiv_logreset();
+  kiv_setclock(nullptr, nullptr);
+  for (auto &f : record_files)
+    DeleteFileA(f.c_str());
+  record_files.clear();
+}
+
+}  // namespace porttest

@@ -1,0 +1,268 @@
+// Ports hooked at run time (with and without a parent process) and the bounded texts
+// of an agent's command line.
+#include "ports/ssock.h"
+#include "tests/ports/fixture.h"
+#include "toolkit/runtime/error.h"
+#include "toolkit/runtime/log.h"
+
+namespace porttest {
+namespace {
+
+std::string cmd_of(const std::string &record, DWORD pid = 0) {
+  for (auto &t : texts(record, pid))
+    if (t.compare(0, 5, "#cmd ") == 0)
+      return t.substr(5);
+  return "";
+}
+// The command line without its " -C0x..." piece, which must end it.
+std::string before_pipe(const std::string &cmd) {
+  size_t c = cmd.rfind(" -C0x");
+  if (c == std::string::npos || cmd.find_first_not_of("0123456789abcdef", c + 5) != std::string::npos)
+    return "(no -C piece) " + cmd;
+  return cmd.substr(0, c);
+}
+
+using Hook = Ports;
+
+TEST_F(Hook, HookedPortWithoutParentServesOnlyItselfAndGoesOnRemove) {
+  auto p = free_ports(2);
+  unsigned hooked = p[0], other = p[1];
+  std::string rec = record_path("hook");
+  std::string program = agent_program(rec);
+  set_service("svc", program);
+  set_port(hooked, "hook", "svc");
+  set_port(other, "auto", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(lines({line_of(other, "svc", "Auto")}), listing());  // reconfiguration never hooks
+
+  EXPECT_EQ(KIV_ECONFIG, ssock_add(other, nullptr, nullptr));   // configured "auto"
+  for (int number : {0, 65535, 70000})                            // never configured
+    EXPECT_EQ(KIV_ECONFIG, ssock_add(number, nullptr, nullptr)) << number;
+  EXPECT_EQ(KIV_ECONFIG, ssock_remove(other));
+  for (auto op : {ssock_remove, ssock_disable, ssock_enable})  // not hooked yet: no record
+    EXPECT_EQ(KIV_ENOTFOUND, op(int(hooked)));
+  ASSERT_EQ(0, ssock_add(int(hooked), nullptr, "x y"));
+  EXPECT_EQ(KIV_ECONFIG, ssock_disable(int(hooked)));
+  EXPECT_EQ(KIV_ECONFIG, ssock_enable(int(hooked)));
+  EXPECT_EQ(lines({line_of(hooked, "svc", "Hook"), line_of(other, "svc", "Auto")}), listing());
+  EXPECT_EQ(2u, wait_list().events);
+
+  SOCKET client = connect_to(hooked);
+  ASSERT_TRUE(pump_until([&] { return ready(rec); }));
+  DWORD pid = agents(rec)[0];
+  EXPECT_EQ("agent " + std::to_string(pid) + " port " + std::to_string(hooked), read_line(client));
+  closesocket(client);
+  lines got = pipe_lines(rec, pid);
+  ASSERT_EQ(3u, got.size()) << testing::PrintToString(got);  // the hooked port alone
+  EXPECT_EQ("-Ptcp::" + std::to_string(hooked) + "@", got[0].substr(0, 8 + std::to_string(hooked).size()));
+  EXPECT_EQ(program + " -D3 x y", before_pipe(cmd_of(rec)));
+  waitlist w = wait_list();
+  EXPECT_EQ(1u, w.events);
+  EXPECT_EQ(std::vector<DWORD>{pid}, w.pids);
+
+  // Its only port removed: the agent is told "exit" and the record goes with the agent.
+  ASSERT_EQ(0, ssock_remove(int(hooked)));
+  EXPECT_EQ(KIV_ENOTFOUND, ssock_remove(int(hooked)));  // marked: no longer found
+  ASSERT_TRUE(pump_until([&] { return listing().size() == 1; }));
+  EXPECT_EQ("exit", pipe_lines(rec, pid).back());
+  EXPECT_EQ(lines({line_of(other, "svc", "Auto")}), listing());
+  EXPECT_EQ(1u, wait_list().count);
+}
+
+TEST_F(Hook, HookedPortLivesAsLongAsItsParent) {
+  auto p = free_ports(2);
+  std::string rec = record_path("parent");
+  set_service("svc", agent_program(rec));
+  set_port(p[0], "hook", "svc");
+  set_port(p[1], "hook", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  PROCESS_INFORMATION parent = start_process(agent_program(record_path("parent-process"), "-S60000"));
+  PROCESS_INFORMATION stranger = start_process(agent_program(record_path("stranger"), "-S60000"));
+  std::string pid = std::to_string(parent.dwProcessId);
+
+  EXPECT_EQ(KIV_ESYS, ssock_add(int(p[1]), "0", nullptr));  // no such process
+  ASSERT_EQ(0, ssock_add(int(p[0]), pid.c_str(), nullptr));
+  EXPECT_EQ(KIV_EBUSY, ssock_add(int(p[0]), std::to_string(stranger.dwProcessId).c_str(), nullptr));
+  EXPECT_EQ(lines({line_of(p[0], "svc", "Hook") + " Parent=" + pid}), listing());
+  waitlist w = wait_list();
+  EXPECT_EQ(1u, w.events);
+  EXPECT_EQ(std::vector<DWORD>{parent.dwProcessId}, w.pids);
+
+  // The same parent hooks again: the new record takes over the handle and the socket.
+  ASSERT_EQ(0, ssock_add(int(p[0]), pid.c_str(), "again"));
+  EXPECT_EQ(lines({line_of(p[0], "svc", "Hook") + " Parent=" + pid}), listing());
+  w = wait_list();
+  EXPECT_EQ(1u, w.events);
+  EXPECT_EQ(std::vector<DWORD>{parent.dwProcessId}, w.pids);
+
+  SOCKET client = connect_to(p[0]);
+  ASSERT_TRUE(pump_until([&] { return ready(rec); }));
+  DWORD agent = agents(rec)[0];
+  closesocket(client);
+  EXPECT_EQ(lines({line_of(p[0], "svc", "Hook") + " Parent=" + pid + " Agent=" + std::to_string(agent)}), listing());
+  w = wait_list();
+  EXPECT_EQ(0u, w.events);
+  EXPECT_EQ(2u, w.pids.size());
+
+  // The parent dies: the agent is told "exit", the port goes once the agent has ended.
+  TerminateProcess(parent.hProcess, 0);
+  ASSERT_TRUE(pump_until([&] { return listing().empty(); }));
+  EXPECT_EQ(1, logged("Parent for port " + std::to_string(p[0]) + " died"));
+  EXPECT_EQ("exit", pipe_lines(rec, agent).back());
+  EXPECT_EQ(0u, wait_list().count);
+  TerminateProcess(stranger.hProcess, 0);
+  CloseHandle(parent.hProcess);
+  CloseHandle(stranger.hProcess);
+}
+
+TEST_F(Hook, HookingAgainWithoutPidDropsTheParent) {
+  unsigned port = free_ports(1)[0];
+  set_service("svc", agent_program(record_path("again")));
+  set_port(port, "hook", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  PROCESS_INFORMATION parent = start_process(agent_program(record_path("parent-process"), "-S60000"));
+  ASSERT_EQ(0, ssock_add(int(port), std::to_string(parent.dwProcessId).c_str(), nullptr));
+  ASSERT_EQ(0, ssock_add(int(port), nullptr, nullptr));
+  EXPECT_EQ(lines({line_of(port, "svc", "Hook")}), listing());
+  waitlist w = wait_list();
+  EXPECT_EQ(1u, w.events);
+  EXPECT_TRUE(w.pids.empty());
+  TerminateProcess(parent.hProcess, 0);
+  CloseHandle(parent.hProcess);
+}
+
+// The same parent hooks a port again while an agent holds it: the old agent drops it
+// (its pipe closed, so it ends), the new record takes over the socket and listens on it.
+TEST_F(Hook, HookingAgainWhileHeldHandsTheSocketOver) {
+  unsigned port = free_ports(1)[0];
+  std::string rec = record_path("rehook");
+  std::string program = agent_program(rec);
+  set_service("svc", program);
+  set_port(port, "hook", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  PROCESS_INFORMATION parent = start_process(agent_program(record_path("parent-process"), "-S60000"));
+  std::string pid = std::to_string(parent.dwProcessId);
+  ASSERT_EQ(0, ssock_add(int(port), pid.c_str(), "one"));
+  DWORD first = start_agent_on(port, rec);
+  ASSERT_EQ(0, ssock_add(int(port), pid.c_str(), "two"));
+  ASSERT_TRUE(pump_until([&] { return has_text(rec, "#eof", first); }));
+  EXPECT_EQ("remove tcp::" + std::to_string(port), pipe_lines(rec, first).back());
+  ASSERT_TRUE(pump_until([&] { return listing().size() == 1; }));
+  EXPECT_EQ(lines({line_of(port, "svc", "Hook") + " Parent=" + pid}), listing());
+  waitlist w = wait_list();
+  EXPECT_EQ(1u, w.events);
+  EXPECT_EQ(std::vector<DWORD>{parent.dwProcessId}, w.pids);
+  DWORD second = start_agent_on(port, rec);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(program + " -D3 two", before_pipe(cmd_of(rec, second)));
+  TerminateProcess(parent.hProcess, 0);
+  CloseHandle(parent.hProcess);
+}
+
+// A hooked port resting after a failed bind goes for good when it is removed or its
+// parent ends: it never comes back without its parent.
+TEST_F(Hook, RestingHookedPortIsFreedOnRemoveAndOnParentDeath) {
+  for (bool by_parent : {false, true}) {
+    SCOPED_TRACE(by_parent ? "parent ends" : "remove");
+    unsigned port = free_ports(1)[0];
+    SOCKET blocker = block_port(port);
+    ASSERT_NE(INVALID_SOCKET, blocker);
+    set_service("svc", agent_program(record_path("resting")));
+    set_port(port, "hook", "svc");
+    ASSERT_EQ(0, ssock_reconfig());
+    PROCESS_INFORMATION parent = start_process(agent_program(record_path("parent-process"), "-S60000"));
+    std::string pid = std::to_string(parent.dwProcessId);
+    ASSERT_EQ(0, ssock_add(int(port), pid.c_str(), nullptr));
+    EXPECT_EQ(lines({line_of(port, "svc", "Hook") + disable_of(now + 900) + " Parent=" + pid}), listing());
+    closesocket(blocker);
+    if (by_parent) {
+      TerminateProcess(parent.hProcess, 0);
+      ASSERT_TRUE(pump_until([&] { return listing().empty(); }));
+    } else {
+      ASSERT_EQ(0, ssock_remove(int(port)));
+      EXPECT_EQ(lines(), listing());
+    }
+    EXPECT_EQ(0u, wait_list().count);
+    advance(900);
+    EXPECT_EQ(lines(), listing());
+    EXPECT_EQ(0u, wait_list().count);
+    TerminateProcess(parent.hProcess, 0);
+    CloseHandle(parent.hProcess);
+    restart_manager();
+  }
+}
+
+// Texts at their limits and one past them. A refused launch accepts the waiting
+// connection and closes it; the port keeps listening.
+TEST_F(Hook, CommandLinePiecesAtAndPastTheirLimits) {
+  struct {
+    const char *what;
+    int program_length;  // 0: the plain agent program
+    int extra_length;    // extra arguments of a hooked port, 0: an "auto" port
+    bool launched;
+    const char *refusal;
+  } cases[] = {
+      {"program of 256", 256, 0, true, nullptr},
+      {"program of 257", 257, 0, false, "No program configured for service svc"},
+      {"extra args of 226", 0, 226, true, nullptr},
+      {"extra args of 227", 0, 227, false, "Too big extra_args (len=227)"},
+  };
+  for (auto &c : cases) {
+    SCOPED_TRACE(c.what);
+    unsigned port = free_ports(1)[0];
+    std::string rec = record_path("limits");
+    std::string program = agent_program(rec);
+    if (c.program_length)
+      program += " -Z" + std::string(size_t(c.program_length) - program.size() - 3, 'z');
+    std::string extra = c.extra_length ? std::string(size_t(c.extra_length), 'e') : "";
+    set_service("svc", program);
+    set_port(port, c.extra_length ? "hook" : "auto", "svc");
+    ASSERT_EQ(0, ssock_reconfig());
+    if (c.extra_length) {
+      ASSERT_EQ(0, ssock_add(int(port), nullptr, extra.c_str()));
+    }
+    SOCKET client = connect_to(port);
+    if (c.launched) {
+      ASSERT_TRUE(pump_until([&] { return ready(rec); }));
+      EXPECT_EQ(program + " -D3" + (extra.empty() ? "" : " " + extra), before_pipe(cmd_of(rec)));
+    } else {
+      ASSERT_TRUE(pump_until([&] { return logged("Peer 127.0.0.1 on port " + std::to_string(port) + " killed") == 1; }));
+      EXPECT_EQ(1, logged(c.refusal));
+      EXPECT_EQ("", read_line(client));  // accepted and closed
+      EXPECT_EQ(1u, wait_list().events);
+      EXPECT_TRUE(agents(rec).empty());
+    }
+    closesocket(client);
+    restart_manager();
+  }
+}
+
+// The debug spec is passed on verbatim when it fits; a spec too long for the command
+// line never makes the manager write past its buffer: the launch either fits the line
+// or is refused with a report, and the manager goes on serving the port.
+TEST_F(Hook, LongDebugSpecNeverOverrunsTheCommandLine) {
+  unsigned port = free_ports(1)[0];
+  std::string rec = record_path("debugspec");
+  std::string program = agent_program(rec);
+  program += " -Z" + std::string(256 - program.size() - 3, 'z');
+  std::string spec = "3;!" + std::string(700, 'x');
+  kiv_logconfig(spec.c_str());
+  set_service("svc", program);
+  set_port(port, "auto", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  SOCKET client = connect_to(port);
+  ASSERT_TRUE(pump_until([&] { return ready(rec) || logged("killed") || logged("Failed to start agent"); }));
+  closesocket(client);
+  if (ready(rec)) {
+    std::string line = before_pipe(cmd_of(rec));
+    EXPECT_EQ(program, line.substr(0, program.size()));
+    std::string debug = line.substr(program.size());
+    EXPECT_LE(3u, debug.size()) << line;
+    EXPECT_EQ(debug, (" -D" + spec).substr(0, debug.size()));  // the spec, cut at most
+  }
+  EXPECT_EQ(lines({line_of(port, "svc", "Auto") + (ready(rec) ? " Agent=" + std::to_string(agents(rec)[0]) : "")}),
+            listing());
+}
+
+}  // namespace
+}  // namespace porttest

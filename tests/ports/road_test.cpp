@@ -1,0 +1,195 @@
+// A connection's road from the listening port to the agent, "on" ports, and what the end
+// of an agent does to its ports.
+#include <regex>
+
+#include "ports/ssock.h"
+#include "tests/ports/fixture.h"
+#include "toolkit/runtime/error.h"
+
+namespace porttest {
+namespace {
+
+// The port lines of a launch, with the base64 text replaced by its length.
+lines shape(const lines &in) {
+  static const std::regex port_line("-Ptcp::(\\d+)@([A-Za-z0-9+/=]*)");
+  lines out;
+  for (auto &l : in) {
+    std::smatch m;
+    out.push_back(std::regex_match(l, m, port_line) ? "-Ptcp::" + m[1].str() + "@<" + std::to_string(m[2].length()) + ">" : l);
+  }
+  return out;
+}
+
+std::string at(unsigned port) { return "-Ptcp::" + std::to_string(port) + "@<496>"; }
+
+using Road = Ports;
+
+TEST_F(Road, ConnectionStartsOneAgentWithEveryIdlePortOfItsService) {
+  auto p = free_ports(3);
+  std::string rec = record_path("road");
+  std::string program = agent_program(rec);
+  set_service("svc", program);
+  for (unsigned port : p)
+    set_port(port, "auto", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+
+  waitlist w = wait_list();
+  EXPECT_EQ(3u, w.count);
+  EXPECT_EQ(3u, w.events);
+  EXPECT_EQ(now + 86400, w.due);
+  EXPECT_EQ(lines({line_of(p[0], "svc", "Auto"), line_of(p[1], "svc", "Auto"), line_of(p[2], "svc", "Auto")}),
+            listing());
+
+  // The middle port has the connection: it comes first, then the others in port order.
+  SOCKET client = connect_to(p[1]);
+  ASSERT_TRUE(pump_until([&] { return ready(rec, 1); })) << testing::PrintToString(texts(rec));
+  auto pids = agents(rec);
+  ASSERT_EQ(1u, pids.size());
+  DWORD pid = pids[0];
+  EXPECT_EQ(lines({at(p[1]), at(p[0]), at(p[2]), "--", "lifespan 86400"}), shape(pipe_lines(rec, pid)));
+  for (unsigned port : {p[1], p[0], p[2]})
+    EXPECT_TRUE(has_text(rec, "#socket " + std::to_string(port) + " ok", pid)) << port;
+
+  // Program text, the manager's debug spec, then the inherited read end of the pipe.
+  lines all = texts(rec, pid);
+  ASSERT_FALSE(all.empty());
+  std::string head = "#cmd " + program + " -D3 -C0x";
+  EXPECT_EQ(head, all[0].substr(0, head.size()));
+  EXPECT_EQ(std::string::npos, all[0].find_first_not_of("0123456789abcdef", head.size())) << all[0];
+
+  // The agent accepts the waiting connection on its own copy of the socket.
+  EXPECT_EQ("agent " + std::to_string(pid) + " port " + std::to_string(p[1]), read_line(client));
+  closesocket(client);
+
+  w = wait_list();
+  EXPECT_EQ(1u, w.count);
+  EXPECT_EQ(0u, w.events);
+  EXPECT_EQ(std::vector<DWORD>{pid}, w.pids);
+  std::string agent = " Agent=" + std::to_string(pid);
+  EXPECT_EQ(lines({line_of(p[0], "svc", "Auto") + agent, line_of(p[1], "svc", "Auto") + agent,
+                   line_of(p[2], "svc", "Auto") + agent}),
+            listing());
+  EXPECT_EQ(1, logged("Child " + std::to_string(pid) + " started for port " + std::to_string(p[1]) + " [svc, Auto]"));
+}
+
+// What the end of an agent that holds two ports does to them, by exit code.
+TEST_F(Road, AgentExitCodeDecidesWhatBecomesOfItsPorts) {
+  struct {
+    const char *request;     // sent to the agent by the client
+    const char *died;        // the manager's log of the exit
+    bool disabled;           // the ports rest for 3 seconds
+    const char *listen_log;  // how each port listens again ("%u" is the port)
+    int listen_count;        // how often that line appears per port
+  } cases[] = {
+      {"exit 0", "died with code 0", false, "Listening on port %u again", 1},
+      {"exit 3", "died with code 0x3", false, "Listening on port %u for svc", 2},
+      {"crash", "caused exeption 0xc0000005", true, "Listening on port %u for svc", 2},
+  };
+  for (auto &c : cases) {
+    SCOPED_TRACE(c.request);
+    auto p = free_ports(2);
+    std::string rec = record_path("exit");
+    set_service("svc", agent_program(rec));
+    for (unsigned port : p)
+      set_port(port, "auto", "svc");
+    ASSERT_EQ(0, ssock_reconfig());
+    SOCKET client = connect_to(p[0]);
+    ASSERT_TRUE(pump_until([&] { return ready(rec, 1); }));
+    DWORD pid = agents(rec)[0];
+    ASSERT_EQ("agent " + std::to_string(pid) + " port " + std::to_string(p[0]), read_line(client));
+    send_text(client, c.request);
+    closesocket(client);
+    ASSERT_TRUE(pump_until([&] { return logged("Child " + std::to_string(pid) + " died") == 1; }));
+    EXPECT_EQ(1, logged(c.died));
+    EXPECT_EQ(0, logged("Link count"));
+
+    if (c.disabled) {
+      std::string off = disable_of(now + 3);
+      EXPECT_EQ(lines({line_of(p[0], "svc", "Auto") + off, line_of(p[1], "svc", "Auto") + off}), listing());
+      waitlist w = wait_list();
+      EXPECT_EQ(0u, w.count);
+      EXPECT_EQ(now + 3, w.due);
+      advance(2);
+      EXPECT_EQ(0u, wait_list().count);
+      advance(1);
+    }
+    waitlist w = wait_list();
+    EXPECT_EQ(2u, w.events);
+    EXPECT_TRUE(w.pids.empty());
+    EXPECT_EQ(lines({line_of(p[0], "svc", "Auto"), line_of(p[1], "svc", "Auto")}), listing());
+    for (unsigned port : p) {
+      char text[64];
+      snprintf(text, sizeof text, c.listen_log, port);
+      EXPECT_EQ(c.listen_count, logged(text)) << text;
+    }
+    // Listening for real: the next connection, on the other port, starts a new agent.
+    EXPECT_NE(pid, start_agent_on(p[1], rec));
+    restart_manager();
+  }
+}
+
+TEST_F(Road, OnPortKeepsOneAgentThatListensByItself) {
+  unsigned port = free_ports(1)[0];
+  std::string rec = record_path("on");
+  // A dotted, mixed-case service name: its keys are found under "On_Svc", in any case.
+  set_service("On_Svc", agent_program(rec), "77");
+  set_port(port, "on", "On.Svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  ASSERT_TRUE(pump_until([&] { return ready(rec, 1); }));
+  DWORD first = agents(rec)[0];
+  std::string number = std::to_string(port);
+  EXPECT_EQ(lines({"-Ptcp::" + number, "--", "lifespan 77"}), pipe_lines(rec, first));
+  EXPECT_TRUE(has_text(rec, "#listen " + number + " ok", first));
+  waitlist w = wait_list();
+  EXPECT_EQ(std::vector<DWORD>{first}, w.pids);
+  EXPECT_EQ(0u, w.events);
+  EXPECT_EQ(lines({line_of(port, "On.Svc", "On") + " Agent=" + std::to_string(first)}), listing());
+
+  // A non-zero exit: the pass starts the next agent at once.
+  SOCKET client = connect_to(port);
+  EXPECT_EQ("agent " + std::to_string(first) + " port " + number, read_line(client));
+  send_text(client, "exit 3");
+  closesocket(client);
+  ASSERT_TRUE(pump_until([&] { return ready(rec, 2); }));
+  DWORD second = agents(rec).back();
+  EXPECT_NE(first, second);
+
+  // An exception: no agent for 3 seconds.
+  client = connect_to(port);
+  EXPECT_EQ("agent " + std::to_string(second) + " port " + number, read_line(client));
+  send_text(client, "crash");
+  closesocket(client);
+  ASSERT_TRUE(pump_until([&] { return logged("Child " + std::to_string(second) + " caused exeption") == 1; }));
+  EXPECT_EQ(lines({line_of(port, "On.Svc", "On") + disable_of(now + 3)}), listing());
+  w = wait_list();
+  EXPECT_EQ(0u, w.count);
+  EXPECT_EQ(now + 3, w.due);
+  advance(2);
+  EXPECT_EQ(2u, agents(rec).size());
+  advance(1);
+  ASSERT_TRUE(pump_until([&] { return ready(rec, 3); }));
+  EXPECT_EQ(1u, wait_list().pids.size());
+}
+
+// Checked from inside: two agents run side by side; neither inherited a listening socket
+// nor the other's pipe, and each has its own read end.
+TEST_F(Road, AgentsInheritNoListeningSocketAndNoOtherPipe) {
+  auto p = free_ports(3);
+  std::string rec = record_path("inherit");
+  set_service("a", agent_program(rec));
+  set_service("b", agent_program(rec));
+  set_port(p[0], "auto", "a");
+  set_port(p[1], "auto", "b");
+  set_port(p[2], "auto", "b");
+  ASSERT_EQ(0, ssock_reconfig());
+  start_agent_on(p[0], rec);
+  start_agent_on(p[1], rec);  // while the first runs, with its pipe open
+  auto pids = agents(rec);
+  ASSERT_EQ(2u, pids.size());
+  EXPECT_EQ(2u, wait_list().pids.size());
+  for (DWORD pid : pids)
+    EXPECT_TRUE(has_text(rec, "#handles listening=0 sockets=0 pipes=0 own=1", pid)) << testing::PrintToString(texts(rec, pid));
+}
+
+}  // namespace
+}  // namespace porttest

@@ -1,0 +1,144 @@
+// The restart rules that take a port or a program out of service for a time: the agent
+// start throttle, the program start throttle, a port that cannot be bound.
+#include "ports/ssock.h"
+#include "tests/ports/fixture.h"
+
+namespace porttest {
+namespace {
+
+using Throttle = Ports;
+
+// Thirteen agents (the one that opens the period and twelve more) each serve one client
+// and exit with 0; the fourteenth connection within the minute is refused.
+TEST_F(Throttle, FourteenthAgentWithinAMinuteDisablesTheServicesIdlePorts) {
+  auto p = free_ports(2);
+  std::string rec = record_path("throttle");
+  set_service("svc", agent_program(rec));
+  set_port(p[0], "auto", "svc");
+  set_port(p[1], "auto", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  for (int launch = 1; launch <= 13; launch++) {
+    SOCKET client = connect_to(p[0]);
+    ASSERT_TRUE(pump_until([&] { return logged("[svc, Auto]") == launch; })) << launch;
+    ASSERT_TRUE(pump_until([&] { return agents(rec).size() == size_t(launch); })) << launch;
+    ASSERT_EQ("agent " + std::to_string(agents(rec).back()) + " port " + std::to_string(p[0]), read_line(client));
+    send_text(client, "exit 0");
+    closesocket(client);
+    ASSERT_TRUE(pump_until([&] { return logged("died with code 0") == launch; })) << launch;
+  }
+  SOCKET client = connect_to(p[0]);
+  ASSERT_TRUE(pump_until([] { return logged("Too many agents started for service svc") == 1; }));
+  EXPECT_EQ("", read_line(client));  // the waiting connection went with the socket
+  closesocket(client);
+  EXPECT_EQ(13, logged("[svc, Auto]"));
+  EXPECT_EQ(1, logged("Port " + std::to_string(p[0]) + " disabled for 900 seconds"));
+  EXPECT_EQ(1, logged("Port " + std::to_string(p[1]) + " disabled for 900 seconds"));
+  std::string off = disable_of(now + 900);
+  EXPECT_EQ(lines({line_of(p[0], "svc", "Auto") + off, line_of(p[1], "svc", "Auto") + off}), listing());
+  waitlist w = wait_list();
+  EXPECT_EQ(0u, w.count);
+  EXPECT_EQ(now + 900, w.due);
+
+  advance(899);
+  EXPECT_EQ(0u, wait_list().count);
+  advance(1);
+  EXPECT_EQ(2u, wait_list().events);
+}
+
+// A global program that ends at once is started again by the pass that handles its end.
+TEST_F(Throttle, EighthProgramStartWithinAMinuteRestsItForTenMinutes) {
+  std::string rec = record_path("prog");
+  set_global("job", "on", agent_program(rec, "-Q"));
+  ASSERT_EQ(0, ssock_reconfig());
+  ASSERT_TRUE(pump_until([] { return logged("Too many prog started for job") == 1; }));
+  EXPECT_EQ(7, logged("Started pid"));
+  EXPECT_EQ(1, logged("Prog job disabled for 600 sec."));
+  waitlist w = wait_list();
+  EXPECT_EQ(0u, w.count);
+  EXPECT_EQ(now + 600, w.due);
+  // Global programs get their command line only: no pipe, nothing inherited.
+  for (DWORD pid : agents(rec))
+    EXPECT_TRUE(has_text(rec, "#handles listening=0 sockets=0 pipes=0 own=0", pid)) << pid;
+
+  advance(600);  // rests until a pass after its time
+  EXPECT_EQ(7, logged("Started pid"));
+  advance(1);
+  EXPECT_EQ(8, logged("Started pid"));
+}
+
+TEST_F(Throttle, ProgramEndedByAnExceptionRestsForAMinute) {
+  std::string rec = record_path("progcrash");
+  set_global("job", "ON", agent_program(rec, "-V"));  // "on" in any letter case
+  ASSERT_EQ(0, ssock_reconfig());
+  ASSERT_TRUE(pump_until([] { return logged("Prog job disabled for 1 minute") == 1; }));
+  EXPECT_EQ(1, logged("died with code 0xc0000005"));
+  EXPECT_EQ(now + 60, wait_list().due);
+  advance(60);
+  EXPECT_EQ(1, logged("Started pid"));
+  advance(1);
+  EXPECT_EQ(2, logged("Started pid"));
+  // A reconfiguration makes a resting program eligible again at once.
+  ASSERT_TRUE(pump_until([] { return logged("Prog job disabled for 1 minute") == 2; }));
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(3, logged("Started pid"));
+}
+
+TEST_F(Throttle, ProgramNoLongerConfiguredIsKilledAndForgotten) {
+  std::string rec = record_path("gone");
+  set_global("job", "on", agent_program(rec));  // lives until killed
+  ASSERT_EQ(0, ssock_reconfig());
+  ASSERT_TRUE(pump_until([&] { return !agents(rec).empty(); }));
+  DWORD pid = agents(rec)[0];
+  HANDLE process = open_process(pid);
+  EXPECT_EQ(std::vector<DWORD>{pid}, wait_list().pids);
+  remove_key("global\\start\\job");
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(1, logged("Prog job no longer used"));
+  EXPECT_EQ(1, logged("Prog job/" + std::to_string(pid) + " killed"));
+  ASSERT_TRUE(pump_until([] { return wait_list().count == 0; }));
+  EXPECT_EQ(1u, exit_code(process));  // terminated
+  EXPECT_EQ(1, logged("Started pid"));  // not started again
+}
+
+TEST_F(Throttle, PortThatCannotBeBoundRestsFifteenMinutes) {
+  unsigned port = free_ports(1)[0];
+  SOCKET blocker = block_port(port);
+  ASSERT_NE(INVALID_SOCKET, blocker);
+  set_service("svc", agent_program(record_path("bind")));
+  set_port(port, "auto", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(1, logged("bind() -> "));
+  EXPECT_EQ(1, logged("Failed to listen to port " + std::to_string(port)));
+  EXPECT_EQ(lines({line_of(port, "svc", "Auto") + disable_of(now + 900)}), listing());
+  waitlist w = wait_list();
+  EXPECT_EQ(0u, w.count);
+  EXPECT_EQ(now + 900, w.due);
+
+  closesocket(blocker);
+  advance(899);
+  EXPECT_EQ(0u, wait_list().count);
+  // A reconfiguration lifts a timed disable at once.
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(1, logged("Reenable port " + std::to_string(port)));
+  EXPECT_EQ(1u, wait_list().events);
+  EXPECT_EQ(lines({line_of(port, "svc", "Auto")}), listing());
+}
+
+TEST_F(Throttle, AgentThatCannotBeStartedRestsItsPortThreeSeconds) {
+  unsigned port = free_ports(1)[0];
+  set_service("svc", "C:\\kivd-no-such-folder\\agent.exe");
+  set_port(port, "auto", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  SOCKET client = connect_to(port);
+  ASSERT_TRUE(pump_until([] { return logged("Failed to start agent for service svc. Code = -12") == 1; }));
+  closesocket(client);
+  EXPECT_EQ(lines({line_of(port, "svc", "Auto") + disable_of(now + 3)}), listing());
+  waitlist w = wait_list();
+  EXPECT_EQ(0u, w.count);
+  EXPECT_EQ(now + 3, w.due);
+  advance(3);
+  EXPECT_EQ(1u, wait_list().events);
+}
+
+}  // namespace
+}  // namespace porttest

@@ -1,0 +1,362 @@
+// testagent.exe: the agent the port manager's tests start. It records what it receives
+// and does what its command line asks, so a test can drive every exit the manager handles.
+//
+// Command line (any order; other words, such as padding or a hooked port's extra
+// arguments, are ignored):
+//   -F<path>  record file: every record line is appended as "<pid> <text>\n", one write
+//             per line, so several agents can share one file and a test can poll it
+//   -E<n>     exit code for "exit", for the closing of the pipe and for -Q (default 0)
+//   -Q        exit at once, before reading the pipe
+//   -V        crash with an access violation at once
+//   -I        ignore "exit" and the closing of the pipe (the manager has to terminate it)
+//   -S<ms>    without -C (a global program or a hooking process): live this long
+//   -C<0x..>  the read end of the agent pipe, as the manager appends it
+//   -D<spec>  the manager's debug spec (recorded with the command line only)
+// Record lines it writes itself start with "#": "#cmd <command line>", "#handles
+// listening=L sockets=S pipes=P own=O" (what it inherited), "#socket <port> ok|failed <e>"
+// (a handed-over socket rebuilt), "#listen <port> ok|failed <e>" (an "on" port),
+// "#ready", "#accepted <port>", "#closed <port>", "#eof", "#ignored", "#exit <code>",
+// "#crash". Every pipe line is recorded verbatim without its CR LF.
+// A client that connects receives "agent <pid> port <port>\r\n"; if it then sends
+// "exit <n>" and closes, the agent exits with n; "crash" makes it crash.
+// Whatever happens, the agent ends by itself after LIFETIME_MS so that a failed test
+// leaves no process behind.
+// Up to 1,024 handed-over sockets in one select (the default set holds 64).
+#define FD_SETSIZE 1024
+#include <winsock2.h>
+#include <windows.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr DWORD LIFETIME_MS = 90000;
+static_assert(sizeof(WSAPROTOCOL_INFOA) == 372, "the manager hands over 372 bytes");
+
+HANDLE record_file = INVALID_HANDLE_VALUE;
+int exit_code = 0;
+bool ignore_exit = false;
+CRITICAL_SECTION lock;
+std::vector<unsigned> removals;  // ports the pipe thread asked the main loop to drop
+
+void record(const std::string &text) {
+  if (record_file == INVALID_HANDLE_VALUE)
+    return;
+  std::string line = std::to_string(GetCurrentProcessId()) + " " + text + "\n";
+  DWORD written;
+  WriteFile(record_file, line.data(), DWORD(line.size()), &written, nullptr);
+}
+
+[[noreturn]] void leave(int code) {
+  record("#exit " + std::to_string(code));
+  ExitProcess(UINT(code));
+}
+
+[[noreturn]] void crash() {
+  record("#crash");
+  // A null store through a volatile address, so the compiler cannot turn it into a trap.
+  volatile uintptr_t address = 0;
+  *reinterpret_cast<volatile int *>(address) = 1;
+  ExitProcess(99);
+}
+
+// An unhandled exception ends the process with the exception code as exit code, without
+// a debugger or an error box.
+LONG WINAPI end_on_exception(EXCEPTION_POINTERS *) { return EXCEPTION_EXECUTE_HANDLER; }
+
+int b64value(char c) {
+  if (c >= 'A' && c <= 'Z') return c - 'A';
+  if (c >= 'a' && c <= 'z') return c - 'a' + 26;
+  if (c >= '0' && c <= '9') return c - '0' + 52;
+  if (c == '+') return 62;
+  if (c == '/') return 63;
+  return -1;
+}
+
+// Standard alphabet with padding; false on any other character or a short group.
+bool b64decode(const std::string &text, std::string &out) {
+  out.clear();
+  if (text.size() % 4)
+    return false;
+  for (size_t i = 0; i < text.size(); i += 4) {
+    int v[4], pad = 0;
+    for (int k = 0; k < 4; k++) {
+      char c = text[i + k];
+      if (c == '=' && i + 4 == text.size() && k >= 2) {
+        v[k] = 0, pad++;
+        continue;
+      }
+      if (pad || (v[k] = b64value(c)) < 0)
+        return false;
+    }
+    uint32_t n = uint32_t(v[0]) << 18 | uint32_t(v[1]) << 12 | uint32_t(v[2]) << 6 | uint32_t(v[3]);
+    out += char(n >> 16);
+    if (pad < 2) out += char(n >> 8 & 0xff);
+    if (pad < 1) out += char(n & 0xff);
+  }
+  return true;
+}
+
+// What the process inherited: every valid small inheritable handle value other than the
+// standard handles and its own pipe is a socket (listening or not), a pipe, or something else.
+std::string found;  // the values behind a non-zero count of scan_handles, for a test's message
+
+std::string scan_handles(HANDLE own) {
+  int listening = 0, sockets = 0, pipes = 0, owned = 0;
+  std::string which;  // the values found, for a failing test's message
+  HANDLE std_handles[] = {GetStdHandle(STD_INPUT_HANDLE), GetStdHandle(STD_OUTPUT_HANDLE),
+                          GetStdHandle(STD_ERROR_HANDLE)};
+  for (uintptr_t v = 4; v < 0x4000; v += 4) {
+    HANDLE h = reinterpret_cast<HANDLE>(v);
+    DWORD flags;
+    if (!GetHandleInformation(h, &flags))
+      continue;
+    if (own && h == own) {
+      owned++;
+      continue;
+    }
+    // An inherited handle keeps its inheritance flag; handles the runtime opened in this
+    // process (Wine keeps some pipes of its own) have it clear and are not counted.
+    if (h == std_handles[0] || h == std_handles[1] || h == std_handles[2] || !(flags & HANDLE_FLAG_INHERIT))
+      continue;
+    int accepting = 0, length = sizeof accepting;
+    char value[32];
+    if (getsockopt(SOCKET(v), SOL_SOCKET, SO_ACCEPTCONN, reinterpret_cast<char *>(&accepting), &length) == 0) {
+      accepting ? listening++ : sockets++;
+      snprintf(value, sizeof value, " %#x:%s", unsigned(v), accepting ? "listening" : "socket");
+    } else if (GetFileType(h) == FILE_TYPE_PIPE) {
+      pipes++;
+      snprintf(value, sizeof value, " %#x:pipe", unsigned(v));
+    } else {
+      continue;
+    }
+    which += value;
+  }
+  char text[128];
+  snprintf(text, sizeof text, "#handles listening=%d sockets=%d pipes=%d own=%d", listening, sockets,
+           pipes, owned);
+  found = which;
+  return text;
+}
+
+// Lines of the pipe, CR LF (or LF) stripped; false at the end of the pipe.
+struct line_reader {
+  HANDLE pipe;
+  std::string pending;
+  bool next(std::string &line) {
+    for (;;) {
+      size_t eol = pending.find('\n');
+      if (eol != std::string::npos) {
+        line = pending.substr(0, eol);
+        pending.erase(0, eol + 1);
+        if (!line.empty() && line.back() == '\r')
+          line.pop_back();
+        return true;
+      }
+      char buffer[1024];
+      DWORD got = 0;
+      if (!ReadFile(pipe, buffer, sizeof buffer, &got, nullptr) || got == 0)
+        return false;
+      pending.append(buffer, got);
+    }
+  }
+};
+
+line_reader reader;
+
+DWORD WINAPI pipe_thread(void *) {
+  std::string line;
+  while (reader.next(line)) {
+    record(line);
+    if (line == "exit") {
+      if (!ignore_exit)
+        leave(exit_code);
+      record("#ignored");
+    } else if (line.compare(0, 12, "remove tcp::") == 0) {
+      EnterCriticalSection(&lock);
+      removals.push_back(unsigned(atoi(line.c_str() + 12)));
+      LeaveCriticalSection(&lock);
+    }
+  }
+  record("#eof");
+  if (!ignore_exit)
+    leave(exit_code);
+  return 0;
+}
+
+struct port_socket {
+  unsigned port;
+  SOCKET sock;
+};
+
+SOCKET rebuild(const std::string &encoded, int &error) {
+  std::string bytes;
+  if (!b64decode(encoded, bytes) || bytes.size() != sizeof(WSAPROTOCOL_INFOA)) {
+    error = -1;
+    return INVALID_SOCKET;
+  }
+  WSAPROTOCOL_INFOA info;
+  memcpy(&info, bytes.data(), sizeof info);
+  SOCKET s = WSASocketA(FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, &info, 0, 0);
+  if (s == INVALID_SOCKET) {
+    error = WSAGetLastError();
+    return s;
+  }
+  // The manager's event selection left the socket non-blocking; this agent accepts after
+  // select, in blocking mode.
+  u_long nonblocking = 0;
+  ioctlsocket(s, FIONBIO, &nonblocking);
+  SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
+  return s;
+}
+
+SOCKET listen_self(unsigned port, int &error) {
+  SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(u_short(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (s == INVALID_SOCKET || bind(s, reinterpret_cast<sockaddr *>(&address), sizeof address) ||
+      listen(s, 10)) {
+    error = WSAGetLastError();
+    if (s != INVALID_SOCKET)
+      closesocket(s);
+    return INVALID_SOCKET;
+  }
+  SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
+  return s;
+}
+
+void serve(const port_socket &ps) {
+  SOCKET client = accept(ps.sock, nullptr, nullptr);
+  if (client == INVALID_SOCKET)
+    return;
+  record("#accepted " + std::to_string(ps.port));
+  std::string hello = "agent " + std::to_string(GetCurrentProcessId()) + " port " + std::to_string(ps.port) + "\r\n";
+  send(client, hello.data(), int(hello.size()), 0);
+  DWORD timeout = 3000;
+  setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char *>(&timeout), sizeof timeout);
+  char request[64] = {}, rest[16];
+  int got = recv(client, request, sizeof request - 1, 0);
+  bool exit_request = got > 0 && strncmp(request, "exit ", 5) == 0;
+  bool crash_request = got > 0 && strncmp(request, "crash", 5) == 0;
+  // The client closes first, so the port is not left with a connection in TIME_WAIT
+  // (under Wine that would make the manager's next bind of the port fail).
+  if (exit_request || crash_request)
+    while (recv(client, rest, sizeof rest, 0) > 0) {
+    }
+  closesocket(client);
+  if (exit_request)
+    leave(atoi(request + 5));
+  if (crash_request)
+    crash();
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
+  SetUnhandledExceptionFilter(end_on_exception);
+  DWORD started = GetTickCount();
+  const char *file = nullptr;
+  HANDLE pipe = nullptr;
+  bool quit = false, violate = false;
+  DWORD sleep_ms = LIFETIME_MS;
+  for (int i = 1; i < argc; i++) {
+    const char *a = argv[i];
+    if (a[0] != '-' || !a[1])
+      continue;
+    switch (a[1]) {
+      case 'F': file = a + 2; break;
+      case 'E': exit_code = atoi(a + 2); break;
+      case 'Q': quit = true; break;
+      case 'V': violate = true; break;
+      case 'I': ignore_exit = true; break;
+      case 'S': sleep_ms = DWORD(atoi(a + 2)); break;
+      case 'C': pipe = reinterpret_cast<HANDLE>(uintptr_t(strtoull(a + 2, nullptr, 16))); break;
+      default: break;
+    }
+  }
+  WSADATA wsa;
+  WSAStartup(MAKEWORD(2, 2), &wsa);
+  // Scanned before this process opens anything of its own.
+  std::string inherited = scan_handles(pipe);
+  if (file)
+    record_file = CreateFileA(file, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                              nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  record("#cmd " + std::string(GetCommandLineA()));
+  record(inherited);
+  if (!found.empty())
+    record("#found" + found);
+  if (violate)
+    crash();
+  if (quit)
+    leave(exit_code);
+  if (!pipe) {
+    Sleep(sleep_ms < LIFETIME_MS ? sleep_ms : LIFETIME_MS);
+    leave(exit_code);
+  }
+
+  // Start-up lines, up to "lifespan".
+  InitializeCriticalSection(&lock);
+  reader.pipe = pipe;
+  std::vector<port_socket> sockets;
+  std::string line;
+  bool started_up = false;
+  while (!started_up && reader.next(line)) {
+    record(line);
+    started_up = line.compare(0, 9, "lifespan ") == 0;
+    if (line.compare(0, 7, "-Ptcp::") != 0)
+      continue;
+    unsigned port = unsigned(atoi(line.c_str() + 7));
+    size_t at = line.find('@');
+    int error = 0;
+    SOCKET s = at == std::string::npos ? listen_self(port, error) : rebuild(line.substr(at + 1), error);
+    const char *what = at == std::string::npos ? "#listen " : "#socket ";
+    record(what + std::to_string(port) + (s == INVALID_SOCKET ? " failed " + std::to_string(error) : " ok"));
+    if (s != INVALID_SOCKET)
+      sockets.push_back({port, s});
+  }
+  if (!started_up) {
+    record("#eof");
+    leave(exit_code);
+  }
+  record("#ready");
+  CreateThread(nullptr, 0, pipe_thread, nullptr, 0, nullptr);
+
+  while (GetTickCount() - started < LIFETIME_MS) {
+    EnterCriticalSection(&lock);
+    std::vector<unsigned> drop;
+    drop.swap(removals);
+    LeaveCriticalSection(&lock);
+    for (unsigned port : drop)
+      for (size_t i = 0; i < sockets.size(); i++)
+        if (sockets[i].port == port) {
+          closesocket(sockets[i].sock);
+          sockets.erase(sockets.begin() + long(i));
+          record("#closed " + std::to_string(port));
+          break;
+        }
+    fd_set readable;
+    FD_ZERO(&readable);
+    for (size_t i = 0; i < sockets.size() && i < FD_SETSIZE; i++)
+      FD_SET(sockets[i].sock, &readable);
+    timeval tick = {0, 50000};
+    if (sockets.empty()) {
+      Sleep(50);
+      continue;
+    }
+    if (select(0, &readable, nullptr, nullptr, &tick) <= 0)
+      continue;
+    for (const port_socket &ps : sockets)
+      if (FD_ISSET(ps.sock, &readable))
+        serve(ps);
+  }
+  record("#timeout");
+  leave(exit_code);
+}
