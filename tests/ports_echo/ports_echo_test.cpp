@@ -48,18 +48,24 @@ std::string to(DWORD pid, const std::string &line) { return "To " + std::to_stri
 
 using PortsEcho = Ports;
 
+// Configures two auto ports of the service "echo" (lifespan: the default) and starts its
+// agent by a first client on the lower one, left open in *client. The agent's pid, or 0.
+DWORD echo_on_two_ports(const std::vector<unsigned> &p, SOCKET *client) {
+  set_service("echo", echo_program());
+  set_port(p[0], "auto", "echo");
+  set_port(p[1], "auto", "echo");
+  EXPECT_EQ(0, ssock_reconfig());
+  *client = connect_to(p[0]);
+  EXPECT_EQ("first", echo_of(*client, "first"));
+  return the_agent();
+}
+
 // Two auto ports of one service: the first connection starts one agent that holds both,
 // and it serves clients on both ports at the same time.
 TEST_F(PortsEcho, OneAgentServesEveryAutoPortOfItsServiceAndClientsAtOnce) {
   auto p = free_ports(2);
-  set_service("echo", echo_program());
-  set_port(p[0], "auto", "echo");
-  set_port(p[1], "auto", "echo");
-  ASSERT_EQ(0, ssock_reconfig());
-
-  SOCKET a = connect_to(p[0]);
-  EXPECT_EQ("first", echo_of(a, "first"));
-  DWORD pid = the_agent();
+  SOCKET a;
+  DWORD pid = echo_on_two_ports(p, &a);
   ASSERT_NE(0u, pid) << wait_list().pids.size();
   EXPECT_EQ(1, logged("Port " + std::to_string(p[1]) + " added to " + std::to_string(pid)));
 
@@ -86,14 +92,9 @@ TEST_F(PortsEcho, OneAgentServesEveryAutoPortOfItsServiceAndClientsAtOnce) {
 // of its two ports makes the agent drop that port and keep serving the other.
 TEST_F(PortsEcho, ReconfigAndRemoveReachTheRunningAgent) {
   auto p = free_ports(2);
-  set_service("echo", echo_program());
-  set_port(p[0], "auto", "echo");
-  set_port(p[1], "auto", "echo");
-  ASSERT_EQ(0, ssock_reconfig());
-  SOCKET a = connect_to(p[0]);
-  EXPECT_EQ("before", echo_of(a, "before"));
-  DWORD pid = the_agent();
-  ASSERT_NE(0u, pid);
+  SOCKET a;
+  DWORD pid = echo_on_two_ports(p, &a);
+  ASSERT_NE(0u, pid) << wait_list().pids.size();
 
   ASSERT_EQ(0, ssock_reconfig());
   EXPECT_EQ(1, logged(to(pid, "reconfig")));
