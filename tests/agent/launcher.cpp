@@ -113,6 +113,20 @@ double seconds_now() {
   return double(t.QuadPart) / double(freq.QuadPart);
 }
 
+double cold_launch(const std::string &cmdline, launched *l, SOCKET *orig, unsigned *port) {
+  *l = launched{};
+  *orig = listen_loopback(port);
+  double t0 = seconds_now();
+  SOCKET c = connect_loopback(*port);
+  if (c == INVALID_SOCKET || !launch(cmdline, l)) return -1;
+  std::string line = port_line(*orig, *port, l->pid);
+  bool ok = !line.empty() && send_line(l->pipe, line) && send_line(l->pipe, "--") &&
+            send_line(l->pipe, "lifespan 600") && echoes(c, "x");
+  double t1 = seconds_now();
+  closesocket(c);
+  return ok ? t1 - t0 : -1;
+}
+
 std::string beside_me(const char *relative) {
   char path[MAX_PATH];
   DWORD n = GetModuleFileNameA(nullptr, path, sizeof path);

@@ -32,6 +32,10 @@ long wait_exit(const launched &l, DWORD ms);
 
 // Seconds on the performance counter, for benchmarks.
 double seconds_now();
+// The cold launch with nothing but the hand-over: a new listening socket, a client
+// connecting, the agent cmdline started with the socket, up to the client's first echoed
+// byte. Seconds, or -1 on failure; the agent keeps running in *l, the socket is *orig.
+double cold_launch(const std::string &cmdline, launched *l, SOCKET *orig, unsigned *port);
 
 // The path of a file given relative to the folder of this executable.
 std::string beside_me(const char *relative);

@@ -12,21 +12,6 @@ namespace {
 
 constexpr int LAUNCHES = 15;
 
-// Seconds from connect to the first echoed byte; -1 on failure. Leaves the agent running
-// in *l with its socket in *orig.
-double cold(launched *l, SOCKET *orig, unsigned *port) {
-  *orig = listen_loopback(port);
-  double t0 = seconds_now();
-  SOCKET c = connect_loopback(*port);
-  if (c == INVALID_SOCKET || !launch(beside_me(ECHO_AGENT), l)) return -1;
-  std::string line = port_line(*orig, *port, l->pid);
-  bool ok = !line.empty() && send_line(l->pipe, line) && send_line(l->pipe, "--") &&
-            send_line(l->pipe, "lifespan 600") && echoes(c, "x");
-  double t1 = seconds_now();
-  closesocket(c);
-  return ok ? t1 - t0 : -1;
-}
-
 }  // namespace
 
 int main() {
@@ -35,7 +20,7 @@ int main() {
     launched l;
     SOCKET orig;
     unsigned port;
-    double t = cold(&l, &orig, &port);
+    double t = cold_launch(beside_me(ECHO_AGENT), &l, &orig, &port);
     if (t < 0) {
       fprintf(stderr, "bench_agent_cold: launch %d failed\n", i);
       return 1;
