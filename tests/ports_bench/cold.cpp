@@ -16,7 +16,9 @@
 
 namespace {
 
-constexpr int LAUNCHES = 15;
+// Launch times under Wine come in two bands (about 20 and 50 ms on a busy machine); enough
+// launches that the median of each series settles in the same band.
+constexpr int LAUNCHES = 25;
 
 // Every launch a minute and more after the last, so that the service's start throttle
 // (13 launches a minute) never refuses one of the series.
@@ -105,6 +107,7 @@ int main() {
                     std::make_pair("minimal launcher (baseline)", &baseline)})
     printf("  %-32s  %9.2f  %9.2f  %9.2f\n", row.first, row.second->median() * 1e3, row.second->times.front() * 1e3,
            row.second->times.back() * 1e3);
-  printf("  ratio of the medians, manager / baseline: %.3fx (goal <= 1.10x)\n", managed.median() / baseline.median());
+  printf("  ratio of the medians, manager / baseline: %.3fx (goal <= 1.10x); of the minima: %.3fx\n",
+         managed.median() / baseline.median(), managed.times.front() / baseline.times.front());
   return 0;
 }
