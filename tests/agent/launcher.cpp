@@ -118,7 +118,11 @@ double cold_launch(const std::string &cmdline, launched *l, SOCKET *orig, unsign
   *orig = listen_loopback(port);
   double t0 = seconds_now();
   SOCKET c = connect_loopback(*port);
-  if (c == INVALID_SOCKET || !launch(cmdline, l)) return -1;
+  if (c == INVALID_SOCKET) return -1;
+  if (!launch(cmdline, l)) {
+    closesocket(c);
+    return -1;
+  }
   std::string line = port_line(*orig, *port, l->pid);
   bool ok = !line.empty() && send_line(l->pipe, line) && send_line(l->pipe, "--") &&
             send_line(l->pipe, "lifespan 600") && echoes(c, "x");
