@@ -3,6 +3,10 @@
 BUILD      ?= build
 JOBS       ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
+# The gtest executables run in a shuffled order; SEED=n replays the order of an earlier run.
+ifndef SEED
+SEED := $(shell expr $$(od -An -N2 -tu2 /dev/urandom) % 99999 + 1)
+endif
 PREFIX     := $(abspath $(BUILD))/wineprefix
 WINESERVER := $(shell command -v wineserver 2>/dev/null || echo /usr/lib/wine/wineserver)
 GENERATOR  := $(shell command -v ninja >/dev/null 2>&1 && echo Ninja || echo "Unix Makefiles")
@@ -12,7 +16,7 @@ export WINEDEBUG  := -all
 export WINEDLLOVERRIDES := mscoree,mshtml=
 
 .PHONY: all setup build windows native fuzz-build bench-build test test-native test-windows \
-        test-fuzz fuzz bench run kivctl clean
+        test-fuzz test-layers fuzz bench run kivctl clean
 
 all: build
 
@@ -39,35 +43,51 @@ bench-build: setup
 
 build: windows native
 
-test: windows native fuzz-build
-	@$(MAKE) --no-print-directory test-native test-windows test-fuzz
+test: test-layers windows native fuzz-build
+	@echo "== test order: gtest shuffled with seed $(SEED) (replay with: make test SEED=$(SEED))"
+	@$(MAKE) --no-print-directory SEED=$(SEED) test-native test-windows test-fuzz
+
+# Every include keeps to its layer; the checker is checked first on a made-up tree.
+test-layers:
+	@echo "== layering"
+	@scripts/check-layers --self-test "$(abspath $(BUILD))/check-layers-selftest"
+	@scripts/check-layers
+
+# Wine hands the environment on to Windows processes, so both builds shuffle alike.
+GTEST_ENV := GTEST_SHUFFLE=1 GTEST_RANDOM_SEED=$(SEED)
 
 test-native:
-	@echo "== native tests (ASan, UBSan)"
-	@cd $(BUILD)/native && ctest --output-on-failure -j $(JOBS)
+	@echo "== native tests (ASan, UBSan), seed $(SEED)"
+	@cd $(BUILD)/native && $(GTEST_ENV) ctest --output-on-failure -j $(JOBS)
 
 # One wineserver for the whole run, so that each Windows process starts quickly. Wine's
 # own background processes are started first, with their output on /dev/null: started by
 # the first test instead, they would inherit ctest's output pipe and ctest would wait
 # for them forever.
 test-windows:
-	@echo "== Windows tests (Wine)"
+	@echo "== Windows tests (Wine), seed $(SEED)"
 	@ulimit -n 4096 2>/dev/null || true; $(WINESERVER) -p; wine cmd /c exit </dev/null >/dev/null 2>&1; \
-	 cd $(BUILD)/windows && ctest --output-on-failure -j $(JOBS); rc=$$?; \
+	 cd $(BUILD)/windows && $(GTEST_ENV) ctest --output-on-failure -j $(JOBS); rc=$$?; \
 	 $(WINESERVER) -k 2>/dev/null; exit $$rc
 
 test-fuzz:
 	@echo "== fuzz smoke"
 	@cd $(BUILD)/fuzz && ctest --output-on-failure -j $(JOBS)
 
+# Each target for FUZZ_SECONDS, growing its corpus under $(BUILD)/fuzz/corpus from the
+# seeds in fuzz/corpus. A crash fails the target (all targets still run) and its input
+# stays in $(BUILD)/fuzz/crashes.
 fuzz: fuzz-build
-	@set -e; for t in $(BUILD)/fuzz/fuzz/fuzz_*; do \
-	  [ -x "$$t" ] || continue; name=$$(basename $$t); \
-	  mkdir -p $(BUILD)/fuzz/corpus/$$name; \
+	@rc=0; for t in $(BUILD)/fuzz/fuzz/fuzz_*; do \
+	  [ -x "$$t" ] || continue; name=$$(basename $$t); short=$${name#fuzz_}; \
+	  out=$(BUILD)/fuzz/corpus/$$short; crashes=$(BUILD)/fuzz/crashes; log=$(BUILD)/fuzz/$$name.log; \
+	  mkdir -p $$out $$crashes; \
 	  echo "== $$name ($(FUZZ_SECONDS) s)"; \
-	  seeds=""; [ -d fuzz/corpus/$$name ] && seeds=fuzz/corpus/$$name; \
-	  $$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 $(BUILD)/fuzz/corpus/$$name $$seeds 2>&1 | tail -n 12; \
-	done
+	  seeds=""; [ -d fuzz/corpus/$$short ] && seeds=fuzz/corpus/$$short; \
+	  if $$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 -artifact_prefix=$$crashes/$$short- \
+	       $$out $$seeds >$$log 2>&1; then tail -n 12 $$log; \
+	  else tail -n 40 $$log; echo "== $$name FAILED: input kept in $$crashes (full output: $$log)"; rc=1; fi; \
+	done; exit $$rc
 
 # Native benchmarks, then the Windows ones (bench_*.exe under build/windows/bench) under
 # one wineserver.

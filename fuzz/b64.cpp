@@ -7,6 +7,7 @@
 #include <string>
 
 #include "lib/b64.h"
+#include "toolkit/runtime/base64.h"
 
 namespace {
 int value_of(char c) {

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "toolkit/runtime/init.h"
+#include "toolkit/runtime/context.h"
 #include "toolkit/runtime/log.h"
 
 namespace {

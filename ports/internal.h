@@ -160,7 +160,7 @@ int start_child(const char *application, const char *command_line, HANDLE *proce
                 HANDLE *pipe);
 int start_prog(prog_record *pg);  // 0, KIV_EINVAL (throttled), KIV_ESYS
 // Writes one agent command and CR LF; nothing once the child's pipe is closed.
-void sendcmd(child_record *c, const char *format, ...);
+void sendcmd(child_record *c, const char *format, ...) KIV_PRINTF(2, 3);
 // The throttle shared by agents and programs: counts a start in *starts / *period_start;
 // false when `limit` starts already followed the one that opened a period still running.
 bool start_allowed(int *starts, time_t *period_start, int limit);

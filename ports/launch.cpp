@@ -3,11 +3,11 @@
 #include <cstdarg>
 #include <cstring>
 
-#include "lib/b64.h"
 #include "lib/heap.h"
 #include "lib/printf.h"
 #include "ports/internal.h"
 #include "toolkit/config/info.h"
+#include "toolkit/runtime/base64.h"
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/memory.h"

@@ -7,6 +7,8 @@
 #include "lib/heap.h"
 #include "toolkit/config/conf.h"
 #include "toolkit/runtime/error.h"
+#include "toolkit/runtime/platform.h"
+#include "tests/lib/oom.h"
 
 namespace {
 
@@ -20,7 +22,9 @@ int record(const char *name, const char *value, const char *prefix, int letter) 
 
 // Writes exactly these bytes (binary) to a file the parser then reads in text mode.
 std::string tempfile(const std::string &bytes) {
-  std::string path = (std::filesystem::temp_directory_path() / "kivconf-test.cfg").string();
+  // One name per process: the native and the Windows runs may overlap.
+  std::string path = (std::filesystem::temp_directory_path() /
+                      ("kivconf-test-" + std::to_string(kiv_processid()) + ".cfg")).string();
   FILE *f = fopen(path.c_str(), "wb");
   EXPECT_NE(nullptr, f) << path;
   if (f) fwrite(bytes.data(), 1, bytes.size(), f), fclose(f);
@@ -74,6 +78,44 @@ TEST(Conf, ReadFile) {
   tempfile("sec:\n  broken\n");
   EXPECT_EQ(KIV_EFTYPE, kivconf_readfile(".m", path.c_str(), record));
   std::remove(path.c_str());
+}
+
+// The parser with the heap failing at every point in turn: a refusal ends the parse with
+// -1 and "<line>: out of memory" (or no text when that copy is refused too), every call
+// made before it is one the complete parse makes too, and nothing leaks.
+TEST(ConfOutOfMemory, ParseStopsCleanlyAtEveryRefusal) {
+  std::string text = "# agents\nglobal:\n  port = 25\n  name = \"two\\tparts\"\n  long = " +
+                     std::string(200, 'L') + "\nt.s25:\r\n\tservice = smtp\n" + std::string(40, 's') +
+                     ":\n  " + std::string(60, 'n') + " = v\n";
+  std::string path = tempfile(text);
+  calls.clear();
+  FILE *f = fopen(path.c_str(), "r");
+  ASSERT_EQ(0, kivconf_parse(f, record, ".P", nullptr));
+  fclose(f);
+  const std::string full = calls;
+  int points = failpoints(".cfg reader: eight lines, long values and names", [&](int n) {
+    calls.clear();
+    FILE *in = fopen(path.c_str(), "r");
+    char *error = nullptr;
+    xheap_failafter(n);
+    int rc = kivconf_parse(in, record, ".P", &error);
+    xheap_failafter(-1);
+    fclose(in);
+    std::string message = error ? error : "";
+    xfree(error);
+    if (rc == 0) {
+      EXPECT_EQ(full, calls);
+      EXPECT_EQ("", message);
+      return true;
+    }
+    EXPECT_EQ(-1, rc);
+    // The seam refuses every allocation after the n-th, the error text's copy too.
+    EXPECT_TRUE(message.empty() || message.find(": out of memory") != std::string::npos) << message;
+    EXPECT_EQ(full.substr(0, calls.size()), calls);
+    return false;
+  });
+  std::remove(path.c_str());
+  EXPECT_GE(points, 6);  // two texts, and the long line and the long names grow them
 }
 
 }  // namespace

@@ -17,7 +17,9 @@
 #include "lib/heap.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/log.h"
+#include "toolkit/runtime/context.h"
 #include "toolkit/runtime/platform.h"
+#include "tests/lib/oom.h"
 
 namespace fs = std::filesystem;
 
@@ -160,6 +162,121 @@ TEST(InfoFixname, MakesOneLowerCaseComponent) {
   EXPECT_EQ(kivinfo_fixname(&text[0]), &text[0]);
   EXPECT_EQ(text, "my_service_x-y_z");
   EXPECT_EQ(kivinfo_fixname(nullptr), nullptr);
+}
+
+// A relative name is tried under each prefix of the context's search list in turn; the
+// first success wins and a failure answers the last attempt's code.
+TEST_F(Info, RelativeNamesFollowTheSearchList) {
+  std::string f = file("t9.cfg", "one:\n  x = 1\ntwo:\n  x = 2\n  y = 22\n");
+  ASSERT_EQ(kivinfo_set(".t9", f.c_str(), KIVINFO_FILE), 0);
+  char one[] = ".t9.one", two[] = ".t9.two", top[] = ".t9";
+  char *both[] = {one, two, nullptr}, *topfirst[] = {top, one, nullptr}, *none[] = {nullptr};
+  kiv_context ctx{0, 0, both}, ctxtop{0, 0, topfirst}, ctxnone{0, 0, none}, ctxnull{0, 0, nullptr};
+  struct {
+    kiv_context *ctx;
+    const char *name, *expect;
+  } cases[] = {
+      {&ctx, "x", "1"},           {&ctx, "y", "22"},           {&ctx, "z", "#-4"},
+      {&ctx, ".t9.two.x", "2"},   {&ctxtop, "x", "1"},         {&ctxtop, "one", "#-4"},
+      {&ctxtop, "one.x", "1"},    {nullptr, "x", "#-7"},       {&ctxnone, "x", "#-7"},
+      {&ctxnull, "x", "#-7"},
+  };
+  char *list2[] = {two, top, nullptr};
+  kiv_context ctxlast{0, 0, list2};  // the last attempt finds a node
+  for (auto &c : cases) {
+    char *out = reinterpret_cast<char *>(1);
+    int rc = kivinfo_get(c.ctx, c.name, &out);
+    std::string got = rc == 0 ? std::string(out) : code(rc);
+    if (rc != 0) {
+      EXPECT_EQ(out, nullptr) << c.name;
+    }
+    xfree(rc == 0 ? out : nullptr);
+    EXPECT_EQ(got, c.expect) << c.name;
+  }
+  char *out = nullptr;
+  EXPECT_EQ(kivinfo_get(&ctxlast, "one", &out), KIV_ENODE);
+}
+
+// A file source's name gets ".cfg" unless its text from the last "." on is exactly
+// ".cfg". Each file exists only under the name expected, so a wrong name fails the read.
+TEST_F(Info, FileSourceNamesEndInCfg) {
+  struct {
+    const char *source, *stored;
+  } cases[] = {
+      {"agents", "agents.cfg"},          {"agents.cfg", "agents.cfg"},
+      {"agents.CFG", "agents.CFG.cfg"},  {"agents.cfgx", "agents.cfgx.cfg"},
+      {"v.d/agents", "v.d/agents.cfg"},  {"v.cfg/agents", "v.cfg/agents.cfg"},
+      {"agents.cfg.cfg", "agents.cfg.cfg"},
+  };
+  for (auto &c : cases) {
+    fs::create_directories(dir / "v.d");
+    fs::create_directories(dir / "v.cfg");
+    std::string stored = file(c.stored, "s:\n  k = v\n");
+    ASSERT_EQ(kivinfo_set(".t10", (dir / c.source).string().c_str(), KIVINFO_FILE), 0) << c.source;
+    EXPECT_EQ(get(".t10.s.k"), "v") << c.source;
+    EXPECT_EQ(walk(".t10"), (list{".t10.s.k=v", ".t10.s=", ".t10=" + stored})) << c.source;
+    fs::remove(stored);
+  }
+}
+
+// The tree's operations with the heap failing at every point in turn: each answers a
+// clean code, and afterwards the tree reads, finds and walks the source as if nothing
+// had happened (a failed read leaves the source unread, so it is read again).
+TEST(InfoOutOfMemory, EveryOperationLeavesAUsableTree) {
+  fs::create_directories(dir);
+  std::string f = (dir / "oom.cfg").string();
+  FILE *w = fopen(f.c_str(), "wb");
+  ASSERT_NE(w, nullptr);
+  fprintf(w, "s:\n  k = value\n  long = %s\nt.u:\n  k = 2\n", std::string(100, 'L').c_str());
+  fclose(w);
+  char s[] = ".oom.s", *searchlist[] = {s, nullptr};
+  kiv_context ctx{0, 0, searchlist};
+  list full = {".oom.s.k=value", ".oom.s.long=" + std::string(100, 'L'), ".oom.s=", ".oom.t.u.k=2",
+               ".oom.t.u=", ".oom.t=", ".oom=" + f};
+  auto clean = [](int rc, std::initializer_list<int> allowed) {
+    for (int a : allowed)
+      if (rc == a) return true;
+    return false;
+  };
+  int points = failpoints("info tree: init, attach, lookups (absolute, relative), walk", [&](int n) {
+    xheap_failafter(n);
+    int rc = kivinfo_init(0);
+    EXPECT_TRUE(clean(rc, {0, KIV_EBUSY, KIV_ENOMEM})) << rc;
+    if (rc == KIV_ENOMEM) {
+      xheap_failafter(-1);
+      char *out = nullptr;
+      EXPECT_EQ(kivinfo_get(nullptr, ".", &out), KIV_ENOTREADY);  // still absent
+      return false;
+    }
+    bool complete = true;
+    rc = kivinfo_set(".oom", f.c_str(), KIVINFO_FILE);
+    EXPECT_TRUE(clean(rc, {0, KIV_ENOMEM})) << rc;
+    complete = complete && rc == 0;
+    for (const char *name : {".oom.s.k", "k", ".oom.t.u.k"}) {
+      char *out = nullptr;
+      // A read that fails for want of memory is a failed read: EINTERNAL for a lookup.
+      rc = kivinfo_get(name[0] == '.' ? nullptr : &ctx, name, &out);
+      EXPECT_TRUE(clean(rc, {0, KIV_ENOMEM, KIV_EINTERNAL, KIV_ENOTFOUND})) << name << " " << rc;
+      if (rc == KIV_ENOTFOUND) {
+        EXPECT_FALSE(complete) << name;  // only when the attachment failed
+      }
+      complete = complete && rc == 0;
+      xfree(out);
+    }
+    list seen;
+    rc = kivinfo_walk(".oom", record, &seen);
+    // The reader turns a refused allocation into a parse failure: EFTYPE.
+    EXPECT_TRUE(clean(rc, {0, KIV_ENOMEM, KIV_EFTYPE})) << rc;
+    std::sort(seen.begin(), seen.end());
+    complete = complete && rc == 0 && seen == full;
+    xheap_failafter(-1);
+    EXPECT_EQ(kivinfo_set(".oom", f.c_str(), KIVINFO_FILE), 0);
+    EXPECT_EQ(get(".oom.t.u.k"), "2");
+    EXPECT_EQ(walk(".oom"), full);
+    kivinfo_set(".oom", "gone", KIVINFO_RESERVED);  // the subtree goes; the tree stays
+    return complete;
+  });
+  EXPECT_GE(points, 30);
 }
 
 }  // namespace

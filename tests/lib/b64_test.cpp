@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "lib/b64.h"
-#include "toolkit/runtime/error.h"
 
 TEST(Base64, VectorsAndRefusals) {
   struct { std::string in; const char *out; } cases[] = {
@@ -19,5 +18,5 @@ TEST(Base64, VectorsAndRefusals) {
   }
   EXPECT_EQ(0, b64_encode("abc", -3, out));
   EXPECT_STREQ("", out);
-  EXPECT_EQ(KIV_EINVAL, kiv_b64encode(nullptr, 3, out));
+  EXPECT_EQ(-1, b64_encode(nullptr, 3, out));
 }

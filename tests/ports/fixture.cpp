@@ -71,7 +71,10 @@ struct Environment : ::testing::Environment {
 }  // namespace
 
 void set_port(unsigned port, const char *start, const char *service) {
-  set_values("tcp\\s" + std::to_string(port), {{"start", start}, {"service", service}});
+  set_port_key("s" + std::to_string(port), start, service);
+}
+void set_port_key(const std::string &key, const char *start, const char *service) {
+  set_values("tcp\\" + key, {{"start", start}, {"service", service}});
 }
 void set_service(const std::string &name, const std::string &program, const char *lifespan) {
   set_values("services\\" + name, {{"program", program.c_str()}, {"lifespan", lifespan}});
@@ -138,6 +141,13 @@ std::vector<DWORD> agents(const std::string &path) {
 bool has_text(const std::string &path, const std::string &text, DWORD pid) {
   lines all = texts(path, pid);
   return std::find(all.begin(), all.end(), text) != all.end();
+}
+
+bool ready(const std::string &record, size_t count) {
+  size_t n = 0;
+  for (auto &r : read_record(record))
+    n += r.text == "#ready";
+  return n >= count;
 }
 
 lines pipe_lines(const std::string &path, DWORD pid) {
@@ -257,6 +267,21 @@ std::vector<unsigned> free_ports(unsigned count) {
   return ports;
 }
 
+SOCKET block_port(unsigned port) {
+  SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
+  sockaddr_in a = {};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(u_short(port));
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (s != INVALID_SOCKET && (bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a) || listen(s, 1))) {
+    ADD_FAILURE() << "block port " << port << ": " << WSAGetLastError();
+    closesocket(s);
+    return INVALID_SOCKET;
+  }
+  return s;
+}
+
 SOCKET connect_to(unsigned port) {
   SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
   if (s == INVALID_SOCKET)
@@ -287,6 +312,30 @@ std::string read_line(SOCKET s) {
 }
 
 void send_text(SOCKET s, const std::string &text) { send(s, text.data(), int(text.size()), 0); }
+
+DWORD start_agent_on(unsigned port, const std::string &record) {
+  size_t before = agents(record).size();
+  SOCKET client = connect_to(port);
+  bool ok = pump_until([&] { return ready(record, before + 1); });
+  std::string hello = ok ? read_line(client) : "";
+  closesocket(client);
+  EXPECT_TRUE(ok) << port;
+  DWORD pid = ok ? agents(record).back() : 0;
+  EXPECT_EQ("agent " + std::to_string(pid) + " port " + std::to_string(port), hello);
+  return pid;
+}
+
+HANDLE open_process(DWORD pid) { return OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid); }
+
+DWORD exit_code(HANDLE process) {
+  if (!process)
+    return 0xFFFFFFFF;
+  DWORD code = STILL_ACTIVE;
+  if (WaitForSingleObject(process, 5000) == WAIT_OBJECT_0)
+    GetExitCodeProcess(process, &code);
+  CloseHandle(process);
+  return code;
+}
 
 PROCESS_INFORMATION start_process(const std::string &program) {
   STARTUPINFOA si = {};

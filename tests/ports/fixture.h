@@ -22,6 +22,7 @@ constexpr time_t START_TIME = 1800000000;
 
 // Registry under HKEY_LOCAL_MACHINE\SOFTWARE\Orvane\Agents. A null value is left out.
 void set_port(unsigned port, const char *start, const char *service);
+void set_port_key(const std::string &key, const char *start, const char *service);  // key below tcp
 void set_service(const std::string &name, const std::string &program, const char *lifespan = nullptr);
 void set_global(const std::string &name, const char *start, const std::string &program);
 void remove_key(const std::string &subkey);  // e.g. "tcp\\s1234"
@@ -41,6 +42,8 @@ lines texts(const std::string &path, DWORD pid = 0);
 // The pids in the order of their first line.
 std::vector<DWORD> agents(const std::string &path);
 bool has_text(const std::string &path, const std::string &text, DWORD pid = 0);
+// At least `count` agents have read their start-up lines and serve (recorded "#ready").
+bool ready(const std::string &record, size_t count = 1);
 // Only the agent lines, without the agent's own "#" lines.
 lines pipe_lines(const std::string &path, DWORD pid);
 
@@ -71,11 +74,22 @@ std::string disable_of(time_t t);
 
 // Ports free on loopback right now, ascending.
 std::vector<unsigned> free_ports(unsigned count);
+// Another program's listening socket on 127.0.0.1:port, not inheritable (INVALID_SOCKET
+// on failure): the manager's bind of the port fails while it is open.
+SOCKET block_port(unsigned port);
 // A non-inheritable client connection to 127.0.0.1:port (INVALID_SOCKET on failure).
 SOCKET connect_to(unsigned port);
 // One line from the peer without CR LF; "" on close, reset or 10 s of silence.
 std::string read_line(SOCKET s);
 void send_text(SOCKET s, const std::string &text);
+// Connects to port and pumps until a new agent of `record` has started and greeted the
+// client; returns its pid (0 on failure). The client is closed.
+DWORD start_agent_on(unsigned port, const std::string &record);
+// A handle to wait for the process and read its exit code.
+HANDLE open_process(DWORD pid);
+// Waits up to 5 s for the process to end, closes the handle, returns its exit code
+// (STILL_ACTIVE if it did not end, 0xFFFFFFFF for a null handle).
+DWORD exit_code(HANDLE process);
 // A process that lives until killed (the test agent without a pipe), not inheriting.
 PROCESS_INFORMATION start_process(const std::string &program);
 

@@ -8,9 +8,8 @@
 namespace porttest {
 namespace {
 
-bool ready(const std::string &record) { return has_text(record, "#ready"); }
-std::string cmd_of(const std::string &record) {
-  for (auto &t : texts(record))
+std::string cmd_of(const std::string &record, DWORD pid = 0) {
+  for (auto &t : texts(record, pid))
     if (t.compare(0, 5, "#cmd ") == 0)
       return t.substr(5);
   return "";
@@ -37,6 +36,8 @@ TEST_F(Hook, HookedPortWithoutParentServesOnlyItselfAndGoesOnRemove) {
   EXPECT_EQ(lines({line_of(other, "svc", "Auto")}), listing());  // reconfiguration never hooks
 
   EXPECT_EQ(KIV_ECONFIG, ssock_add(other, nullptr, nullptr));   // configured "auto"
+  for (int number : {0, 65535, 70000})                            // never configured
+    EXPECT_EQ(KIV_ECONFIG, ssock_add(number, nullptr, nullptr)) << number;
   EXPECT_EQ(KIV_ECONFIG, ssock_remove(other));
   for (auto op : {ssock_remove, ssock_disable, ssock_enable})  // not hooked yet: no record
     EXPECT_EQ(KIV_ENOTFOUND, op(int(hooked)));
@@ -114,6 +115,83 @@ TEST_F(Hook, HookedPortLivesAsLongAsItsParent) {
   CloseHandle(stranger.hProcess);
 }
 
+TEST_F(Hook, HookingAgainWithoutPidDropsTheParent) {
+  unsigned port = free_ports(1)[0];
+  set_service("svc", agent_program(record_path("again")));
+  set_port(port, "hook", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  PROCESS_INFORMATION parent = start_process(agent_program(record_path("parent-process"), "-S60000"));
+  ASSERT_EQ(0, ssock_add(int(port), std::to_string(parent.dwProcessId).c_str(), nullptr));
+  ASSERT_EQ(0, ssock_add(int(port), nullptr, nullptr));
+  EXPECT_EQ(lines({line_of(port, "svc", "Hook")}), listing());
+  waitlist w = wait_list();
+  EXPECT_EQ(1u, w.events);
+  EXPECT_TRUE(w.pids.empty());
+  TerminateProcess(parent.hProcess, 0);
+  CloseHandle(parent.hProcess);
+}
+
+// The same parent hooks a port again while an agent holds it: the old agent drops it
+// (its pipe closed, so it ends), the new record takes over the socket and listens on it.
+TEST_F(Hook, HookingAgainWhileHeldHandsTheSocketOver) {
+  unsigned port = free_ports(1)[0];
+  std::string rec = record_path("rehook");
+  std::string program = agent_program(rec);
+  set_service("svc", program);
+  set_port(port, "hook", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  PROCESS_INFORMATION parent = start_process(agent_program(record_path("parent-process"), "-S60000"));
+  std::string pid = std::to_string(parent.dwProcessId);
+  ASSERT_EQ(0, ssock_add(int(port), pid.c_str(), "one"));
+  DWORD first = start_agent_on(port, rec);
+  ASSERT_EQ(0, ssock_add(int(port), pid.c_str(), "two"));
+  ASSERT_TRUE(pump_until([&] { return has_text(rec, "#eof", first); }));
+  EXPECT_EQ("remove tcp::" + std::to_string(port), pipe_lines(rec, first).back());
+  ASSERT_TRUE(pump_until([&] { return listing().size() == 1; }));
+  EXPECT_EQ(lines({line_of(port, "svc", "Hook") + " Parent=" + pid}), listing());
+  waitlist w = wait_list();
+  EXPECT_EQ(1u, w.events);
+  EXPECT_EQ(std::vector<DWORD>{parent.dwProcessId}, w.pids);
+  DWORD second = start_agent_on(port, rec);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(program + " -D3 two", before_pipe(cmd_of(rec, second)));
+  TerminateProcess(parent.hProcess, 0);
+  CloseHandle(parent.hProcess);
+}
+
+// A hooked port resting after a failed bind goes for good when it is removed or its
+// parent ends: it never comes back without its parent.
+TEST_F(Hook, RestingHookedPortIsFreedOnRemoveAndOnParentDeath) {
+  for (bool by_parent : {false, true}) {
+    SCOPED_TRACE(by_parent ? "parent ends" : "remove");
+    unsigned port = free_ports(1)[0];
+    SOCKET blocker = block_port(port);
+    ASSERT_NE(INVALID_SOCKET, blocker);
+    set_service("svc", agent_program(record_path("resting")));
+    set_port(port, "hook", "svc");
+    ASSERT_EQ(0, ssock_reconfig());
+    PROCESS_INFORMATION parent = start_process(agent_program(record_path("parent-process"), "-S60000"));
+    std::string pid = std::to_string(parent.dwProcessId);
+    ASSERT_EQ(0, ssock_add(int(port), pid.c_str(), nullptr));
+    EXPECT_EQ(lines({line_of(port, "svc", "Hook") + disable_of(now + 900) + " Parent=" + pid}), listing());
+    closesocket(blocker);
+    if (by_parent) {
+      TerminateProcess(parent.hProcess, 0);
+      ASSERT_TRUE(pump_until([&] { return listing().empty(); }));
+    } else {
+      ASSERT_EQ(0, ssock_remove(int(port)));
+      EXPECT_EQ(lines(), listing());
+    }
+    EXPECT_EQ(0u, wait_list().count);
+    advance(900);
+    EXPECT_EQ(lines(), listing());
+    EXPECT_EQ(0u, wait_list().count);
+    TerminateProcess(parent.hProcess, 0);
+    CloseHandle(parent.hProcess);
+    restart_manager();
+  }
+}
+
 // Texts at their limits and one past them. A refused launch accepts the waiting
 // connection and closes it; the port keeps listening.
 TEST_F(Hook, CommandLinePiecesAtAndPastTheirLimits) {
@@ -179,6 +257,7 @@ TEST_F(Hook, LongDebugSpecNeverOverrunsTheCommandLine) {
     std::string line = before_pipe(cmd_of(rec));
     EXPECT_EQ(program, line.substr(0, program.size()));
     std::string debug = line.substr(program.size());
+    EXPECT_LE(3u, debug.size()) << line;
     EXPECT_EQ(debug, (" -D" + spec).substr(0, debug.size()));  // the spec, cut at most
   }
   EXPECT_EQ(lines({line_of(port, "svc", "Auto") + (ready(rec) ? " Agent=" + std::to_string(agents(rec)[0]) : "")}),

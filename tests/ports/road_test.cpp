@@ -22,13 +22,6 @@ lines shape(const lines &in) {
 
 std::string at(unsigned port) { return "-Ptcp::" + std::to_string(port) + "@<496>"; }
 
-bool ready(const std::string &record, size_t count) {
-  size_t n = 0;
-  for (auto &r : read_record(record))
-    n += r.text == "#ready";
-  return n >= count;
-}
-
 using Road = Ports;
 
 TEST_F(Road, ConnectionStartsOneAgentWithEveryIdlePortOfItsService) {
@@ -130,12 +123,7 @@ TEST_F(Road, AgentExitCodeDecidesWhatBecomesOfItsPorts) {
       EXPECT_EQ(c.listen_count, logged(text)) << text;
     }
     // Listening for real: the next connection, on the other port, starts a new agent.
-    client = connect_to(p[1]);
-    ASSERT_TRUE(pump_until([&] { return ready(rec, 2); }));
-    DWORD second = agents(rec).back();
-    EXPECT_NE(pid, second);
-    EXPECT_EQ("agent " + std::to_string(second) + " port " + std::to_string(p[1]), read_line(client));
-    closesocket(client);
+    EXPECT_NE(pid, start_agent_on(p[1], rec));
     restart_manager();
   }
 }
@@ -143,8 +131,9 @@ TEST_F(Road, AgentExitCodeDecidesWhatBecomesOfItsPorts) {
 TEST_F(Road, OnPortKeepsOneAgentThatListensByItself) {
   unsigned port = free_ports(1)[0];
   std::string rec = record_path("on");
-  set_service("svc", agent_program(rec), "77");
-  set_port(port, "on", "svc");
+  // A dotted, mixed-case service name: its keys are found under "On_Svc", in any case.
+  set_service("On_Svc", agent_program(rec), "77");
+  set_port(port, "on", "On.Svc");
   ASSERT_EQ(0, ssock_reconfig());
   ASSERT_TRUE(pump_until([&] { return ready(rec, 1); }));
   DWORD first = agents(rec)[0];
@@ -154,7 +143,7 @@ TEST_F(Road, OnPortKeepsOneAgentThatListensByItself) {
   waitlist w = wait_list();
   EXPECT_EQ(std::vector<DWORD>{first}, w.pids);
   EXPECT_EQ(0u, w.events);
-  EXPECT_EQ(lines({line_of(port, "svc", "On") + " Agent=" + std::to_string(first)}), listing());
+  EXPECT_EQ(lines({line_of(port, "On.Svc", "On") + " Agent=" + std::to_string(first)}), listing());
 
   // A non-zero exit: the pass starts the next agent at once.
   SOCKET client = connect_to(port);
@@ -171,7 +160,7 @@ TEST_F(Road, OnPortKeepsOneAgentThatListensByItself) {
   send_text(client, "crash");
   closesocket(client);
   ASSERT_TRUE(pump_until([&] { return logged("Child " + std::to_string(second) + " caused exeption") == 1; }));
-  EXPECT_EQ(lines({line_of(port, "svc", "On") + disable_of(now + 3)}), listing());
+  EXPECT_EQ(lines({line_of(port, "On.Svc", "On") + disable_of(now + 3)}), listing());
   w = wait_list();
   EXPECT_EQ(0u, w.count);
   EXPECT_EQ(now + 3, w.due);
@@ -193,16 +182,13 @@ TEST_F(Road, AgentsInheritNoListeningSocketAndNoOtherPipe) {
   set_port(p[1], "auto", "b");
   set_port(p[2], "auto", "b");
   ASSERT_EQ(0, ssock_reconfig());
-  SOCKET first = connect_to(p[0]);
-  ASSERT_TRUE(pump_until([&] { return ready(rec, 1); }));
-  SOCKET second = connect_to(p[1]);
-  ASSERT_TRUE(pump_until([&] { return ready(rec, 2); }));
+  start_agent_on(p[0], rec);
+  start_agent_on(p[1], rec);  // while the first runs, with its pipe open
   auto pids = agents(rec);
   ASSERT_EQ(2u, pids.size());
+  EXPECT_EQ(2u, wait_list().pids.size());
   for (DWORD pid : pids)
     EXPECT_TRUE(has_text(rec, "#handles listening=0 sockets=0 pipes=0 own=1", pid)) << testing::PrintToString(texts(rec, pid));
-  closesocket(first);
-  closesocket(second);
 }
 
 }  // namespace

@@ -73,20 +73,37 @@ TEST_F(Throttle, ProgramEndedByAnExceptionRestsForAMinute) {
   ASSERT_TRUE(pump_until([] { return logged("Prog job disabled for 1 minute") == 1; }));
   EXPECT_EQ(1, logged("died with code 0xc0000005"));
   EXPECT_EQ(now + 60, wait_list().due);
-  advance(61);
+  advance(60);
+  EXPECT_EQ(1, logged("Started pid"));
+  advance(1);
   EXPECT_EQ(2, logged("Started pid"));
+  // A reconfiguration makes a resting program eligible again at once.
+  ASSERT_TRUE(pump_until([] { return logged("Prog job disabled for 1 minute") == 2; }));
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(3, logged("Started pid"));
+}
+
+TEST_F(Throttle, ProgramNoLongerConfiguredIsKilledAndForgotten) {
+  std::string rec = record_path("gone");
+  set_global("job", "on", agent_program(rec));  // lives until killed
+  ASSERT_EQ(0, ssock_reconfig());
+  ASSERT_TRUE(pump_until([&] { return !agents(rec).empty(); }));
+  DWORD pid = agents(rec)[0];
+  HANDLE process = open_process(pid);
+  EXPECT_EQ(std::vector<DWORD>{pid}, wait_list().pids);
+  remove_key("global\\start\\job");
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(1, logged("Prog job no longer used"));
+  EXPECT_EQ(1, logged("Prog job/" + std::to_string(pid) + " killed"));
+  ASSERT_TRUE(pump_until([] { return wait_list().count == 0; }));
+  EXPECT_EQ(1u, exit_code(process));  // terminated
+  EXPECT_EQ(1, logged("Started pid"));  // not started again
 }
 
 TEST_F(Throttle, PortThatCannotBeBoundRestsFifteenMinutes) {
   unsigned port = free_ports(1)[0];
-  SOCKET blocker = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  SetHandleInformation(reinterpret_cast<HANDLE>(blocker), HANDLE_FLAG_INHERIT, 0);
-  sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(u_short(port));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(0, bind(blocker, reinterpret_cast<sockaddr *>(&a), sizeof a));
-  ASSERT_EQ(0, listen(blocker, 1));
+  SOCKET blocker = block_port(port);
+  ASSERT_NE(INVALID_SOCKET, blocker);
   set_service("svc", agent_program(record_path("bind")));
   set_port(port, "auto", "svc");
   ASSERT_EQ(0, ssock_reconfig());
@@ -100,9 +117,27 @@ TEST_F(Throttle, PortThatCannotBeBoundRestsFifteenMinutes) {
   closesocket(blocker);
   advance(899);
   EXPECT_EQ(0u, wait_list().count);
-  advance(1);
+  // A reconfiguration lifts a timed disable at once.
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(1, logged("Reenable port " + std::to_string(port)));
   EXPECT_EQ(1u, wait_list().events);
   EXPECT_EQ(lines({line_of(port, "svc", "Auto")}), listing());
+}
+
+TEST_F(Throttle, AgentThatCannotBeStartedRestsItsPortThreeSeconds) {
+  unsigned port = free_ports(1)[0];
+  set_service("svc", "C:\\kivd-no-such-folder\\agent.exe");
+  set_port(port, "auto", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  SOCKET client = connect_to(port);
+  ASSERT_TRUE(pump_until([] { return logged("Failed to start agent for service svc. Code = -12") == 1; }));
+  closesocket(client);
+  EXPECT_EQ(lines({line_of(port, "svc", "Auto") + disable_of(now + 3)}), listing());
+  waitlist w = wait_list();
+  EXPECT_EQ(0u, w.count);
+  EXPECT_EQ(now + 3, w.due);
+  advance(3);
+  EXPECT_EQ(1u, wait_list().events);
 }
 
 }  // namespace

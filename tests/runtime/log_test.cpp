@@ -17,6 +17,7 @@
 #include "toolkit/runtime/log.h"
 #include "toolkit/runtime/memory.h"
 #include "toolkit/runtime/platform.h"
+#include "tests/lib/oom.h"
 
 static std::vector<std::string> captured;
 static void capture(const char *line) { captured.push_back(line); }
@@ -24,10 +25,12 @@ static uint32_t ticks;
 static uint32_t testticks() { return ticks; }
 static const char TAG[] = "ssock.ssock_update";
 
-// The toolkit is initialised once per process, so the whole story is one ordered test,
-// and it comes first: the log's lock is among what it starts.
+// The toolkit is initialised once per process, so the whole story is one ordered test.
+// It is the only caller of kiv_init here; the log takes its own lock, so the tests run
+// in any order.
 TEST(Init, RefusedVersionThenOnceOnly) {
   kiv_logreset();
+  captured.clear();
   kiv_logsink = capture;
   // A version that is not provided: refused, answered with 5/0, nothing recorded.
   kiv_initrec rec{0, 0, 3, 1, 0, 0};
@@ -59,7 +62,10 @@ TEST(Init, RefusedVersionThenOnceOnly) {
 class Log : public ::testing::Test {
  protected:
   void SetUp() override { fresh(); }
-  void TearDown() override { kiv_logreset(); }
+  void TearDown() override {
+    kiv_logreset();
+    captured.clear();
+  }
   static void fresh() {
     kiv_logreset();
     captured.clear();
@@ -243,4 +249,85 @@ TEST_F(Log, SinkThatLogsNestsOnceAndDropsTheThirdLevel) {
   kiv_logsink = capture;  // the nesting is undone: a line from another thread gets through
   std::thread([] { kiv_log(nullptr, "t.n", "later"); }).join();
   EXPECT_EQ((std::vector<std::string>{"outer", "nested 1", "later"}), captured);
+}
+
+static time_t fixedtime() { return 1700000000; }
+
+// An empty or null format makes kiv_log write a separator with the local time, cut to the
+// room after the prefix; a report with such a format is its prefix alone.
+TEST_F(Log, EmptyFormatWritesASeparatorAndAReportItsPrefix) {
+  kiv_setclock(fixedtime, nullptr);
+  struct tm local;
+  ASSERT_TRUE(kiv_localtime(fixedtime(), &local));
+  char when[64];
+  strftime(when, sizeof when, "%b %d %H:%M:%S", &local);
+  const char *none = nullptr, *empty = "";  // variables: the compiler checks literal formats
+  std::string longprefix(KIV_LOGLINE - 8, 'p');  // leaves room for 7 characters
+  kiv_logconfig("3;=%f: ");
+  kiv_log(nullptr, "a.sep", "%s", "");  // an empty text is not an empty format
+  kiv_log(nullptr, "a.sep", empty);
+  kiv_log(nullptr, "a.sep", none);
+  kiv_logerror(nullptr, "a.rep", KIV_SEV_ERROR, KIV_ESYS, empty);
+  kiv_logerror(nullptr, "a.rep", KIV_SEV_ERROR, KIV_ESYS, none);
+  kiv_logconfig(("3;=" + longprefix).c_str());
+  kiv_log(nullptr, "a.sep", empty);
+  kiv_setclock(nullptr, nullptr);
+  std::vector<std::string> expected = {"sep: ", std::string("sep: ========== ") + when,
+                                       std::string("sep: ========== ") + when, "rep: ", "rep: ",
+                                       longprefix + "======="};
+  EXPECT_EQ(expected, captured);
+}
+
+// The port manager hands the kept spec to every agent: it must be a copy of the last one
+// given, gone with a null spec and after a reset.
+TEST_F(Log, KeepsACopyOfTheLastDebugSpec) {
+  EXPECT_EQ(nullptr, kiv_logspec());
+  std::string spec = "3;ssock;>c:/kivd.txt";
+  kiv_logconfig(spec.c_str());
+  spec[0] = '9';
+  ASSERT_NE(nullptr, kiv_logspec());
+  EXPECT_STREQ("3;ssock;>c:/kivd.txt", kiv_logspec());
+  kiv_logconfig("");
+  ASSERT_NE(nullptr, kiv_logspec());
+  EXPECT_STREQ("", kiv_logspec());
+  kiv_logconfig(nullptr);
+  EXPECT_EQ(nullptr, kiv_logspec());
+  kiv_logconfig("4");
+  fresh();  // a reset, lines still captured
+  EXPECT_EQ(nullptr, kiv_logspec());
+  xheap_failafter(0);  // the copy is refused: no spec, but the items still apply
+  kiv_logconfig("5");
+  xheap_failafter(-1);
+  EXPECT_EQ(nullptr, kiv_logspec());
+  EXPECT_EQ(5, kiv_loglevel);
+}
+
+// Every item of a debug spec that the heap refuses is dropped (and reported); the rest
+// apply, and the log goes on writing whole lines.
+TEST_F(Log, OutOfMemoryDropsItemsAndKeepsTheLogWhole) {
+  std::string spec = "4;=%f: ";  // no exclusion: an unlisted module passes only without a list
+  for (int i = 0; i < 20; i++) spec += ";m" + std::to_string(i);
+  int points = failpoints("log: a debug spec of 22 items", [&](int n) {
+    fresh();
+    xheap_failafter(n);
+    kiv_logconfig(spec.c_str());
+    xheap_failafter(-1);
+    EXPECT_EQ(4, kiv_loglevel);
+    bool complete = kiv_logspec() != nullptr;
+    if (kiv_logspec()) {
+      EXPECT_EQ(spec, kiv_logspec());
+    }
+    int included = 0;
+    for (int i = 0; i < 20; i++) included += kiv_logcheck(0, ("m" + std::to_string(i) + ".f").c_str());
+    complete = complete && included == 20 && kiv_logcheck(0, "other.f") == 0;
+    std::string p = prefix(256);
+    EXPECT_TRUE(p == "ssock_update: " || p == "1234 [*] ssock_update: ") << p;
+    complete = complete && p == "ssock_update: ";
+    captured.clear();
+    kiv_logerror(nullptr, "m0.f", KIV_SEV_ERROR, 0, "still written");
+    EXPECT_EQ(1u, captured.size());
+    kiv_logreset();  // releases what was kept; the leak checker sees the rest
+    return complete;
+  });
+  EXPECT_GE(points, 22);
 }

@@ -173,9 +173,6 @@ int conf_error(char **error, int line, const char *format, ...) {
     va_end(args);
   }
   buffer[ERROR_BUFFER - 1] = 0;
-  size_t size = strlen(buffer) + 1;
-  char *copy = static_cast<char *>(kiv_alloc(static_cast<unsigned>(size), "conf.conf_error"));
-  if (copy) memcpy(copy, buffer, size);
-  *error = copy;
+  *error = kiv_copytext(buffer, strlen(buffer), "conf.conf_error");
   return -1;
 }

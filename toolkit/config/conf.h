@@ -5,11 +5,19 @@
 #include "lib/printf.h"
 #include "toolkit/config/addfunc.h"
 
-// 0, KIV_EACCES (cannot open), KIV_EFTYPE (does not parse).
+// Reads the file (text mode) through kivconf_parse. 0; KIV_EACCES when the file (or a
+// null name) cannot be opened; KIV_EFTYPE when the parse fails, for a syntax error and
+// for a heap refusal alike (the parser reports the latter as "out of memory").
 int kivconf_readfile(const char *prefix, const char *filename, kiv_addfunc add);
-// 0, or -1 with *error (when error is not null) a heap text "<line>: <message>".
+// Reports every section and assignment of stream to add, which may fail without stopping
+// the parse. 0; -1 at the first bad line (nothing after it is read) or heap refusal, with
+// *error (when error is not null) a heap text "<line>: <message>" owned by the caller,
+// or null when that copy was refused too; KIV_EINTERNAL for a null stream or add, with
+// *error null.
 int kivconf_parse(FILE *stream, kiv_addfunc add, const char *prefix, char **error);
-// Checks and rewrites name in place; *length receives its new length. 0 or -1.
+// Checks name and rewrites it in place (blanks around dots dropped, a run of blanks kept
+// as its first character); *length, when given, receives its new length. 0, or -1 with
+// *error set as by conf_error.
 int conf_checkname(char *name, int *length, int line, char **error);
 // Stores "<line>: <message>" (at most 255 characters) as a heap text in *error when error
 // is not null. Always -1.

@@ -9,7 +9,7 @@
 #include "toolkit/config/memdb.h"
 #include "toolkit/config/w32conf.h"
 #include "toolkit/runtime/error.h"
-#include "toolkit/runtime/init.h"
+#include "toolkit/runtime/context.h"
 #include "toolkit/runtime/locks.h"
 #include "toolkit/runtime/log.h"
 #include "toolkit/runtime/memory.h"
@@ -31,15 +31,8 @@ class infolock {
   infolock &operator=(const infolock &) = delete;
 };
 
-// A heap block for a text of size bytes. Sizes past 32 bits cannot be passed to the
-// allocator and no key or value could hold them: refused as the heap would refuse them.
-char *textblock(size_t size, const char *tag) {
-  if (size > INT32_MAX) {
-    kiv_allocfail(tag, UINT32_MAX);
-    return nullptr;
-  }
-  return static_cast<char *>(kiv_alloc(static_cast<unsigned>(size), tag));
-}
+// A heap block for a text of size bytes.
+char *textblock(size_t size, const char *tag) { return static_cast<char *>(kiv_allocsize(size, tag)); }
 
 // A growable list of heap paths, released with release().
 struct pathlist {
@@ -58,10 +51,8 @@ struct pathlist {
       items = bigger;
       capacity = grown;
     }
-    char *copy = textblock(length + 1, "info.findsources");
+    char *copy = kiv_copytext(text, length, "info.findsources");
     if (!copy) return KIV_ENOMEM;
-    memcpy(copy, text, length);
-    copy[length] = '\0';
     items[count++] = copy;
     return 0;
   }
@@ -108,12 +99,7 @@ char letterof(const kiv_memdbrec *rec) {
 char *textof(const kiv_memdbrec *rec, const char *tag) {
   const char *text = rec->datalen > 1 ? static_cast<const char *>(rec->data) + 1 : "";
   size_t n = rec->datalen > 1 ? strnlen(text, static_cast<size_t>(rec->datalen - 1)) : 0;
-  char *copy = textblock(n + 1, tag);
-  if (copy) {
-    memcpy(copy, text, n);
-    copy[n] = '\0';
-  }
-  return copy;
+  return kiv_copytext(text, n, tag);
 }
 
 // a is b, or a lies above b; case-folded. .tcp covers .tcp.s25 but not .tcpx.
@@ -135,13 +121,8 @@ char *parentpath(const char *path, int *rc) {
   }
   const char *cut = path[0] ? strrchr(path + 1, '.') : nullptr;
   size_t n = cut ? static_cast<size_t>(cut - path) : 1;
-  char *parent = textblock(n + 1, "info.parentpath");
-  if (!parent) {
-    *rc = KIV_ENOMEM;
-    return nullptr;
-  }
-  memcpy(parent, cut ? path : ".", n);
-  parent[n] = '\0';
+  char *parent = kiv_copytext(cut ? path : ".", n, "info.parentpath");
+  if (!parent) *rc = KIV_ENOMEM;
   return parent;
 }
 
@@ -494,11 +475,7 @@ int kivinfo_walk(const char *path, kivinfo_walkfunc fn, void *arg) {
 
 char *kivinfo_fixname(char *text) {
   if (!text) return nullptr;
-  for (char *p = text; *p; p++) {
-    if (*p == '.')
-      *p = '_';
-    else if (*p >= 'A' && *p <= 'Z')
-      *p = static_cast<char>(*p + ('a' - 'A'));
-  }
+  for (char *p = text; *p; p++)
+    *p = *p == '.' ? '_' : static_cast<char>(xfoldtable.map[static_cast<unsigned char>(*p)]);
   return text;
 }

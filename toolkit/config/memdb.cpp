@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "lib/heap.h"
+#include "lib/strcase.h"
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/memory.h"
@@ -28,19 +29,10 @@ constexpr int32_t DEFAULT_BUCKETS = 64;
 constexpr int32_t DEFAULT_LIFETIME = 600;
 constexpr int32_t FIRST_SWEEP = 64;
 
-// ASCII folding, as tolower in the C locale; a table keeps the hash loop branch-free.
-struct foldtable {
-  unsigned char map[256];
-  constexpr foldtable() : map() {
-    for (int c = 0; c < 256; c++) map[c] = static_cast<unsigned char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
-  }
-};
-constexpr foldtable FOLD;
-
 uint32_t hash(const unsigned char *key, int32_t keylen, bool nocase) {
   uint32_t h = static_cast<uint32_t>(keylen);
   if (nocase) {
-    for (int32_t i = 0; i < keylen; i++) h = 9 * h + FOLD.map[key[i]];
+    for (int32_t i = 0; i < keylen; i++) h = 9 * h + xfoldtable.map[key[i]];
   } else {
     for (int32_t i = 0; i < keylen; i++) h = 9 * h + key[i];
   }
@@ -52,7 +44,7 @@ bool samekey(const kiv_memdbrec &a, const unsigned char *key, int32_t keylen, bo
   const unsigned char *k = static_cast<const unsigned char *>(a.key);
   if (!nocase) return memcmp(k, key, static_cast<size_t>(keylen)) == 0;
   for (int32_t i = 0; i < keylen; i++)
-    if (FOLD.map[k[i]] != FOLD.map[key[i]]) return false;
+    if (xfoldtable.map[k[i]] != xfoldtable.map[key[i]]) return false;
   return true;
 }
 
@@ -87,6 +79,18 @@ void dispose(kiv_memdb *db, kiv_memdbentry *e) {
     if (e->flags & ENTRY_COUNTED) db->bytes -= e->rec.keylen + e->rec.datalen;
   }
   xfree(e);
+}
+
+// The one removal of an entry by key (a delete, or a store that replaces): at once when
+// idle; during a walk only marked, since the walk holds a pointer into the chain.
+void removeentry(kiv_memdb *db, uint32_t bucket, kiv_memdbentry *e) {
+  if (db->flags & MEMDB_WALKING) {
+    e->flags |= ENTRY_DELETED;
+    if (!(e->flags & ENTRY_VISITING)) db->flags |= MEMDB_STRAYMARK;
+  } else {
+    unlink(db, bucket, e);
+    dispose(db, e);
+  }
 }
 
 // In 64 bits: a stamp near the end of the 32-bit range plus a lifetime must not wrap.
@@ -169,15 +173,7 @@ int put(kiv_memdb *db, kiv_memdbrec *rec, uint32_t bucket) {
   e->stamp = static_cast<int32_t>(kiv_time());
   db->count++;
 
-  if (kiv_memdbentry *old = find(db, rec, bucket)) {
-    if (db->flags & MEMDB_WALKING) {
-      old->flags |= ENTRY_DELETED;
-      if (!(old->flags & ENTRY_VISITING)) db->flags |= MEMDB_STRAYMARK;
-    } else {
-      unlink(db, bucket, old);
-      dispose(db, old);
-    }
-  }
+  if (kiv_memdbentry *old = find(db, rec, bucket)) removeentry(db, bucket, old);
   e->next = db->buckets[bucket];
   db->buckets[bucket] = e;
 
@@ -200,19 +196,15 @@ int kiv_memdbnew(int nbuckets, int lifetime, kiv_memdb **out) {
   *out = nullptr;
   if (nbuckets < 1) nbuckets = DEFAULT_BUCKETS;
   if (lifetime < 0) lifetime = DEFAULT_LIFETIME;
-  // The chain array's size must fit the allocator's unsigned size.
-  uint64_t arraysize = static_cast<uint64_t>(nbuckets) * sizeof(kiv_memdbentry *);
-  if (arraysize > UINT32_MAX) {
-    kiv_allocfail(TAG, UINT32_MAX);
-    return KIV_ENOMEM;
-  }
+  size_t arraysize = static_cast<size_t>(nbuckets) * sizeof(kiv_memdbentry *);
   auto *db = static_cast<kiv_memdb *>(kiv_zalloc(sizeof(kiv_memdb), TAG));
   if (!db) return KIV_ENOMEM;
-  db->buckets = static_cast<kiv_memdbentry **>(kiv_zalloc(static_cast<unsigned>(arraysize), TAG));
+  db->buckets = static_cast<kiv_memdbentry **>(kiv_allocsize(arraysize, TAG));
   if (!db->buckets) {
     xfree(db);
     return KIV_ENOMEM;
   }
+  memset(db->buckets, 0, arraysize);
   db->nbuckets = nbuckets;
   db->lifetime = lifetime;
   db->sweep = nbuckets < FIRST_SWEEP ? nbuckets : FIRST_SWEEP;
@@ -267,13 +259,7 @@ int kiv_memdbfunc(int op, kiv_memdbrec *rec, kiv_memdb *db) {
       return 0;
     }
     case MEMDB_DEL:
-      if (db->flags & MEMDB_WALKING) {
-        e->flags |= ENTRY_DELETED;
-        if (!(e->flags & ENTRY_VISITING)) db->flags |= MEMDB_STRAYMARK;
-      } else {
-        unlink(db, bucket, e);
-        dispose(db, e);
-      }
+      removeentry(db, bucket, e);
       return 0;
     default: {  // MEMDB_MATCH
       if (int r = checklife(db, e)) return r;

@@ -46,22 +46,19 @@ void dots_to_underscores(char *name) {
 // A zeroed buffer of size + 1 bytes, or null for size 0. *failed tells a refusal apart.
 void *sizedbuffer(DWORD size, bool *failed) {
   if (size == 0) return nullptr;
-  void *block = size < 0xffffffffu ? kiv_zalloc(size + 1, READREG_TAG) : nullptr;
-  if (!block) {
-    if (size == 0xffffffffu) kiv_allocfail(READREG_TAG, size);
+  size_t bytes = static_cast<size_t>(size) + 1;
+  void *block = kiv_allocsize(bytes, READREG_TAG);
+  if (block)
+    memset(block, 0, bytes);
+  else
     *failed = true;
-  }
   return block;
 }
 
 // "<a><sep><b>" on the heap, or null when the heap refuses (reported).
 char *joined(const char *a, char sep, const char *b) {
   size_t la = strlen(a), lb = strlen(b);
-  if (la + lb + 2 > 0xffffffffu) {
-    kiv_allocfail(READREG_TAG, 0xffffffffu);
-    return nullptr;
-  }
-  char *text = static_cast<char *>(kiv_alloc(static_cast<unsigned>(la + lb + 2), READREG_TAG));
+  char *text = static_cast<char *>(kiv_allocsize(la + lb + 2, READREG_TAG));
   if (!text) return nullptr;
   memcpy(text, a, la);
   text[la] = sep;
@@ -97,10 +94,8 @@ int kivconf_splitkey(const char *path, void **root, char **subkey) {
   if (!slash || slash[1] == 0) return KIV_EINVAL;
   // Out of memory is reported as such rather than folded into EINVAL, so the caller
   // can tell a bad path from a passing shortage.
-  size_t length = strlen(slash + 1);
-  char *copy = static_cast<char *>(kiv_alloc(static_cast<unsigned>(length + 1), "conf.kivconf_splitkey"));
+  char *copy = kiv_copytext(slash + 1, strlen(slash + 1), "conf.kivconf_splitkey");
   if (!copy) return KIV_ENOMEM;
-  memcpy(copy, slash + 1, length + 1);
   *root = rootkey;
   *subkey = copy;
   return 0;

@@ -1,6 +1,7 @@
 // Toolkit initialisation: runs once per process at start-up.
 #pragma once
 #include <cstdint>
+#include "toolkit/runtime/context.h"  // kiv_context, for the callers that took it from here
 
 // Six 32-bit words in this order.
 struct kiv_initrec {
@@ -21,14 +22,6 @@ constexpr uint32_t KIV_INIT_POLICY = 0x8000;  // policymarker and policyhook are
 constexpr uint32_t KIV_POLICY_NONEXPORTABLE = 1;
 constexpr int KIV_VERSION = 5;
 constexpr int KIV_REVISION = 0;
-
-// The record of one connection of the toolkit's network layer. This system never
-// creates one; calls that take a context get null.
-struct kiv_context {
-  int number;               // printed by the log's %s
-  uint32_t prevtime;        // hundredths of a second of the previous %t line
-  char **searchlist;        // null-terminated prefix paths for relative info names
-};
 
 // 0; KIV_EBUSY (reported as a warning) when called before; KIV_ENOTFOUND when the
 // record asks for a version that is not provided (the toolkit stays uninitialised).

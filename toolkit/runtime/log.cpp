@@ -6,7 +6,7 @@
 #include "lib/heap.h"
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
-#include "toolkit/runtime/init.h"
+#include "toolkit/runtime/context.h"
 #include "toolkit/runtime/locks.h"
 #include "toolkit/runtime/memory.h"
 #include "toolkit/runtime/platform.h"
@@ -44,19 +44,7 @@ unsigned long owner;
 int nesting;
 kiv_event *event;
 
-char *copytext(const char *text, size_t length) {
-  // A length beyond what the allocator's size can carry is refused like a full heap.
-  if (length >= 0xFFFFFFFFu) {
-    kiv_allocfail(TAG, 0xFFFFFFFFu);
-    return nullptr;
-  }
-  char *copy = static_cast<char *>(kiv_alloc(static_cast<unsigned>(length + 1), TAG));
-  if (copy) {
-    memcpy(copy, text, length);
-    copy[length] = '\0';
-  }
-  return copy;
-}
+char *copytext(const char *text, size_t length) { return kiv_copytext(text, length, TAG); }
 
 void freemodules() {
   if (modules)
@@ -84,12 +72,7 @@ void addmodule(const char *name, size_t length, int excluded) {
     // new block tells for sure that there is room. When there is none, the item is
     // dropped (the allocator has reported it) and the list stays as it was.
     size_t bytes = (static_cast<size_t>(nmodules) + 9) * sizeof(module);
-    if (bytes > 0xFFFFFFFFu) {  // beyond what the allocator's size can carry
-      kiv_allocfail(TAG, 0xFFFFFFFFu);
-      xfree(copy);
-      return;
-    }
-    auto *grown = static_cast<module *>(kiv_realloc(nullptr, static_cast<unsigned>(bytes), TAG));
+    auto *grown = static_cast<module *>(kiv_allocsize(bytes, TAG));
     if (!grown) {
       xfree(copy);
       return;

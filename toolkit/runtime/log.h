@@ -30,7 +30,14 @@ void kiv_logconfig(const char *debugspec);
 // The debug spec last given to kiv_logconfig, or null when none was given (or its copy
 // could not be allocated). The port manager passes it on to every agent it starts.
 const char *kiv_logspec();
+// A trace line: the prefix (severity debug, no code), then the formatted text, cut to
+// KIV_LOGLINE - 1 characters. A null or empty format writes a separator line instead:
+// "========== " and the local time as "%b %d %H:%M:%S", cut to the room left. Passes
+// kiv_logcheck at level 0 (the caller has tested the level) or writes nothing.
 void kiv_log(kiv_context *ctx, const char *tag, const char *format, ...) KIV_PRINTF(3, 4);
+// A failure report, written at every level (only a negative level stops it): the prefix
+// with severity and code, then the formatted text; a null or empty format writes the
+// prefix alone.
 void kiv_logerror(kiv_context *ctx, const char *tag, int severity, int code,
                   const char *format, ...) KIV_PRINTF(5, 6);
 void kiv_vlogerror(kiv_context *ctx, const char *tag, int severity, int code,

@@ -1,5 +1,6 @@
 #include "toolkit/runtime/memory.h"
 
+#include <cstdint>
 #include <cstring>
 
 #include "lib/heap.h"
@@ -23,6 +24,24 @@ void *kiv_zalloc(unsigned size, const char *tag) {
   void *p = kiv_alloc(size, tag);
   if (p) memset(p, 0, size);
   return p;
+}
+
+void *kiv_allocsize(size_t size, const char *tag) {
+  if (size > UINT32_MAX) {
+    kiv_allocfail(tag, UINT32_MAX);
+    return nullptr;
+  }
+  return kiv_alloc(static_cast<unsigned>(size), tag);
+}
+
+char *kiv_copytext(const char *text, size_t length, const char *tag) {
+  // length + 1 would wrap to 0 at the top of size_t; such a text cannot be copied anyway.
+  char *copy = static_cast<char *>(kiv_allocsize(length == SIZE_MAX ? length : length + 1, tag));
+  if (copy) {
+    memcpy(copy, text, length);
+    copy[length] = '\0';
+  }
+  return copy;
 }
 
 void *kiv_realloc(void *block, unsigned size, const char *tag) {

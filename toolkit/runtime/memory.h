@@ -2,6 +2,7 @@
 // caller's log tag ("failed to allocate %d bytes", FATAL, ENOMEM). Blocks are released
 // with xfree (lib/heap.h); the receiver of a block owns it.
 #pragma once
+#include <cstddef>
 
 // Size 0 gives null without a report.
 void *kiv_alloc(unsigned size, const char *tag);
@@ -12,3 +13,10 @@ void *kiv_zalloc(unsigned size, const char *tag);
 void *kiv_realloc(void *block, unsigned size, const char *tag);
 // Writes the out-of-memory report; a null tag reports under "kiv_alloc".
 void kiv_allocfail(const char *tag, unsigned size);
+
+// As kiv_alloc for a size counted in size_t: a size beyond what the allocator's 32-bit
+// size carries is refused and reported (as 4294967295 bytes) like a full heap.
+void *kiv_allocsize(size_t size, const char *tag);
+// A heap copy of the first length bytes of text with a terminator after them, owned by
+// the caller; null when refused (reported under tag, as kiv_allocsize).
+char *kiv_copytext(const char *text, size_t length, const char *tag);

@@ -1,0 +1,105 @@
+/* kivagent: what an agent program links to take its ports from the port manager.
+ *
+ * The port manager starts an agent with "<program> [-D<debug spec>] [extra] -C0x<handle>"
+ * and writes on the inherited pipe, one line each ending in CR LF:
+ *   "-Ptcp::<port>@<base64 of a 372-byte WSAPROTOCOL_INFOA>"  a handed-over listening socket
+ *   "-Ptcp::<port>"                                            an "on" port: listen yourself
+ *   "--"                                                       end of the port lines
+ *   "lifespan <seconds>"                                       last line of the start-up
+ * and later "remove tcp::<port>", "exit" and "reconfig". The manager closes the pipe
+ * after "remove" of the agent's last port, and when it gives the agent up.
+ *
+ * Usage: kivagent_start() once at the start of main (call WSAStartup first); serve
+ * agent.ports; wait on agent.event along with your own handles and call kivagent_next()
+ * whenever it is signalled; kivagent_end() before leaving. C-compatible. */
+#pragma once
+
+#include <winsock2.h>
+#include <windows.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Results: 0 or one of these (the same numbers as the port manager's own codes). */
+#define KIVAGENT_OK 0
+#define KIVAGENT_ENOMEM (-2)
+#define KIVAGENT_EOF (-6)       /* the pipe closed before the start-up was complete */
+#define KIVAGENT_EINVAL (-7)    /* a garbled line, or no usable -C on the command line */
+#define KIVAGENT_EOVERFLOW (-10) /* a line longer than KIVAGENT_MAXLINE */
+#define KIVAGENT_ESYS (-12)     /* a system call failed */
+
+/* Flags of kivagent_start: the mode of every handed-over socket. */
+#define KIVAGENT_BLOCKING 0u     /* the default */
+#define KIVAGENT_NONBLOCKING 1u
+
+/* The longest line accepted, terminator excluded; a port line for port 65535 has 509. */
+#define KIVAGENT_MAXLINE 1023
+/* The lifespan when the start-up brings none that can be read. */
+#define KIVAGENT_DEFAULT_LIFESPAN 86400ul
+
+struct kivagent_port {
+  unsigned port;   /* 1..65535 */
+  SOCKET sock;     /* the handed-over listening socket; INVALID_SOCKET for an "on" port,
+                      where the agent may store the socket it opens itself (see
+                      kivagent_listen): kivagent_drop and kivagent_end close it too */
+};
+
+enum kivagent_kind {
+  KIVAGENT_NONE = 0,   /* nothing pending */
+  KIVAGENT_REMOVE,     /* "remove tcp::<port>": stop serving port, close your copy */
+  KIVAGENT_EXIT,       /* "exit": end now (the manager terminates agents after 5 s) */
+  KIVAGENT_RECONFIG,   /* "reconfig": the configuration was read again */
+  KIVAGENT_CLOSED,     /* the pipe closed: the manager has no more use for this agent */
+  KIVAGENT_ERROR       /* a line that could not be used; code and line say why */
+};
+
+struct kivagent_event {
+  enum kivagent_kind kind;
+  unsigned port;   /* KIVAGENT_REMOVE; KIVAGENT_ERROR when the line named a valid port */
+  int code;        /* KIVAGENT_ERROR: KIVAGENT_EINVAL, KIVAGENT_EOVERFLOW or KIVAGENT_ESYS */
+  char line[80];   /* KIVAGENT_ERROR: the start of the line, cut, zero-terminated */
+};
+
+struct kivagent_state;
+
+struct kivagent {
+  struct kivagent_port *ports;  /* nports entries in the order of the port lines */
+  unsigned nports;
+  unsigned long lifespan;       /* seconds without a client after which the agent may end */
+  const char *debug;            /* the text of the first argument beginning with -D (the
+                                   manager's debug spec), in argv; or NULL */
+  HANDLE event;                 /* manual reset; signalled while kivagent_next has events */
+  struct kivagent_state *state;
+};
+
+/* Reads -C and -D from argv, then the start-up lines up to "lifespan", rebuilding each
+ * handed-over socket (non-inheritable, in the mode flags ask for). Garbled start-up
+ * lines do not stop it: each becomes a KIVAGENT_ERROR event, waiting in kivagent_next.
+ * Returns 0 with *agent filled; KIVAGENT_EINVAL when argv has no -C naming a pipe;
+ * KIVAGENT_EOF when the pipe closes before "lifespan" (*agent keeps the ports read so
+ * far and must still be ended); KIVAGENT_ENOMEM or KIVAGENT_ESYS. *agent is cleared
+ * first, so kivagent_end is always safe after it. */
+int kivagent_start(struct kivagent *agent, int argc, char **argv, unsigned flags);
+
+/* Takes the oldest pending event into *ev without blocking. Returns 1 when an event was
+ * taken, 0 when none is pending (ev->kind KIVAGENT_NONE; agent->event is then reset).
+ * After KIVAGENT_CLOSED no further events come. */
+int kivagent_next(struct kivagent *agent, struct kivagent_event *ev);
+
+/* Closes the socket of port (the agent's copy) and marks the entry INVALID_SOCKET.
+ * Returns 0, or KIVAGENT_EINVAL when port is not one of agent->ports. */
+int kivagent_drop(struct kivagent *agent, unsigned port);
+
+/* Opens a listening socket on port on all local IPv4 addresses, as the manager does for
+ * the ports it holds: non-inheritable, backlog 10, in the mode flags ask for. Meant for
+ * "on" ports. Returns 0 with *sock set, or KIVAGENT_EINVAL/KIVAGENT_ESYS. */
+int kivagent_listen(unsigned port, unsigned flags, SOCKET *sock);
+
+/* Closes every socket still in agent->ports, the pipe and the event, and frees what
+ * kivagent_start allocated; *agent is cleared. Safe on a cleared record. */
+void kivagent_end(struct kivagent *agent);
+
+#ifdef __cplusplus
+}
+#endif

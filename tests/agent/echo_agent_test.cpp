@@ -1,0 +1,188 @@
+// echo-agent as a real child process, started and fed by the launcher the way the port
+// manager starts agents, served by real clients on loopback.
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/agent/launcher.h"
+
+namespace {
+
+// Bounds for what should happen at once; reaching one is a failure, not a measurement.
+constexpr DWORD DEADLINE_MS = 20000;
+
+struct echo_run {
+  launched l{};
+  std::vector<SOCKET> held;  // the launcher's copies, as the manager keeps its own
+  ~echo_run() {
+    if (l.process && wait_exit(l, 0) < 0) TerminateProcess(l.process, 99);
+    end_launch(&l);
+    for (SOCKET s : held) closesocket(s);
+  }
+};
+
+// Starts the echo agent with the sockets handed over, then the "on" ports, then "--", the
+// lines of between and "lifespan".
+bool start_echo(echo_run *run, const std::vector<unsigned> &handed, const std::vector<unsigned> &on,
+                const std::string &lifespan, const std::vector<std::string> &between = {}) {
+  if (!launch(beside_me(ECHO_AGENT), &run->l)) return false;
+  for (size_t i = 0; i < handed.size(); i++) {
+    std::string line = port_line(run->held[i], handed[i], run->l.pid);
+    if (line.empty() || !send_line(run->l.pipe, line)) return false;
+  }
+  for (unsigned port : on)
+    if (!send_line(run->l.pipe, "-Ptcp::" + std::to_string(port))) return false;
+  if (!send_line(run->l.pipe, "--")) return false;
+  for (const auto &line : between)
+    if (!send_line(run->l.pipe, line)) return false;
+  return send_line(run->l.pipe, "lifespan " + lifespan);
+}
+
+// n listening sockets kept in run->held; their ports.
+std::vector<unsigned> listen_n(echo_run *run, int n) {
+  std::vector<unsigned> ports;
+  for (int i = 0; i < n; i++) {
+    unsigned port;
+    run->held.push_back(listen_loopback(&port));
+    ports.push_back(port);
+  }
+  return ports;
+}
+
+// Connects once the port accepts, polling up to the deadline: for the ports the agent
+// opens itself.
+SOCKET connect_when(unsigned port) {
+  for (ULONGLONG end = GetTickCount64() + DEADLINE_MS; GetTickCount64() < end; Sleep(20)) {
+    SOCKET c = connect_loopback(port);
+    if (c != INVALID_SOCKET) return c;
+  }
+  return INVALID_SOCKET;
+}
+
+// True once connections to port are refused, polling up to the deadline.
+bool refused_soon(unsigned port) {
+  for (ULONGLONG end = GetTickCount64() + DEADLINE_MS; GetTickCount64() < end; Sleep(20)) {
+    SOCKET c = connect_loopback(port);
+    if (c == INVALID_SOCKET) return true;
+    closesocket(c);
+  }
+  return false;
+}
+
+bool serves(unsigned port, const std::string &text) {
+  SOCKET c = connect_loopback(port);
+  bool ok = c != INVALID_SOCKET && echoes(c, text);
+  if (c != INVALID_SOCKET) closesocket(c);
+  return ok;
+}
+
+}  // namespace
+
+TEST(EchoAgent, ServesHandedAndOnPortsWithClientsAtOnce) {
+  echo_run run;
+  std::vector<unsigned> ports = listen_n(&run, 2);
+  unsigned on = free_port();
+  // The connection that makes the manager start an agent is waiting before the launch.
+  SOCKET first = connect_loopback(ports[0]);
+  ASSERT_NE(INVALID_SOCKET, first);
+  ASSERT_TRUE(start_echo(&run, ports, {on}, "600"));
+
+  SOCKET second = connect_loopback(ports[0]);
+  ASSERT_NE(INVALID_SOCKET, second);
+  // The second client is served while the first is connected and silent, then both.
+  EXPECT_TRUE(echoes(second, "second"));
+  EXPECT_TRUE(echoes(first, std::string(30000, 'f'))) << "a long text, echoed in pieces";
+  EXPECT_TRUE(echoes(second, "second again"));
+  EXPECT_TRUE(serves(ports[1], "other handed-over port"));
+  SOCKET onc = connect_when(on);
+  ASSERT_NE(INVALID_SOCKET, onc) << "the agent listens on its \"on\" port " << on;
+  EXPECT_TRUE(echoes(onc, "on port"));
+  closesocket(onc);
+  closesocket(first);
+  closesocket(second);
+  EXPECT_EQ(-1, wait_exit(run.l, 0));
+  ASSERT_TRUE(send_line(run.l.pipe, "exit"));
+  EXPECT_EQ(0, wait_exit(run.l, DEADLINE_MS));
+}
+
+TEST(EchoAgent, RemoveStopsServingOnlyThatPort) {
+  echo_run run;
+  std::vector<unsigned> ports = listen_n(&run, 2);
+  ASSERT_TRUE(start_echo(&run, ports, {}, "600"));
+  SOCKET client = connect_loopback(ports[0]);
+  ASSERT_TRUE(echoes(client, "before"));
+
+  ASSERT_TRUE(send_line(run.l.pipe, "remove tcp::" + std::to_string(ports[0])));
+  // The manager closes its copy of a removed port too; then nobody listens.
+  closesocket(run.held[0]);
+  run.held[0] = INVALID_SOCKET;
+  EXPECT_TRUE(refused_soon(ports[0])) << "the agent still listens on removed port " << ports[0];
+  EXPECT_TRUE(echoes(client, "a client of the removed port is served to its end"));
+  closesocket(client);
+  EXPECT_TRUE(serves(ports[1], "the other port"));
+  EXPECT_EQ(-1, wait_exit(run.l, 0));
+}
+
+TEST(EchoAgent, EndsWithZeroOnExitAndOnPipeClose) {
+  for (bool by_exit : {true, false}) {
+    SCOPED_TRACE(by_exit ? "exit" : "pipe closed");
+    echo_run run;
+    std::vector<unsigned> ports = listen_n(&run, 1);
+    ASSERT_TRUE(start_echo(&run, ports, {}, "600"));
+    // Even with a client connected.
+    SOCKET client = connect_loopback(ports[0]);
+    ASSERT_TRUE(echoes(client, "hello"));
+    if (by_exit) {
+      ASSERT_TRUE(send_line(run.l.pipe, "exit"));
+    } else {
+      CloseHandle(run.l.pipe);
+      run.l.pipe = nullptr;
+    }
+    EXPECT_EQ(0, wait_exit(run.l, DEADLINE_MS));
+    closesocket(client);
+  }
+}
+
+TEST(EchoAgent, LifespanCountsOnlyTimeWithoutClients) {
+  // No client at all: the agent ends by itself.
+  {
+    echo_run run;
+    std::vector<unsigned> ports = listen_n(&run, 1);
+    ASSERT_TRUE(start_echo(&run, ports, {}, "1"));
+    EXPECT_EQ(0, wait_exit(run.l, DEADLINE_MS));
+  }
+  // A client held past the lifespan keeps it; once the client leaves, the count begins.
+  echo_run run;
+  std::vector<unsigned> ports = listen_n(&run, 1);
+  SOCKET client = connect_loopback(ports[0]);
+  ASSERT_TRUE(start_echo(&run, ports, {}, "1"));
+  ASSERT_TRUE(echoes(client, "first"));
+  Sleep(2500);  // well past the lifespan of 1 s, with the client still connected
+  EXPECT_EQ(-1, wait_exit(run.l, 0)) << "ended with a client connected";
+  EXPECT_TRUE(echoes(client, "still served"));
+  closesocket(client);
+  EXPECT_EQ(0, wait_exit(run.l, DEADLINE_MS));
+}
+
+TEST(EchoAgent, ReconfigAndGarbledLinesDisturbNothing) {
+  const std::vector<std::string> garbled = {
+      "-Ptcp::0", "-Ptcp::70000", "-Ptcp::5@" + std::string(496, '*'), "-Ptcp::5@QUJD", "hello", "",
+      std::string(3000, 'x'), "lifespan", "exit now", "remove tcp::", "remove tcp::99999", "--"};
+  echo_run run;
+  std::vector<unsigned> ports = listen_n(&run, 1);
+  SOCKET client = connect_loopback(ports[0]);
+  // Garbled lines during the start-up (between "--" and "lifespan") and after it.
+  ASSERT_TRUE(start_echo(&run, ports, {}, "600", garbled));
+  ASSERT_TRUE(echoes(client, "before"));
+  for (const auto &line : garbled) ASSERT_TRUE(send_line(run.l.pipe, line));
+  ASSERT_TRUE(send_line(run.l.pipe, "reconfig"));
+  EXPECT_TRUE(echoes(client, "after"));
+  EXPECT_TRUE(serves(ports[0], "a new client"));
+  ASSERT_TRUE(send_line(run.l.pipe, "reconfig"));
+  EXPECT_TRUE(echoes(client, "after the second"));
+  EXPECT_EQ(-1, wait_exit(run.l, 0));
+  closesocket(client);
+  ASSERT_TRUE(send_line(run.l.pipe, "exit"));
+  EXPECT_EQ(0, wait_exit(run.l, DEADLINE_MS));
+}

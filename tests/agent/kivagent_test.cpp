@@ -1,0 +1,325 @@
+// kivagent in this process: the lines come from a pipe the test writes, the sockets are
+// duplicated for this process's own id, exactly as the manager would for a child.
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "lib/b64.h"
+#include "tests/agent/launcher.h"
+#include "toolkit/runtime/error.h"
+
+// Agents see the same result numbers as the port manager's own log lines.
+static_assert(KIVAGENT_ENOMEM == KIV_ENOMEM && KIVAGENT_EOF == KIV_EOF && KIVAGENT_EINVAL == KIV_EINVAL &&
+                  KIVAGENT_EOVERFLOW == KIV_EOVERFLOW && KIVAGENT_ESYS == KIV_ESYS,
+              "kivagent's codes are the toolkit's");
+
+namespace {
+
+constexpr DWORD DEADLINE_MS = 20000;
+
+// A start-up fed from a pipe by a writer thread (the pipe's buffer may be smaller than
+// the lines). The write end stays open unless close_after; the test closes it.
+struct feed {
+  HANDLE wr = nullptr;
+  std::thread writer;
+  std::vector<std::string> args;  // the agent's argv, which outlives the start-up
+  std::vector<char *> argv;
+  ~feed() {
+    if (writer.joinable()) writer.join();
+    if (wr) CloseHandle(wr);
+  }
+  void close() {
+    if (writer.joinable()) writer.join();
+    if (wr) CloseHandle(wr);
+    wr = nullptr;
+  }
+};
+
+int start(kivagent *a, feed *f, const std::vector<std::string> &lines, unsigned flags,
+          const std::vector<std::string> &args = {}, bool close_after = false) {
+  HANDLE rd = nullptr;
+  if (!CreatePipe(&rd, &f->wr, nullptr, 0)) return -100;
+  char pipearg[32];
+  snprintf(pipearg, sizeof pipearg, "-C%#x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(rd)));
+  f->args = args;
+  f->args.insert(f->args.begin(), "agent.exe");
+  f->args.push_back(pipearg);
+  for (auto &s : f->args) f->argv.push_back(&s[0]);
+  f->argv.push_back(nullptr);
+  f->writer = std::thread([f, lines, close_after] {
+    for (const auto &l : lines) send_line(f->wr, l);
+    if (close_after) {
+      CloseHandle(f->wr);
+      f->wr = nullptr;
+    }
+  });
+  int r = kivagent_start(a, static_cast<int>(f->args.size()), f->argv.data(), flags);
+  f->writer.join();
+  return r;
+}
+
+// The next event, waiting up to the deadline for one to come.
+kivagent_event next_event(kivagent *a) {
+  kivagent_event ev;
+  ULONGLONG end = GetTickCount64() + DEADLINE_MS;
+  while (!kivagent_next(a, &ev) && GetTickCount64() < end) WaitForSingleObject(a->event, DEADLINE_MS);
+  return ev;
+}
+
+std::string handed(SOCKET *orig, unsigned *port) {
+  *orig = listen_loopback(port);
+  return port_line(*orig, *port, GetCurrentProcessId());
+}
+
+std::string b64_of(size_t count, unsigned char fill) {
+  std::vector<unsigned char> bytes(count, fill);
+  std::vector<char> text(count * 2 + 4);
+  b64_encode(bytes.data(), static_cast<int>(count), text.data());
+  return text.data();
+}
+
+}  // namespace
+
+TEST(KivAgent, StartUpRebuildsHandedOverSocketsInOrder) {
+  SOCKET orig1, orig2;
+  unsigned p1, p2, on = free_port();
+  std::string l1 = handed(&orig1, &p1), l2 = handed(&orig2, &p2);
+  ASSERT_FALSE(l1.empty() || l2.empty());
+  kivagent a;
+  feed f;
+  ASSERT_EQ(0, start(&a, &f, {l2, "-Ptcp::" + std::to_string(on), l1, "--", "lifespan 7"}, KIVAGENT_BLOCKING,
+                     {"-x", "-D3;ssock;>c:/kivd.txt", "extra"}));
+  ASSERT_EQ(3u, a.nports);
+  EXPECT_EQ(p2, a.ports[0].port);
+  EXPECT_EQ(on, a.ports[1].port);
+  EXPECT_EQ(p1, a.ports[2].port);
+  EXPECT_NE(INVALID_SOCKET, a.ports[0].sock);
+  EXPECT_EQ(INVALID_SOCKET, a.ports[1].sock);
+  EXPECT_EQ(7ul, a.lifespan);
+  EXPECT_STREQ("3;ssock;>c:/kivd.txt", a.debug);
+  EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(a.event, 0)) << "no event after a clean start-up";
+  kivagent_event ev;
+  EXPECT_EQ(0, kivagent_next(&a, &ev));
+  EXPECT_EQ(KIVAGENT_NONE, ev.kind);
+
+  // The manager's copies may go; the agent's copies go on listening.
+  closesocket(orig1);
+  closesocket(orig2);
+  for (unsigned i : {0u, 2u}) {
+    SOCKET c = connect_loopback(a.ports[i].port);
+    ASSERT_NE(INVALID_SOCKET, c) << a.ports[i].port;
+    SOCKET s = accept(a.ports[i].sock, nullptr, nullptr);
+    EXPECT_NE(INVALID_SOCKET, s) << a.ports[i].port << " error " << WSAGetLastError();
+    DWORD inherit = 1;
+    EXPECT_TRUE(GetHandleInformation(reinterpret_cast<HANDLE>(a.ports[i].sock), &inherit));
+    EXPECT_EQ(0u, inherit & HANDLE_FLAG_INHERIT) << "a handed-over socket must not pass to the agent's children";
+    closesocket(s);
+    closesocket(c);
+  }
+  f.close();
+  EXPECT_EQ(KIVAGENT_CLOSED, next_event(&a).kind);
+  kivagent_end(&a);
+  EXPECT_EQ(nullptr, a.ports);
+  kivagent_end(&a);  // a cleared record
+}
+
+TEST(KivAgent, HandedOverSocketsTakeTheModeAsked) {
+  for (unsigned flags : {KIVAGENT_BLOCKING, KIVAGENT_NONBLOCKING}) {
+    SOCKET orig;
+    unsigned port;
+    std::string line = handed(&orig, &port);
+    kivagent a;
+    feed f;
+    ASSERT_EQ(0, start(&a, &f, {line, "--", "lifespan 1"}, flags));
+    ASSERT_EQ(1u, a.nports);
+    closesocket(orig);
+    SOCKET sock = a.ports[0].sock, got = INVALID_SOCKET;
+    int err = 0;
+    std::thread t([&] {
+      got = accept(sock, nullptr, nullptr);
+      err = WSAGetLastError();
+    });
+    if (flags == KIVAGENT_NONBLOCKING) {
+      t.join();
+      EXPECT_EQ(INVALID_SOCKET, got);
+      EXPECT_EQ(WSAEWOULDBLOCK, err);
+    } else {
+      // Still waiting for a client after a while: the socket blocks. (A slow machine can
+      // only make this pass wrongly, never fail wrongly.)
+      Sleep(300);
+      SOCKET c = connect_loopback(port);
+      t.join();
+      EXPECT_NE(INVALID_SOCKET, got) << "accept on the blocking copy failed with " << err;
+      closesocket(got);
+      closesocket(c);
+    }
+    f.close();
+    kivagent_end(&a);
+  }
+}
+
+TEST(KivAgent, GarbledLinesBecomeErrorEvents) {
+  const std::string over(2000, 'x');
+  struct {
+    bool startup;  // written before "lifespan", else after it
+    std::string line;
+    int code;
+    unsigned port;  // the port the event names
+  } cases[] = {
+      {true, "-Ptcp::0", KIVAGENT_EINVAL, 0},
+      {true, "-Ptcp::65536", KIVAGENT_EINVAL, 0},
+      {true, "-Ptcp::", KIVAGENT_EINVAL, 0},
+      {true, "-Ptcp::+80", KIVAGENT_EINVAL, 0},
+      {true, "-Ptcp::80 ", KIVAGENT_EINVAL, 0},
+      {true, "-Ptcp::4000", KIVAGENT_EINVAL, 4000},  // the port already given
+      {true, "-Ptcp::4001@" + std::string(496, '!'), KIVAGENT_EINVAL, 4001},
+      {true, "-Ptcp::4001@" + b64_of(371, 7), KIVAGENT_EINVAL, 4001},
+      {true, "-Ptcp::4001@" + b64_of(373, 7), KIVAGENT_EINVAL, 4001},
+      {true, "-Ptcp::4001@" + b64_of(372, 0), KIVAGENT_ESYS, 4001},  // well formed, describes no socket
+      {true, "-Ptcp::4001@", KIVAGENT_EINVAL, 4001},
+      {true, "-ptcp::4001", KIVAGENT_EINVAL, 0},
+      {true, "hello", KIVAGENT_EINVAL, 0},
+      {true, "", KIVAGENT_EINVAL, 0},
+      {true, "lifespan soon", KIVAGENT_EINVAL, 0},
+      {true, "lifespan 99999999", KIVAGENT_EINVAL, 0},
+      {true, "lifespan -1", KIVAGENT_EINVAL, 0},
+      {true, "lifespan ", KIVAGENT_EINVAL, 0},
+      {true, over, KIVAGENT_EOVERFLOW, 0},
+      {false, "exit ", KIVAGENT_EINVAL, 0},
+      {false, "EXIT", KIVAGENT_EINVAL, 0},
+      {false, "remove tcp::", KIVAGENT_EINVAL, 0},
+      {false, "remove tcp::65536", KIVAGENT_EINVAL, 0},
+      {false, "remove udp::80", KIVAGENT_EINVAL, 0},
+      {false, "-Ptcp::4001", KIVAGENT_EINVAL, 0},  // port lines belong to the start-up
+      {false, "--", KIVAGENT_EINVAL, 0},
+      {false, "lifespan 5", KIVAGENT_EINVAL, 0},
+      {false, std::string("ex\0it", 5), KIVAGENT_EINVAL, 0},
+      {false, std::string("exit\0now", 8), KIVAGENT_EINVAL, 0},  // not "exit"
+      {true, std::string("-Ptcp::4001\0", 12), KIVAGENT_EINVAL, 0},
+      {false, over + over, KIVAGENT_EOVERFLOW, 0},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.line.substr(0, 60));
+    bool lifespan_line = c.line.compare(0, 8, "lifespan") == 0 && c.startup;
+    std::vector<std::string> lines = {"-Ptcp::4000"};
+    if (c.startup && !lifespan_line) lines.push_back(c.line);
+    lines.push_back("--");
+    lines.push_back(lifespan_line ? c.line : "lifespan 5");
+    if (!c.startup) lines.push_back(c.line);
+    lines.push_back("reconfig");
+    kivagent a;
+    feed f;
+    ASSERT_EQ(0, start(&a, &f, lines, KIVAGENT_BLOCKING, {}, true));
+    ASSERT_EQ(1u, a.nports) << "the good port stays, the bad line adds none";
+    EXPECT_EQ(4000u, a.ports[0].port);
+    EXPECT_EQ(lifespan_line ? KIVAGENT_DEFAULT_LIFESPAN : 5ul, a.lifespan);
+    kivagent_event ev = next_event(&a);
+    EXPECT_EQ(KIVAGENT_ERROR, ev.kind);
+    EXPECT_EQ(c.code, ev.code);
+    EXPECT_EQ(c.port, ev.port);
+    EXPECT_EQ(c.line.substr(0, std::min<size_t>(strlen(c.line.c_str()), sizeof ev.line - 1)), ev.line);
+    // Later lines are still read.
+    EXPECT_EQ(KIVAGENT_RECONFIG, next_event(&a).kind);
+    EXPECT_EQ(KIVAGENT_CLOSED, next_event(&a).kind);
+    kivagent_end(&a);
+  }
+}
+
+TEST(KivAgent, CommandsArriveAsEventsWithoutBlocking) {
+  kivagent a;
+  feed f;
+  ASSERT_EQ(0, start(&a, &f, {"-Ptcp::4000", "-Ptcp::65535", "--", "lifespan 86400"}, KIVAGENT_BLOCKING));
+  kivagent_event ev;
+  EXPECT_EQ(0, kivagent_next(&a, &ev)) << "nothing is pending, and asking does not wait";
+  struct { std::string line; kivagent_kind kind; unsigned port; } cases[] = {
+      {"reconfig", KIVAGENT_RECONFIG, 0},
+      {"remove tcp::4000", KIVAGENT_REMOVE, 4000},
+      {"remove tcp::65535", KIVAGENT_REMOVE, 65535},
+      {"remove tcp::1", KIVAGENT_REMOVE, 1},  // a port the agent does not hold is still passed on
+      {"exit", KIVAGENT_EXIT, 0},
+  };
+  for (const auto &c : cases) {
+    ASSERT_TRUE(send_line(f.wr, c.line));
+    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(a.event, DEADLINE_MS)) << c.line;
+    ASSERT_EQ(1, kivagent_next(&a, &ev)) << c.line;
+    EXPECT_EQ(c.kind, ev.kind) << c.line;
+    EXPECT_EQ(c.port, ev.port) << c.line;
+    EXPECT_EQ(0, kivagent_next(&a, &ev)) << c.line;
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(a.event, 0)) << "event left set after " << c.line;
+  }
+  // An empty write, a line without CR, several lines in one write, the end of the pipe.
+  DWORD put;
+  ASSERT_TRUE(WriteFile(f.wr, "", 0, &put, nullptr));
+  ASSERT_TRUE(WriteFile(f.wr, "reconfig\nexit\r\n", 15, &put, nullptr));
+  f.close();
+  EXPECT_EQ(KIVAGENT_RECONFIG, next_event(&a).kind);
+  EXPECT_EQ(KIVAGENT_EXIT, next_event(&a).kind);
+  EXPECT_EQ(KIVAGENT_CLOSED, next_event(&a).kind);
+  EXPECT_EQ(0, kivagent_next(&a, &ev));
+  kivagent_end(&a);
+}
+
+TEST(KivAgent, CommandLineAndEarlyEnd) {
+  kivagent a;
+  char prog[] = "agent.exe", bad1[] = "-Cxyz", bad2[] = "-C0x", bad3[] = "-C0x12345678901234567";
+  for (char *arg : {bad1, bad2, bad3}) {
+    char *argv[] = {prog, arg, nullptr};
+    EXPECT_EQ(KIVAGENT_EINVAL, kivagent_start(&a, 2, argv, 0)) << arg;
+    kivagent_end(&a);
+  }
+  char *none[] = {prog, nullptr};
+  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_start(&a, 1, none, 0));
+  // A handle that is not a pipe.
+  HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  char notpipe[32];
+  snprintf(notpipe, sizeof notpipe, "-C%#x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(ev)));
+  char *argv[] = {prog, notpipe, nullptr};
+  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_start(&a, 2, argv, 0));
+  CloseHandle(ev);
+
+  // The pipe closes during the start-up: what came is kept, the end is an event.
+  SOCKET orig;
+  unsigned port;
+  std::string line = handed(&orig, &port);
+  for (bool with_port : {true, false}) {
+    feed f;
+    std::vector<std::string> lines;
+    if (with_port) lines.push_back(line);
+    EXPECT_EQ(KIVAGENT_EOF, start(&a, &f, lines, 0, {}, true));
+    EXPECT_EQ(with_port ? 1u : 0u, a.nports);
+    EXPECT_EQ(KIVAGENT_CLOSED, next_event(&a).kind);
+    kivagent_end(&a);
+    if (with_port) line = port_line(orig, port, GetCurrentProcessId());
+  }
+  closesocket(orig);
+}
+
+TEST(KivAgent, ListenAndDrop) {
+  unsigned port = free_port();
+  SOCKET sock;
+  ASSERT_EQ(0, kivagent_listen(port, KIVAGENT_NONBLOCKING, &sock));
+  SOCKET c = connect_loopback(port);
+  EXPECT_NE(INVALID_SOCKET, c) << "listens on all addresses, loopback included";
+  closesocket(c);
+  SOCKET again;
+  EXPECT_EQ(KIVAGENT_ESYS, kivagent_listen(port, 0, &again)) << "the port is taken";
+  EXPECT_EQ(INVALID_SOCKET, again);
+  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_listen(0, 0, &again));
+  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_listen(65536, 0, &again));
+
+  // An "on" port takes the socket the agent opened; drop closes it.
+  kivagent a;
+  feed f;
+  ASSERT_EQ(0, start(&a, &f, {"-Ptcp::" + std::to_string(port), "--", "lifespan 1"}, 0));
+  a.ports[0].sock = sock;
+  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_drop(&a, port + 1));
+  EXPECT_EQ(0, kivagent_drop(&a, port));
+  EXPECT_EQ(INVALID_SOCKET, a.ports[0].sock);
+  EXPECT_EQ(INVALID_SOCKET, connect_loopback(port)) << "dropped, so refused";
+  EXPECT_EQ(0, kivagent_drop(&a, port)) << "dropping twice is harmless";
+  f.close();
+  kivagent_end(&a);
+}

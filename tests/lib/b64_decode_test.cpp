@@ -1,0 +1,64 @@
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "lib/b64.h"
+
+TEST(Base64Decode, Table) {
+  // text -> bytes, or refused (-1)
+  struct { const char *in; int room; std::string out; int result; } cases[] = {
+      {"", 8, "", 0},
+      {"Zg==", 8, "f", 1},
+      {"Zm8=", 8, "fo", 2},
+      {"Zm9v", 8, "foo", 3},
+      {"Zm9vYmFy", 8, "foobar", 6},
+      {"////", 8, "\xff\xff\xff", 3},
+      {"APvv", 8, std::string("\0\xfb\xef", 3), 3},
+      {"+/+/", 8, "\xfb\xff\xbf", 3},
+      {"Zm9vYmFy", 6, "foobar", 6},  // exactly the room
+      {"Zm9vYmFy", 5, "", -1},       // one byte too many
+      {"Zg==", 0, "", -1},
+      {"Zm9", 8, "", -1},            // not a multiple of 4
+      {"Zm9vY", 8, "", -1},
+      {"Zm9v\n", 8, "", -1},
+      {"Zm 9", 8, "", -1},           // blank inside
+      {"Zm-v", 8, "", -1},           // URL alphabet is not ours
+      {"Zm_v", 8, "", -1},
+      {"Z===", 8, "", -1},           // three pads
+      {"====", 8, "", -1},
+      {"Zg=a", 8, "", -1},           // pad before data
+      {"Zg==Zm9v", 8, "", -1},       // pad in a group that is not the last
+      {"Zh==", 8, "", -1},           // bits under the padding
+      {"Zm9=", 8, "", -1},
+      {"\xc3\xa9" "ab", 8, "", -1},   // bytes above 127
+  };
+  for (const auto &c : cases) {
+    unsigned char out[16];
+    memset(out, 0xAA, sizeof out);
+    int n = b64_decode(c.in, static_cast<int>(strlen(c.in)), out, c.room);
+    EXPECT_EQ(c.result, n) << "\"" << c.in << "\" room " << c.room;
+    if (n >= 0) {
+      EXPECT_EQ(c.out, std::string(reinterpret_cast<char *>(out), static_cast<size_t>(n))) << c.in;
+    }
+    if (c.room < 16) {
+      EXPECT_EQ(0xAA, out[c.room]) << "written past room for " << c.in;
+    }
+  }
+}
+
+TEST(Base64Decode, RoundTripOfEveryLengthAndNullArguments) {
+  unsigned char bytes[372], back[372];
+  for (int i = 0; i < 372; i++) bytes[i] = static_cast<unsigned char>(i * 37 + 11);
+  char text[500];
+  for (int len = 0; len <= 372; len += (len < 8 ? 1 : 61)) {
+    int t = b64_encode(bytes, len, text);
+    ASSERT_EQ(len, b64_decode(text, t, back, len)) << text;
+    EXPECT_EQ(0, memcmp(bytes, back, static_cast<size_t>(len))) << len;
+  }
+  ASSERT_EQ(496, b64_encode(bytes, 372, text));
+  EXPECT_EQ(372, b64_decode(text, 496, back, 372));
+  EXPECT_EQ(-1, b64_decode(nullptr, 4, back, 8));
+  EXPECT_EQ(-1, b64_decode("Zm9v", 4, nullptr, 8));
+  EXPECT_EQ(-1, b64_decode("Zm9v", -4, back, 8));
+}

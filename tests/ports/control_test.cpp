@@ -1,0 +1,202 @@
+// The disable and enable commands with the listing, shutdown, and a thousand ports.
+#include <regex>
+
+#include "ports/ssock.h"
+#include "tests/ports/fixture.h"
+#include "toolkit/runtime/error.h"
+
+namespace porttest {
+namespace {
+
+using Control = Ports;
+
+TEST_F(Control, DisableAndEnableWithTheListing) {
+  auto p = free_ports(3);
+  std::string held = record_path("held"), on = record_path("on");
+  set_service("idle", agent_program(record_path("idle")));
+  set_service("held", agent_program(held));
+  set_service("on", agent_program(on));
+  set_port(p[0], "auto", "idle");
+  set_port(p[1], "auto", "held");
+  set_port(p[2], "on", "on");
+  ASSERT_EQ(0, ssock_reconfig());
+  ASSERT_TRUE(pump_until([&] { return ready(on); }));
+  DWORD agent = start_agent_on(p[1], held), on_agent = agents(on)[0];
+  std::string forever = disable_of(0x7FFFFFFF);
+  EXPECT_EQ(lines({line_of(p[0], "idle", "Auto"), line_of(p[1], "held", "Auto") + " Agent=" + std::to_string(agent),
+                   line_of(p[2], "on", "On") + " Agent=" + std::to_string(on_agent)}),
+            listing());
+  // The mode name starts in column 22 (index 21) for ports of up to 5 digits and names of
+  // up to 11 characters.
+  EXPECT_EQ("Auto", listing()[0].substr(21, 4));
+
+  for (auto op : {ssock_disable, ssock_enable})
+    EXPECT_EQ(KIV_ENOTFOUND, op(65535));
+  EXPECT_EQ(KIV_EINTERNAL, ssock_callback(wait_list().count));  // past the wait list
+
+  // Idle port: off until enabled, then listening again at once.
+  ASSERT_EQ(0, ssock_disable(int(p[0])));
+  EXPECT_EQ(line_of(p[0], "idle", "Auto") + forever, listing()[0]);
+  EXPECT_EQ(0u, wait_list().events);
+  advance(86400 * 365);
+  ASSERT_EQ(0, ssock_reconfig());  // a disable by command outlives time and reconfiguration
+  EXPECT_EQ(line_of(p[0], "idle", "Auto") + forever, listing()[0]);
+  EXPECT_EQ(0u, wait_list().events);
+  ASSERT_EQ(0, ssock_enable(int(p[0])));
+  EXPECT_EQ(line_of(p[0], "idle", "Auto"), listing()[0]);
+  EXPECT_EQ(1u, wait_list().events);
+
+  // Held port: its agent drops it (pipe closed, so it ends); the record stays disabled.
+  ASSERT_EQ(0, ssock_disable(int(p[1])));
+  ASSERT_TRUE(pump_until([&] { return has_text(held, "#eof", agent); }));
+  ASSERT_TRUE(pump_until([&] { return wait_list().pids.size() == 1; }));
+  EXPECT_EQ("remove tcp::" + std::to_string(p[1]), pipe_lines(held, agent).back());
+  EXPECT_EQ(line_of(p[1], "held", "Auto") + forever, listing()[1]);
+  ASSERT_EQ(0, ssock_enable(int(p[1])));
+  EXPECT_EQ(2u, wait_list().events);
+
+  // "on" port: no agent while disabled, a new one on enable.
+  ASSERT_EQ(0, ssock_disable(int(p[2])));
+  ASSERT_TRUE(pump_until([&] { return wait_list().pids.empty(); }));
+  EXPECT_EQ(line_of(p[2], "on", "On") + forever, listing()[2]);
+  ASSERT_EQ(0, ssock_enable(int(p[2])));
+  ASSERT_TRUE(pump_until([&] { return ready(on, 2); }));
+}
+
+// A disable by command outlives an exception exit of the agent that held the port.
+TEST_F(Control, DisabledPortStaysDisabledWhenItsAgentCrashes) {
+  unsigned port = free_ports(1)[0];
+  std::string rec = record_path("crashing");
+  set_service("svc", agent_program(rec, "-I"));  // stays after its pipe closes
+  set_port(port, "auto", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  SOCKET client = connect_to(port);
+  ASSERT_TRUE(pump_until([&] { return ready(rec); }));
+  DWORD agent = agents(rec)[0];
+  ASSERT_EQ("agent " + std::to_string(agent) + " port " + std::to_string(port), read_line(client));
+  ASSERT_EQ(0, ssock_disable(int(port)));
+  ASSERT_TRUE(pump_until([&] { return has_text(rec, "remove tcp::" + std::to_string(port), agent); }));
+  send_text(client, "crash");
+  closesocket(client);
+  ASSERT_TRUE(pump_until([&] { return logged("caused exeption") == 1; }));
+  std::string forever = disable_of(0x7FFFFFFF);
+  EXPECT_EQ(lines({line_of(port, "svc", "Auto") + forever}), listing());
+  advance(3);
+  EXPECT_EQ(lines({line_of(port, "svc", "Auto") + forever}), listing());
+  EXPECT_EQ(0u, wait_list().count);
+}
+
+// "Until enabled" is the largest time value; the line is produced in any time zone, even
+// where that instant's local time is past it.
+TEST_F(Control, DisabledUntilEnabledIsListedInAnyTimeZone) {
+  unsigned port = free_ports(1)[0];
+  set_service("svc", agent_program(record_path("zones")));
+  set_port(port, "auto", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  ASSERT_EQ(0, ssock_disable(int(port)));
+  const std::regex disabled(" Disable=\\d{4}-\\d\\d-\\d\\d_\\d\\d:\\d\\d");
+  for (const char *zone : {"TZ=UTC0", "TZ=KIV-14", "TZ=KIV+12"}) {
+    SCOPED_TRACE(zone);
+    _putenv(zone);
+    _tzset();
+    lines got = listing();
+    ASSERT_EQ(1u, got.size());
+    std::string head = line_of(port, "svc", "Auto");
+    EXPECT_EQ(head, got[0].substr(0, head.size()));
+    EXPECT_TRUE(std::regex_match(got[0].substr(head.size()), disabled)) << got[0];
+    time_t forever = 0x7FFFFFFF;
+    if (localtime(&forever)) {
+      EXPECT_EQ(head + disable_of(forever), got[0]);
+    }
+  }
+  _putenv("TZ=");
+  _tzset();
+}
+
+// A service name too long for the 256-character listing line: the line is cut (where is
+// the manager's choice) or the port refused, never written past.
+TEST_F(Control, ListingLineStaysInItsBuffer) {
+  unsigned port = free_ports(1)[0];
+  std::string name(220, 'n');  // 39 characters of port, mode and disable besides
+  set_service(name, agent_program(record_path("long")));
+  set_port(port, "auto", name.c_str());
+  ASSERT_EQ(0, ssock_reconfig());
+  ssock_disable(int(port));
+  for (auto &l : listing()) {
+    EXPECT_GE(255u, l.size()) << l;
+    EXPECT_EQ(0u, l.find(line_of(port, name, "Auto").substr(0, 107))) << l;  // the name, cut anywhere
+  }
+}
+
+using Shutdown = Ports;
+
+TEST_F(Shutdown, AgentsThatExitInTimeAreNotTerminated) {
+  auto p = free_ports(3);
+  std::string a = record_path("a"), b = record_path("b"), job = record_path("job");
+  set_service("a", agent_program(a));
+  set_service("b", agent_program(b));
+  set_port(p[0], "auto", "a");
+  set_port(p[1], "auto", "a");
+  set_port(p[2], "auto", "b");
+  set_global("job", "on", agent_program(job));
+  ASSERT_EQ(0, ssock_reconfig());
+  DWORD agent_a = start_agent_on(p[0], a), agent_b = start_agent_on(p[2], b);
+  ASSERT_TRUE(pump_until([&] { return !agents(job).empty(); }));
+  cleaned_up = true;
+  ASSERT_EQ(0, ssock_cleanup());
+  EXPECT_EQ(1, logged("Closing the shop"));
+  EXPECT_EQ(1, logged("Waiting for 3 children"));
+  EXPECT_EQ(0, logged("timeout"));
+  EXPECT_EQ(0, logged("terminated"));
+  EXPECT_EQ(1, logged("Prog job/" + std::to_string(agents(job)[0]) + " killed"));
+  lines got = pipe_lines(a, agent_a);
+  ASSERT_LE(2u, got.size());
+  EXPECT_EQ("remove tcp::" + std::to_string(p[0]), got[got.size() - 2]);  // every port but the last
+  EXPECT_EQ("exit", got.back());
+  EXPECT_EQ("exit", pipe_lines(b, agent_b).back());
+}
+
+// The one real wait of the suite: an agent that ignores "exit" is terminated after 5 s.
+TEST_F(Shutdown, AgentIgnoringExitIsTerminatedAfterFiveSeconds) {
+  unsigned port = free_ports(1)[0];
+  std::string rec = record_path("stubborn");
+  set_service("svc", agent_program(rec, "-I"));
+  set_port(port, "auto", "svc");
+  ASSERT_EQ(0, ssock_reconfig());
+  DWORD agent = start_agent_on(port, rec);
+  HANDLE process = open_process(agent);
+  cleaned_up = true;
+  ASSERT_EQ(0, ssock_cleanup());
+  EXPECT_EQ(1, logged("timeout"));
+  EXPECT_EQ(1, logged("Process " + std::to_string(agent) + " terminated"));
+  EXPECT_TRUE(has_text(rec, "#ignored", agent));
+  EXPECT_EQ(1u, exit_code(process));  // terminated
+}
+
+using Scale = Ports;
+
+// A thousand ports over ten services: the wait list holds exactly one entry per idle
+// port and one per agent, and a port far past the 64th entry still reaches its agent.
+TEST_F(Scale, ThousandPortsKeepAnExactWaitList) {
+  auto p = free_ports(1000);
+  ASSERT_EQ(1000u, p.size());
+  std::string rec = record_path("many");
+  for (int s = 0; s < 10; s++)
+    set_service("k" + std::to_string(s), agent_program(rec));
+  for (unsigned i = 0; i < p.size(); i++)
+    set_port(p[i], "auto", ("k" + std::to_string(i % 10)).c_str());
+  ASSERT_EQ(0, ssock_reconfig());
+  waitlist w = wait_list();
+  EXPECT_EQ(1000u, w.count);
+  EXPECT_EQ(1000u, w.events);
+  EXPECT_EQ(1000u, listing().size());
+  DWORD agent = start_agent_on(p[999], rec);
+  EXPECT_EQ(102u, pipe_lines(rec, agent).size());  // 100 port lines, "--", "lifespan"
+  w = wait_list();
+  EXPECT_EQ(901u, w.count);
+  EXPECT_EQ(900u, w.events);
+  EXPECT_EQ(std::vector<DWORD>{agent}, w.pids);
+}
+
+}  // namespace
+}  // namespace porttest
