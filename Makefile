@@ -107,9 +107,8 @@ bench: bench-build windows
 WIN        := $(BUILD)/windows
 KIVD_EXE   := $(WIN)/service/kivd.exe
 KIVCTL_EXE := $(WIN)/tools/kivctl/kivctl.exe
-ECHO_AGENT ?= $(firstword $(wildcard $(WIN)/agent/examples/echo-agent/echo-agent.exe \
-                $(WIN)/agent/examples/echo-agent.exe $(WIN)/agent/echo-agent.exe) \
-                $(WIN)/tests/testagent/testagent.exe)
+# The echo agent (the test agent stands in when the echo agent is not built).
+ECHO_AGENT ?= $(WIN)/agent/echo-agent.exe
 DEMO_KEY   := HKLM\\SOFTWARE\\Orvane\\Agents
 
 run: SHELL := /bin/bash
@@ -117,7 +116,8 @@ run: windows
 	@set -e; ulimit -n 4096 2>/dev/null || true; \
 	 free_port() { p=$$1; while (exec 3<>/dev/tcp/127.0.0.1/$$p) 2>/dev/null; do p=$$((p+1)); done; echo $$p; }; \
 	 auto=$$(free_port 7007); on=$$(free_port $$((auto+1))); \
-	 agent=$$(winepath -w "$(ECHO_AGENT)"); \
+	 exe="$(ECHO_AGENT)"; [ -f "$$exe" ] || exe=$(WIN)/tests/testagent/testagent.exe; \
+	 agent=$$(winepath -w "$$exe"); \
 	 reg() { wine reg "$$@" >/dev/null 2>&1; }; \
 	 reg delete "$(DEMO_KEY)" /f || true; \
 	 reg add "$(DEMO_KEY)\\services\\echo" /v program /d "$$agent" /f; \
@@ -126,7 +126,7 @@ run: windows
 	 reg add "$(DEMO_KEY)\\tcp\\s$$auto" /v service /d echo /f; \
 	 reg add "$(DEMO_KEY)\\tcp\\s$$on" /v start /d on /f; \
 	 reg add "$(DEMO_KEY)\\tcp\\s$$on" /v service /d echo /f; \
-	 echo "== kivd in console mode (agent: $(ECHO_AGENT))"; \
+	 echo "== kivd in console mode (agent: $$exe)"; \
 	 echo "   connect:  nc 127.0.0.1 $$auto   (auto: the agent starts on the first connection)"; \
 	 echo "             nc 127.0.0.1 $$on   (on: the agent runs already)"; \
 	 echo "   commands: make kivctl ARGS=ls     (or: WINEPREFIX=$(PREFIX) wine $(KIVCTL_EXE) ls)"; \
