@@ -20,8 +20,7 @@ struct helper {
 
 helper *helpers[MAXIMUM_WAIT_OBJECTS];
 DWORD nhelpers;
-HANDLE cancel;   // manual-reset; set to end every helper's wait
-DWORD rotation;  // group the next scan starts at
+HANDLE cancel;  // manual-reset; set to end every helper's wait
 
 DWORD WINAPI helper_main(void *arg) {
   helper *h = static_cast<helper *>(arg);
@@ -54,11 +53,10 @@ bool grow_helpers(DWORD groups) {
   return true;
 }
 
-// Index of the lowest signalled handle of the first group, in rotating order, that has
-// one, or WAIT_TIMEOUT; WAIT_FAILED when a group's check fails.
-DWORD scan(DWORD count, const HANDLE *handles, DWORD groups, DWORD start) {
-  for (DWORD k = 0; k < groups; k++) {
-    DWORD g = (start + k) % groups;
+// Index of the lowest signalled handle of them all, or WAIT_TIMEOUT; WAIT_FAILED when a
+// group's check fails.
+DWORD scan(DWORD count, const HANDLE *handles, DWORD groups) {
+  for (DWORD g = 0; g < groups; g++) {
     DWORD first = g * GROUP;
     DWORD n = count - first < GROUP ? count - first : GROUP;
     DWORD r = WaitForMultipleObjects(n, handles + first, FALSE, 0);
@@ -79,10 +77,9 @@ DWORD WINAPI mwait_any(DWORD count, const HANDLE *handles, BOOL waitall, DWORD t
     return WAIT_FAILED;
   }
   DWORD groups = (count + GROUP - 1) / GROUP;
-  DWORD start = rotation++ % groups;
 
   // Something already signalled needs no helper round trip.
-  DWORD r = scan(count, handles, groups, start);
+  DWORD r = scan(count, handles, groups);
   if (r != WAIT_TIMEOUT || timeout == 0) return r;
   if (!grow_helpers(groups)) {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
@@ -107,12 +104,11 @@ DWORD WINAPI mwait_any(DWORD count, const HANDLE *handles, BOOL waitall, DWORD t
   SetEvent(cancel);
   WaitForMultipleObjects(groups, done, TRUE, INFINITE);
 
-  r = scan(count, handles, groups, start);
+  r = scan(count, handles, groups);
   if (r != WAIT_TIMEOUT) return r;
   // A helper saw a handle that no longer shows as signalled (its wait consumed it):
   // report that one rather than lose it.
-  for (DWORD k = 0; k < groups; k++) {
-    DWORD g = (start + k) % groups;
+  for (DWORD g = 0; g < groups; g++) {
     helper *h = helpers[g];
     if (h->result >= WAIT_OBJECT_0 + 1 && h->result < WAIT_OBJECT_0 + h->count)
       return g * GROUP + (h->result - WAIT_OBJECT_0 - 1);

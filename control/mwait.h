@@ -12,10 +12,12 @@ constexpr DWORD MWAIT_MAX = 64 * 63;
 // alertable) an I/O completion routine ran. Returns the index of a signalled handle
 // (WAIT_OBJECT_0 + i), WAIT_TIMEOUT, WAIT_IO_COMPLETION, or WAIT_FAILED (last error set:
 // ERROR_INVALID_PARAMETER for wait-all or a count above MWAIT_MAX with more than 64
-// handles). Up to 64 handles this is exactly the platform's wait. Beyond, the index is
-// the lowest signalled one within the first group that has one, the groups taken in an
-// order that starts one group further at each call, so that busy low handles cannot
-// starve high ones. Handles must be ones a wait does not consume (manual-reset events,
-// processes): a helper thread may see a handle signalled before the caller does.
+// handles). Up to 64 this is exactly the platform's wait. Beyond, the index is still the
+// lowest signalled one of them all, found by a sweep after any helper wakes, so the
+// loop's order of service (port manager, then `die`, then the pipe) holds at any size.
+// Nothing starves: every handle the loop serves stops being signalled (events are reset,
+// ended processes leave the list). Handles must be ones a wait does not consume
+// (manual-reset events, processes): a helper thread may see a handle signalled before the
+// caller does.
 DWORD WINAPI mwait_any(DWORD count, const HANDLE *handles, BOOL waitall, DWORD timeout,
                        BOOL alertable);
