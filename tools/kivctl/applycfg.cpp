@@ -133,7 +133,8 @@ void check(const applycfg &cfg, faults *f) {
     }
     for (const auto &v : key.values)
       if (!known_value(s, v.first)) f->add(v.second.line, "unknown value " + v.second.name + " in " + key.name);
-    if (s != shape::NODE && name.size() > APPLYCFG_NAME_MAX) f->add(key.line, "name too long: " + key.name);
+    if (s != shape::NODE && name.size() > APPLYCFG_NAME_MAX) f->add(key.line, "name too long (" + std::to_string(name.size()) + " characters, at most " +
+                          std::to_string(APPLYCFG_NAME_MAX) + ")");
     if (s == shape::PORT) {
       int port = port_number(name);
       if (!port) {
