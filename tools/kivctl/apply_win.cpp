@@ -121,13 +121,15 @@ bool staging_complete(HKEY parent) {
 
 // Puts right what an interrupted apply left: a missing Agents is restored from the
 // complete Agents.new (the swap is finished) or else from Agents.old; then the sibling
-// keys are removed.
-int recover(HKEY parent) {
+// keys are removed. *restored tells whether Agents was put back.
+int recover(HKEY parent, bool *restored) {
+  *restored = false;
   if (!key_exists(parent, LIVE)) {
     const char *from = staging_complete(parent) ? STAGING : key_exists(parent, RETIRED) ? RETIRED : nullptr;
     if (from) {
       LONG rc = rename_key(parent, from, LIVE);
       if (rc != ERROR_SUCCESS) return registry_fail("cannot restore", std::string(PARENT) + "\\" + LIVE, rc);
+      *restored = true;
       fprintf(stderr, "kivctl: finished an interrupted apply (from %s)\n", from);
     }
   }
@@ -229,10 +231,12 @@ int kivctl_apply(int argc, char **argv) {
   LONG err = RegCreateKeyExA(HKEY_LOCAL_MACHINE, PARENT, 0, nullptr, REG_OPTION_NON_VOLATILE,
                              KEY_READ | KEY_WRITE, nullptr, &parent.h, nullptr);
   if (err != ERROR_SUCCESS) return registry_fail("cannot open", PARENT, err);
-  if ((rc = recover(parent.h))) return rc;
-  // What recovery restored may differ from what was compared: compare again.
+  bool restored;
+  if ((rc = recover(parent.h, &restored))) return rc;
+  // What recovery restored may differ from what was compared: compare again. kivd may
+  // have read the registry while Agents was missing: a restore is told to it as well.
   if (read_registry(&old)) return 2;
-  if (applycfg_diff(old, next).empty()) return 0;  // nothing to write, nothing to tell kivd
+  if (applycfg_diff(old, next).empty()) return restored ? kivctl_reconfig() : 0;
   if ((rc = write_staging(parent.h, next)) || (rc = swap_in(parent.h))) return rc;
   return kivctl_reconfig();
 }
