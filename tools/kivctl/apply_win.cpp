@@ -221,22 +221,23 @@ int kivctl_apply(int argc, char **argv) {
     xfree(error);
     return 1;
   }
+  scoped_key parent;
+  bool restored = false;
+  if (!dry) {
+    LONG err = RegCreateKeyExA(HKEY_LOCAL_MACHINE, PARENT, 0, nullptr, REG_OPTION_NON_VOLATILE,
+                               KEY_READ | KEY_WRITE, nullptr, &parent.h, nullptr);
+    if (err != ERROR_SUCCESS) return registry_fail("cannot open", PARENT, err);
+    // What an interrupted apply left is put right first, so that the changes printed
+    // are the ones made.
+    if ((rc = recover(parent.h, &restored))) return rc;
+  }
   if (read_registry(&old)) return 2;
   std::vector<std::string> changes = applycfg_diff(old, next);
   for (const std::string &line : changes) printf("%s\n", line.c_str());
   fflush(stdout);
   if (dry) return 0;
-
-  scoped_key parent;
-  LONG err = RegCreateKeyExA(HKEY_LOCAL_MACHINE, PARENT, 0, nullptr, REG_OPTION_NON_VOLATILE,
-                             KEY_READ | KEY_WRITE, nullptr, &parent.h, nullptr);
-  if (err != ERROR_SUCCESS) return registry_fail("cannot open", PARENT, err);
-  bool restored;
-  if ((rc = recover(parent.h, &restored))) return rc;
-  // What recovery restored may differ from what was compared: compare again. kivd may
-  // have read the registry while Agents was missing: a restore is told to it as well.
-  if (read_registry(&old)) return 2;
-  if (applycfg_diff(old, next).empty()) return restored ? kivctl_reconfig() : 0;
+  // kivd may have read the registry while Agents was missing: a restore is told to it.
+  if (changes.empty()) return restored ? kivctl_reconfig() : 0;
   if ((rc = write_staging(parent.h, next)) || (rc = swap_in(parent.h))) return rc;
   return kivctl_reconfig();
 }
