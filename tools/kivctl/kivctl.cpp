@@ -2,12 +2,14 @@
 // one element per line; with no words it reads commands from standard input, one per
 // line. Exit codes: 0 for "+", a listing, or a "quit" that hung up; 1 for a "-" reply;
 // 2 when the pipe cannot be opened or breaks.
+// `kivctl apply [--dry-run] FILE.cfg` and `kivctl export` work on the registry (apply.h).
 #include <windows.h>
 
 #include <cstdio>
 #include <cstring>
 
 #include "lib/dstr.h"
+#include "tools/kivctl/apply.h"
 
 namespace {
 
@@ -30,12 +32,13 @@ int fail(const char *what, DWORD error) {
 }
 
 // Opens the pipe in message mode; a busy pipe is waited for as long as the server's
-// default time-out.
-int open_pipe(scoped_handle *pipe) {
+// default time-out. With absent_ok, a pipe that does not exist gives -1 without a report.
+int open_pipe(scoped_handle *pipe, bool absent_ok = false) {
   for (;;) {
     pipe->h = CreateFileA(PIPE, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     if (pipe->h != INVALID_HANDLE_VALUE) break;
     DWORD e = GetLastError();
+    if (absent_ok && e == ERROR_FILE_NOT_FOUND) return -1;
     if (e != ERROR_PIPE_BUSY) return fail("cannot open", e);
     if (!WaitNamedPipeA(PIPE, NMPWAIT_USE_DEFAULT_WAIT)) {
       e = GetLastError();
@@ -157,7 +160,28 @@ bool blank_line(const char *line) {
 
 }  // namespace
 
+int kivctl_reconfig() {
+  scoped_handle pipe;
+  int code = open_pipe(&pipe, true);
+  if (code) return code < 0 ? 0 : code;
+  dstr reply;
+  dstr_init(&reply);
+  DWORD e = read_message(pipe.h, &reply);
+  DWORD put = 0;
+  if (!e && !WriteFile(pipe.h, "reconfig", 8, &put, nullptr)) e = GetLastError();
+  if (!e) e = read_message(pipe.h, &reply);
+  if (!e && strcmp(reply.buffer, "+") != 0) {
+    fprintf(stderr, "kivctl: reconfig: %s\n", reply.buffer);
+    code = 2;
+  }
+  dstr_free(&reply, 0);
+  return e ? fail("reconfig failed on", e) : code;
+}
+
 int main(int argc, char **argv) {
+  // apply and export work on the registry; they are not commands of the pipe.
+  if (argc > 1 && strcmp(argv[1], "apply") == 0) return kivctl_apply(argc - 1, argv + 1);
+  if (argc > 1 && strcmp(argv[1], "export") == 0) return kivctl_export(argc - 1, argv + 1);
   scoped_handle pipe;
   int code = open_pipe(&pipe);
   if (code) return code;

@@ -1,0 +1,238 @@
+// kivctl apply and export: the real kivctl.exe on the Wine registry, and a running
+// kivd.exe that reconfigures from what apply wrote, also after an apply that crashed
+// half-way.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "kivd_fixture.h"
+
+namespace {
+
+const char PARENT[] = "SOFTWARE\\Orvane";
+
+struct result {
+  std::string out, err;
+  DWORD code;
+};
+
+std::string without_cr(const std::string &text) {
+  std::string out;
+  for (char c : text)
+    if (c != '\r') out += c;
+  return out;
+}
+
+result kivctl(const std::string &args) {
+  kt::process p("\"" + kt::kivctl_exe() + "\" " + args);
+  p.wait(60000);
+  return {without_cr(p.out()), without_cr(p.err()), p.exit_code()};
+}
+
+// A configuration file in the temporary folder, removed with the object.
+struct cfgfile {
+  std::string path;
+  explicit cfgfile(const std::string &text, const char *name = "apply") {
+    char dir[MAX_PATH];
+    GetTempPathA(sizeof dir, dir);
+    path = std::string(dir) + "kivctl_" + name + "_" + std::to_string(GetCurrentProcessId()) + ".cfg";
+    std::ofstream(path, std::ios::binary) << text;
+  }
+  ~cfgfile() { DeleteFileA(path.c_str()); }
+  std::string arg() const { return "\"" + path + "\""; }
+};
+
+// The configuration root and the siblings an interrupted apply may leave, cleared on
+// construction and destruction.
+struct clean_registry : kt::registry {
+  clean_registry() { clear(); }
+  ~clean_registry() { clear(); }
+  static void clear() {
+    for (const char *k : {"Agents", "Agents.new", "Agents.old"})
+      RegDeleteTreeA(HKEY_LOCAL_MACHINE, (std::string(PARENT) + "\\" + k).c_str()),
+          RegDeleteKeyA(HKEY_LOCAL_MACHINE, (std::string(PARENT) + "\\" + k).c_str());
+  }
+};
+
+bool key_exists(const char *name) {
+  HKEY k;
+  if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, (std::string(PARENT) + "\\" + name).c_str(), 0, KEY_READ, &k) != ERROR_SUCCESS)
+    return false;
+  RegCloseKey(k);
+  return true;
+}
+
+std::string ports_file(const std::vector<int> &ports, const char *program = "C:\\no\\such\\agent.exe") {
+  std::string text = "services.svc:\n\tprogram = " + std::string(program) + "\n";
+  for (int p : ports) text += "tcp.s" + std::to_string(p) + ":\n\tstart = auto\n\tservice = svc\n";
+  return text;
+}
+
+// The port numbers of a kivd listing.
+std::set<int> listed() {
+  std::set<int> ports;
+  std::istringstream in(kivctl("ls").out);
+  for (std::string line; std::getline(in, line);)
+    if (line != "!" && line != ".") ports.insert(atoi(line.c_str()));
+  return ports;
+}
+
+TEST(KivctlApply, DryRunApplyExportAndNoOp) {
+  clean_registry reg;
+  cfgfile first("# two ports of one agent\n"
+                "services.echo:\n\tprogram = C:\\agents\\echo.exe -v\n\tdescription = \" padded \"\n"
+                "tcp.s7101:\n\tstart = auto\n\tservice = echo\n"
+                "tcp.S7102:\n\tstart = on\n\tservice = Echo\n"
+                "global.start.tick:\n\tstart = ON\n\tprogram = tick.exe\n");
+  const std::string adds =
+      "add global.start.tick.program = tick.exe\n"
+      "add global.start.tick.start = ON\n"
+      "add services.echo.description =  padded \n"
+      "add services.echo.program = C:\\agents\\echo.exe -v\n"
+      "add tcp.s7101.service = echo\n"
+      "add tcp.s7101.start = auto\n"
+      "add tcp.S7102.service = Echo\n"
+      "add tcp.S7102.start = on\n";
+  result r = kivctl("apply --dry-run " + first.arg());
+  EXPECT_EQ(r.out, adds);
+  EXPECT_EQ(r.code, 0u) << r.err;
+  EXPECT_FALSE(key_exists("Agents"));  // a dry run writes nothing
+
+  r = kivctl("apply " + first.arg());  // no kivd running: not an error
+  EXPECT_EQ(r.out, adds);
+  EXPECT_EQ(r.code, 0u) << r.err;
+  EXPECT_FALSE(key_exists("Agents.new"));
+  EXPECT_FALSE(key_exists("Agents.old"));
+
+  const std::string exported =
+      "services.echo:\n\tdescription = \" padded \"\n\tprogram = C:\\agents\\echo.exe -v\n"
+      "global.start.tick:\n\tprogram = tick.exe\n\tstart = ON\n"
+      "tcp.s7101:\n\tservice = echo\n\tstart = auto\n"
+      "tcp.S7102:\n\tservice = Echo\n\tstart = on\n";
+  r = kivctl("export");
+  EXPECT_EQ(r.out, exported);
+  EXPECT_EQ(r.err, "");
+
+  // export then apply changes nothing.
+  cfgfile again(r.out, "again");
+  r = kivctl("apply " + again.arg());
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.code, 0u) << r.err;
+
+  // What the file no longer names goes, also what was written by hand; export names
+  // what it leaves out.
+  reg.set("tcp\\s7101", "note", "by hand");
+  r = kivctl("export");
+  EXPECT_EQ(r.out, exported);
+  EXPECT_EQ(r.err, "kivctl: not exported: tcp.s7101.note\n");
+  cfgfile second("services.echo:\n\tprogram = C:\\agents\\echo2.exe\n"
+                 "tcp.s7101:\n\tstart = auto\n\tservice = echo\n", "second");
+  r = kivctl("apply " + second.arg());
+  EXPECT_EQ(r.out,
+            "remove global.start.tick.program\n"
+            "remove global.start.tick.start\n"
+            "remove services.echo.description\n"
+            "change services.echo.program = C:\\agents\\echo2.exe (was C:\\agents\\echo.exe -v)\n"
+            "remove tcp.s7101.note\n"
+            "remove tcp.S7102.service\n"
+            "remove tcp.S7102.start\n");
+  EXPECT_EQ(kivctl("export").out,
+            "services.echo:\n\tprogram = C:\\agents\\echo2.exe\ntcp.s7101:\n\tservice = echo\n\tstart = auto\n");
+}
+
+TEST(KivctlApply, RefusesABadFileAndChangesNothing) {
+  clean_registry reg;
+  cfgfile good(ports_file({7201}));
+  ASSERT_EQ(kivctl("apply " + good.arg()).code, 0u);
+  std::string before = kivctl("export").out;
+  struct {
+    std::string text, error;
+  } cases[] = {
+      {"services.svc:\n\tprogram = x\n\n# a comment\ntcp.s7201\n", "5: \":\" expected"},
+      {"services.svc:\n\tprogram = x\ntcp.s7201:\n\tstart = auto\n", "3: port 7201 has no service"},
+      {"services.svc:\n\tdescription = x\n", "1: service svc has no program"},
+      {"services.svc:\n\tprogram = x\ntcp.s70000:\n\tstart = auto\n\tservice = svc\n",
+       "3: bad port s70000 (s and a number from 1 to 65534)"},
+      {"services.svc:\n\tprogram = x\ntcp.s7201:\n\tstart = sometimes\n\tservice = svc\n",
+       "4: unknown start mode sometimes for port 7201"},
+  };
+  for (auto &c : cases) {
+    cfgfile bad(c.text, "bad");
+    result r = kivctl("apply " + bad.arg());
+    EXPECT_EQ(r.code, 1u) << c.text;
+    EXPECT_EQ(r.out, "") << c.text;
+    EXPECT_EQ(r.err, "kivctl: " + bad.path + ": " + c.error + "\n") << c.text;
+    EXPECT_EQ(kivctl("export").out, before) << c.text;
+  }
+  EXPECT_EQ(kivctl("apply").code, 1u);
+  EXPECT_EQ(kivctl("apply \"C:\\no\\such\\file.cfg\"").code, 1u);
+  EXPECT_EQ(kivctl("apply a.cfg b.cfg").code, 1u);
+}
+
+TEST(KivctlApply, RunningKivdIsReconfigured) {
+  clean_registry reg;
+  std::vector<int> p = kt::free_ports(3);
+  cfgfile first(ports_file({p[0], p[1]}));
+  ASSERT_EQ(kivctl("apply " + first.arg()).code, 0u);
+  kt::kivd d("-D3");
+  EXPECT_EQ(listed(), (std::set<int>{p[0], p[1]}));
+  cfgfile second(ports_file({p[1], p[2]}), "second");
+  result r = kivctl("apply " + second.arg());
+  EXPECT_EQ(r.code, 0u) << r.err;
+  EXPECT_EQ(listed(), (std::set<int>{p[1], p[2]})) << d.err();
+  // A no-change apply does not disturb kivd.
+  int reconfigs = d.log_count("reconfig");
+  EXPECT_GT(reconfigs, 0) << d.err();
+  EXPECT_EQ(kivctl("apply " + second.arg()).code, 0u);
+  EXPECT_EQ(kivctl("update").code, 0u);  // a round trip, so a reconfig would have been read
+  EXPECT_EQ(d.log_count("reconfig"), reconfigs) << d.err();
+}
+
+// A crash after each step of the write, then what kivd's reconfiguration reads: the old
+// configuration until the new tree is complete and swapped in, none at all between the
+// two renames, the new one after; the next apply puts the registry right.
+TEST(KivctlApply, CrashHalfWayLeavesTheOldOrTheNewConfiguration) {
+  clean_registry reg;
+  std::vector<int> p = kt::free_ports(4);
+  cfgfile oldfile(ports_file({p[0], p[1]}, "C:\\no\\old.exe"), "old");
+  cfgfile newfile(ports_file({p[2], p[3]}, "C:\\no\\new.exe"), "new");
+  ASSERT_EQ(kivctl("apply " + newfile.arg()).code, 0u);
+  const std::string newtext = kivctl("export").out;
+  ASSERT_EQ(kivctl("apply " + oldfile.arg()).code, 0u);
+  const std::string oldtext = kivctl("export").out;
+  kt::kivd d("-D3");
+  const std::set<int> oldports{p[0], p[1]}, newports{p[2], p[3]}, none;
+  struct {
+    int step;
+    std::set<int> reads;
+  } cases[] = {
+      {1, oldports},  // new tree written, not yet marked complete
+      {2, oldports},  // new tree complete and marked, not swapped in
+      {3, none},      // old tree renamed away: no configuration until put right
+      {4, newports},  // new tree in place, old one left beside it
+      {5, newports},
+  };
+  for (auto &c : cases) {
+    SetEnvironmentVariableA("KIVCTL_APPLY_CRASH_AFTER", std::to_string(c.step).c_str());
+    result r = kivctl("apply " + newfile.arg());
+    SetEnvironmentVariableA("KIVCTL_APPLY_CRASH_AFTER", nullptr);
+    EXPECT_EQ(r.code, 99u) << "step " << c.step << ": " << r.err;
+    EXPECT_EQ(kivctl("reconfig").code, 0u);
+    EXPECT_EQ(listed(), c.reads) << "step " << c.step;
+    // The next apply first puts right what the crash left (after step 3 it finishes the
+    // interrupted swap) and tells kivd.
+    r = kivctl("apply " + newfile.arg());
+    EXPECT_EQ(r.code, 0u) << "step " << c.step << ": " << r.err;
+    EXPECT_EQ(kivctl("export").out, newtext) << "step " << c.step;
+    EXPECT_FALSE(key_exists("Agents.new")) << "step " << c.step;
+    EXPECT_FALSE(key_exists("Agents.old")) << "step " << c.step;
+    EXPECT_EQ(listed(), newports) << "step " << c.step;
+    ASSERT_EQ(kivctl("apply " + oldfile.arg()).code, 0u);
+    EXPECT_EQ(kivctl("export").out, oldtext);
+    EXPECT_EQ(listed(), oldports) << "step " << c.step;
+  }
+}
+
+}  // namespace

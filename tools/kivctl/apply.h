@@ -1,0 +1,15 @@
+// kivctl apply / export: the configuration as a file, written to and read from the
+// registry under HKEY_LOCAL_MACHINE\SOFTWARE\Orvane\Agents.
+#pragma once
+
+// `apply [--dry-run] FILE`: argv[0] is "apply". Exit code: 0 done (or nothing to do);
+// 1 the file is refused (its line and message on standard error) or the usage is wrong;
+// 2 the registry or the control pipe failed.
+int kivctl_apply(int argc, char **argv);
+// `export`: the registry's configuration on standard output in the file syntax. 0, or
+// 2 when the registry cannot be read.
+int kivctl_export(int argc, char **argv);
+
+// Sends "reconfig" to a running kivd. 0 when it answered "+" or when no kivd is
+// running (its pipe does not exist); 2 on any other failure (reported).
+int kivctl_reconfig();
