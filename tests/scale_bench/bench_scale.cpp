@@ -100,9 +100,15 @@ bool measure(int nports, int nagents, figures *f) {
   return ok;
 }
 
-// Milliseconds until `count` clients that connect at once to port have each had one byte
-// echoed; -1 when some were not served within a minute.
-double burst(int port, int count) {
+struct burst_result {
+  int served = 0, failed = 0;
+  double last_ms = 0;  // when the last client served had its byte back
+};
+
+// `count` clients connect at once to port, each sends one byte and waits for its echo;
+// the clients still waiting after a minute are given up.
+burst_result burst(int port, int count) {
+  burst_result r;
   std::vector<SOCKET> s(count, INVALID_SOCKET);
   std::vector<int> state(count, 0);  // 0 connecting, 1 sent, 2 served, 3 failed
   double t0 = now_ms();
@@ -139,16 +145,14 @@ double burst(int port, int count) {
         state[i] = recv(s[i], &c, 1, 0) == 1 && c == 'x' ? 2 : 3;
         failed += state[i] == 3;
         done++;
+        if (state[i] == 2) r.last_ms = now_ms() - t0;
       }
     }
   }
-  double ms = now_ms() - t0;
   for (SOCKET x : s) closesocket(x);
-  if (done < count || failed) {
-    fprintf(stderr, "bench_scale: burst on port %d: %d of %d served, %d failed\n", port, done - failed, count, failed);
-    return -1;
-  }
-  return ms;
+  r.served = done - failed;
+  r.failed = failed;
+  return r;
 }
 
 }  // namespace
@@ -192,9 +196,10 @@ int main() {
   reg.port(ports[1], "on", "own");
   kt::kivd d("-D0");
   if (!kt::poll([&] { return echoes(ports[1]); }, 60000)) return 1;
-  double held = burst(ports[0], BURST), own = burst(ports[1], BURST);
-  printf("burst of %d clients: auto port through kivd %.0f ms, the agent listening by itself %.0f ms, ratio %.2f\n",
-         BURST, held, own, own > 0 ? held / own : 0.0);
+  burst_result held = burst(ports[0], BURST), own = burst(ports[1], BURST);
+  printf("burst of %d clients, served within a minute (failed), time to the last served:\n", BURST);
+  printf("  auto port through kivd:          %4d (%d) %6.0f ms\n", held.served, held.failed, held.last_ms);
+  printf("  the agent listening by itself:   %4d (%d) %6.0f ms\n", own.served, own.failed, own.last_ms);
   d.quit();
-  return held < 0 || own < 0;
+  return 0;
 }
