@@ -16,7 +16,7 @@ export WINEDEBUG  := -all
 export WINEDLLOVERRIDES := mscoree,mshtml=
 
 .PHONY: all setup build windows native fuzz-build bench-build test test-native test-windows \
-        test-fuzz test-layers fuzz bench run kivctl clean
+        test-fuzz test-layers fuzz bench soak run kivctl clean
 
 all: build
 
@@ -98,6 +98,18 @@ bench: bench-build windows
 	 for b in $(BUILD)/windows/bench/bench_*.exe; do \
 	  [ -f "$$b" ] || continue; echo "== $$(basename $$b)"; scripts/wine-run $$b || exit 1; done; \
 	 $(WINESERVER) -k 2>/dev/null; true
+
+# The reliability runs at full size (10,000 connections, 10,000 control lines), then the
+# summary table their tests print.
+SOAK_N  ?= 10000
+STORM_N ?= 10000
+soak: windows
+	@ulimit -n 4096 2>/dev/null || true; $(WINESERVER) -p; wine cmd /c exit </dev/null >/dev/null 2>&1; \
+	 log=$(BUILD)/windows/soak.log; \
+	 KIVD_SOAK_N=$(SOAK_N) KIVD_STORM_N=$(STORM_N) scripts/wine-run \
+	   $(BUILD)/windows/tests/reliability/test_reliability.exe --gtest_brief=1 >$$log 2>&1; rc=$$?; \
+	 $(WINESERVER) -k 2>/dev/null; grep -v '^|' $$log; \
+	 echo "== reliability runs (full size)"; grep '^|' $$log; exit $$rc
 
 # make run: kivd.exe in console mode in the foreground with a demo configuration in the
 # project's Wine prefix: the echo agent on a free loopback port ("auto": started for the
