@@ -263,10 +263,20 @@ int wait_seconds(time_t due, time_t now) {
 int run_service() {
   static const char tag[] = "sserv.run_service";
   char line[CMD_LINE + 1];
+  time_t forced = 0;  // the due time whose update ran without a time-out
   for (;;) {
     HANDLE *handles = nullptr;
     time_t due = 0;
     unsigned n = ssock_waitset(&handles, &due);
+    // The timer is due at due + 1 whatever else wakes the loop: a client whose commands
+    // come faster than the wait can time out must not keep a resting port at rest. Once
+    // per due time, so a due time that the pass does not move cannot spin the loop.
+    if (due < kiv_time() && due != forced) {
+      forced = due;
+      strcpy(line, "update");
+      cmd(-1, line);
+      continue;
+    }
     HANDLE alone[1];
     if (n == 0) handles = alone;
     handles[n] = die;

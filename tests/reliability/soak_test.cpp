@@ -93,9 +93,9 @@ void cycles(int index, int port, int from, int to, int per_agent, tally *t) {
   }
 }
 
-// Every port listed, auto, without agent and without rest: what kivd returns to. Asked
-// only when no rest is pending: the end of a rest runs on kivd's timer, which fires only
-// when its wait times out, and a client polling the pipe keeps waking it first.
+// Every port listed, auto, without agent and without rest: what kivd returns to. Polling
+// it is safe while a rest is pending: kivd's timer fires on time however often a client
+// wakes the loop.
 bool all_idle(const std::vector<int> &ports, std::string *listing) {
   kt::client c;
   auto lines = rel::listed_ports(c.command("ls"));

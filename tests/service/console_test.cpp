@@ -187,26 +187,36 @@ TEST(ConsoleEnd, NoOptionsAndOnlyBRunInTheForeground) {
 
 // A lone port whose agent cannot start is off for 3 seconds; with no handle left to wait
 // on, the loop must still wake when that time is up and listen again, and the timer's
-// "update" sends nothing to a connected client.
+// "update" sends nothing to a connected client. A client that keeps the loop busy with
+// commands faster than its wait can time out must not keep the port off either.
 TEST(ConsoleEnd, ALonePortComesBackAfterItsDisable) {
-  kt::registry reg;
-  int port = kt::free_port();
-  reg.service("lone", "C:\\no\\such\\agent.exe");
-  reg.port(port, "auto", "lone");
-  kt::kivd d("-D3");
-  std::string listening = "Listening on port " + std::to_string(port);
-  ASSERT_TRUE(d.log_has(listening));
-  kt::client watcher;
-  SOCKET s = kt::connect_to(port);
-  ASSERT_NE(s, INVALID_SOCKET);
-  EXPECT_TRUE(d.log_has("Port " + std::to_string(port) + " disabled for 3 seconds"));
-  EXPECT_TRUE(d.log_has("Waiting ... ("));
-  EXPECT_TRUE(kt::poll([&] { return d.log_count(listening) >= 2; }, 30000)) << d.err();
-  closesocket(s);
-  EXPECT_EQ(watcher.command("info").front(), "!");
-  SOCKET again = kt::connect_to(port);
-  EXPECT_NE(again, INVALID_SOCKET);
-  closesocket(again);
+  for (bool busy : {false, true}) {
+    SCOPED_TRACE(busy ? "client sending commands all along" : "quiet");
+    kt::registry reg;
+    int port = kt::free_port();
+    reg.service("lone", "C:\\no\\such\\agent.exe");
+    reg.port(port, "auto", "lone");
+    kt::kivd d("-D3");
+    std::string listening = "Listening on port " + std::to_string(port);
+    ASSERT_TRUE(d.log_has(listening));
+    kt::client watcher;
+    SOCKET s = kt::connect_to(port);
+    ASSERT_NE(s, INVALID_SOCKET);
+    EXPECT_TRUE(d.log_has("Port " + std::to_string(port) + " disabled for 3 seconds"));
+    EXPECT_TRUE(d.log_has("Waiting ... ("));
+    EXPECT_TRUE(kt::poll(
+        [&] {
+          if (busy) watcher.command("info");
+          return d.log_count(listening) >= 2;
+        },
+        30000))
+        << d.err();
+    closesocket(s);
+    EXPECT_EQ(watcher.command("info").front(), "!");
+    SOCKET again = kt::connect_to(port);
+    EXPECT_NE(again, INVALID_SOCKET);
+    closesocket(again);
+  }
 }
 
 }  // namespace
