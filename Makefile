@@ -94,7 +94,7 @@ fuzz: fuzz-build
 bench: bench-build windows
 	@set -e; for b in $(BUILD)/bench/bench/bench_*; do \
 	  [ -x "$$b" ] || continue; echo "== $$(basename $$b)"; $$b; done
-	@ulimit -n 4096 2>/dev/null || true; $(WINESERVER) -p; \
+	@ulimit -n 8192 2>/dev/null || true; $(WINESERVER) -p; \
 	 for b in $(BUILD)/windows/bench/bench_*.exe; do \
 	  [ -f "$$b" ] || continue; echo "== $$(basename $$b)"; scripts/wine-run $$b || exit 1; done; \
 	 $(WINESERVER) -k 2>/dev/null; true
