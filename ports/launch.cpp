@@ -58,19 +58,19 @@ bool handover(port_record *p, child_record *c, char *b64) {
   return true;
 }
 
-// The agent command line without its -C piece. The debug spec has no bound of its own,
-// so a line that outgrows the usual buffer gets a heap block of its exact size instead
-// of being cut: the agent must see the spec whole. Null when the heap refuses.
-char *agent_command_line(const char *program, const char *spec, const char *extra,
+// The agent command line without its -C piece. The debug spec has no bound of its own, so
+// a line that outgrows the usual buffer gets a heap block of its exact size instead
+// of being cut: the agent must see it whole. Null when the heap refuses.
+char *agent_command_line(const char *program, const char *debugspec, const char *extra,
                          char (&fixed)[CMDLINE_SIZE]) {
-  size_t need =
-      strlen(program) + (spec ? 3 + strlen(spec) : 0) + (extra ? 1 + strlen(extra) : 0) + 1;
+  size_t need = strlen(program) + (debugspec ? 3 + strlen(debugspec) : 0) +
+                (extra ? 1 + strlen(extra) : 0) + 1;
   char *line = need <= sizeof fixed
                    ? fixed
                    : static_cast<char *>(kiv_alloc(unsigned(need), "ssock.start_agent"));
   if (!line) return nullptr;
-  xsnprintf(line, unsigned(need), "%s%s%s%s%s", program, spec ? " -D" : "", spec ? spec : "",
-            extra ? " " : "", extra ? extra : "");
+  xsnprintf(line, unsigned(need), "%s%s%s%s%s", program, debugspec ? " -D" : "",
+            debugspec ? debugspec : "", extra ? " " : "", extra ? extra : "");
   return line;
 }
 

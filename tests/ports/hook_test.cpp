@@ -258,7 +258,7 @@ TEST_F(Hook, LongDebugSpecNeverOverrunsTheCommandLine) {
     EXPECT_EQ(program, line.substr(0, program.size()));
     std::string debug = line.substr(program.size());
     EXPECT_LE(3u, debug.size()) << line;
-    EXPECT_EQ(debug, (" -D" + spec).substr(0, debug.size()));  // the spec, cut at most
+    EXPECT_EQ(debug, (" -D" + spec).substr(0, debug.size()));  // the debug spec, cut at most
   }
   EXPECT_EQ(lines({line_of(port, "svc", "Auto") + (ready(rec) ? " Agent=" + std::to_string(agents(rec)[0]) : "")}),
             listing());

@@ -278,8 +278,8 @@ TEST_F(Log, EmptyFormatWritesASeparatorAndAReportItsPrefix) {
   EXPECT_EQ(expected, captured);
 }
 
-// The port manager hands the kept spec to every agent: it must be a copy of the last one
-// given, gone with a null spec and after a reset.
+// The port manager hands the kept debug spec to every agent: it must be a copy of the last one
+// given, gone with a null debug spec and after a reset.
 TEST_F(Log, KeepsACopyOfTheLastDebugSpec) {
   EXPECT_EQ(nullptr, kiv_logspec());
   std::string spec = "3;ssock;>c:/kivd.txt";
@@ -295,7 +295,7 @@ TEST_F(Log, KeepsACopyOfTheLastDebugSpec) {
   kiv_logconfig("4");
   fresh();  // a reset, lines still captured
   EXPECT_EQ(nullptr, kiv_logspec());
-  xheap_failafter(0);  // the copy is refused: no spec, but the items still apply
+  xheap_failafter(0);  // the copy is refused: no debug spec kept, but the items still apply
   kiv_logconfig("5");
   xheap_failafter(-1);
   EXPECT_EQ(nullptr, kiv_logspec());
