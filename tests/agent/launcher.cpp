@@ -13,14 +13,23 @@ static const bool net_started = [] {
   return WSAStartup(MAKEWORD(2, 2), &wsa) == 0;
 }();
 
-SOCKET listen_loopback(unsigned *port) {
-  *port = 0;
+// A TCP socket no agent inherits (agents start with inheritance on, and an inherited
+// socket would outlive the test's own close) and the loopback address with port.
+static SOCKET loopback_socket(unsigned port, sockaddr_in &a) {
   SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  if (s == INVALID_SOCKET) return s;
-  SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
-  sockaddr_in a{};
+  if (s != INVALID_SOCKET) SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
+  a = sockaddr_in{};
   a.sin_family = AF_INET;
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a.sin_port = htons(static_cast<u_short>(port));
+  return s;
+}
+
+SOCKET listen_loopback(unsigned *port) {
+  *port = 0;
+  sockaddr_in a;
+  SOCKET s = loopback_socket(0, a);
+  if (s == INVALID_SOCKET) return s;
   int len = sizeof a;
   if (bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 || listen(s, 10) != 0 ||
       getsockname(s, reinterpret_cast<sockaddr *>(&a), &len) != 0) {
@@ -139,15 +148,9 @@ std::string beside_me(const char *relative) {
 }
 
 SOCKET connect_loopback(unsigned port) {
-  SOCKET c = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  sockaddr_in a;
+  SOCKET c = loopback_socket(port, a);
   if (c == INVALID_SOCKET) return c;
-  // Agents are started with inheritance on: a client socket they inherited would keep the
-  // connection open after the client closed it.
-  SetHandleInformation(reinterpret_cast<HANDLE>(c), HANDLE_FLAG_INHERIT, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  a.sin_port = htons(static_cast<u_short>(port));
   DWORD timeout = 10000;
   setsockopt(c, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char *>(&timeout), sizeof timeout);
   if (connect(c, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {

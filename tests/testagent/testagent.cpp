@@ -33,6 +33,8 @@
 #include <string>
 #include <vector>
 
+#include "lib/b64.h"
+
 namespace {
 
 constexpr DWORD LIFETIME_MS = 90000;
@@ -68,39 +70,6 @@ void record(const std::string &text) {
 // An unhandled exception ends the process with the exception code as exit code, without
 // a debugger or an error box.
 LONG WINAPI end_on_exception(EXCEPTION_POINTERS *) { return EXCEPTION_EXECUTE_HANDLER; }
-
-int b64value(char c) {
-  if (c >= 'A' && c <= 'Z') return c - 'A';
-  if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-  if (c >= '0' && c <= '9') return c - '0' + 52;
-  if (c == '+') return 62;
-  if (c == '/') return 63;
-  return -1;
-}
-
-// Standard alphabet with padding; false on any other character or a short group.
-bool b64decode(const std::string &text, std::string &out) {
-  out.clear();
-  if (text.size() % 4)
-    return false;
-  for (size_t i = 0; i < text.size(); i += 4) {
-    int v[4], pad = 0;
-    for (int k = 0; k < 4; k++) {
-      char c = text[i + k];
-      if (c == '=' && i + 4 == text.size() && k >= 2) {
-        v[k] = 0, pad++;
-        continue;
-      }
-      if (pad || (v[k] = b64value(c)) < 0)
-        return false;
-    }
-    uint32_t n = uint32_t(v[0]) << 18 | uint32_t(v[1]) << 12 | uint32_t(v[2]) << 6 | uint32_t(v[3]);
-    out += char(n >> 16);
-    if (pad < 2) out += char(n >> 8 & 0xff);
-    if (pad < 1) out += char(n & 0xff);
-  }
-  return true;
-}
 
 // What the process inherited: every valid small inheritable handle value other than the
 // standard handles and its own pipe is a socket (listening or not), a pipe, or something else.
@@ -195,13 +164,12 @@ struct port_socket {
 };
 
 SOCKET rebuild(const std::string &encoded, int &error) {
-  std::string bytes;
-  if (!b64decode(encoded, bytes) || bytes.size() != sizeof(WSAPROTOCOL_INFOA)) {
+  WSAPROTOCOL_INFOA info;
+  if (b64_decode(encoded.data(), static_cast<int>(encoded.size()), &info, sizeof info) !=
+      static_cast<int>(sizeof info)) {
     error = -1;
     return INVALID_SOCKET;
   }
-  WSAPROTOCOL_INFOA info;
-  memcpy(&info, bytes.data(), sizeof info);
   SOCKET s = WSASocketA(FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, &info, 0, 0);
   if (s == INVALID_SOCKET) {
     error = WSAGetLastError();
