@@ -5,18 +5,70 @@
 
 #include "lib/b64.h"
 
-TEST(Base64, VectorsAndRefusals) {
-  struct { std::string in; const char *out; } cases[] = {
-      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foobar", "Zm9vYmFy"}, {"\xff\xff\xff", "////"},
-      {std::string("\0\xfb\xef", 3), "APvv"}};
-  char out[32];
+TEST(Base64, TableBothWays) {
+  // text <-> bytes: every accepted text is also what the encoder writes for its bytes;
+  // result -1 is a refused text.
+  struct { const char *in; int room; std::string out; int result; } cases[] = {
+      {"", 8, "", 0},
+      {"Zg==", 8, "f", 1},
+      {"Zm8=", 8, "fo", 2},
+      {"Zm9v", 8, "foo", 3},
+      {"Zm9vYmFy", 8, "foobar", 6},
+      {"////", 8, "\xff\xff\xff", 3},
+      {"APvv", 8, std::string("\0\xfb\xef", 3), 3},
+      {"+/+/", 8, "\xfb\xff\xbf", 3},
+      {"Zm9vYmFy", 6, "foobar", 6},  // exactly the room
+      {"Zm9vYmFy", 5, "", -1},       // one byte too many
+      {"Zg==", 0, "", -1},
+      {"Zm9", 8, "", -1},            // not a multiple of 4
+      {"Zm9vY", 8, "", -1},
+      {"Zm9v\n", 8, "", -1},
+      {"Zm 9", 8, "", -1},           // blank inside
+      {"Zm-v", 8, "", -1},           // URL alphabet is not ours
+      {"Zm_v", 8, "", -1},
+      {"Z===", 8, "", -1},           // three pads
+      {"====", 8, "", -1},
+      {"Zg=a", 8, "", -1},           // pad before data
+      {"Zg==Zm9v", 8, "", -1},       // pad in a group that is not the last
+      {"Zh==", 8, "", -1},           // bits under the padding
+      {"Zm9=", 8, "", -1},
+      {"\xc3\xa9" "ab", 8, "", -1},   // bytes above 127
+  };
   for (const auto &c : cases) {
-    memset(out, 'X', sizeof out);
-    int n = b64_encode(c.in.data(), static_cast<int>(c.in.size()), out);
-    ASSERT_TRUE(n >= 0 && n < 30) << n;
-    EXPECT_EQ(std::string(c.out) + '\0' + 'X', std::string(out, static_cast<size_t>(n) + 2));  // nothing past the zero
+    unsigned char out[16];
+    memset(out, 0xAA, sizeof out);
+    int n = b64_decode(c.in, static_cast<int>(strlen(c.in)), out, c.room);
+    EXPECT_EQ(c.result, n) << "\"" << c.in << "\" room " << c.room;
+    if (n >= 0) {
+      EXPECT_EQ(c.out, std::string(reinterpret_cast<char *>(out), static_cast<size_t>(n))) << c.in;
+    }
+    if (c.room < 16) {
+      EXPECT_EQ(0xAA, out[c.room]) << "written past room for " << c.in;
+    }
+    if (c.result < 0) continue;
+    char text[32];
+    memset(text, 'X', sizeof text);
+    int t = b64_encode(c.out.data(), static_cast<int>(c.out.size()), text);
+    ASSERT_TRUE(t >= 0 && t < 30) << t;
+    EXPECT_EQ(std::string(c.in) + '\0' + 'X', std::string(text, static_cast<size_t>(t) + 2));  // nothing past the zero
   }
-  EXPECT_EQ(0, b64_encode("abc", -3, out));
-  EXPECT_STREQ("", out);
-  EXPECT_EQ(-1, b64_encode(nullptr, 3, out));
+}
+
+TEST(Base64, RoundTripOfEveryLengthAndRefusedArguments) {
+  unsigned char bytes[372], back[372];
+  for (int i = 0; i < 372; i++) bytes[i] = static_cast<unsigned char>(i * 37 + 11);
+  char text[500];
+  for (int len = 0; len <= 372; len += (len < 8 ? 1 : 61)) {
+    int t = b64_encode(bytes, len, text);
+    ASSERT_EQ(len, b64_decode(text, t, back, len)) << text;
+    EXPECT_EQ(0, memcmp(bytes, back, static_cast<size_t>(len))) << len;
+  }
+  ASSERT_EQ(496, b64_encode(bytes, 372, text));
+  EXPECT_EQ(372, b64_decode(text, 496, back, 372));
+  EXPECT_EQ(0, b64_encode("abc", -3, text));
+  EXPECT_STREQ("", text);
+  EXPECT_EQ(-1, b64_encode(nullptr, 3, text));
+  EXPECT_EQ(-1, b64_decode(nullptr, 4, back, 8));
+  EXPECT_EQ(-1, b64_decode("Zm9v", 4, nullptr, 8));
+  EXPECT_EQ(-1, b64_decode("Zm9v", -4, back, 8));
 }
