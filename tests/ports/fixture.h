@@ -72,6 +72,13 @@ std::string line_of(unsigned port, const std::string &service, const char *mode)
 // " Disable=YYYY-MM-DD_HH:MM" for the local time of t.
 std::string disable_of(time_t t);
 
+// Service "svc" running `program`, configured on `count` free ports in start mode `mode`;
+// the caller runs the reconfiguration. Returns the ports, ascending.
+std::vector<unsigned> svc_ports(unsigned count, const char *mode, const std::string &program);
+// The ports of `service` rest until `until`: listed in `mode` with that disable, nothing
+// but the timer in the wait list.
+void expect_rest(const std::vector<unsigned> &ports, const std::string &service, const char *mode, time_t until);
+
 // Ports free on loopback right now, ascending.
 std::vector<unsigned> free_ports(unsigned count);
 // Another program's listening socket on 127.0.0.1:port, not inheritable (INVALID_SOCKET

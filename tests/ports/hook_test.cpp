@@ -70,11 +70,8 @@ TEST_F(Hook, HookedPortWithoutParentServesOnlyItselfAndGoesOnRemove) {
 }
 
 TEST_F(Hook, HookedPortLivesAsLongAsItsParent) {
-  auto p = free_ports(2);
   std::string rec = record_path("parent");
-  set_service("svc", agent_program(rec));
-  set_port(p[0], "hook", "svc");
-  set_port(p[1], "hook", "svc");
+  auto p = svc_ports(2, "hook", agent_program(rec));
   ASSERT_EQ(0, ssock_reconfig());
   PROCESS_INFORMATION parent = start_process(agent_program(record_path("parent-process"), "-S60000"));
   PROCESS_INFORMATION stranger = start_process(agent_program(record_path("stranger"), "-S60000"));
@@ -116,9 +113,7 @@ TEST_F(Hook, HookedPortLivesAsLongAsItsParent) {
 }
 
 TEST_F(Hook, HookingAgainWithoutPidDropsTheParent) {
-  unsigned port = free_ports(1)[0];
-  set_service("svc", agent_program(record_path("again")));
-  set_port(port, "hook", "svc");
+  unsigned port = svc_ports(1, "hook", agent_program(record_path("again")))[0];
   ASSERT_EQ(0, ssock_reconfig());
   PROCESS_INFORMATION parent = start_process(agent_program(record_path("parent-process"), "-S60000"));
   ASSERT_EQ(0, ssock_add(int(port), std::to_string(parent.dwProcessId).c_str(), nullptr));
@@ -134,11 +129,9 @@ TEST_F(Hook, HookingAgainWithoutPidDropsTheParent) {
 // The same parent hooks a port again while an agent holds it: the old agent drops it
 // (its pipe closed, so it ends), the new record takes over the socket and listens on it.
 TEST_F(Hook, HookingAgainWhileHeldHandsTheSocketOver) {
-  unsigned port = free_ports(1)[0];
   std::string rec = record_path("rehook");
   std::string program = agent_program(rec);
-  set_service("svc", program);
-  set_port(port, "hook", "svc");
+  unsigned port = svc_ports(1, "hook", program)[0];
   ASSERT_EQ(0, ssock_reconfig());
   PROCESS_INFORMATION parent = start_process(agent_program(record_path("parent-process"), "-S60000"));
   std::string pid = std::to_string(parent.dwProcessId);
@@ -164,11 +157,9 @@ TEST_F(Hook, HookingAgainWhileHeldHandsTheSocketOver) {
 TEST_F(Hook, RestingHookedPortIsFreedOnRemoveAndOnParentDeath) {
   for (bool by_parent : {false, true}) {
     SCOPED_TRACE(by_parent ? "parent ends" : "remove");
-    unsigned port = free_ports(1)[0];
+    unsigned port = svc_ports(1, "hook", agent_program(record_path("resting")))[0];
     SOCKET blocker = block_port(port);
     ASSERT_NE(INVALID_SOCKET, blocker);
-    set_service("svc", agent_program(record_path("resting")));
-    set_port(port, "hook", "svc");
     ASSERT_EQ(0, ssock_reconfig());
     PROCESS_INFORMATION parent = start_process(agent_program(record_path("parent-process"), "-S60000"));
     std::string pid = std::to_string(parent.dwProcessId);

@@ -108,10 +108,8 @@ TEST_F(Reconfig, ServiceChangedHandsTheSocketToTheNewRecord) {
 // auto -> on while an agent holds the port alone: that agent is told "exit"; the new
 // record rests for 10 seconds, then starts its own agent.
 TEST_F(Reconfig, StartModeChangedEndsTheAgentAndRestsTheNewRecord) {
-  unsigned port = free_ports(1)[0];
   std::string rec = record_path("mode");
-  set_service("svc", agent_program(rec));
-  set_port(port, "auto", "svc");
+  unsigned port = svc_ports(1, "auto", agent_program(rec))[0];
   ASSERT_EQ(0, ssock_reconfig());
   DWORD old = start_agent_on(port, rec);
   set_port(port, "on", "svc");

@@ -87,11 +87,8 @@ TEST_F(Road, AgentExitCodeDecidesWhatBecomesOfItsPorts) {
   };
   for (auto &c : cases) {
     SCOPED_TRACE(c.request);
-    auto p = free_ports(2);
     std::string rec = record_path("exit");
-    set_service("svc", agent_program(rec));
-    for (unsigned port : p)
-      set_port(port, "auto", "svc");
+    auto p = svc_ports(2, "auto", agent_program(rec));
     ASSERT_EQ(0, ssock_reconfig());
     SOCKET client = connect_to(p[0]);
     ASSERT_TRUE(pump_until([&] { return ready(rec, 1); }));
@@ -104,11 +101,7 @@ TEST_F(Road, AgentExitCodeDecidesWhatBecomesOfItsPorts) {
     EXPECT_EQ(0, logged("Link count"));
 
     if (c.disabled) {
-      std::string off = disable_of(now + 3);
-      EXPECT_EQ(lines({line_of(p[0], "svc", "Auto") + off, line_of(p[1], "svc", "Auto") + off}), listing());
-      waitlist w = wait_list();
-      EXPECT_EQ(0u, w.count);
-      EXPECT_EQ(now + 3, w.due);
+      expect_rest(p, "svc", "Auto", now + 3);
       advance(2);
       EXPECT_EQ(0u, wait_list().count);
       advance(1);
@@ -160,10 +153,7 @@ TEST_F(Road, OnPortKeepsOneAgentThatListensByItself) {
   send_text(client, "crash");
   closesocket(client);
   ASSERT_TRUE(pump_until([&] { return logged("Child " + std::to_string(second) + " caused exeption") == 1; }));
-  EXPECT_EQ(lines({line_of(port, "On.Svc", "On") + disable_of(now + 3)}), listing());
-  w = wait_list();
-  EXPECT_EQ(0u, w.count);
-  EXPECT_EQ(now + 3, w.due);
+  expect_rest({port}, "On.Svc", "On", now + 3);
   advance(2);
   EXPECT_EQ(2u, agents(rec).size());
   advance(1);
