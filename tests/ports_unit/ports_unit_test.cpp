@@ -51,6 +51,13 @@ int collect(int context, const char *text, int length) {
   return 0;
 }
 
+// The port records in list order.
+std::vector<port_record *> port_order() {
+  std::vector<port_record *> order;
+  for (port_record *p = ssock_ports; p; p = p->next) order.push_back(p);
+  return order;
+}
+
 struct Ports : ::testing::Test {
   static void SetUpTestSuite() {
     kiv_locks_init();
@@ -191,9 +198,7 @@ TEST_F(Ports, AddportOrderAndReplacement) {
   port_record *p20 = addport(20, echo, START_AUTO);
   port_record *p20b = addport(20, echo, START_AUTO);
   port_record *p20c = addport(20, echo, START_ON);
-  std::vector<port_record *> order;
-  for (port_record *p = ssock_ports; p; p = p->next) order.push_back(p);
-  EXPECT_EQ((std::vector<port_record *>{p10, p20, p20b, p20c, p30}), order);
+  EXPECT_EQ((std::vector<port_record *>{p10, p20, p20b, p20c, p30}), port_order());
   EXPECT_EQ(PORT_REMOVE, p20->flags);
   EXPECT_EQ(PORT_REMOVE | PORT_EXIT, p20b->flags);
   EXPECT_EQ(PORT_DISABLED, p20c->flags);
@@ -242,9 +247,7 @@ TEST_F(Ports, PassRemovals) {
   resting->flags = PORT_DISABLED;
   resting->until = now + 900;
   ASSERT_EQ(0, ssock_update());
-  std::vector<port_record *> order;
-  for (port_record *p = ssock_ports; p; p = p->next) order.push_back(p);
-  ASSERT_EQ((std::vector<port_record *>{disabled, resting}), order);
+  ASSERT_EQ((std::vector<port_record *>{disabled, resting}), port_order());
   EXPECT_EQ(PORT_DISABLED, disabled->flags);
   EXPECT_EQ(2, echo->nports);
   HANDLE *handles = nullptr;
@@ -300,9 +303,7 @@ TEST_F(Ports, ExceptionExitOfRemovedPorts) {
   EXPECT_EQ(0, ssock_callback(0));
   EXPECT_TRUE(logged_with("caused exeption 0xc0000005"));
   EXPECT_FALSE(logged_with("Link count"));
-  std::vector<port_record *> order;
-  for (port_record *p = ssock_ports; p; p = p->next) order.push_back(p);
-  ASSERT_EQ((std::vector<port_record *>{live, off}), order);
+  ASSERT_EQ((std::vector<port_record *>{live, off}), port_order());
   EXPECT_EQ(PORT_DISABLED, live->flags);
   EXPECT_EQ(now + 3, live->until);
   EXPECT_EQ(PORT_DISABLED, off->flags);
