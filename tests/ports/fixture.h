@@ -44,6 +44,10 @@ std::vector<DWORD> agents(const std::string &path);
 bool has_text(const std::string &path, const std::string &text, DWORD pid = 0);
 // At least `count` agents have read their start-up lines and serve (recorded "#ready").
 bool ready(const std::string &record, size_t count = 1);
+// The command line the agent recorded ("" if none), and that line without its " -C0x<hex>"
+// piece, which must end it.
+std::string cmd_of(const std::string &record, DWORD pid = 0);
+std::string before_pipe(const std::string &cmd);
 // Only the agent lines, without the agent's own "#" lines.
 lines pipe_lines(const std::string &path, DWORD pid);
 

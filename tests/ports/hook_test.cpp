@@ -8,20 +8,6 @@
 namespace porttest {
 namespace {
 
-std::string cmd_of(const std::string &record, DWORD pid = 0) {
-  for (auto &t : texts(record, pid))
-    if (t.compare(0, 5, "#cmd ") == 0)
-      return t.substr(5);
-  return "";
-}
-// The command line without its " -C0x..." piece, which must end it.
-std::string before_pipe(const std::string &cmd) {
-  size_t c = cmd.rfind(" -C0x");
-  if (c == std::string::npos || cmd.find_first_not_of("0123456789abcdef", c + 5) != std::string::npos)
-    return "(no -C piece) " + cmd;
-  return cmd.substr(0, c);
-}
-
 // A process that lives until killed (a minute at most), as a hooked port's parent; killed
 // when the case ends, whatever its outcome.
 struct Parent {

@@ -25,12 +25,9 @@ std::string at(unsigned port) { return "-Ptcp::" + std::to_string(port) + "@<496
 using Road = Ports;
 
 TEST_F(Road, ConnectionStartsOneAgentWithEveryIdlePortOfItsService) {
-  auto p = free_ports(3);
   std::string rec = record_path("road");
   std::string program = agent_program(rec);
-  set_service("svc", program);
-  for (unsigned port : p)
-    set_port(port, "auto", "svc");
+  auto p = svc_ports(3, "auto", program);
   ASSERT_EQ(0, ssock_reconfig());
 
   waitlist w = wait_list();
@@ -51,11 +48,7 @@ TEST_F(Road, ConnectionStartsOneAgentWithEveryIdlePortOfItsService) {
     EXPECT_TRUE(has_text(rec, "#socket " + std::to_string(port) + " ok", pid)) << port;
 
   // Program text, the manager's debug spec, then the inherited read end of the pipe.
-  lines all = texts(rec, pid);
-  ASSERT_FALSE(all.empty());
-  std::string head = "#cmd " + program + " -D3 -C0x";
-  EXPECT_EQ(head, all[0].substr(0, head.size()));
-  EXPECT_EQ(std::string::npos, all[0].find_first_not_of("0123456789abcdef", head.size())) << all[0];
+  EXPECT_EQ(program + " -D3", before_pipe(cmd_of(rec, pid)));
 
   // The agent accepts the waiting connection on its own copy of the socket.
   EXPECT_EQ("agent " + std::to_string(pid) + " port " + std::to_string(p[1]), read_line(client));
