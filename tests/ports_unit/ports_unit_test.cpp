@@ -66,6 +66,7 @@ struct Ports : ::testing::Test {
     setvalue("tcp\\s25", "service", "echo");
     setvalue("tcp\\s26", "service", "noprog");
     setvalue("tcp\\s65534", "service", "echo");
+    setvalue("tcp\\s28", "service", std::string(300, 'L').c_str());  // its paths cannot be built
     setvalue("services\\echo", "program", "echo.exe");
     setvalue("services\\noprog", "description", "no program");
   }
@@ -329,6 +330,7 @@ TEST_F(Ports, TcpEntries) {
       {".tcp.s65535.start", "auto", 0, 0},
       {".tcp.s27.start", "auto", 0, 0},  // no service key
       {".tcp.s26.start", "auto", 0, 0},  // a service without a program
+      {".tcp.s28.start", "auto", 0, 0},  // a service name too long
   };
   for (const row &r : rows) {
     ssock_reset();
@@ -341,6 +343,7 @@ TEST_F(Ports, TcpEntries) {
     }
   }
   EXPECT_TRUE(logged_with("No program for service noprog. 26 not added"));
+  EXPECT_TRUE(logged_with("Service name too long: LLLL"));
 }
 
 TEST_F(Ports, GlobalStartEntries) {
