@@ -79,21 +79,6 @@ TEST_F(Control, DisabledPortStaysDisabledWhenItsAgentCrashes) {
   EXPECT_EQ(0u, wait_list().count);
 }
 
-// A service name too long for the 256-character listing line: the line is cut (where is
-// the manager's choice) or the port refused, never written past.
-TEST_F(Control, ListingLineStaysInItsBuffer) {
-  unsigned port = free_ports(1)[0];
-  std::string name(220, 'n');  // 39 characters of port, mode and disable besides
-  set_service(name, agent_program(record_path("long")));
-  set_port(port, "auto", name.c_str());
-  ASSERT_EQ(0, ssock_reconfig());
-  ssock_disable(int(port));
-  for (auto &l : listing()) {
-    EXPECT_GE(255u, l.size()) << l;
-    EXPECT_EQ(0u, l.find(line_of(port, name, "Auto").substr(0, 107))) << l;  // the name, cut anywhere
-  }
-}
-
 using Shutdown = Ports;
 
 TEST_F(Shutdown, AgentsThatExitInTimeAreNotTerminated) {
