@@ -235,6 +235,36 @@ std::string line_of(unsigned port, const std::string &service, const char *mode)
   return text;
 }
 
+std::string cmd_of(const std::string &record, DWORD pid) {
+  for (auto &t : texts(record, pid))
+    if (t.compare(0, 5, "#cmd ") == 0)
+      return t.substr(5);
+  return "";
+}
+
+std::string before_pipe(const std::string &cmd) {
+  size_t c = cmd.rfind(" -C0x");
+  if (c == std::string::npos || cmd.find_first_not_of("0123456789abcdef", c + 5) != std::string::npos)
+    return "(no -C piece) " + cmd;
+  return cmd.substr(0, c);
+}
+
+std::vector<unsigned> svc_ports(unsigned count, const char *mode, const std::string &program) {
+  std::vector<unsigned> ports = free_ports(count);
+  set_service("svc", program);
+  for (unsigned port : ports) set_port(port, mode, "svc");
+  return ports;
+}
+
+void expect_rest(const std::vector<unsigned> &ports, const std::string &service, const char *mode, time_t until) {
+  lines expected;
+  for (unsigned port : ports) expected.push_back(line_of(port, service, mode) + disable_of(until));
+  EXPECT_EQ(expected, listing());
+  waitlist w = wait_list();
+  EXPECT_EQ(0u, w.count);
+  EXPECT_EQ(until, w.due);
+}
+
 std::string disable_of(time_t t) {
   struct tm *local = localtime(&t);
   char text[64] = " Disable=?";

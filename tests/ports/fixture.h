@@ -44,6 +44,10 @@ std::vector<DWORD> agents(const std::string &path);
 bool has_text(const std::string &path, const std::string &text, DWORD pid = 0);
 // At least `count` agents have read their start-up lines and serve (recorded "#ready").
 bool ready(const std::string &record, size_t count = 1);
+// The command line the agent recorded ("" if none), and that line without its " -C0x<hex>"
+// piece, which must end it.
+std::string cmd_of(const std::string &record, DWORD pid = 0);
+std::string before_pipe(const std::string &cmd);
 // Only the agent lines, without the agent's own "#" lines.
 lines pipe_lines(const std::string &path, DWORD pid);
 
@@ -71,6 +75,13 @@ lines listing();
 std::string line_of(unsigned port, const std::string &service, const char *mode);
 // " Disable=YYYY-MM-DD_HH:MM" for the local time of t.
 std::string disable_of(time_t t);
+
+// Service "svc" running `program`, configured on `count` free ports in start mode `mode`;
+// the caller runs the reconfiguration. Returns the ports, ascending.
+std::vector<unsigned> svc_ports(unsigned count, const char *mode, const std::string &program);
+// The ports of `service` rest until `until`: listed in `mode` with that disable, nothing
+// but the timer in the wait list.
+void expect_rest(const std::vector<unsigned> &ports, const std::string &service, const char *mode, time_t until);
 
 // Ports free on loopback right now, ascending.
 std::vector<unsigned> free_ports(unsigned count);

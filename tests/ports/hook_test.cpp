@@ -8,19 +8,18 @@
 namespace porttest {
 namespace {
 
-std::string cmd_of(const std::string &record, DWORD pid = 0) {
-  for (auto &t : texts(record, pid))
-    if (t.compare(0, 5, "#cmd ") == 0)
-      return t.substr(5);
-  return "";
-}
-// The command line without its " -C0x..." piece, which must end it.
-std::string before_pipe(const std::string &cmd) {
-  size_t c = cmd.rfind(" -C0x");
-  if (c == std::string::npos || cmd.find_first_not_of("0123456789abcdef", c + 5) != std::string::npos)
-    return "(no -C piece) " + cmd;
-  return cmd.substr(0, c);
-}
+// A process that lives until killed (a minute at most), as a hooked port's parent; killed
+// when the case ends, whatever its outcome.
+struct Parent {
+  explicit Parent(const char *name = "parent-process")
+      : pi(start_process(agent_program(record_path(name), "-S60000"))), pid(std::to_string(pi.dwProcessId)) {}
+  ~Parent() { end(); CloseHandle(pi.hProcess); }
+  Parent(const Parent &) = delete;
+  Parent &operator=(const Parent &) = delete;
+  void end() { TerminateProcess(pi.hProcess, 0); }
+  PROCESS_INFORMATION pi;
+  std::string pid;
+};
 
 using Hook = Ports;
 
@@ -70,30 +69,26 @@ TEST_F(Hook, HookedPortWithoutParentServesOnlyItselfAndGoesOnRemove) {
 }
 
 TEST_F(Hook, HookedPortLivesAsLongAsItsParent) {
-  auto p = free_ports(2);
   std::string rec = record_path("parent");
-  set_service("svc", agent_program(rec));
-  set_port(p[0], "hook", "svc");
-  set_port(p[1], "hook", "svc");
+  auto p = svc_ports(2, "hook", agent_program(rec));
   ASSERT_EQ(0, ssock_reconfig());
-  PROCESS_INFORMATION parent = start_process(agent_program(record_path("parent-process"), "-S60000"));
-  PROCESS_INFORMATION stranger = start_process(agent_program(record_path("stranger"), "-S60000"));
-  std::string pid = std::to_string(parent.dwProcessId);
+  Parent parent, stranger("stranger");
+  const std::string &pid = parent.pid;
 
   EXPECT_EQ(KIV_ESYS, ssock_add(int(p[1]), "0", nullptr));  // no such process
   ASSERT_EQ(0, ssock_add(int(p[0]), pid.c_str(), nullptr));
-  EXPECT_EQ(KIV_EBUSY, ssock_add(int(p[0]), std::to_string(stranger.dwProcessId).c_str(), nullptr));
+  EXPECT_EQ(KIV_EBUSY, ssock_add(int(p[0]), stranger.pid.c_str(), nullptr));
   EXPECT_EQ(lines({line_of(p[0], "svc", "Hook") + " Parent=" + pid}), listing());
   waitlist w = wait_list();
   EXPECT_EQ(1u, w.events);
-  EXPECT_EQ(std::vector<DWORD>{parent.dwProcessId}, w.pids);
+  EXPECT_EQ(std::vector<DWORD>{parent.pi.dwProcessId}, w.pids);
 
   // The same parent hooks again: the new record takes over the handle and the socket.
   ASSERT_EQ(0, ssock_add(int(p[0]), pid.c_str(), "again"));
   EXPECT_EQ(lines({line_of(p[0], "svc", "Hook") + " Parent=" + pid}), listing());
   w = wait_list();
   EXPECT_EQ(1u, w.events);
-  EXPECT_EQ(std::vector<DWORD>{parent.dwProcessId}, w.pids);
+  EXPECT_EQ(std::vector<DWORD>{parent.pi.dwProcessId}, w.pids);
 
   SOCKET client = connect_to(p[0]);
   ASSERT_TRUE(pump_until([&] { return ready(rec); }));
@@ -105,43 +100,34 @@ TEST_F(Hook, HookedPortLivesAsLongAsItsParent) {
   EXPECT_EQ(2u, w.pids.size());
 
   // The parent dies: the agent is told "exit", the port goes once the agent has ended.
-  TerminateProcess(parent.hProcess, 0);
+  parent.end();
   ASSERT_TRUE(pump_until([&] { return listing().empty(); }));
   EXPECT_EQ(1, logged("Parent for port " + std::to_string(p[0]) + " died"));
   EXPECT_EQ("exit", pipe_lines(rec, agent).back());
   EXPECT_EQ(0u, wait_list().count);
-  TerminateProcess(stranger.hProcess, 0);
-  CloseHandle(parent.hProcess);
-  CloseHandle(stranger.hProcess);
 }
 
 TEST_F(Hook, HookingAgainWithoutPidDropsTheParent) {
-  unsigned port = free_ports(1)[0];
-  set_service("svc", agent_program(record_path("again")));
-  set_port(port, "hook", "svc");
+  unsigned port = svc_ports(1, "hook", agent_program(record_path("again")))[0];
   ASSERT_EQ(0, ssock_reconfig());
-  PROCESS_INFORMATION parent = start_process(agent_program(record_path("parent-process"), "-S60000"));
-  ASSERT_EQ(0, ssock_add(int(port), std::to_string(parent.dwProcessId).c_str(), nullptr));
+  Parent parent;
+  ASSERT_EQ(0, ssock_add(int(port), parent.pid.c_str(), nullptr));
   ASSERT_EQ(0, ssock_add(int(port), nullptr, nullptr));
   EXPECT_EQ(lines({line_of(port, "svc", "Hook")}), listing());
   waitlist w = wait_list();
   EXPECT_EQ(1u, w.events);
   EXPECT_TRUE(w.pids.empty());
-  TerminateProcess(parent.hProcess, 0);
-  CloseHandle(parent.hProcess);
 }
 
 // The same parent hooks a port again while an agent holds it: the old agent drops it
 // (its pipe closed, so it ends), the new record takes over the socket and listens on it.
 TEST_F(Hook, HookingAgainWhileHeldHandsTheSocketOver) {
-  unsigned port = free_ports(1)[0];
   std::string rec = record_path("rehook");
   std::string program = agent_program(rec);
-  set_service("svc", program);
-  set_port(port, "hook", "svc");
+  unsigned port = svc_ports(1, "hook", program)[0];
   ASSERT_EQ(0, ssock_reconfig());
-  PROCESS_INFORMATION parent = start_process(agent_program(record_path("parent-process"), "-S60000"));
-  std::string pid = std::to_string(parent.dwProcessId);
+  Parent parent;
+  const std::string &pid = parent.pid;
   ASSERT_EQ(0, ssock_add(int(port), pid.c_str(), "one"));
   DWORD first = start_agent_on(port, rec);
   ASSERT_EQ(0, ssock_add(int(port), pid.c_str(), "two"));
@@ -151,12 +137,10 @@ TEST_F(Hook, HookingAgainWhileHeldHandsTheSocketOver) {
   EXPECT_EQ(lines({line_of(port, "svc", "Hook") + " Parent=" + pid}), listing());
   waitlist w = wait_list();
   EXPECT_EQ(1u, w.events);
-  EXPECT_EQ(std::vector<DWORD>{parent.dwProcessId}, w.pids);
+  EXPECT_EQ(std::vector<DWORD>{parent.pi.dwProcessId}, w.pids);
   DWORD second = start_agent_on(port, rec);
   EXPECT_NE(first, second);
   EXPECT_EQ(program + " -D3 two", before_pipe(cmd_of(rec, second)));
-  TerminateProcess(parent.hProcess, 0);
-  CloseHandle(parent.hProcess);
 }
 
 // A hooked port resting after a failed bind goes for good when it is removed or its
@@ -164,19 +148,16 @@ TEST_F(Hook, HookingAgainWhileHeldHandsTheSocketOver) {
 TEST_F(Hook, RestingHookedPortIsFreedOnRemoveAndOnParentDeath) {
   for (bool by_parent : {false, true}) {
     SCOPED_TRACE(by_parent ? "parent ends" : "remove");
-    unsigned port = free_ports(1)[0];
+    unsigned port = svc_ports(1, "hook", agent_program(record_path("resting")))[0];
     SOCKET blocker = block_port(port);
     ASSERT_NE(INVALID_SOCKET, blocker);
-    set_service("svc", agent_program(record_path("resting")));
-    set_port(port, "hook", "svc");
     ASSERT_EQ(0, ssock_reconfig());
-    PROCESS_INFORMATION parent = start_process(agent_program(record_path("parent-process"), "-S60000"));
-    std::string pid = std::to_string(parent.dwProcessId);
-    ASSERT_EQ(0, ssock_add(int(port), pid.c_str(), nullptr));
-    EXPECT_EQ(lines({line_of(port, "svc", "Hook") + disable_of(now + 900) + " Parent=" + pid}), listing());
+    Parent parent;
+    ASSERT_EQ(0, ssock_add(int(port), parent.pid.c_str(), nullptr));
+    EXPECT_EQ(lines({line_of(port, "svc", "Hook") + disable_of(now + 900) + " Parent=" + parent.pid}), listing());
     closesocket(blocker);
     if (by_parent) {
-      TerminateProcess(parent.hProcess, 0);
+      parent.end();
       ASSERT_TRUE(pump_until([&] { return listing().empty(); }));
     } else {
       ASSERT_EQ(0, ssock_remove(int(port)));
@@ -186,8 +167,6 @@ TEST_F(Hook, RestingHookedPortIsFreedOnRemoveAndOnParentDeath) {
     advance(900);
     EXPECT_EQ(lines(), listing());
     EXPECT_EQ(0u, wait_list().count);
-    TerminateProcess(parent.hProcess, 0);
-    CloseHandle(parent.hProcess);
     restart_manager();
   }
 }

@@ -12,27 +12,6 @@ size_t count_of(const lines &all, const std::string &text) { return size_t(std::
 
 using Reconfig = Ports;
 
-// Which port keys become ports: the key name, the start value, the service and its program.
-TEST_F(Reconfig, OnlyWellFormedPortKeysBecomePorts) {
-  auto p = free_ports(7);
-  auto key = [&](const char *prefix, int i) { return prefix + std::to_string(p[size_t(i)]); };
-  std::string too_long(300, 'L');  // its ".services.<name>.description" path cannot be built
-  set_service("svc", agent_program(record_path("shapes")));
-  set_port_key(key("s", 0), "auto", "svc");
-  set_port_key(key("S", 1), "auto", "svc");     // key names are compared without case
-  set_port_key(key("s", 2), "Auto", "svc");     // start values are not
-  set_port_key(key("s", 3), "hook", "svc");     // hooked only by the add command
-  set_port_key(key("s", 4), "auto", nullptr);   // no service
-  set_port_key(key("s", 5), "auto", "noprog");  // a service without a program
-  set_port_key(key("s", 6), "auto", too_long.c_str());
-  set_port_key("s0", "auto", "svc");
-  set_port_key("s65535", "auto", "svc");
-  ASSERT_EQ(0, ssock_reconfig());
-  EXPECT_EQ(lines({line_of(p[0], "svc", "Auto"), line_of(p[1], "svc", "Auto")}), listing());
-  EXPECT_EQ(1, logged("No program for service noprog. " + std::to_string(p[5]) + " not added"));
-  EXPECT_EQ(2u, wait_list().events);
-}
-
 // Agents hear "reconfig" once each when the number of ports stayed the same.
 TEST_F(Reconfig, SamePortCountSendsOneReconfigToEachAgent) {
   struct {
@@ -108,10 +87,8 @@ TEST_F(Reconfig, ServiceChangedHandsTheSocketToTheNewRecord) {
 // auto -> on while an agent holds the port alone: that agent is told "exit"; the new
 // record rests for 10 seconds, then starts its own agent.
 TEST_F(Reconfig, StartModeChangedEndsTheAgentAndRestsTheNewRecord) {
-  unsigned port = free_ports(1)[0];
   std::string rec = record_path("mode");
-  set_service("svc", agent_program(rec));
-  set_port(port, "auto", "svc");
+  unsigned port = svc_ports(1, "auto", agent_program(rec))[0];
   ASSERT_EQ(0, ssock_reconfig());
   DWORD old = start_agent_on(port, rec);
   set_port(port, "on", "svc");

@@ -25,12 +25,9 @@ std::string at(unsigned port) { return "-Ptcp::" + std::to_string(port) + "@<496
 using Road = Ports;
 
 TEST_F(Road, ConnectionStartsOneAgentWithEveryIdlePortOfItsService) {
-  auto p = free_ports(3);
   std::string rec = record_path("road");
   std::string program = agent_program(rec);
-  set_service("svc", program);
-  for (unsigned port : p)
-    set_port(port, "auto", "svc");
+  auto p = svc_ports(3, "auto", program);
   ASSERT_EQ(0, ssock_reconfig());
 
   waitlist w = wait_list();
@@ -51,11 +48,7 @@ TEST_F(Road, ConnectionStartsOneAgentWithEveryIdlePortOfItsService) {
     EXPECT_TRUE(has_text(rec, "#socket " + std::to_string(port) + " ok", pid)) << port;
 
   // Program text, the manager's debug spec, then the inherited read end of the pipe.
-  lines all = texts(rec, pid);
-  ASSERT_FALSE(all.empty());
-  std::string head = "#cmd " + program + " -D3 -C0x";
-  EXPECT_EQ(head, all[0].substr(0, head.size()));
-  EXPECT_EQ(std::string::npos, all[0].find_first_not_of("0123456789abcdef", head.size())) << all[0];
+  EXPECT_EQ(program + " -D3", before_pipe(cmd_of(rec, pid)));
 
   // The agent accepts the waiting connection on its own copy of the socket.
   EXPECT_EQ("agent " + std::to_string(pid) + " port " + std::to_string(p[1]), read_line(client));
@@ -87,11 +80,8 @@ TEST_F(Road, AgentExitCodeDecidesWhatBecomesOfItsPorts) {
   };
   for (auto &c : cases) {
     SCOPED_TRACE(c.request);
-    auto p = free_ports(2);
     std::string rec = record_path("exit");
-    set_service("svc", agent_program(rec));
-    for (unsigned port : p)
-      set_port(port, "auto", "svc");
+    auto p = svc_ports(2, "auto", agent_program(rec));
     ASSERT_EQ(0, ssock_reconfig());
     SOCKET client = connect_to(p[0]);
     ASSERT_TRUE(pump_until([&] { return ready(rec, 1); }));
@@ -104,11 +94,7 @@ TEST_F(Road, AgentExitCodeDecidesWhatBecomesOfItsPorts) {
     EXPECT_EQ(0, logged("Link count"));
 
     if (c.disabled) {
-      std::string off = disable_of(now + 3);
-      EXPECT_EQ(lines({line_of(p[0], "svc", "Auto") + off, line_of(p[1], "svc", "Auto") + off}), listing());
-      waitlist w = wait_list();
-      EXPECT_EQ(0u, w.count);
-      EXPECT_EQ(now + 3, w.due);
+      expect_rest(p, "svc", "Auto", now + 3);
       advance(2);
       EXPECT_EQ(0u, wait_list().count);
       advance(1);
@@ -160,10 +146,7 @@ TEST_F(Road, OnPortKeepsOneAgentThatListensByItself) {
   send_text(client, "crash");
   closesocket(client);
   ASSERT_TRUE(pump_until([&] { return logged("Child " + std::to_string(second) + " caused exeption") == 1; }));
-  EXPECT_EQ(lines({line_of(port, "On.Svc", "On") + disable_of(now + 3)}), listing());
-  w = wait_list();
-  EXPECT_EQ(0u, w.count);
-  EXPECT_EQ(now + 3, w.due);
+  expect_rest({port}, "On.Svc", "On", now + 3);
   advance(2);
   EXPECT_EQ(2u, agents(rec).size());
   advance(1);

@@ -11,11 +11,8 @@ using Throttle = Ports;
 // Thirteen agents (the one that opens the period and twelve more) each serve one client
 // and exit with 0; the fourteenth connection within the minute is refused.
 TEST_F(Throttle, FourteenthAgentWithinAMinuteDisablesTheServicesIdlePorts) {
-  auto p = free_ports(2);
   std::string rec = record_path("throttle");
-  set_service("svc", agent_program(rec));
-  set_port(p[0], "auto", "svc");
-  set_port(p[1], "auto", "svc");
+  auto p = svc_ports(2, "auto", agent_program(rec));
   ASSERT_EQ(0, ssock_reconfig());
   for (int launch = 1; launch <= 13; launch++) {
     SOCKET client = connect_to(p[0]);
@@ -33,11 +30,7 @@ TEST_F(Throttle, FourteenthAgentWithinAMinuteDisablesTheServicesIdlePorts) {
   EXPECT_EQ(13, logged("[svc, Auto]"));
   EXPECT_EQ(1, logged("Port " + std::to_string(p[0]) + " disabled for 900 seconds"));
   EXPECT_EQ(1, logged("Port " + std::to_string(p[1]) + " disabled for 900 seconds"));
-  std::string off = disable_of(now + 900);
-  EXPECT_EQ(lines({line_of(p[0], "svc", "Auto") + off, line_of(p[1], "svc", "Auto") + off}), listing());
-  waitlist w = wait_list();
-  EXPECT_EQ(0u, w.count);
-  EXPECT_EQ(now + 900, w.due);
+  expect_rest(p, "svc", "Auto", now + 900);
 
   advance(899);
   EXPECT_EQ(0u, wait_list().count);
@@ -101,18 +94,13 @@ TEST_F(Throttle, ProgramNoLongerConfiguredIsKilledAndForgotten) {
 }
 
 TEST_F(Throttle, PortThatCannotBeBoundRestsFifteenMinutes) {
-  unsigned port = free_ports(1)[0];
+  unsigned port = svc_ports(1, "auto", agent_program(record_path("bind")))[0];
   SOCKET blocker = block_port(port);
   ASSERT_NE(INVALID_SOCKET, blocker);
-  set_service("svc", agent_program(record_path("bind")));
-  set_port(port, "auto", "svc");
   ASSERT_EQ(0, ssock_reconfig());
   EXPECT_EQ(1, logged("bind() -> "));
   EXPECT_EQ(1, logged("Failed to listen to port " + std::to_string(port)));
-  EXPECT_EQ(lines({line_of(port, "svc", "Auto") + disable_of(now + 900)}), listing());
-  waitlist w = wait_list();
-  EXPECT_EQ(0u, w.count);
-  EXPECT_EQ(now + 900, w.due);
+  expect_rest({port}, "svc", "Auto", now + 900);
 
   closesocket(blocker);
   advance(899);
@@ -125,17 +113,12 @@ TEST_F(Throttle, PortThatCannotBeBoundRestsFifteenMinutes) {
 }
 
 TEST_F(Throttle, AgentThatCannotBeStartedRestsItsPortThreeSeconds) {
-  unsigned port = free_ports(1)[0];
-  set_service("svc", "C:\\kivd-no-such-folder\\agent.exe");
-  set_port(port, "auto", "svc");
+  unsigned port = svc_ports(1, "auto", "C:\\kivd-no-such-folder\\agent.exe")[0];
   ASSERT_EQ(0, ssock_reconfig());
   SOCKET client = connect_to(port);
   ASSERT_TRUE(pump_until([] { return logged("Failed to start agent for service svc. Code = -12") == 1; }));
   closesocket(client);
-  EXPECT_EQ(lines({line_of(port, "svc", "Auto") + disable_of(now + 3)}), listing());
-  waitlist w = wait_list();
-  EXPECT_EQ(0u, w.count);
-  EXPECT_EQ(now + 3, w.due);
+  expect_rest({port}, "svc", "Auto", now + 3);
   advance(3);
   EXPECT_EQ(1u, wait_list().events);
 }

@@ -51,6 +51,13 @@ int collect(int context, const char *text, int length) {
   return 0;
 }
 
+// The port records in list order.
+std::vector<port_record *> port_order() {
+  std::vector<port_record *> order;
+  for (port_record *p = ssock_ports; p; p = p->next) order.push_back(p);
+  return order;
+}
+
 struct Ports : ::testing::Test {
   static void SetUpTestSuite() {
     kiv_locks_init();
@@ -59,6 +66,7 @@ struct Ports : ::testing::Test {
     setvalue("tcp\\s25", "service", "echo");
     setvalue("tcp\\s26", "service", "noprog");
     setvalue("tcp\\s65534", "service", "echo");
+    setvalue("tcp\\s28", "service", std::string(300, 'L').c_str());  // its paths cannot be built
     setvalue("services\\echo", "program", "echo.exe");
     setvalue("services\\noprog", "description", "no program");
   }
@@ -191,9 +199,7 @@ TEST_F(Ports, AddportOrderAndReplacement) {
   port_record *p20 = addport(20, echo, START_AUTO);
   port_record *p20b = addport(20, echo, START_AUTO);
   port_record *p20c = addport(20, echo, START_ON);
-  std::vector<port_record *> order;
-  for (port_record *p = ssock_ports; p; p = p->next) order.push_back(p);
-  EXPECT_EQ((std::vector<port_record *>{p10, p20, p20b, p20c, p30}), order);
+  EXPECT_EQ((std::vector<port_record *>{p10, p20, p20b, p20c, p30}), port_order());
   EXPECT_EQ(PORT_REMOVE, p20->flags);
   EXPECT_EQ(PORT_REMOVE | PORT_EXIT, p20b->flags);
   EXPECT_EQ(PORT_DISABLED, p20c->flags);
@@ -242,9 +248,7 @@ TEST_F(Ports, PassRemovals) {
   resting->flags = PORT_DISABLED;
   resting->until = now + 900;
   ASSERT_EQ(0, ssock_update());
-  std::vector<port_record *> order;
-  for (port_record *p = ssock_ports; p; p = p->next) order.push_back(p);
-  ASSERT_EQ((std::vector<port_record *>{disabled, resting}), order);
+  ASSERT_EQ((std::vector<port_record *>{disabled, resting}), port_order());
   EXPECT_EQ(PORT_DISABLED, disabled->flags);
   EXPECT_EQ(2, echo->nports);
   HANDLE *handles = nullptr;
@@ -300,9 +304,7 @@ TEST_F(Ports, ExceptionExitOfRemovedPorts) {
   EXPECT_EQ(0, ssock_callback(0));
   EXPECT_TRUE(logged_with("caused exeption 0xc0000005"));
   EXPECT_FALSE(logged_with("Link count"));
-  std::vector<port_record *> order;
-  for (port_record *p = ssock_ports; p; p = p->next) order.push_back(p);
-  ASSERT_EQ((std::vector<port_record *>{live, off}), order);
+  ASSERT_EQ((std::vector<port_record *>{live, off}), port_order());
   EXPECT_EQ(PORT_DISABLED, live->flags);
   EXPECT_EQ(now + 3, live->until);
   EXPECT_EQ(PORT_DISABLED, off->flags);
@@ -328,6 +330,7 @@ TEST_F(Ports, TcpEntries) {
       {".tcp.s65535.start", "auto", 0, 0},
       {".tcp.s27.start", "auto", 0, 0},  // no service key
       {".tcp.s26.start", "auto", 0, 0},  // a service without a program
+      {".tcp.s28.start", "auto", 0, 0},  // a service name too long
   };
   for (const row &r : rows) {
     ssock_reset();
@@ -340,6 +343,7 @@ TEST_F(Ports, TcpEntries) {
     }
   }
   EXPECT_TRUE(logged_with("No program for service noprog. 26 not added"));
+  EXPECT_TRUE(logged_with("Service name too long: LLLL"));
 }
 
 TEST_F(Ports, GlobalStartEntries) {
