@@ -329,4 +329,15 @@ std::string user_name() {
   return GetUserNameA(name, &size) ? name : "";
 }
 
+double now_ms() {
+  static LARGE_INTEGER freq = [] {
+    LARGE_INTEGER f;
+    QueryPerformanceFrequency(&f);
+    return f;
+  }();
+  LARGE_INTEGER t;
+  QueryPerformanceCounter(&t);
+  return double(t.QuadPart) * 1e3 / double(freq.QuadPart);
+}
+
 }  // namespace kt

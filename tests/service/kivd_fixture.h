@@ -79,4 +79,7 @@ struct client {
 
 std::string user_name();
 
+// A monotonic clock in milliseconds for the benchmarks' figures.
+double now_ms();
+
 }  // namespace kt
