@@ -7,20 +7,11 @@
 
 namespace {
 
-struct result {
-  std::string out;
-  DWORD code;
-  std::string err;
-};
+using result = kt::ran;
 
 // Runs kivctl with the argument text (and standard input) to its end.
 result kivctl(const std::string &args, const std::string &input = "") {
-  kt::process p("\"" + kt::kivctl_exe() + "\" " + args, input);
-  p.wait(60000);
-  std::string out;
-  for (char c : p.out())
-    if (c != '\r') out += c;  // text-mode standard output
-  return {out, p.exit_code(), p.err()};
+  return kt::run("\"" + kt::kivctl_exe() + "\" " + args, input);
 }
 
 TEST(Kivctl, RepliesAndExitCodes) {

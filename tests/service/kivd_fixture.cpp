@@ -203,6 +203,19 @@ DWORD process::exit_code() {
 std::string process::out() const { return slurp(out_file); }
 std::string process::err() const { return slurp(err_file); }
 
+static std::string without_cr(const std::string &text) {
+  std::string out;
+  for (char c : text)
+    if (c != '\r') out += c;  // text-mode output writes each "\n" as CR LF
+  return out;
+}
+
+ran run(const std::string &cmdline, const std::string &input) {
+  process p(cmdline, input);
+  p.wait(60000);
+  return {without_cr(p.out()), without_cr(p.err()), p.exit_code()};
+}
+
 kivd::kivd(const std::string &options) : process("\"" + kivd_exe() + "\" " + options) {
   // Ready when the control pipe exists.
   poll([] { return WaitNamedPipeA(PIPE, NMPWAIT_NOWAIT) || GetLastError() == ERROR_SEM_TIMEOUT; }, 20000);

@@ -53,6 +53,14 @@ struct process {
   std::string err() const;
 };
 
+// What a command line printed and how it ended, CR LF read as LF.
+struct ran {
+  std::string out, err;
+  DWORD code;
+};
+// Runs the command line with the standard input to its end (at most a minute).
+ran run(const std::string &cmdline, const std::string &input = "");
+
 // kivd.exe in console mode with the given options; its log is err().
 struct kivd : process {
   explicit kivd(const std::string &options = "-D3");

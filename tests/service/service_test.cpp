@@ -63,14 +63,9 @@ struct manager {
 
 // Runs kivd.exe with options to its end; returns its standard output and exit code.
 std::string run(const std::string &options, DWORD *code) {
-  kt::process p("\"" + kt::kivd_exe() + "\" " + options);
-  p.wait(60000);
-  *code = p.exit_code();
-  // Standard output is in text mode: the platform's printf writes each "\n" as CR LF.
-  std::string out;
-  for (char c : p.out())
-    if (c != '\r') out += c;
-  return out;
+  kt::ran r = kt::run("\"" + kt::kivd_exe() + "\" " + options);
+  *code = r.code;
+  return r.out;
 }
 
 // True once no kivd.exe process is left: a stopped service's process lingers a moment
