@@ -23,15 +23,6 @@ constexpr int BURST = 1000;
 
 std::string echo_agent() { return "\"" + kt::build_dir() + "\\agent\\echo-agent.exe\""; }
 
-bool echoes(int port) {
-  SOCKET s = kt::connect_to(port);
-  if (s == INVALID_SOCKET) return false;
-  send(s, "x\n", 2, 0);
-  bool ok = kt::read_line(s) == "x";
-  closesocket(s);
-  return ok;
-}
-
 // Median milliseconds of one command's round trip.
 double round_trip(kt::client *c, const std::string &line, size_t *elements) {
   std::vector<double> t;
@@ -66,7 +57,7 @@ bool measure(int nports, int nagents, figures *f) {
   *f = {nports, nagents, 0, 0, 0, {}};
   double t0 = kt::now_ms();
   kt::kivd d("-D0");
-  if (!kt::poll([&] { return echoes(probe); }, 120000)) return false;
+  if (!kt::poll([&] { return kt::echoes(probe); }, 120000)) return false;
   f->startup_ms = kt::now_ms() - t0;
   kt::client c;
   // Steady state: every "on" agent and the probe's are running.
@@ -184,7 +175,7 @@ int main() {
   reg.service("own", echo_agent());
   reg.port(ports[1], "on", "own");
   kt::kivd d("-D0");
-  if (!kt::poll([&] { return echoes(ports[1]); }, 60000)) return 1;
+  if (!kt::poll([&] { return kt::echoes(ports[1]); }, 60000)) return 1;
   burst_result held = burst(ports[0], BURST), own = burst(ports[1], BURST);
   printf("burst of %d clients, served within a minute (failed), time to the last served:\n", BURST);
   printf("  auto port through kivd:          %4d (%d) %6.0f ms\n", held.served, held.failed, held.last_ms);

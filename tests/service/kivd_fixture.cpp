@@ -200,6 +200,15 @@ DWORD process::exit_code() {
   return code;
 }
 
+bool echoes(int port) {
+  SOCKET s = connect_to(port);
+  if (s == INVALID_SOCKET) return false;
+  send(s, "ping\n", 5, 0);
+  std::string back = read_line(s);
+  closesocket(s);  // the client closes first: no TIME_WAIT on the port
+  return back == "ping";
+}
+
 std::string process::out() const { return slurp(out_file); }
 std::string process::err() const { return slurp(err_file); }
 

@@ -37,6 +37,8 @@ std::vector<int> free_ports(int n);
 SOCKET connect_to(int port);
 // The first line a server sends on s (up to a newline or the close), "" on a time-out.
 std::string read_line(SOCKET s, int ms = 10000);
+// Sends a line to port and reads it back: an echo agent serves the port.
+bool echoes(int port);
 
 // A process started with its standard output and error in files.
 struct process {
