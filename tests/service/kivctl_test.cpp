@@ -1,8 +1,6 @@
 // kivctl.exe against a running kivd: its output and exit codes.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-
 #include "kivd_fixture.h"
 
 namespace {
@@ -20,9 +18,7 @@ TEST(Kivctl, RepliesAndExitCodes) {
   reg.service("svc", "C:\\no\\such\\agent.exe");
   reg.port(port, "auto", "svc");
   kt::kivd d("-D3");
-  char line[64];
-  snprintf(line, sizeof line, "%5d  %-11s   Auto", port, "svc");
-  std::string listing = std::string("!\n") + line + "\n.\n";
+  std::string listing = "!\n" + kt::port_line(port, "svc", "Auto") + "\n.\n";
   struct {
     std::string args;
     std::string out;

@@ -351,6 +351,12 @@ std::string user_name() {
   return GetUserNameA(name, &size) ? name : "";
 }
 
+std::string port_line(int port, const char *service, const char *mode) {
+  char line[256];
+  snprintf(line, sizeof line, "%5d  %-11s   %s", port, service, mode);
+  return line;
+}
+
 double now_ms() {
   static LARGE_INTEGER freq = [] {
     LARGE_INTEGER f;

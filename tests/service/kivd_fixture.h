@@ -88,6 +88,8 @@ struct client {
 };
 
 std::string user_name();
+// A port's line in the "ls" listing: port, service and mode (with whatever follows it).
+std::string port_line(int port, const char *service, const char *mode);
 
 // A monotonic clock in milliseconds for the benchmarks' figures.
 double now_ms();
