@@ -13,23 +13,9 @@ namespace {
 
 const char PARENT[] = "SOFTWARE\\Orvane";
 
-struct result {
-  std::string out, err;
-  DWORD code;
-};
+using result = kt::ran;
 
-std::string without_cr(const std::string &text) {
-  std::string out;
-  for (char c : text)
-    if (c != '\r') out += c;
-  return out;
-}
-
-result kivctl(const std::string &args) {
-  kt::process p("\"" + kt::kivctl_exe() + "\" " + args);
-  p.wait(60000);
-  return {without_cr(p.out()), without_cr(p.err()), p.exit_code()};
-}
+result kivctl(const std::string &args) { return kt::run("\"" + kt::kivctl_exe() + "\" " + args); }
 
 // A configuration file in the temporary folder, removed with the object.
 struct cfgfile {

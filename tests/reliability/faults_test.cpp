@@ -19,16 +19,6 @@ std::string hello_on(int port) {
   return line;
 }
 
-// Sends text to port and reads it back: an echo agent serves the port.
-bool echoes(int port) {
-  SOCKET s = kt::connect_to(port);
-  if (s == INVALID_SOCKET) return false;
-  send(s, "ping\n", 5, 0);
-  std::string back = kt::read_line(s);
-  closesocket(s);  // the client closes first: no TIME_WAIT on the port
-  return back == "ping";
-}
-
 unsigned agent_of(const std::string &line) {
   size_t at = line.find(" Agent=");
   return at == std::string::npos ? 0 : unsigned(atoi(line.c_str() + at + 7));
@@ -93,7 +83,7 @@ TEST(Faults, KivdKilledWhileEchoAgentsHoldPorts) {
   HANDLE stray = nullptr;
   {
     kt::kivd d("-D3");
-    for (int i = 0; i < 3; i++) ASSERT_TRUE(kt::poll([&] { return echoes(ports[i]); })) << ports[i];
+    for (int i = 0; i < 3; i++) ASSERT_TRUE(kt::poll([&] { return kt::echoes(ports[i]); })) << ports[i];
     unsigned stray_pid = 0;
     ASSERT_EQ(sscanf(hello_on(ports[3]).c_str(), "agent %u", &stray_pid), 1);
     stray = OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, stray_pid);
@@ -116,7 +106,7 @@ TEST(Faults, KivdKilledWhileEchoAgentsHoldPorts) {
   EXPECT_EQ(WaitForSingleObject(stray, 0), WAIT_TIMEOUT) << "the agent with -I ignores the broken pipe";
 
   kt::kivd d("-D3");
-  for (int i = 0; i < 3; i++) EXPECT_TRUE(kt::poll([&] { return echoes(ports[i]); })) << ports[i];
+  for (int i = 0; i < 3; i++) EXPECT_TRUE(kt::poll([&] { return kt::echoes(ports[i]); })) << ports[i];
   std::string stray_hello = hello_on(ports[3]);
   bool refused_bind = d.log_has("Failed to listen to port " + std::to_string(ports[3]), 2000);
   kt::client c;

@@ -21,35 +21,15 @@ namespace {
 constexpr int REPEAT = 5;  // control round trips per figure; the median is reported
 constexpr int BURST = 1000;
 
-double now_ms() {
-  static LARGE_INTEGER freq = [] {
-    LARGE_INTEGER f;
-    QueryPerformanceFrequency(&f);
-    return f;
-  }();
-  LARGE_INTEGER t;
-  QueryPerformanceCounter(&t);
-  return double(t.QuadPart) * 1e3 / double(freq.QuadPart);
-}
-
 std::string echo_agent() { return "\"" + kt::build_dir() + "\\agent\\echo-agent.exe\""; }
-
-bool echoes(int port) {
-  SOCKET s = kt::connect_to(port);
-  if (s == INVALID_SOCKET) return false;
-  send(s, "x\n", 2, 0);
-  bool ok = kt::read_line(s) == "x";
-  closesocket(s);
-  return ok;
-}
 
 // Median milliseconds of one command's round trip.
 double round_trip(kt::client *c, const std::string &line, size_t *elements) {
   std::vector<double> t;
   for (int i = 0; i < REPEAT; i++) {
-    double t0 = now_ms();
+    double t0 = kt::now_ms();
     *elements = c->command(line).size();
-    t.push_back(now_ms() - t0);
+    t.push_back(kt::now_ms() - t0);
   }
   std::sort(t.begin(), t.end());
   return t[REPEAT / 2];
@@ -75,10 +55,10 @@ bool measure(int nports, int nagents, figures *f) {
   reg.service("probe", echo_agent());
   reg.port(probe, "auto", "probe");
   *f = {nports, nagents, 0, 0, 0, {}};
-  double t0 = now_ms();
+  double t0 = kt::now_ms();
   kt::kivd d("-D0");
-  if (!kt::poll([&] { return echoes(probe); }, 120000)) return false;
-  f->startup_ms = now_ms() - t0;
+  if (!kt::poll([&] { return kt::echoes(probe); }, 120000)) return false;
+  f->startup_ms = kt::now_ms() - t0;
   kt::client c;
   // Steady state: every "on" agent and the probe's are running.
   auto running = [&] {
@@ -111,7 +91,7 @@ burst_result burst(int port, int count) {
   burst_result r;
   std::vector<SOCKET> s(count, INVALID_SOCKET);
   std::vector<int> state(count, 0);  // 0 connecting, 1 sent, 2 served, 3 failed
-  double t0 = now_ms();
+  double t0 = kt::now_ms();
   for (int i = 0; i < count; i++) {
     s[i] = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     u_long nonblocking = 1;
@@ -123,7 +103,7 @@ burst_result burst(int port, int count) {
     connect(s[i], reinterpret_cast<sockaddr *>(&a), sizeof a);
   }
   int done = 0, failed = 0;
-  while (done < count && now_ms() - t0 < 60000) {
+  while (done < count && kt::now_ms() - t0 < 60000) {
     std::vector<WSAPOLLFD> fds;
     std::vector<int> index;
     for (int i = 0; i < count; i++)
@@ -145,7 +125,7 @@ burst_result burst(int port, int count) {
         state[i] = recv(s[i], &c, 1, 0) == 1 && c == 'x' ? 2 : 3;
         failed += state[i] == 3;
         done++;
-        if (state[i] == 2) r.last_ms = now_ms() - t0;
+        if (state[i] == 2) r.last_ms = kt::now_ms() - t0;
       }
     }
   }
@@ -195,7 +175,7 @@ int main() {
   reg.service("own", echo_agent());
   reg.port(ports[1], "on", "own");
   kt::kivd d("-D0");
-  if (!kt::poll([&] { return echoes(ports[1]); }, 60000)) return 1;
+  if (!kt::poll([&] { return kt::echoes(ports[1]); }, 60000)) return 1;
   burst_result held = burst(ports[0], BURST), own = burst(ports[1], BURST);
   printf("burst of %d clients, served within a minute (failed), time to the last served:\n", BURST);
   printf("  auto port through kivd:          %4d (%d) %6.0f ms\n", held.served, held.failed, held.last_ms);

@@ -1,19 +1,11 @@
 // kivd.exe in console mode, driven over the real control pipe.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-
 #include "kivd_fixture.h"
 
 namespace {
 
 using replies = std::vector<std::string>;
-
-std::string port_line(int port, const char *service, const char *mode) {
-  char line[256];
-  snprintf(line, sizeof line, "%5d  %-11s   %s", port, service, mode);
-  return line;
-}
 
 // One kivd with an auto port and a hook port of one service whose program does not
 // exist (nothing here connects to them), for the protocol's reply texts.
@@ -49,7 +41,7 @@ TEST_F(Console, GreetingFirst) {
 
 TEST_F(Console, EveryCommandAndReply) {
   std::string a = std::to_string(autoport), h = std::to_string(hookport);
-  std::string listing = port_line(autoport, "svc", "Auto");
+  std::string listing = kt::port_line(autoport, "svc", "Auto");
   struct {
     std::string line;
     replies want;
@@ -87,8 +79,8 @@ TEST_F(Console, EveryCommandAndReply) {
       {"Enable\t" + a, {"+"}},
       {"ADD -p " + h + " -- prog \"two words\" -v", {"+"}},
       // The listing is in port order.
-      {"ls", hookport < autoport ? replies{"!", port_line(hookport, "svc", "Hook"), listing, "."}
-                                 : replies{"!", listing, port_line(hookport, "svc", "Hook"), "."}},
+      {"ls", hookport < autoport ? replies{"!", kt::port_line(hookport, "svc", "Hook"), listing, "."}
+                                 : replies{"!", listing, kt::port_line(hookport, "svc", "Hook"), "."}},
       {"disable " + h, {"-Failed with code -24"}},
       {"remove " + h, {"+"}},
       {"w1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21", {"-Too many words"}},
@@ -107,7 +99,7 @@ TEST_F(Console, DisabledPortIsListedWithItsDate) {
   EXPECT_EQ(c.command("disable " + std::to_string(autoport)), replies{"+"});
   replies ls = c.command("ls");
   ASSERT_EQ(ls.size(), 3u);
-  EXPECT_EQ(ls[1].rfind(port_line(autoport, "svc", "Auto Disable="), 0), 0u) << ls[1];
+  EXPECT_EQ(ls[1].rfind(kt::port_line(autoport, "svc", "Auto Disable="), 0), 0u) << ls[1];
   EXPECT_EQ(c.command("enable " + std::to_string(autoport)), replies{"+"});
 }
 

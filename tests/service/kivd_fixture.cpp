@@ -200,8 +200,30 @@ DWORD process::exit_code() {
   return code;
 }
 
+bool echoes(int port) {
+  SOCKET s = connect_to(port);
+  if (s == INVALID_SOCKET) return false;
+  send(s, "ping\n", 5, 0);
+  std::string back = read_line(s);
+  closesocket(s);  // the client closes first: no TIME_WAIT on the port
+  return back == "ping";
+}
+
 std::string process::out() const { return slurp(out_file); }
 std::string process::err() const { return slurp(err_file); }
+
+static std::string without_cr(const std::string &text) {
+  std::string out;
+  for (char c : text)
+    if (c != '\r') out += c;  // text-mode output writes each "\n" as CR LF
+  return out;
+}
+
+ran run(const std::string &cmdline, const std::string &input) {
+  process p(cmdline, input);
+  p.wait(60000);
+  return {without_cr(p.out()), without_cr(p.err()), p.exit_code()};
+}
 
 kivd::kivd(const std::string &options) : process("\"" + kivd_exe() + "\" " + options) {
   // Ready when the control pipe exists.
@@ -327,6 +349,23 @@ std::string user_name() {
   char name[128];
   DWORD size = sizeof name;
   return GetUserNameA(name, &size) ? name : "";
+}
+
+std::string port_line(int port, const char *service, const char *mode) {
+  char line[256];
+  snprintf(line, sizeof line, "%5d  %-11s   %s", port, service, mode);
+  return line;
+}
+
+double now_ms() {
+  static LARGE_INTEGER freq = [] {
+    LARGE_INTEGER f;
+    QueryPerformanceFrequency(&f);
+    return f;
+  }();
+  LARGE_INTEGER t;
+  QueryPerformanceCounter(&t);
+  return double(t.QuadPart) * 1e3 / double(freq.QuadPart);
 }
 
 }  // namespace kt

@@ -37,6 +37,8 @@ std::vector<int> free_ports(int n);
 SOCKET connect_to(int port);
 // The first line a server sends on s (up to a newline or the close), "" on a time-out.
 std::string read_line(SOCKET s, int ms = 10000);
+// Sends a line to port and reads it back: an echo agent serves the port.
+bool echoes(int port);
 
 // A process started with its standard output and error in files.
 struct process {
@@ -52,6 +54,14 @@ struct process {
   std::string out() const;
   std::string err() const;
 };
+
+// What a command line printed and how it ended, CR LF read as LF.
+struct ran {
+  std::string out, err;
+  DWORD code;
+};
+// Runs the command line with the standard input to its end (at most a minute).
+ran run(const std::string &cmdline, const std::string &input = "");
 
 // kivd.exe in console mode with the given options; its log is err().
 struct kivd : process {
@@ -78,5 +88,10 @@ struct client {
 };
 
 std::string user_name();
+// A port's line in the "ls" listing: port, service and mode (with whatever follows it).
+std::string port_line(int port, const char *service, const char *mode);
+
+// A monotonic clock in milliseconds for the benchmarks' figures.
+double now_ms();
 
 }  // namespace kt

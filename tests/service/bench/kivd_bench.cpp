@@ -12,16 +12,7 @@
 
 namespace {
 
-double now_us() {
-  static LARGE_INTEGER freq = [] {
-    LARGE_INTEGER f;
-    QueryPerformanceFrequency(&f);
-    return f;
-  }();
-  LARGE_INTEGER t;
-  QueryPerformanceCounter(&t);
-  return static_cast<double>(t.QuadPart) * 1e6 / static_cast<double>(freq.QuadPart);
-}
+double now_us() { return kt::now_ms() * 1e3; }
 
 // Time from SetEvent on another thread to the wait's return, with n handles waited on
 // and the last one signalled.
