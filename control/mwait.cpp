@@ -7,45 +7,70 @@ namespace {
 
 constexpr DWORD GROUP = MAXIMUM_WAIT_OBJECTS - 1;  // slot 0 of each helper is `cancel`
 
-// One helper thread and the group it waits on. The caller fills handles and count,
-// then sets go; the helper waits on cancel plus the group and sets done with its result.
+// One helper thread and the group it waits on. The caller fills wait and count, then sets
+// go; the helper waits on cancel plus the group, keeps its result, sets `woke` and, the
+// last of the round to finish, `idle`.
 struct helper {
   HANDLE thread;
-  HANDLE go;    // auto-reset: one wait per signal
-  HANDLE done;  // manual-reset, reset by the caller before go
+  HANDLE go;  // auto-reset: one wait per signal
   HANDLE wait[MAXIMUM_WAIT_OBJECTS];
   DWORD count;  // entries of wait in use, cancel included
   DWORD result;
+  DWORD error;  // the system's error when result is WAIT_FAILED
 };
 
-helper *helpers[MAXIMUM_WAIT_OBJECTS];
-DWORD nhelpers;
+helper **helpers;
+DWORD nhelpers, capacity;
 HANDLE cancel;  // manual-reset; set to end every helper's wait
+HANDLE woke;    // manual-reset; set by any helper whose wait returned
+HANDLE idle;    // manual-reset; set by the last helper of a round to finish
+volatile LONG busy;  // helpers of the current round still waiting
 
 DWORD WINAPI helper_main(void *arg) {
   helper *h = static_cast<helper *>(arg);
   for (;;) {
     WaitForSingleObject(h->go, INFINITE);
     h->result = WaitForMultipleObjects(h->count, h->wait, FALSE, INFINITE);
-    SetEvent(h->done);
+    h->error = h->result == WAIT_FAILED ? GetLastError() : 0;
+    SetEvent(woke);
+    if (InterlockedDecrement(&busy) == 0) SetEvent(idle);
   }
 }
 
-// Makes sure `groups` helpers exist; false when the system refuses a thread or event.
+HANDLE manual_event() { return CreateEventA(nullptr, TRUE, FALSE, nullptr); }
+
+// Makes sure `groups` helpers exist; false (last error set) when the system refuses a
+// thread, an event or memory. Helpers made so far are kept for the next try.
 bool grow_helpers(DWORD groups) {
-  if (!cancel && !(cancel = CreateEventA(nullptr, TRUE, FALSE, nullptr))) return false;
+  if (!cancel && !(cancel = manual_event())) return false;
+  if (!woke && !(woke = manual_event())) return false;
+  if (!idle && !(idle = manual_event())) return false;
+  if (groups > capacity) {
+    auto *bigger = static_cast<helper **>(kiv_zalloc(groups * sizeof(helper *), "mwait.mwait_any"));
+    if (!bigger) {
+      SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+      return false;
+    }
+    if (nhelpers) CopyMemory(bigger, helpers, nhelpers * sizeof(helper *));
+    xfree(helpers);
+    helpers = bigger;
+    capacity = groups;
+  }
   while (nhelpers < groups) {
     helper *h = static_cast<helper *>(kiv_zalloc(sizeof(helper), "mwait.mwait_any"));
-    if (!h) return false;
+    if (!h) {
+      SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+      return false;
+    }
     h->go = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    h->done = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    if (h->go && h->done)
+    if (h->go)
       h->thread = CreateThread(nullptr, 64 * 1024, helper_main, h,
                                STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
     if (!h->thread) {
+      DWORD e = GetLastError();
       if (h->go) CloseHandle(h->go);
-      if (h->done) CloseHandle(h->done);
       xfree(h);
+      SetLastError(e);
       return false;
     }
     helpers[nhelpers++] = h;
@@ -53,8 +78,8 @@ bool grow_helpers(DWORD groups) {
   return true;
 }
 
-// Index of the lowest signalled handle of them all, or WAIT_TIMEOUT; WAIT_FAILED when a
-// group's check fails.
+// Index of the lowest signalled handle of them all, or MWAIT_TIMEOUT; WAIT_FAILED (last
+// error set) when a group's check fails.
 DWORD scan(DWORD count, const HANDLE *handles, DWORD groups) {
   for (DWORD g = 0; g < groups; g++) {
     DWORD first = g * GROUP;
@@ -63,16 +88,20 @@ DWORD scan(DWORD count, const HANDLE *handles, DWORD groups) {
     if (r < n) return first + r;
     if (r == WAIT_FAILED) return WAIT_FAILED;
   }
-  return WAIT_TIMEOUT;
+  return MWAIT_TIMEOUT;
 }
 
 }  // namespace
 
 DWORD WINAPI mwait_any(DWORD count, const HANDLE *handles, BOOL waitall, DWORD timeout,
                        BOOL alertable) {
-  if (count <= MAXIMUM_WAIT_OBJECTS)
-    return WaitForMultipleObjectsEx(count, handles, waitall, timeout, alertable);
-  if (waitall || count > MWAIT_MAX) {
+  if (count <= MAXIMUM_WAIT_OBJECTS) {
+    DWORD r = WaitForMultipleObjectsEx(count, handles, waitall, timeout, alertable);
+    if (r == WAIT_TIMEOUT) return MWAIT_TIMEOUT;
+    if (r == WAIT_IO_COMPLETION) return MWAIT_IO_COMPLETION;
+    return r;
+  }
+  if (waitall) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return WAIT_FAILED;
   }
@@ -80,14 +109,13 @@ DWORD WINAPI mwait_any(DWORD count, const HANDLE *handles, BOOL waitall, DWORD t
 
   // Something already signalled needs no helper round trip.
   DWORD r = scan(count, handles, groups);
-  if (r != WAIT_TIMEOUT || timeout == 0) return r;
-  if (!grow_helpers(groups)) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return WAIT_FAILED;
-  }
+  if (r != MWAIT_TIMEOUT || timeout == 0) return r;
+  if (!grow_helpers(groups)) return WAIT_FAILED;
 
-  HANDLE done[MAXIMUM_WAIT_OBJECTS];
   ResetEvent(cancel);
+  ResetEvent(woke);
+  ResetEvent(idle);
+  busy = static_cast<LONG>(groups);
   for (DWORD g = 0; g < groups; g++) {
     helper *h = helpers[g];
     DWORD first = g * GROUP;
@@ -95,17 +123,16 @@ DWORD WINAPI mwait_any(DWORD count, const HANDLE *handles, BOOL waitall, DWORD t
     h->wait[0] = cancel;
     CopyMemory(h->wait + 1, handles + first, n * sizeof(HANDLE));
     h->count = n + 1;
-    done[g] = h->done;
-    ResetEvent(h->done);
+    h->result = WAIT_TIMEOUT;
     SetEvent(h->go);
   }
-  DWORD woke = WaitForMultipleObjectsEx(groups, done, FALSE, timeout, alertable);
+  DWORD waited = WaitForSingleObjectEx(woke, timeout, alertable);
   // Every helper must be idle again before the caller may change or close its handles.
   SetEvent(cancel);
-  WaitForMultipleObjects(groups, done, TRUE, INFINITE);
+  WaitForSingleObject(idle, INFINITE);
 
   r = scan(count, handles, groups);
-  if (r != WAIT_TIMEOUT) return r;
+  if (r != MWAIT_TIMEOUT) return r;
   // A helper saw a handle that no longer shows as signalled (its wait consumed it):
   // report that one rather than lose it.
   for (DWORD g = 0; g < groups; g++) {
@@ -114,8 +141,11 @@ DWORD WINAPI mwait_any(DWORD count, const HANDLE *handles, BOOL waitall, DWORD t
       return g * GROUP + (h->result - WAIT_OBJECT_0 - 1);
   }
   for (DWORD g = 0; g < groups; g++)
-    if (helpers[g]->result == WAIT_FAILED) return WAIT_FAILED;
-  if (woke == WAIT_IO_COMPLETION) return WAIT_IO_COMPLETION;
-  if (woke == WAIT_FAILED) return WAIT_FAILED;
-  return WAIT_TIMEOUT;
+    if (helpers[g]->result == WAIT_FAILED) {
+      SetLastError(helpers[g]->error);
+      return WAIT_FAILED;
+    }
+  if (waited == WAIT_IO_COMPLETION) return MWAIT_IO_COMPLETION;
+  if (waited == WAIT_FAILED) return WAIT_FAILED;
+  return MWAIT_TIMEOUT;
 }

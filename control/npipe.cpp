@@ -21,6 +21,9 @@ struct instance {
   int pending;  // a connect or read on rd has not been collected yet
   char buffer[NPIPE_BUFSIZE];
   queued *head;
+  queued *tail;      // last entry, so that appending costs the same at any length
+  int queued_count;  // entries and bytes of the queue, bounded by NPIPE_QUEUE_*
+  long long queued_bytes;
 };
 
 instance *instances;
@@ -37,6 +40,9 @@ void drop_head(instance *in) {
   queued *q = in->head;
   if (!q) return;
   in->head = q->next;
+  if (!in->head) in->tail = nullptr;
+  in->queued_count--;
+  in->queued_bytes -= q->length;
   xfree(q->bytes);
   xfree(q);
 }
@@ -115,8 +121,9 @@ int npipe_setup_server(int count, const char *name, SECURITY_ATTRIBUTES *securit
 int reset_pipe(int index) {
   static const char tag[] = "ntpipe.reset_pipe";
   instance *in = &instances[index];
-  while (in->head) drop_head(in);
+  // Disconnecting first ends a write still in flight before its bytes are released.
   DisconnectNamedPipe(in->pipe);
+  while (in->head) drop_head(in);
   in->state = LISTEN;
   if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "%d -> LISTEN", index);
   if (ConnectNamedPipe(in->pipe, &in->rd)) {
@@ -145,6 +152,9 @@ int npipe_close(int pipe) {
 
 int npipe_wait(DWORD count, const HANDLE *handles, DWORD timeout, BOOL alertable,
                npipe_waitfunc wait, DWORD *index) {
+  // Write completions restart the wait; the caller's time-out is a deadline, so a client
+  // reading a long reply slowly cannot hold the caller's timer off.
+  ULONGLONG deadline = GetTickCount64() + timeout;
   for (;;) {
     DWORD total = count + 2 * ninstances;
     if (waitcap < total) {
@@ -152,6 +162,7 @@ int npipe_wait(DWORD count, const HANDLE *handles, DWORD timeout, BOOL alertable
       waitcap = 0;
       waitarray = static_cast<HANDLE *>(kiv_alloc(total * sizeof(HANDLE), "ntpipe.npipe_wait"));
       if (!waitarray) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         *index = WAIT_FAILED;
         return 0;
       }
@@ -159,12 +170,12 @@ int npipe_wait(DWORD count, const HANDLE *handles, DWORD timeout, BOOL alertable
     }
     CopyMemory(waitarray, handles, count * sizeof(HANDLE));
     CopyMemory(waitarray + count, events, 2 * ninstances * sizeof(HANDLE));
-    DWORD r = wait(total, waitarray, FALSE, timeout, alertable);
-    // From 259 handles on, the time-out code is also an index: the handle tells.
-    if (r == WAIT_TIMEOUT && r < total && WaitForSingleObject(waitarray[r], 0) != WAIT_OBJECT_0) {
-      *index = r;
-      return 0;
+    DWORD left = timeout;
+    if (timeout != INFINITE) {
+      ULONGLONG now = GetTickCount64();
+      left = now >= deadline ? 0 : static_cast<DWORD>(deadline - now);
     }
+    DWORD r = wait(total, waitarray, FALSE, left, alertable);
     if (r < count || r >= total) {
       *index = r;
       return 0;
@@ -280,6 +291,13 @@ int npipe_write(int pipe, const char *bytes, int length) {
   if (pipe - 1 < 0 || pipe - 1 >= ninstances || instances[pipe - 1].state != CONNECTED)
     return KIV_ENOTREADY;
   instance *in = &instances[pipe - 1];
+  if (in->queued_count >= NPIPE_QUEUE_MESSAGES || in->queued_bytes + length > NPIPE_QUEUE_BYTES) {
+    kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_EOVERFLOW,
+                 "Client %d does not read its replies (%d queued): hung up", pipe - 1,
+                 in->queued_count);
+    reset_pipe(pipe - 1);
+    return KIV_EOVERFLOW;
+  }
   queued *q = static_cast<queued *>(kiv_zalloc(sizeof(queued), tag));
   if (!q) return KIV_ENOMEM;
   if (length > 0) {
@@ -291,13 +309,14 @@ int npipe_write(int pipe, const char *bytes, int length) {
     CopyMemory(q->bytes, bytes, length);
   }
   q->length = length > 0 ? length : 0;
+  in->queued_count++;
+  in->queued_bytes += q->length;
   if (in->head) {
-    queued *tail = in->head;
-    while (tail->next) tail = tail->next;
-    tail->next = q;
+    in->tail->next = q;
+    in->tail = q;
     return 0;
   }
-  in->head = q;
+  in->head = in->tail = q;
   DWORD written = 0;
   if (WriteFile(in->pipe, q->bytes, q->length, &written, &in->wr)) drop_head(in);
   return 0;

@@ -7,6 +7,10 @@
 constexpr int NPIPE_MAXINSTANCES = 16;
 constexpr int NPIPE_BUFSIZE = 1024;    // read buffer per instance, platform buffer sizes
 constexpr DWORD NPIPE_TIMEOUT = 10000;  // the pipe's default wait time for clients (ms)
+// Replies queued for one client that does not read them, at most: twice the listing of
+// every port number there is (65,534 lines of at most 256 bytes, with "!" and ".").
+constexpr int NPIPE_QUEUE_MESSAGES = 2 * 65536;
+constexpr long long NPIPE_QUEUE_BYTES = 2LL * 65536 * 256;
 
 // Instance states.
 constexpr int NPIPE_UNUSED = 0;
@@ -26,10 +30,12 @@ int reset_pipe(int index);
 // Hangs up on the client of pipe number `pipe` (1-based); an instance in LISTEN is left
 // alone. Always 0.
 int npipe_close(int pipe);
-// Waits on the caller's `count` handles followed by the pipe's read and write events.
-// Write completions are handled inside. Returns a pipe number >= 1 when that instance
-// has input or a new client; else 0 with the wait's raw result in *index (below count:
-// a caller's handle; WAIT_TIMEOUT; WAIT_FAILED).
+// Waits on the caller's `count` handles followed by the pipe's read and write events,
+// for at most `timeout` ms in all however often write completions, handled inside,
+// restart the wait. Returns a pipe number >= 1 when that instance has input or a new
+// client; else 0 with the wait function's raw result in *index: below count, a caller's
+// handle; else the wait's own code (mwait_any: MWAIT_TIMEOUT, WAIT_FAILED). The wait
+// function must report a time-out by a value that is not below the total count.
 int npipe_wait(DWORD count, const HANDLE *handles, DWORD timeout, BOOL alertable,
                npipe_waitfunc wait, DWORD *index);
 // Runs when instance `index`'s write event fired: drops the finished reply, starts the
@@ -43,7 +49,8 @@ int handle_write(int index);
 // still delivered (the instance listens again). connected may be null.
 int npipe_read(int pipe, char *buffer, int size, int *connected);
 // Queues bytes as one message to pipe number `pipe`. 0; KIV_ENOTREADY when the number
-// is out of range or the instance is not CONNECTED (nothing queued).
+// is out of range or the instance is not CONNECTED (nothing queued); KIV_EOVERFLOW when
+// the client's queue is full: it does not read, so it is hung up on (logged).
 int npipe_write(int pipe, const char *bytes, int length);
 // State of instance `index` (NPIPE_UNUSED when out of range). For tests.
 int npipe_state(int index);

@@ -260,6 +260,32 @@ int wait_seconds(time_t due, time_t now) {
   return static_cast<int>(t > SSERV_WEEK ? SSERV_WEEK : t);
 }
 
+int loop_wait(DWORD count, HANDLE *handles, DWORD timeout, DWORD *index) {
+  static const char tag[] = "sserv.run_service";
+  static bool failing;  // the last full wait failed: logged once, not at every retry
+  int p = npipe_wait(count, handles, timeout, FALSE, mwait_any, index);
+  if (p != 0 || *index != WAIT_FAILED) {
+    if (failing && kiv_loglevel >= 1) kiv_log(nullptr, tag, "Waiting on %d handles again", static_cast<int>(count));
+    failing = false;
+    return p;
+  }
+  if (!failing && kiv_loglevel >= 1)
+    kiv_log(nullptr, tag, "Wait on %d handles failed [%d]: serving stop and the pipe alone",
+            static_cast<int>(count), static_cast<int>(GetLastError()));
+  failing = true;
+  // `die` and the pipe still work while the whole set cannot be waited on; the whole set
+  // is tried again a second later, never at once.
+  DWORD bounded = timeout < SSERV_RETRY_MS ? timeout : SSERV_RETRY_MS;
+  p = npipe_wait(1, &handles[count - 1], bounded, FALSE, mwait_any, index);
+  if (p == 0 && *index == 0) {
+    *index = count - 1;
+  } else if (p == 0 && *index == WAIT_FAILED) {
+    Sleep(bounded);
+    *index = MWAIT_TIMEOUT;
+  }
+  return p;
+}
+
 int run_service() {
   static const char tag[] = "sserv.run_service";
   char line[CMD_LINE + 1];
@@ -283,7 +309,7 @@ int run_service() {
     int t = wait_seconds(due, kiv_time());
     if (t < LOGGED_WAIT && kiv_loglevel >= 3) kiv_log(nullptr, tag, "Waiting ... (%d seconds)", t);
     DWORD index = 0;
-    int p = npipe_wait(n + 1, handles, static_cast<DWORD>(t) * 1000, FALSE, mwait_any, &index);
+    int p = loop_wait(n + 1, handles, static_cast<DWORD>(t) * 1000, &index);
     if (p >= 1) {
       int connected = 0;
       int rc = npipe_read(p, line, CMD_LINE, &connected);
@@ -303,13 +329,10 @@ int run_service() {
       continue;
     }
     if (index == n) break;
-    // From 259 handles on, the time-out code is also an index: the handle tells.
-    bool timeout = index == WAIT_TIMEOUT &&
-                   (index >= n + 1 || WaitForSingleObject(handles[index], 0) != WAIT_OBJECT_0);
-    if (timeout) {
+    if (index == MWAIT_TIMEOUT) {
       strcpy(line, "update");
       cmd(-1, line);
-    } else if (index < n + 1) {
+    } else if (index < n) {
       if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "wait -> %d/%d", static_cast<int>(index), n + 1);
       ssock_callback(index);
     }

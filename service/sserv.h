@@ -30,6 +30,13 @@ int initialize();
 // A block holding an absolute security descriptor whose access list admits the system
 // account and the administrators (read and write), or null. Released with xfree.
 void *MakePipeSecurity();
+// One wait of the loop on count handles, `die` the last of them, and the pipe's events.
+// Returns as npipe_wait does; a time-out is MWAIT_TIMEOUT and `die` is count - 1. When
+// the whole set cannot be waited on (logged once until it can again), it waits on `die`
+// and the pipe alone for at most SSERV_RETRY_MS, so stop and the pipe keep working and a
+// failing wait is never retried at once.
+int loop_wait(DWORD count, HANDLE *handles, DWORD timeout, DWORD *index);
+constexpr DWORD SSERV_RETRY_MS = 1000;
 // The main loop; returns 0 after `die` was seen and the port manager shut down.
 int run_service();
 // Signals `die`. A stop before initialize is remembered and ends the loop at once.

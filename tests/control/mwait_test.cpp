@@ -35,8 +35,8 @@ int thread_count() {
 
 TEST(Mwait, ReportsEachSignalledHandleAcrossGroupBoundaries) {
   events ev(200);
-  EXPECT_EQ(ev.wait(0), static_cast<DWORD>(WAIT_TIMEOUT));
-  EXPECT_EQ(ev.wait(30), static_cast<DWORD>(WAIT_TIMEOUT));
+  EXPECT_EQ(ev.wait(0), MWAIT_TIMEOUT);
+  EXPECT_EQ(ev.wait(30), MWAIT_TIMEOUT);
   for (int k : {0, 1, 62, 63, 64, 125, 126, 127, 188, 189, 199}) {
     SetEvent(ev.h[k]);
     EXPECT_EQ(ev.wait(5000), static_cast<DWORD>(k));
@@ -44,9 +44,9 @@ TEST(Mwait, ReportsEachSignalledHandleAcrossGroupBoundaries) {
   }
 }
 
-TEST(Mwait, WakesForAHandleSignalledWhileWaiting) {
-  events ev(300);
-  for (int k : {5, 150, 299}) {
+// Each handle k, signalled while the wait is under way, is the one reported.
+void expect_woken_by(events &ev, std::initializer_list<int> ks) {
+  for (int k : ks) {
     std::thread setter([&] {
       Sleep(20);
       SetEvent(ev.h[k]);
@@ -55,6 +55,11 @@ TEST(Mwait, WakesForAHandleSignalledWhileWaiting) {
     setter.join();
     ResetEvent(ev.h[k]);
   }
+}
+
+TEST(Mwait, WakesForAHandleSignalledWhileWaiting) {
+  events ev(300);
+  expect_woken_by(ev, {5, 150, 299});
 }
 
 TEST(Mwait, LowestIndexWithinAndAcrossGroups) {
@@ -82,20 +87,29 @@ TEST(Mwait, LowestIndexWithinAndAcrossGroups) {
 
 TEST(Mwait, HelpersAreReusedAcrossWaits) {
   events ev(1000);
-  EXPECT_EQ(ev.wait(1), static_cast<DWORD>(WAIT_TIMEOUT));  // the helpers exist now
+  EXPECT_EQ(ev.wait(1), MWAIT_TIMEOUT);  // the helpers exist now
   int before = thread_count();
-  for (int i = 0; i < 50; i++) EXPECT_EQ(ev.wait(1), static_cast<DWORD>(WAIT_TIMEOUT));
+  for (int i = 0; i < 50; i++) EXPECT_EQ(ev.wait(1), MWAIT_TIMEOUT);
   SetEvent(ev.h[999]);
   EXPECT_EQ(ev.wait(INFINITE), 999u);
   EXPECT_EQ(thread_count(), before);
 }
 
-TEST(Mwait, RefusesWhatItCannotDo) {
-  events ev(100);
+// Beyond 64 groups of helpers (4,032 handles) the wait grows; a time-out is never an index,
+// whatever the count; wait-all and a bad handle fail at once rather than hang.
+TEST(Mwait, AnyCountAndFailuresThatDoNotHang) {
+  events ev(4100);
+  EXPECT_EQ(ev.wait(20), MWAIT_TIMEOUT);
+  expect_woken_by(ev, {258, 4031, 4032, 4099});
   EXPECT_EQ(mwait_any(100, ev.h.data(), TRUE, 0, FALSE), WAIT_FAILED);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-  std::vector<HANDLE> many(MWAIT_MAX + 1, ev.h[0]);
-  EXPECT_EQ(mwait_any(MWAIT_MAX + 1, many.data(), FALSE, 0, FALSE), WAIT_FAILED);
+  std::vector<HANDLE> bad(ev.h.begin(), ev.h.begin() + 100);
+  HANDLE closed = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  CloseHandle(closed);
+  for (DWORD count : {10u, 100u}) {
+    bad[count - 1] = closed;
+    EXPECT_EQ(mwait_any(count, bad.data(), FALSE, 20000, FALSE), WAIT_FAILED) << count;
+  }
 }
 
 TEST(Mwait, AProcessThatEndsIsSeen) {

@@ -1,6 +1,8 @@
 // kivd.exe in console mode, driven over the real control pipe.
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "kivd_fixture.h"
 
 namespace {
@@ -209,6 +211,95 @@ TEST(ConsoleEnd, ALonePortComesBackAfterItsDisable) {
     EXPECT_NE(again, INVALID_SOCKET);
     closesocket(again);
   }
+}
+
+// A port at rest after a failed launch leaves n handles of the port manager, and `die`
+// sits at index n. At n = 258 that index is also the platform's time-out code: the rest's
+// end must run the timer, not stop kivd. One kivd, the count set by disabling ports.
+TEST(ConsoleEnd, TheTimerIsNeverTakenForStopAtAnyHandleCount) {
+  constexpr int IDLE = 260;
+  kt::registry reg;
+  std::vector<int> ports = kt::free_ports(IDLE + 1);
+  int lone = ports[IDLE];
+  reg.service("idle", "C:\\never\\started.exe");
+  for (int i = 0; i < IDLE; i++) reg.port(ports[i], "auto", "idle");
+  reg.service("lone", "C:\\no\\such\\agent.exe");
+  reg.port(lone, "auto", "lone");
+  kt::kivd d("-D3");
+  std::string listening = "Listening on port " + std::to_string(lone) + " for";
+  ASSERT_TRUE(kt::poll([&] { return d.log_count("Listening on port ") >= IDLE + 1; }, 60000));
+  kt::client c;
+  int disabled = 0;
+  for (int handles : {260, 259, 258, 257}) {
+    SCOPED_TRACE(std::to_string(handles) + " port-manager handles while the port rests");
+    while (IDLE - disabled > handles)
+      ASSERT_EQ(c.command("disable " + std::to_string(ports[disabled++])), replies{"+"});
+    int before = d.log_count(listening);
+    SOCKET s = kt::connect_to(lone);
+    ASSERT_NE(s, INVALID_SOCKET);
+    EXPECT_TRUE(kt::poll([&] { return d.log_count(listening) > before; }, 30000)) << d.err();
+    closesocket(s);
+    ASSERT_EQ(WaitForSingleObject(d.h, 0), static_cast<DWORD>(WAIT_TIMEOUT)) << d.err();
+  }
+  EXPECT_EQ(d.log_count("RIP!"), 0);
+}
+
+// A client that reads a long listing slowly, each message well within the loop's wait,
+// must not hold the timer off: the resting port comes back while it still reads.
+TEST(ConsoleEnd, ASlowReaderDoesNotHoldTheTimerOff) {
+  kt::registry reg;
+  std::vector<int> ports = kt::free_ports(31);
+  std::string name(150, 'n');  // long lines fill the pipe's buffer, so writes wait
+  reg.service(name.c_str(), "C:\\never\\started.exe");
+  for (int i = 0; i < 30; i++) reg.port(ports[i], "auto", name.c_str());
+  reg.service("lone", "C:\\no\\such\\agent.exe");
+  reg.port(ports[30], "auto", "lone");
+  kt::kivd d("-D3");
+  std::string listening = "Listening on port " + std::to_string(ports[30]) + " for";
+  ASSERT_TRUE(d.log_has(listening));
+  SOCKET s = kt::connect_to(ports[30]);
+  ASSERT_NE(s, INVALID_SOCKET);
+  ASSERT_TRUE(d.log_has("Port " + std::to_string(ports[30]) + " disabled for 3 seconds"));
+  kt::client slow;
+  ASSERT_TRUE(slow.send("ls"));
+  // Back after its 3 s and the wait's extra second; a listing of 32 lines of ~170 bytes
+  // keeps writes waiting on the reader for its first 25 or so messages.
+  bool back = false;
+  for (int read = 0; read < 12 && !back; read++) {
+    Sleep(700);
+    EXPECT_NE(slow.receive().substr(0, 6), "<error");
+    back = d.log_count(listening) >= 2;
+  }
+  EXPECT_TRUE(back) << "the port stayed at rest while the client read";
+  closesocket(s);
+}
+
+// A client that sends "ls" again and again without reading is hung up on once its
+// queue is full; kivd serves another client throughout.
+TEST(ConsoleEnd, AClientThatNeverReadsIsHungUpOn) {
+  kt::registry reg;
+  std::vector<int> ports = kt::free_ports(100);
+  reg.service("idle", "C:\\never\\started.exe");
+  for (int port : ports) reg.port(port, "auto", "idle");
+  kt::kivd d("-D3");
+  ASSERT_TRUE(kt::poll([&] { return d.log_count("Listening on port ") >= 100; }, 60000));
+  kt::client flood;
+  std::thread sender([&] {
+    for (int i = 0; i < 20000 && flood.send("ls"); i++) {
+    }
+  });
+  Sleep(200);
+  kt::client other;
+  double begin = kt::now_ms();
+  replies ls = other.command("ls");
+  printf("[ measured ] another client's ls of 100 ports during the flood: %.1f ms\n",
+         kt::now_ms() - begin);
+  EXPECT_EQ(ls.size(), 102u);
+  EXPECT_TRUE(flood.hung_up(60000)) << d.err();
+  EXPECT_TRUE(d.log_has("does not read its replies"));
+  EXPECT_EQ(other.command("ls").size(), 102u);
+  d.quit();  // also unblocks the sender if the hang-up never came
+  sender.join();
 }
 
 }  // namespace

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <vector>
+
+#include "control/mwait.h"
 #include "service/sserv.h"
 
 namespace {
@@ -21,6 +24,35 @@ TEST(WaitTime, Rules) {
       {now + 400000000, SSERV_WEEK},
   };
   for (auto &c : cases) EXPECT_EQ(wait_seconds(c.due, now), c.seconds) << "due in " << c.due - now;
+}
+
+// A set the system cannot wait on (here a closed handle among 100) must neither spin nor
+// hide `die`: the loop then waits on `die` alone for a second at a time.
+TEST(WaitTime, AFailingWaitStillSeesDieAndDoesNotSpin) {
+  std::vector<HANDLE> h(100);
+  for (HANDLE &e : h) e = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  HANDLE closed = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  CloseHandle(closed);
+  h[40] = closed;
+  FILETIME created, ended, kernel0, user0, kernel1, user1;
+  GetThreadTimes(GetCurrentThread(), &created, &ended, &kernel0, &user0);
+  DWORD index = 0;
+  DWORD begin = GetTickCount();
+  EXPECT_EQ(loop_wait(100, h.data(), 2500, &index), 0);
+  EXPECT_EQ(index, MWAIT_TIMEOUT);
+  EXPECT_GE(GetTickCount() - begin, SSERV_RETRY_MS - 50) << "the failing wait was retried at once";
+  GetThreadTimes(GetCurrentThread(), &created, &ended, &kernel1, &user1);
+  auto ms = [](FILETIME a, FILETIME b) {
+    return ((ULONGLONG(b.dwHighDateTime) << 32 | b.dwLowDateTime) -
+            (ULONGLONG(a.dwHighDateTime) << 32 | a.dwLowDateTime)) / 10000;
+  };
+  EXPECT_LT(ms(user0, user1) + ms(kernel0, kernel1), 200u) << "busy while waiting";
+  SetEvent(h[99]);  // `die`, the last handle
+  EXPECT_EQ(loop_wait(100, h.data(), 20000, &index), 0);
+  EXPECT_EQ(index, 99u);
+  h[40] = nullptr;
+  for (HANDLE e : h)
+    if (e) CloseHandle(e);
 }
 
 }  // namespace
