@@ -2,6 +2,7 @@
 // agent commands written on an agent's pipe.
 #include <cstdarg>
 #include <cstring>
+#include <initializer_list>
 
 #include "lib/heap.h"
 #include "lib/printf.h"
@@ -73,6 +74,47 @@ char *agent_command_line(const char *program, const char *debugspec, const char 
             debugspec ? debugspec : "", extra ? " " : "", extra ? extra : "");
   return line;
 }
+
+// What an agent is started with: its standard handles named as kivd's own, and the list
+// of handles it may inherit limited to those and its pipe's read end, so that nothing
+// else kivd holds inheritable (a handle kivd itself inherited, say) reaches it.
+struct agent_startup {
+  STARTUPINFOEXA info = {};
+  HANDLE inherit[4];
+  char list[64];  // the attribute list; its size for one attribute is well below this
+  bool listed = false;
+
+  explicit agent_startup(HANDLE pipe) {
+    info.StartupInfo.cb = sizeof info;
+    info.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
+    info.StartupInfo.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    info.StartupInfo.hStdOutput = GetStdHandle(STD_OUTPUT_HANDLE);
+    info.StartupInfo.hStdError = GetStdHandle(STD_ERROR_HANDLE);
+    int n = 0;
+    inherit[n++] = pipe;
+    for (HANDLE h : {info.StartupInfo.hStdInput, info.StartupInfo.hStdOutput, info.StartupInfo.hStdError}) {
+      DWORD flags = 0;
+      bool seen = false;
+      for (int i = 0; i < n; i++) seen |= inherit[i] == h;
+      // Only an inheritable handle may be listed; a console's or an absent one is not.
+      if (!seen && GetHandleInformation(h, &flags) && (flags & HANDLE_FLAG_INHERIT)) inherit[n++] = h;
+    }
+    SIZE_T size = sizeof list;
+    auto *attributes = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(list);
+    if (InitializeProcThreadAttributeList(attributes, 1, 0, &size)) {
+      listed = UpdateProcThreadAttribute(attributes, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, inherit,
+                                         n * sizeof(HANDLE), nullptr, nullptr);
+      if (listed)
+        info.lpAttributeList = attributes;
+      else
+        DeleteProcThreadAttributeList(attributes);
+    }
+  }
+  ~agent_startup() {
+    if (listed) DeleteProcThreadAttributeList(info.lpAttributeList);
+  }
+  DWORD flags() const { return listed ? EXTENDED_STARTUPINFO_PRESENT : 0; }
+};
 
 }  // namespace
 
@@ -194,10 +236,9 @@ int start_child(const char *application, const char *command_line, HANDLE *proce
     // The handle value is what the agent's -C names; handles fit in 32 bits.
     xsnprintf(line, static_cast<unsigned>(length), "%s -C%#x", command_line,
               static_cast<unsigned>(reinterpret_cast<uintptr_t>(inheritable)));
-    STARTUPINFOA startup = {};
-    startup.cb = sizeof startup;
-    started = CreateProcessA(application, line, nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                             &startup, &info);
+    agent_startup startup(inheritable);
+    started = CreateProcessA(application, line, nullptr, nullptr, TRUE, startup.flags(), nullptr,
+                             nullptr, &startup.info.StartupInfo, &info);
     if (!started)
       kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "CreateProcess(%s,%s) failed %d",
                    application, command_line, static_cast<int>(GetLastError()));

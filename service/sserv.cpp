@@ -102,8 +102,12 @@ void report(const char *tag) {
 }  // namespace
 
 int install_cmdline(char *buffer, int size, const char *exe, const char *debugspec) {
-  int n = debugspec ? xsnprintf(buffer, size, "%s -S -D%s;>c:/kivd.txt", exe, debugspec)
-                    : xsnprintf(buffer, size, "%s -S", exe);
+  // Unquoted, "C:\Program Files\kivd\kivd.exe" would let the system start C:\Program.exe
+  // as the system account: a path with a blank is quoted.
+  const char *quote = strpbrk(exe, " \t") ? "\"" : "";
+  int n = debugspec ? xsnprintf(buffer, size, "%s%s%s -S -D%s;>c:/kivd.txt", quote, exe, quote,
+                                debugspec)
+                    : xsnprintf(buffer, size, "%s%s%s -S", quote, exe, quote);
   if (n < 0 || n >= size) {
     if (size > 0) buffer[0] = '\0';
     return KIV_EOVERFLOW;

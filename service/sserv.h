@@ -16,7 +16,8 @@ constexpr int SSERV_WEEK = 604800;  // the wait when nothing is due
 // `action` 'I' installs, 'U' stops and removes; debugspec may be null. Writes its
 // messages to standard output. Returns the exit code, 0 or 1.
 int install_service(int action, const char *debugspec);
-// The installed command line: exe, " -S" and, with a debug spec, " -D<spec>;>c:/kivd.txt",
+// The installed command line: exe (in double quotes when it holds a blank), " -S" and,
+// with a debug spec, " -D<spec>;>c:/kivd.txt",
 // into buffer of size bytes. 0, or KIV_EOVERFLOW when it does not fit (buffer then empty).
 int install_cmdline(char *buffer, int size, const char *exe, const char *debugspec);
 

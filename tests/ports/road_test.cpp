@@ -171,7 +171,7 @@ TEST_F(Road, AgentsInheritNoListeningSocketAndNoOtherPipe) {
   ASSERT_EQ(2u, pids.size());
   EXPECT_EQ(2u, wait_list().pids.size());
   for (DWORD pid : pids)
-    EXPECT_TRUE(has_text(rec, "#handles listening=0 sockets=0 pipes=0 own=1", pid)) << testing::PrintToString(texts(rec, pid));
+    EXPECT_TRUE(has_text(rec, "#handles listening=0 sockets=0 pipes=0 other=0 own=1", pid)) << testing::PrintToString(texts(rec, pid));
 }
 
 }  // namespace

@@ -51,7 +51,7 @@ TEST_F(Throttle, EighthProgramStartWithinAMinuteRestsItForTenMinutes) {
   EXPECT_EQ(now + 600, w.due);
   // Global programs get their command line only: no pipe, nothing inherited.
   for (DWORD pid : agents(rec))
-    EXPECT_TRUE(has_text(rec, "#handles listening=0 sockets=0 pipes=0 own=0", pid)) << pid;
+    EXPECT_TRUE(has_text(rec, "#handles listening=0 sockets=0 pipes=0 other=0 own=0", pid)) << pid;
 
   advance(600);  // rests until a pass after its time
   EXPECT_EQ(7, logged("Started pid"));

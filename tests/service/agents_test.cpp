@@ -61,6 +61,50 @@ TEST(Agents, AConnectionThroughKivdReachesTheAgent) {
   DeleteFileA(record.c_str());
 }
 
+// Checked from inside an agent: started while kivd holds its log file, listening
+// sockets and another agent's pipe, it inherits its own pipe's read end and nothing else.
+TEST(Agents, AnAgentInheritsOnlyItsOwnPipe) {
+  ASSERT_NE(kt::testagent_exe(), "");
+  kt::registry reg;
+  std::string record = record_file();
+  std::string log = record + ".log";
+  std::vector<int> ports = kt::free_ports(3);
+  reg.service("first", agent_program(record));
+  reg.service("second", agent_program(record));
+  reg.port(ports[0], "auto", "first");
+  reg.port(ports[1], "auto", "second");
+  reg.port(ports[2], "on", "second");  // an agent of its own, and a pipe, before the others
+  kt::kivd d("\"-D3;>" + log + "\"");
+  std::vector<SOCKET> held;
+  for (int i : {0, 1}) {
+    SOCKET s = INVALID_SOCKET;
+    ASSERT_TRUE(kt::poll([&] { return (s = kt::connect_to(ports[i])) != INVALID_SOCKET; }));
+    EXPECT_NE(kt::read_line(s).find(" port " + std::to_string(ports[i])), std::string::npos);
+    held.push_back(s);
+  }
+  std::string rec;
+  ASSERT_TRUE(kt::poll([&] {
+    rec.clear();
+    if (FILE *f = fopen(record.c_str(), "rb")) {
+      char buf[4096];
+      for (size_t got; (got = fread(buf, 1, sizeof buf, f)) > 0;) rec.append(buf, got);
+      fclose(f);
+    }
+    size_t n = 0;
+    for (size_t at = rec.find("#handles"); at != std::string::npos; at = rec.find("#handles", at + 1)) n++;
+    return n >= 3;
+  })) << rec;
+  size_t clean = 0;
+  for (size_t at = rec.find("#handles listening=0 sockets=0 pipes=0 other=0 own=1");
+       at != std::string::npos; at = rec.find("#handles listening=0 sockets=0 pipes=0 other=0 own=1", at + 1))
+    clean++;
+  EXPECT_EQ(clean, 3u) << rec;
+  for (SOCKET s : held) closesocket(s);
+  d.quit();
+  DeleteFileA(record.c_str());
+  EXPECT_TRUE(DeleteFileA(log.c_str())) << "the log is still held open";
+}
+
 // 150 ports of 150 services: 150 socket events, then 150 agent processes in the wait,
 // plus die and the pipe's four events.
 TEST(Agents, MoreThanSixtyFourHandles) {

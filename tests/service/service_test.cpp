@@ -140,6 +140,22 @@ TEST(Install, CommandLineOutputsAndExitCodes) {
   EXPECT_EQ(run("-I -D" + room, &code), "Service \"Varnel Agent Port Manager\" installed\n");
   EXPECT_EQ(code, 0u);
   EXPECT_EQ(strlen(m.config(buf)->lpBinaryPathName), static_cast<size_t>(SSERV_CMDLINE - 1));
+  EXPECT_EQ(run("-U", &code), "Service deleted\n");
+
+  // Installed from a folder whose name has a blank, the path is quoted: unquoted, the
+  // system would try "...\with" first.
+  std::string folder = kt::build_dir() + "\\with blank " + std::to_string(GetCurrentProcessId());
+  std::string copy = folder + "\\kivd.exe";
+  CreateDirectoryA(folder.c_str(), nullptr);
+  ASSERT_TRUE(CopyFileA(exe.c_str(), copy.c_str(), FALSE)) << copy;
+  kt::ran r = kt::run("\"" + copy + "\" -I");
+  EXPECT_EQ(r.out, "Service \"Varnel Agent Port Manager\" installed\n");
+  c = m.config(buf);
+  ASSERT_NE(c, nullptr);
+  EXPECT_STREQ(c->lpBinaryPathName, ("\"" + copy + "\" -S").c_str());
+  EXPECT_EQ(kt::run("\"" + copy + "\" -U").out, "Service deleted\n");
+  DeleteFileA(copy.c_str());
+  RemoveDirectoryA(folder.c_str());
 }
 
 // The whole command line's fit is checked end to end above; here what the buffer holds.
@@ -148,6 +164,12 @@ TEST(Install, CommandLineBufferIsEmptiedWhenItDoesNotFit) {
   std::string exe(SSERV_CMDLINE - 3, 'p');  // with " -S" one character too many
   EXPECT_EQ(install_cmdline(buf, sizeof buf, exe.c_str(), nullptr), KIV_EOVERFLOW);
   EXPECT_STREQ(buf, "");
+  // A path with a blank counts its two quotes.
+  std::string blank = "C:\\a b\\" + std::string(SSERV_CMDLINE - 1 - 3 - 2 - 7, 'p');
+  EXPECT_EQ(install_cmdline(buf, sizeof buf, blank.c_str(), nullptr), 0);
+  EXPECT_EQ(std::string(buf), "\"" + blank + "\" -S");
+  blank += "p";
+  EXPECT_EQ(install_cmdline(buf, sizeof buf, blank.c_str(), nullptr), KIV_EOVERFLOW);
 }
 
 // An installed service, removed again afterwards, with an empty configuration.

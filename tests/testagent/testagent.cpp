@@ -13,7 +13,7 @@
 //   -C<0x..>  the read end of the agent pipe, as the manager appends it
 //   -D<spec>  the manager's debug spec (recorded with the command line only)
 // Record lines it writes itself start with "#": "#cmd <command line>", "#handles
-// listening=L sockets=S pipes=P own=O" (what it inherited), "#socket <port> ok|failed <e>"
+// listening=L sockets=S pipes=P other=X own=O" (what it inherited), "#socket <port> ok|failed <e>"
 // (a handed-over socket rebuilt), "#listen <port> ok|failed <e>" (an "on" port),
 // "#ready", "#accepted <port>", "#closed <port>", "#eof", "#ignored", "#exit <code>",
 // "#crash". Every pipe line is recorded verbatim without its CR LF.
@@ -72,11 +72,12 @@ void record(const std::string &text) {
 LONG WINAPI end_on_exception(EXCEPTION_POINTERS *) { return EXCEPTION_EXECUTE_HANDLER; }
 
 // What the process inherited: every valid small inheritable handle value other than the
-// standard handles and its own pipe is a socket (listening or not), a pipe, or something else.
+// standard handles and its own pipe is a socket (listening or not), a pipe, or anything
+// else (a file, an event, a process...).
 std::string found;  // the values behind a non-zero count of scan_handles, for a test's message
 
 std::string scan_handles(HANDLE own) {
-  int listening = 0, sockets = 0, pipes = 0, owned = 0;
+  int listening = 0, sockets = 0, pipes = 0, others = 0, owned = 0;
   std::string which;  // the values found, for a failing test's message
   HANDLE std_handles[] = {GetStdHandle(STD_INPUT_HANDLE), GetStdHandle(STD_OUTPUT_HANDLE),
                           GetStdHandle(STD_ERROR_HANDLE)};
@@ -102,13 +103,14 @@ std::string scan_handles(HANDLE own) {
       pipes++;
       snprintf(value, sizeof value, " %#x:pipe", unsigned(v));
     } else {
-      continue;
+      others++;
+      snprintf(value, sizeof value, " %#x:type %lu", unsigned(v), static_cast<unsigned long>(GetFileType(h)));
     }
     which += value;
   }
   char text[128];
-  snprintf(text, sizeof text, "#handles listening=%d sockets=%d pipes=%d own=%d", listening, sockets,
-           pipes, owned);
+  snprintf(text, sizeof text, "#handles listening=%d sockets=%d pipes=%d other=%d own=%d", listening,
+           sockets, pipes, others, owned);
   found = which;
   return text;
 }

@@ -372,7 +372,7 @@ void kiv_logtofile(const char *line) {
     out = stderr;
     // A file that cannot be opened now is tried again at the next line.
     if (filename) {
-      FILE *f = fopen(filename, "a");
+      FILE *f = kiv_fopen_append(filename);
       if (f) {
         setvbuf(f, nullptr, _IONBF, 0);
         stream = f;

@@ -47,3 +47,7 @@ void kiv_event_wait(kiv_event *ev) {
 }
 
 bool kiv_netstart() { return true; }
+
+FILE *kiv_fopen_append(const char *name) {
+  return fopen(name, "ae");  // "e": close-on-exec.
+}

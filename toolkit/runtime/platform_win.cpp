@@ -25,3 +25,7 @@ bool kiv_netstart() {
   WSADATA data;
   return WSAStartup(MAKEWORD(2, 0), &data) == 0;
 }
+
+FILE *kiv_fopen_append(const char *name) {
+  return fopen(name, "aN");  // "N": the C runtime opens the handle not inheritable.
+}
