@@ -154,10 +154,11 @@ int startnode_cb(const char *path, const char *value, void *arg);
 // Launching (launch.cpp).
 // 0, KIV_ECONFIG, KIV_EINVAL (throttled), KIV_ESYS, KIV_ENOMEM.
 int start_agent(port_record *p);
-// Starts command_line plus " -C<read end>" with inheritance; the new process holds the
-// read end of a fresh pipe whose write end goes to *pipe. 0, KIV_ESYS, KIV_ENOMEM.
-int start_child(const char *application, const char *command_line, HANDLE *process, DWORD *pid,
-                HANDLE *pipe);
+// Starts command_line plus " -C<read end>"; the new process inherits the read end of a
+// fresh pipe of pipe_size bytes (and the standard handles, nothing else); the write end
+// goes to *pipe. 0, KIV_ESYS, KIV_ENOMEM.
+int start_child(const char *application, const char *command_line, DWORD pipe_size,
+                HANDLE *process, DWORD *pid, HANDLE *pipe);
 int start_prog(prog_record *pg);  // 0, KIV_EINVAL (throttled), KIV_ESYS
 // Writes one agent command and CR LF; nothing once the child's pipe is closed.
 void sendcmd(child_record *c, const char *format, ...) KIV_PRINTF(2, 3);

@@ -18,6 +18,26 @@ static_assert(sizeof(WSAPROTOCOL_INFOA) == 372, "agents decode 372 bytes of prot
 namespace {
 
 constexpr int B64_SIZE = 744;  // 496 characters of base64 for 372 bytes, and room to spare
+// The longest port line, "-Ptcp::65535@" and 496 characters of base64, with its CR LF.
+constexpr int PORT_LINE_MAX = sizeof "-Ptcp::65535@" - 1 + 496 + 2;
+// Room in an agent's pipe beyond its start-up for the commands of its life ("remove",
+// "reconfig", "exit"), so that those too are written while the agent is busy.
+constexpr int LATER_COMMANDS = 4096;
+
+// A further auto port that a launch for p hands to the same agent: same service, idle and
+// listening. A hooked port's agent serves that port alone.
+bool joins_launch(const port_record *q, const port_record *p) {
+  return p->start == START_AUTO && q != p && q->service == p->service && !q->agent &&
+         q->sock != INVALID_SOCKET && q->start == START_AUTO && !(q->flags & PORT_REMOVE);
+}
+
+// The pipe an agent for p gets holds its whole start-up and more: kivd's writes are
+// synchronous, and an agent slow to read must not stall kivd.
+DWORD agent_pipe_size(const port_record *p) {
+  DWORD ports = 1;
+  for (const port_record *q = ssock_ports; q; q = q->next) ports += joins_launch(q, p);
+  return ports * PORT_LINE_MAX + sizeof "--\r\n" + SENDCMD_SIZE + 2 + LATER_COMMANDS;
+}
 
 // Closes a handle when the scope ends unless released; null and INVALID_HANDLE_VALUE
 // count as empty.
@@ -153,7 +173,8 @@ int start_agent(port_record *p) {
   char fixed[CMDLINE_SIZE];
   char *line = agent_command_line(svc->program, kiv_logspec(), p->extra_args, fixed);
   auto *c = static_cast<child_record *>(kiv_zalloc(sizeof(child_record), TAG));
-  int rc = line && c ? start_child(nullptr, line, &c->process, &c->pid, &c->pipe) : KIV_ENOMEM;
+  int rc = line && c ? start_child(nullptr, line, agent_pipe_size(p), &c->process, &c->pid, &c->pipe)
+                     : KIV_ENOMEM;
   if (line != fixed) xfree(line);
   if (rc != 0) {
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, rc, "Failed to start agent for service %s. Code = %d",
@@ -180,11 +201,8 @@ int start_agent(port_record *p) {
       xfree(c);
       return KIV_ESYS;
     }
-    // A hooked port's agent serves that port alone.
-    for (port_record *q = ssock_ports; q && p->start == START_AUTO; q = q->next) {
-      if (q->service != svc || q->agent || q->sock == INVALID_SOCKET || q->start != START_AUTO ||
-          (q->flags & PORT_REMOVE))
-        continue;
+    for (port_record *q = ssock_ports; q; q = q->next) {
+      if (!joins_launch(q, p)) continue;
       WSAEventSelect(q->sock, q->event, 0);
       if (!handover(q, c, b64)) {
         SSOCK_LOG(2, TAG, "Failed to WSADuplicateSocket() for port %d, Error %d", q->port,
@@ -209,7 +227,7 @@ int start_agent(port_record *p) {
   return 0;
 }
 
-int start_child(const char *application, const char *command_line, HANDLE *process, DWORD *pid,
+int start_child(const char *application, const char *command_line, DWORD pipe_size, HANDLE *process, DWORD *pid,
                 HANDLE *pipe) {
   static const char TAG[] = "ssock.start_child";
   *pipe = nullptr;
@@ -222,7 +240,7 @@ int start_child(const char *application, const char *command_line, HANDLE *proce
   HANDLE inheritable = nullptr;
   PROCESS_INFORMATION info = {};
   bool started = false;
-  if (!CreatePipe(read.put(), write.put(), nullptr, 0)) {
+  if (!CreatePipe(read.put(), write.put(), nullptr, pipe_size)) {
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "CreatePipe() failed %d",
                  static_cast<int>(GetLastError()));
   } else if (!DuplicateHandle(GetCurrentProcess(), read.release(), GetCurrentProcess(),

@@ -105,6 +105,41 @@ TEST(Agents, AnAgentInheritsOnlyItsOwnPipe) {
   EXPECT_TRUE(DeleteFileA(log.c_str())) << "the log is still held open";
 }
 
+// An agent that reads its pipe late holds the start-up lines of all its ports in the pipe
+// meanwhile: kivd writes them and goes on serving, it does not wait for the agent.
+TEST(Agents, AnAgentSlowToReadDoesNotStallKivd) {
+  ASSERT_NE(kt::testagent_exe(), "");
+  kt::registry reg;
+  std::string record = record_file();
+  std::string gate = record + ".gate";
+  DeleteFileA(gate.c_str());
+  std::vector<int> ports = kt::free_ports(100);
+  reg.service("slow", agent_program(record) + " -W" + gate);
+  for (int port : ports) reg.port(port, "auto", "slow");
+  kt::kivd d("-D3");
+  ASSERT_TRUE(kt::poll([&] { return d.log_count("Listening on port ") >= 100; }, 60000));
+  SOCKET s = kt::connect_to(ports[0]);
+  ASSERT_NE(s, INVALID_SOCKET);
+  ASSERT_TRUE(d.log_has("Child "));
+  {
+    kt::client c;
+    double begin = kt::now_ms();
+    std::vector<std::string> ls = c.command("ls");
+    printf("[ measured ] ls while the agent of 100 ports has not read its pipe: %.1f ms\n",
+           kt::now_ms() - begin);
+    ASSERT_EQ(ls.size(), 102u);
+    int held = 0;
+    for (auto &line : ls) held += line.find(" Agent=") != std::string::npos;
+    EXPECT_EQ(held, 100);
+  }
+  CloseHandle(CreateFileA(gate.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+  EXPECT_NE(kt::read_line(s, 30000).find(" port " + std::to_string(ports[0])), std::string::npos);
+  closesocket(s);
+  d.quit();
+  DeleteFileA(gate.c_str());
+  DeleteFileA(record.c_str());
+}
+
 // 150 ports of 150 services: 150 socket events, then 150 agent processes in the wait,
 // plus die and the pipe's four events.
 TEST(Agents, MoreThanSixtyFourHandles) {

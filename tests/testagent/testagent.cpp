@@ -12,6 +12,7 @@
 //   -S<ms>    without -C (a global program or a hooking process): live this long
 //   -C<0x..>  the read end of the agent pipe, as the manager appends it
 //   -D<spec>  the manager's debug spec (recorded with the command line only)
+//   -W<path>  read nothing from the pipe until the file <path> exists (a slow agent)
 // Record lines it writes itself start with "#": "#cmd <command line>", "#handles
 // listening=L sockets=S pipes=P other=X own=O" (what it inherited), "#socket <port> ok|failed <e>"
 // (a handed-over socket rebuilt), "#listen <port> ok|failed <e>" (an "on" port),
@@ -236,6 +237,7 @@ int main(int argc, char **argv) {
   const char *file = nullptr;
   HANDLE pipe = nullptr;
   bool quit = false, violate = false;
+  const char *gate = nullptr;
   DWORD sleep_ms = LIFETIME_MS;
   for (int i = 1; i < argc; i++) {
     const char *a = argv[i];
@@ -248,6 +250,7 @@ int main(int argc, char **argv) {
       case 'V': violate = true; break;
       case 'I': ignore_exit = true; break;
       case 'S': sleep_ms = DWORD(atoi(a + 2)); break;
+      case 'W': gate = a + 2; break;
       case 'C': pipe = reinterpret_cast<HANDLE>(uintptr_t(strtoull(a + 2, nullptr, 16))); break;
       default: break;
     }
@@ -271,6 +274,8 @@ int main(int argc, char **argv) {
     Sleep(sleep_ms < LIFETIME_MS ? sleep_ms : LIFETIME_MS);
     leave(exit_code);
   }
+  while (gate && GetFileAttributesA(gate) == INVALID_FILE_ATTRIBUTES && GetTickCount() - started < LIFETIME_MS)
+    Sleep(20);
 
   // Start-up lines, up to "lifespan".
   InitializeCriticalSection(&lock);
