@@ -145,7 +145,7 @@ int ssock_disable(int port) {
   port_record *p;
   if (int rc = configured_port(port, &p)) return rc;
   p->until = UNTIL_ENABLED;
-  p->flags |= PORT_REMOVE | PORT_DISABLED;
+  p->flags |= PORT_DISABLED;  // the pass tells its agent and closes its socket
   SSOCK_LOG(3, "ssock.ssock_disable", "Port %d disabled", port);
   ssock_update();
   return 0;
@@ -154,8 +154,9 @@ int ssock_disable(int port) {
 int ssock_enable(int port) {
   port_record *p;
   if (int rc = configured_port(port, &p)) return rc;
+  // A record still held by the agent it told waits for that agent's end, then listens.
   p->until = 0;
-  p->flags &= ~(PORT_REMOVE | PORT_DISABLED);
+  p->flags &= ~PORT_DISABLED;
   SSOCK_LOG(3, "ssock.ssock_enable", "Port %d enabled", port);
   ssock_update();
   return 0;

@@ -19,6 +19,8 @@ constexpr int START_ON = 3;
 extern const char *const START_NAMES[4];  // "", "Auto", "Hook", "On"
 
 // Port flags.
+// A record marked PORT_REMOVE is never live again: the pass tells its agent, closes its
+// socket and frees it once no agent holds it. So at most one record of a number is live.
 constexpr unsigned PORT_REMOVE = 0x1;    // find_port no longer sees it; the pass removes it
 constexpr unsigned PORT_TOLD = 0x2;      // its agent was told to drop it; waits for its exit
 constexpr unsigned PORT_DISABLED = 0x4;  // neither listened on nor started before `until`
@@ -167,4 +169,11 @@ void sendcmd(child_record *c, const char *format, ...) KIV_PRINTF(2, 3);
 bool start_allowed(int *starts, time_t *period_start, int limit);
 
 // Supervision (supervise.cpp).
+// Rests p for `seconds` (its socket closed), unless it is marked for removal or disabled
+// by command: a rest neither revives a removed record nor shortens such a disable.
 void disable_port(port_record *p, int seconds);
+// A live record taken out of service by the disable command: the pass tells its agent and
+// closes its socket, and it stays, disabled, until enabled. Its successor inherits it.
+inline bool disabled_by_command(const port_record *p) {
+  return (p->flags & PORT_DISABLED) && p->until == UNTIL_ENABLED;
+}

@@ -104,7 +104,7 @@ int ssock_reconfig() {
   for (port_record *p = ssock_ports; p; p = p->next) {
     if (p->refs == 0 && !(p->flags & PORT_REMOVE) && p->start != START_HOOK) {
       SSOCK_LOG(3, TAG, "Port %d no longer used", p->port);
-      p->flags = PORT_REMOVE;
+      p->flags = PORT_REMOVE | (p->flags & PORT_TOLD);  // a disable goes with the record
     }
   }
   for (prog_record *g = ssock_progs; g; g = g->next) {

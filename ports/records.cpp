@@ -105,6 +105,7 @@ port_record *addport(int number, service_record *svc, int start) {
   p->next = cur->next;
   cur->next = p;
   if (cur->port == p->port) {
+    bool held_off = !(cur->flags & PORT_REMOVE) && disabled_by_command(cur);
     cur->flags |= PORT_REMOVE;
     if (cur->start == start) {
       p->sock = cur->sock;
@@ -120,6 +121,11 @@ port_record *addport(int number, service_record *svc, int start) {
       SSOCK_LOG(3, TAG, "New port disabled for 10 seconds");
       p->flags |= PORT_DISABLED;
       p->until = kiv_time() + DISABLE_MODECHANGE;
+    }
+    // A disable by command carries over; a timed rest does not.
+    if (held_off) {
+      p->flags |= PORT_DISABLED;
+      p->until = UNTIL_ENABLED;
     }
     SSOCK_LOG(3, TAG, "Old port %d [%s] marked for removal", cur->port, cur->service->name);
   }

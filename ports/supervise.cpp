@@ -21,8 +21,9 @@ void unlink_port(port_record *prev, port_record *p) {
   xfree(p);
 }
 
-// Tells a removed port's agent to drop it: the sole port of an agent is told and waits
-// for the agent's exit; a port among others is detached at once.
+// Tells the agent of a port that is removed or disabled by command to drop it: the sole
+// port of an agent is told and waits for the agent's exit; a port among others is
+// detached at once.
 void tell_agent(port_record *p) {
   child_record *c = p->agent;
   SSOCK_LOG(3, UPDATE_TAG, "Removing port %d from pid %d", p->port, static_cast<int>(c->pid));
@@ -67,6 +68,19 @@ void start_listening(port_record *p) {
   SSOCK_LOG(3, UPDATE_TAG, "Listening on port %d for %s", p->port, p->service->name);
 }
 
+// Takes a port out of service: its agent is told, its socket closed.
+void release_port(port_record *p) {
+  if (p->agent && !(p->flags & PORT_TOLD)) tell_agent(p);
+  if (p->sock != INVALID_SOCKET) {
+    SSOCK_LOG(3, UPDATE_TAG, "Not listening on port %d", p->port);
+    closesocket(p->sock);
+    SSOCK_LOG(3, UPDATE_TAG, "Socket closed");
+    WSACloseEvent(p->event);
+    p->sock = INVALID_SOCKET;
+    p->event = nullptr;
+  }
+}
+
 // The port pass; returns the number of the port due next, or 0.
 int port_pass(time_t now) {
   int nextport = 0;
@@ -78,30 +92,23 @@ restart:
         CloseHandle(p->parent);
         p->parent = nullptr;
       }
-      if (p->agent && !(p->flags & PORT_TOLD)) tell_agent(p);
-      if (p->sock != INVALID_SOCKET) {
-        SSOCK_LOG(3, UPDATE_TAG, "Not listening on port %d", p->port);
-        closesocket(p->sock);
-        SSOCK_LOG(3, UPDATE_TAG, "Socket closed");
-        WSACloseEvent(p->event);
-        p->sock = INVALID_SOCKET;
-        p->event = nullptr;
-      }
+      release_port(p);
+      // A removed record is never live again: once no agent holds it, it goes, whatever
+      // disable it carries (a disable by command lives on in its successor).
       if (!p->agent) {
-        // A hooked port never comes back without its parent, so a removed one is freed
-        // even under a timed disable; only the disable command keeps a record disabled.
-        if (!(p->flags & PORT_DISABLED) || p->start == START_HOOK) {
-          unlink_port(prev, p);
-          goto restart;  // records already handled need nothing more
-        }
-        p->flags = PORT_DISABLED;
+        unlink_port(prev, p);
+        goto restart;  // records already handled need nothing more
       }
-    } else if (p->start == START_ON && !p->agent) {
+    } else if (disabled_by_command(p)) {
+      release_port(p);
+    } else if (p->agent) {
+      // Held: its agent serves it.
+    } else if (p->start == START_ON) {
       if (!((p->flags & PORT_DISABLED) && now < p->until)) {
         p->flags &= ~PORT_DISABLED;
         if (start_agent(p) == 0) p->agent->listed = 0;
       }
-    } else if (p->sock == INVALID_SOCKET && p->start != START_ON) {
+    } else if (p->sock == INVALID_SOCKET) {
       if (!((p->flags & PORT_DISABLED) && now < p->until)) start_listening(p);
     }
     if ((p->flags & PORT_DISABLED) && p->until < ssock_nextdue) {
@@ -116,17 +123,20 @@ void prog_pass(time_t now) {
 restart:
   for (prog_record *prev = nullptr, *g = ssock_progs; g; prev = g, g = g->next) {
     if (g->flags & PROG_REMOVE) {
-      if (!g->process || (g->flags & PROG_KILLED)) {
+      // A killed program stays, its process in the wait list, until its end is handled:
+      // shutdown then waits for it like for an agent.
+      if (!g->process) {
         (prev ? prev->next : ssock_progs) = g->next;
-        if (g->process) CloseHandle(g->process);
         xfree(g->name);
         xfree(g->program);
         xfree(g);
         goto restart;
       }
-      SSOCK_LOG(3, UPDATE_TAG, "Prog %s/%d killed", g->name, static_cast<int>(g->pid));
-      TerminateProcess(g->process, 1);
-      g->flags |= PROG_KILLED;
+      if (!(g->flags & PROG_KILLED)) {
+        SSOCK_LOG(3, UPDATE_TAG, "Prog %s/%d killed", g->name, static_cast<int>(g->pid));
+        TerminateProcess(g->process, 1);
+        g->flags |= PROG_KILLED;
+      }
     } else if (!g->process && (!(g->flags & PROG_DISABLED) || now > g->until)) {
       g->flags &= ~PROG_DISABLED;
       if (start_prog(g) != 0) {
@@ -292,11 +302,10 @@ int process_event(unsigned index, HANDLE h) {
   for (port_record *p = ssock_ports; p; p = p->next) {
     if (p->agent != c) continue;
     p->agent = nullptr;
+    p->flags &= ~PORT_TOLD;
     c->links--;
     if (code >= EXIT_EXCEPTION) {
-      // A removed record is not coming back: a 3-second rest would revive it beside its
-      // successor, or cut short a disable by command. Its removal goes on instead.
-      if (!(p->flags & PORT_REMOVE)) disable_port(p, DISABLE_CRASHED);
+      disable_port(p, DISABLE_CRASHED);
     } else if (code != 0) {
       close_socket(p);  // the next pass listens on a new socket
     } else if (p->flags & PORT_REMOVE) {
@@ -344,8 +353,11 @@ int ssock_callback(unsigned index) {
 }
 
 void disable_port(port_record *p, int seconds) {
-  SSOCK_LOG(3, "ssock.disable_port", "Port %d disabled for %d seconds", p->port, seconds);
   close_socket(p);
+  // A rest never revives a removed record (it would stand beside its successor) and
+  // never cuts short a disable by command.
+  if ((p->flags & PORT_REMOVE) || disabled_by_command(p)) return;
+  SSOCK_LOG(3, "ssock.disable_port", "Port %d disabled for %d seconds", p->port, seconds);
   p->flags |= PORT_DISABLED;
   p->until = kiv_time() + seconds;
 }

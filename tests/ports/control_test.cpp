@@ -107,6 +107,31 @@ TEST_F(Shutdown, AgentsThatExitInTimeAreNotTerminated) {
   EXPECT_EQ("exit", pipe_lines(b, agent_b).back());
 }
 
+// During shutdown nothing is listened on or started, even a port whose rest ended just
+// before it, and a program it kills is waited for like an agent.
+TEST_F(Shutdown, StartsNothingAndWaitsForWhatItKills) {
+  auto p = free_ports(2);
+  set_service("svc", "C:\\never\\started.exe");
+  set_port(p[0], "auto", "svc");
+  set_port(p[1], "auto", "svc");
+  std::string job = record_path("job");
+  set_global("a_dead", "on", "C:\\no\\such\\program.exe");
+  set_global("b_live", "on", agent_program(job));
+  SOCKET blocker = block_port(p[0]);
+  ASSERT_EQ(0, ssock_reconfig());
+  closesocket(blocker);
+  ASSERT_EQ(1, logged("Failed to listen to port " + std::to_string(p[0])));
+  ASSERT_TRUE(pump_until([&] { return !agents(job).empty(); }));
+  now += 900;  // the rest is over, and no pass has run since
+  logs.clear();
+  cleaned_up = true;
+  ASSERT_EQ(0, ssock_cleanup());
+  EXPECT_EQ(0, logged("Listening on port")) << testing::PrintToString(logs);
+  EXPECT_EQ(0, logged("started"));
+  EXPECT_EQ(1, logged("Prog b_live/" + std::to_string(agents(job)[0]) + " killed"));
+  EXPECT_EQ(1, logged("Waiting for 1 children")) << testing::PrintToString(logs);
+}
+
 // The one real wait of the suite: an agent that ignores "exit" is terminated after 5 s.
 TEST_F(Shutdown, AgentIgnoringExitIsTerminatedAfterFiveSeconds) {
   std::string rec = record_path("stubborn");

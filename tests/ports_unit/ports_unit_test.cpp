@@ -232,21 +232,26 @@ TEST_F(Ports, AddportHandOverListens) {
   closesocket(client);
 }
 
-// The pass frees removed records nothing holds; a removed hooked record goes even under
-// a timed disable, a port disabled by command stays as a disabled record.
+// The pass frees removed records nothing holds, whatever disable they carry (timed or by
+// command): a removed record is never live again. A live port disabled by command stays.
 TEST_F(Ports, PassRemovals) {
   service_record *echo = addservice("echo");
   port_record *hooked = addport(5, echo, START_HOOK);
   hooked->flags = PORT_REMOVE | PORT_EXIT | PORT_DISABLED;
   hooked->until = now + 3;
   port_record *disabled = addport(6, echo, START_AUTO);
-  disabled->flags = PORT_REMOVE | PORT_DISABLED;
+  disabled->flags = PORT_DISABLED;
   disabled->until = UNTIL_ENABLED;
   port_record *gone = addport(7, echo, START_AUTO);
   gone->flags = PORT_REMOVE;
   port_record *resting = addport(8, echo, START_AUTO);
   resting->flags = PORT_DISABLED;
   resting->until = now + 900;
+  for (unsigned removed_rest : {PORT_DISABLED, 0u}) {  // timed, then by command
+    port_record *stale = addport(9, echo, START_ON);
+    stale->flags = PORT_REMOVE | PORT_DISABLED;
+    stale->until = removed_rest ? now + 3 : UNTIL_ENABLED;
+  }
   ASSERT_EQ(0, ssock_update());
   ASSERT_EQ((std::vector<port_record *>{disabled, resting}), port_order());
   EXPECT_EQ(PORT_DISABLED, disabled->flags);
@@ -294,7 +299,7 @@ TEST_F(Ports, ExceptionExitOfRemovedPorts) {
   port_record *gone = addport(2, echo, START_AUTO);
   port_record *off = addport(3, echo, START_AUTO);
   gone->flags = PORT_REMOVE | PORT_TOLD;
-  off->flags = PORT_REMOVE | PORT_TOLD | PORT_DISABLED;
+  off->flags = PORT_TOLD | PORT_DISABLED;  // disabled by command, its agent told
   off->until = UNTIL_ENABLED;
   live->agent = gone->agent = off->agent = c;
   ssock_update();
