@@ -140,6 +140,87 @@ TEST(Agents, AnAgentSlowToReadDoesNotStallKivd) {
   DeleteFileA(record.c_str());
 }
 
+// The listing lines of port, between "!" and ".".
+std::vector<std::string> lines_of(kt::client &c, int port) {
+  std::vector<std::string> out;
+  std::string key = kt::port_line(port, "", "").substr(0, 7);
+  for (auto &line : c.command("ls"))
+    if (line.compare(0, 7, key) == 0) out.push_back(line);
+  return out;
+}
+
+// A port is served by the agent of `service` (the test agent greets with its port).
+bool served(int port) {
+  SOCKET s = INVALID_SOCKET;
+  bool ok = kt::poll([&] { return (s = kt::connect_to(port)) != INVALID_SOCKET; }, 10000) &&
+            kt::read_line(s).find(" port " + std::to_string(port)) != std::string::npos;
+  if (s != INVALID_SOCKET) closesocket(s);
+  return ok;
+}
+
+// A record replaced while it rests or while its agent still runs never comes back beside
+// its successor: each port is listed once and served.
+TEST(Agents, AReplacedRecordNeverComesBack) {
+  ASSERT_NE(kt::testagent_exe(), "");
+  kt::registry reg;
+  std::string record = record_file();
+  std::vector<int> ports = kt::free_ports(3);
+  int modes = ports[0], resting = ports[1], held = ports[2];
+  reg.service("one", agent_program(record));
+  reg.service("two", agent_program(record));
+  reg.service("stays", agent_program(record) + " -I");  // outlives its closed pipe
+  reg.port(modes, "auto", "one");
+  reg.port(resting, "auto", "one");
+  reg.port(held, "auto", "stays");
+  kt::kivd d("-D3");
+  kt::client c;
+  ASSERT_TRUE(kt::poll([&] { return d.log_count("Listening on port ") >= 3; }));
+
+  // A start mode changed and changed back while the new record rests its 10 seconds.
+  reg.port(modes, "on", "one");
+  ASSERT_EQ(c.command("reconfig"), std::vector<std::string>{"+"});
+  reg.port(modes, "auto", "one");
+  ASSERT_EQ(c.command("reconfig"), std::vector<std::string>{"+"});
+  auto now = lines_of(c, modes);
+  ASSERT_EQ(now.size(), 1u) << testing::PrintToString(now);
+  EXPECT_NE(now[0].find(" Auto Disable="), std::string::npos) << now[0];
+  ASSERT_EQ(c.command("enable " + std::to_string(modes)), std::vector<std::string>{"+"});
+  EXPECT_TRUE(served(modes));
+
+  // A service changed while the port rests after its agent crashed: the new record is
+  // listened on at once, the timed rest is not its own.
+  SOCKET s = kt::connect_to(resting);
+  ASSERT_NE(kt::read_line(s), "");
+  send(s, "crash\n", 6, 0);
+  closesocket(s);
+  ASSERT_TRUE(d.log_has("Port " + std::to_string(resting) + " disabled for 3 seconds"));
+  reg.port(resting, "auto", "two");
+  ASSERT_EQ(c.command("reconfig"), std::vector<std::string>{"+"});
+  now = lines_of(c, resting);
+  ASSERT_EQ(now.size(), 1u) << testing::PrintToString(now);
+  EXPECT_EQ(now[0].find(" Disable="), std::string::npos) << now[0];
+  EXPECT_TRUE(served(resting));
+
+  // Disabled while its agent runs, then a reconfiguration before that agent ends: the
+  // disable holds, and the port is one record once the agent has gone.
+  s = kt::connect_to(held);
+  unsigned pid = 0;
+  ASSERT_EQ(sscanf(kt::read_line(s).c_str(), "agent %u", &pid), 1);
+  ASSERT_EQ(c.command("disable " + std::to_string(held)), std::vector<std::string>{"+"});
+  ASSERT_EQ(c.command("reconfig"), std::vector<std::string>{"+"});
+  send(s, "exit 0\n", 7, 0);
+  closesocket(s);
+  ASSERT_TRUE(d.log_has("Child " + std::to_string(pid) + " died with code 0"));
+  now = lines_of(c, held);
+  ASSERT_EQ(now.size(), 1u) << testing::PrintToString(now);
+  EXPECT_NE(now[0].find(" Disable=2038-"), std::string::npos) << now[0];
+  EXPECT_EQ(now[0].find(" Agent="), std::string::npos) << now[0];
+  ASSERT_EQ(c.command("enable " + std::to_string(held)), std::vector<std::string>{"+"});
+  EXPECT_TRUE(served(held));
+  d.quit();
+  DeleteFileA(record.c_str());
+}
+
 // 150 ports of 150 services: 150 socket events, then 150 agent processes in the wait,
 // plus die and the pipe's four events.
 TEST(Agents, MoreThanSixtyFourHandles) {
