@@ -24,6 +24,12 @@ unsigned ssock_waitset(HANDLE **handles, time_t *due);
 // 0 or a negative code; the main loop ignores it.
 int ssock_callback(unsigned index);
 
+// Hands the manager the service's question "is the service stopping?". Once it answers
+// true, nothing more is started: no port is listened on, no agent or global program is
+// started, and a connection is accepted and closed. Without it the manager never stops.
+using ssock_stopfunc = bool (*)();
+void ssock_setstopping(ssock_stopfunc stopping);
+
 // Control operations (the command interpreter's add, remove, disable, enable).
 // ssock_add: 0, KIV_ECONFIG, KIV_EBUSY, KIV_ESYS. pid and extra_args may be null.
 int ssock_add(int port, const char *pid, const char *extra_args);

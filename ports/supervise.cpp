@@ -11,6 +11,9 @@ namespace {
 
 const char UPDATE_TAG[] = "ssock.ssock_update";
 const char CALLBACK_TAG[] = "ssock.ssock_callback";
+ssock_stopfunc stopping_hook;
+
+bool stopping() { return stopping_hook && stopping_hook(); }
 
 // Unlinks p, whose predecessor is prev (null at the head), and frees it.
 void unlink_port(port_record *prev, port_record *p) {
@@ -101,8 +104,8 @@ restart:
       }
     } else if (disabled_by_command(p)) {
       release_port(p);
-    } else if (p->agent) {
-      // Held: its agent serves it.
+    } else if (p->agent || stopping()) {
+      // Held by its agent, or the service is stopping: nothing to start.
     } else if (p->start == START_ON) {
       if (!((p->flags & PORT_DISABLED) && now < p->until)) {
         p->flags &= ~PORT_DISABLED;
@@ -137,7 +140,7 @@ restart:
         TerminateProcess(g->process, 1);
         g->flags |= PROG_KILLED;
       }
-    } else if (!g->process && (!(g->flags & PROG_DISABLED) || now > g->until)) {
+    } else if (!g->process && !stopping() && (!(g->flags & PROG_DISABLED) || now > g->until)) {
       g->flags &= ~PROG_DISABLED;
       if (start_prog(g) != 0) {
         g->flags |= PROG_DISABLED;
@@ -240,7 +243,8 @@ int port_event(uint16_t number, HANDLE h) {
     SSOCK_LOG(3, CALLBACK_TAG, "NetEvents = %#x", static_cast<unsigned>(events.lNetworkEvents));
     return 0;
   }
-  int rc = start_agent(p);
+  // A stopping service starts nothing: the connection is refused like one without agent.
+  int rc = stopping() ? KIV_ENOTREADY : start_agent(p);
   if (rc == KIV_ESYS) {
     disable_port(p, DISABLE_CRASHED);
   } else if (rc != 0 && p->sock != INVALID_SOCKET) {
@@ -326,6 +330,8 @@ int process_event(unsigned index, HANDLE h) {
 }
 
 }  // namespace
+
+void ssock_setstopping(ssock_stopfunc stopping) { stopping_hook = stopping; }
 
 int ssock_update() {
   time_t now = kiv_time();

@@ -25,10 +25,17 @@ const char SSERV_PIPE[] = "\\\\.\\pipe\\vesk_kivd";
 namespace {
 
 HANDLE die;
-// A stop that came before `die` existed; initialize then signals `die` at once.
+// Set by the first stop, from whatever thread: initialize then signals `die` at once, and
+// the port manager starts nothing more.
 volatile LONG stop_early;
 SERVICE_STATUS status;
 SERVICE_STATUS_HANDLE status_handle;
+// The status is changed and reported by the service main and by the control handler, on
+// two threads: each change and its report happen under this lock, so a stop pending
+// reported by the handler is never followed by the main's running.
+CRITICAL_SECTION status_lock;
+
+bool stop_requested() { return InterlockedCompareExchange(&stop_early, 0, 0) != 0; }
 
 constexpr DWORD ALL_SERVICE = 0xF01FF;
 constexpr DWORD ALL_MANAGER = 0xF003F;
@@ -146,6 +153,7 @@ void WINAPI kivw32_service_start(DWORD, char **argv) {
   status.dwServiceSpecificExitCode = 0;
   status.dwCheckPoint = 0;
   status.dwWaitHint = 0;
+  InitializeCriticalSection(&status_lock);
   status_handle = RegisterServiceCtrlHandlerA(argv[0], kivw32_service_ctrl);
   if (!status_handle) {
     if (kiv_loglevel >= 1)
@@ -159,20 +167,28 @@ void WINAPI kivw32_service_start(DWORD, char **argv) {
   }
   int result = initialize();
   if (result == 0) {
-    status.dwCurrentState = SERVICE_RUNNING;
-    SetServiceStatus(status_handle, &status);
-    if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "Service running");
-    result = run_service();
+    EnterCriticalSection(&status_lock);
+    bool running = status.dwCurrentState == SERVICE_START_PENDING;
+    if (running) {
+      status.dwCurrentState = SERVICE_RUNNING;
+      SetServiceStatus(status_handle, &status);
+    }
+    LeaveCriticalSection(&status_lock);
+    if (running && kiv_loglevel >= 3) kiv_log(nullptr, tag, "Service running");
+    result = run_service();  // after a stop during start-up it only cleans up
   }
   if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "Service stopped with code %d", result);
   kivw32_service_ctrl(SERVICE_CONTROL_STOP);
   Sleep(1500);
+  EnterCriticalSection(&status_lock);
   status.dwCurrentState = SERVICE_STOPPED;
   status.dwWin32ExitCode = result ? ERROR_SERVICE_SPECIFIC_ERROR : 0;
   status.dwServiceSpecificExitCode = static_cast<DWORD>(result);
   status.dwCheckPoint++;
   status.dwWaitHint = 0;
-  if (SetServiceStatus(status_handle, &status)) {
+  BOOL reported = SetServiceStatus(status_handle, &status);
+  LeaveCriticalSection(&status_lock);
+  if (reported) {
     Sleep(1500);
   } else if (kiv_loglevel >= 1) {
     kiv_log(nullptr, tag, "SetServiceStatus() error %d", static_cast<int>(GetLastError()));
@@ -180,14 +196,17 @@ void WINAPI kivw32_service_start(DWORD, char **argv) {
 }
 
 void WINAPI kivw32_service_ctrl(DWORD control) {
+  EnterCriticalSection(&status_lock);
   if (control == SERVICE_CONTROL_STOP) {
     stop_service();
     status.dwCheckPoint = 0;
-    status.dwCurrentState = SERVICE_STOP_PENDING;
+    // Once stopped, the state only goes on: a late stop never reports stopped backwards.
+    if (status.dwCurrentState != SERVICE_STOPPED) status.dwCurrentState = SERVICE_STOP_PENDING;
   } else if (control == SERVICE_CONTROL_INTERROGATE) {
     status.dwCheckPoint++;
   }
   report("sserv.kivw32_service_ctrl");
+  LeaveCriticalSection(&status_lock);
 }
 
 void *MakePipeSecurity() {
@@ -249,6 +268,7 @@ int initialize() {
   }
   if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "OK");
   cmd_setstop(stop_service);
+  ssock_setstopping(stop_requested);
   kiv_cinit(nullptr);
   kivinfo_init(0);
   ssock_reconfig();

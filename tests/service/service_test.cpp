@@ -219,6 +219,49 @@ TEST_F(Service, StartStopStatesAndExitCodes) {
   EXPECT_TRUE(no_kivd_process());
 }
 
+// A stop while kivd starts (60 "on" ports of their own services take a while to start):
+// the reported state never goes back from stop pending to running, and no agent is
+// started once the stop is seen.
+TEST_F(Service, AStopDuringStartUpStartsNothingMoreAndNeverReportsRunning) {
+  ASSERT_NE(kt::testagent_exe(), "");
+  char dir[MAX_PATH];
+  GetTempPathA(sizeof dir, dir);
+  std::string record = std::string(dir) + "kivd_early_stop_" + std::to_string(GetCurrentProcessId()) + ".txt";
+  DeleteFileA(record.c_str());
+  constexpr int N = 60;
+  std::vector<int> ports = kt::free_ports(N);
+  for (int i = 0; i < N; i++) {
+    std::string svc = "s" + std::to_string(i);
+    reg.service(svc.c_str(), "\"" + kt::testagent_exe() + "\" -F" + record);
+    reg.port(ports[i], "on", svc.c_str());
+  }
+  ASSERT_TRUE(m.start());
+  // The stop goes out while the service still reports start pending.
+  ASSERT_TRUE(kt::poll([&] { return m.control(SERVICE_CONTROL_STOP) ||
+                                    m.status().dwCurrentState != SERVICE_START_PENDING; }, 10000));
+  std::vector<DWORD> states;
+  kt::poll([&] {
+    DWORD state = m.status().dwCurrentState;
+    if (states.empty() || states.back() != state) states.push_back(state);
+    return state == SERVICE_STOPPED;
+  }, 60000);
+  ASSERT_EQ(states.back(), static_cast<DWORD>(SERVICE_STOPPED)) << testing::PrintToString(states);
+  bool pending = false;
+  for (DWORD state : states) {
+    pending |= state == SERVICE_STOP_PENDING;
+    EXPECT_FALSE(pending && state == SERVICE_RUNNING) << testing::PrintToString(states);
+  }
+  ASSERT_TRUE(no_kivd_process());
+  int started = 0;
+  if (FILE *f = fopen(record.c_str(), "rb")) {
+    char line[4096];
+    while (fgets(line, sizeof line, f)) started += strstr(line, " #cmd ") != nullptr;
+    fclose(f);
+  }
+  EXPECT_LT(started, N) << "every agent was started after the stop";
+  DeleteFileA(record.c_str());
+}
+
 TEST_F(Service, FailedInitializeStopsWith1066AndItsCode) {
   // A console kivd holds both instances of the pipe: the service cannot create its own.
   kt::kivd console("-D3");
