@@ -51,6 +51,28 @@ TEST(Kivctl, RepliesAndExitCodes) {
   r = kivctl("", "update\n" + std::string(5000, 'x') + "\nupdate\n");
   EXPECT_EQ(r.out, "+\n-Message too long\n+\n");
 
+  // kivctl splits a line as the server does: no wait for a reply that cannot come, a
+  // hang-up where quit is meant, the "-" reply where the server refuses the line.
+  std::string words21 = "quit";
+  for (int i = 0; i < 20; i++) words21 += " w";
+  struct {
+    std::string input, out;
+    DWORD code;
+  } lines[] = {
+      {"\"\"\nupdate\n", "+\n", 0},
+      {"\"\" ls\nupdate\n", "+\n", 0},
+      {"\\\nupdate\n", "+\n", 0},
+      {"\"quit\"\nupdate\n", "", 0},
+      {"q\\uit\nupdate\n", "", 0},
+      {words21 + "\n", "-Too many words\n", 1},
+      {"quit " + std::string(600, 'x') + "\n", "-Message too long\n", 1},
+  };
+  for (auto &c : lines) {
+    result l = kivctl("", c.input);
+    EXPECT_EQ(l.out, c.out) << c.input;
+    EXPECT_EQ(l.code, c.code) << c.input << l.err;
+  }
+
   // A busy pipe is waited for.
   {
     kt::client a, b;

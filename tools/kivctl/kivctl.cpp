@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "lib/dstr.h"
+#include "tools/kivctl/answer.h"
 #include "tools/kivctl/apply.h"
 
 namespace {
@@ -71,11 +72,6 @@ bool hung_up(DWORD e) {
   return e == ERROR_BROKEN_PIPE || e == ERROR_PIPE_NOT_CONNECTED || e == ERROR_NO_DATA;
 }
 
-bool is_quit(const char *line) {
-  while (*line == ' ' || *line == '\t') line++;
-  return _strnicmp(line, "quit", 4) == 0 && (line[4] == '\0' || line[4] == ' ' || line[4] == '\t');
-}
-
 // "quit" is answered by hanging up, and nothing else. The hang-up is watched for
 // without a read left pending on a pipe that the server disconnects.
 int await_hangup(HANDLE pipe) {
@@ -91,14 +87,17 @@ int await_hangup(HANDLE pipe) {
 }
 
 // Sends one command line and prints its reply. Returns the exit code of that command.
+// A line the server answers with nothing is not sent.
 int send_command(HANDLE pipe, const char *line, int length) {
+  answer expected = server_answer(line, length);
+  if (expected == answer::none) return 0;
   DWORD put = 0;
   if (!WriteFile(pipe, line, length, &put, nullptr)) {
     DWORD e = GetLastError();
-    if (hung_up(e) && is_quit(line)) return 0;
+    if (hung_up(e) && expected == answer::hangup) return 0;
     return fail("cannot write to", e);
   }
-  if (is_quit(line)) return await_hangup(pipe);
+  if (expected == answer::hangup) return await_hangup(pipe);
   dstr reply;
   dstr_init(&reply);
   int code = 0;
@@ -152,12 +151,6 @@ bool read_line(FILE *in, dstr *line) {
   return c != EOF || line->length > 0;
 }
 
-bool blank_line(const char *line) {
-  for (; *line; line++)
-    if (*line != ' ' && *line != '\t') return false;
-  return true;
-}
-
 }  // namespace
 
 int kivctl_reconfig() {
@@ -195,17 +188,15 @@ int main(int argc, char **argv) {
     dstr line;
     dstr_init(&line);
     join_words(argc, argv, &line);
-    // An empty command word gets no reply from the server: nothing to send.
-    code = argv[1][0] ? send_command(pipe.h, line.buffer, line.length) : 0;
+    code = send_command(pipe.h, line.buffer, line.length);
     dstr_free(&line, 0);
     return code;
   }
   dstr line;
   dstr_init(&line);
   while (read_line(stdin, &line)) {
-    if (blank_line(line.buffer)) continue;  // the server would not answer
     code = send_command(pipe.h, line.buffer, line.length);
-    if (code == 2 || is_quit(line.buffer)) break;
+    if (code == 2 || server_answer(line.buffer, line.length) == answer::hangup) break;
   }
   dstr_free(&line, 0);
   return code;
