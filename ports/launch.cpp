@@ -74,6 +74,36 @@ char *agent_command_line(const char *program, const char *debugspec, const char 
   return line;
 }
 
+// The job every agent and global program joins: it ends them when kivd ends, however
+// kivd ends, so a restarted kivd finds its ports free. Made at the first start; the
+// system closes it with the process.
+HANDLE agent_job() {
+  static HANDLE job;
+  if (!job) {
+    job = CreateJobObjectA(nullptr, nullptr);
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
+    limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+    if (job && !SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits,
+                                        sizeof limits)) {
+      CloseHandle(job);
+      job = nullptr;
+    }
+  }
+  return job;
+}
+
+// Puts a process created suspended into the job, then lets it run: joining before its
+// first instruction means whatever it starts joins too. A process that cannot join (a
+// system without nested jobs, when kivd runs in a job itself) still runs, reported.
+void join_job_and_run(const PROCESS_INFORMATION &info, const char *tag) {
+  HANDLE job = agent_job();
+  if (!job || !AssignProcessToJobObject(job, info.hProcess))
+    kiv_logerror(nullptr, tag, KIV_SEV_WARNING, KIV_ESYS,
+                 "Process %d runs outside kivd's job [%d]", static_cast<int>(info.dwProcessId),
+                 static_cast<int>(GetLastError()));
+  ResumeThread(info.hThread);
+}
+
 }  // namespace
 
 bool start_allowed(int *starts, time_t *period_start, int limit) {
@@ -196,8 +226,8 @@ int start_child(const char *application, const char *command_line, HANDLE *proce
               static_cast<unsigned>(reinterpret_cast<uintptr_t>(inheritable)));
     STARTUPINFOA startup = {};
     startup.cb = sizeof startup;
-    started = CreateProcessA(application, line, nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                             &startup, &info);
+    started = CreateProcessA(application, line, nullptr, nullptr, TRUE, CREATE_SUSPENDED,
+                             nullptr, nullptr, &startup, &info);
     if (!started)
       kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "CreateProcess(%s,%s) failed %d",
                    application, command_line, static_cast<int>(GetLastError()));
@@ -206,6 +236,7 @@ int start_child(const char *application, const char *command_line, HANDLE *proce
   read.reset();
   xfree(line);
   if (!started) return KIV_ESYS;
+  join_job_and_run(info, TAG);
   CloseHandle(info.hThread);
   *process = info.hProcess;
   *pid = info.dwProcessId;
@@ -225,8 +256,8 @@ int start_prog(prog_record *pg) {
   STARTUPINFOA startup = {};
   startup.cb = sizeof startup;
   PROCESS_INFORMATION info = {};
-  BOOL started = line && CreateProcessA(nullptr, line, nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                                        &startup, &info);
+  BOOL started = line && CreateProcessA(nullptr, line, nullptr, nullptr, FALSE, CREATE_SUSPENDED,
+                                        nullptr, nullptr, &startup, &info);
   DWORD error = line ? GetLastError() : ERROR_INVALID_PARAMETER;
   xfree(line);
   if (!started) {
@@ -234,6 +265,7 @@ int start_prog(prog_record *pg) {
                  static_cast<int>(error));
     return KIV_ESYS;
   }
+  join_job_and_run(info, TAG);
   CloseHandle(info.hThread);
   pg->process = info.hProcess;
   pg->pid = info.dwProcessId;
