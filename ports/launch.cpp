@@ -136,6 +136,36 @@ struct agent_startup {
   DWORD flags() const { return listed ? EXTENDED_STARTUPINFO_PRESENT : 0; }
 };
 
+// The job every agent and global program joins: it ends them when kivd ends, however
+// kivd ends, so a restarted kivd finds its ports free. Made at the first start; the
+// system closes it with the process.
+HANDLE agent_job() {
+  static HANDLE job;
+  if (!job) {
+    job = CreateJobObjectA(nullptr, nullptr);
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
+    limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+    if (job && !SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits,
+                                        sizeof limits)) {
+      CloseHandle(job);
+      job = nullptr;
+    }
+  }
+  return job;
+}
+
+// Puts a process created suspended into the job, then lets it run: joining before its
+// first instruction means whatever it starts joins too. A process that cannot join (a
+// system without nested jobs, when kivd runs in a job itself) still runs, reported.
+void join_job_and_run(const PROCESS_INFORMATION &info, const char *tag) {
+  HANDLE job = agent_job();
+  if (!job || !AssignProcessToJobObject(job, info.hProcess))
+    kiv_logerror(nullptr, tag, KIV_SEV_WARNING, KIV_ESYS,
+                 "Process %d runs outside kivd's job [%d]", static_cast<int>(info.dwProcessId),
+                 static_cast<int>(GetLastError()));
+  ResumeThread(info.hThread);
+}
+
 }  // namespace
 
 bool start_allowed(int *starts, time_t *period_start, int limit) {
@@ -255,8 +285,9 @@ int start_child(const char *application, const char *command_line, DWORD pipe_si
     xsnprintf(line, static_cast<unsigned>(length), "%s -C%#x", command_line,
               static_cast<unsigned>(reinterpret_cast<uintptr_t>(inheritable)));
     agent_startup startup(inheritable);
-    started = CreateProcessA(application, line, nullptr, nullptr, TRUE, startup.flags(), nullptr,
-                             nullptr, &startup.info.StartupInfo, &info);
+    started = CreateProcessA(application, line, nullptr, nullptr, TRUE,
+                             startup.flags() | CREATE_SUSPENDED, nullptr, nullptr,
+                             &startup.info.StartupInfo, &info);
     if (!started)
       kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "CreateProcess(%s,%s) failed %d",
                    application, command_line, static_cast<int>(GetLastError()));
@@ -265,6 +296,7 @@ int start_child(const char *application, const char *command_line, DWORD pipe_si
   read.reset();
   xfree(line);
   if (!started) return KIV_ESYS;
+  join_job_and_run(info, TAG);
   CloseHandle(info.hThread);
   *process = info.hProcess;
   *pid = info.dwProcessId;
@@ -284,8 +316,8 @@ int start_prog(prog_record *pg) {
   STARTUPINFOA startup = {};
   startup.cb = sizeof startup;
   PROCESS_INFORMATION info = {};
-  BOOL started = line && CreateProcessA(nullptr, line, nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                                        &startup, &info);
+  BOOL started = line && CreateProcessA(nullptr, line, nullptr, nullptr, FALSE, CREATE_SUSPENDED,
+                                        nullptr, nullptr, &startup, &info);
   DWORD error = line ? GetLastError() : ERROR_INVALID_PARAMETER;
   xfree(line);
   if (!started) {
@@ -293,6 +325,7 @@ int start_prog(prog_record *pg) {
                  static_cast<int>(error));
     return KIV_ESYS;
   }
+  join_job_and_run(info, TAG);
   CloseHandle(info.hThread);
   pg->process = info.hProcess;
   pg->pid = info.dwProcessId;

@@ -21,6 +21,10 @@
 const char SSERV_NAME[] = "vesk_kivd";
 const char SSERV_DISPLAY[] = "Varnel Agent Port Manager";
 const char SSERV_PIPE[] = "\\\\.\\pipe\\vesk_kivd";
+const char SSERV_DESCRIPTION[] =
+    "Listens on TCP ports for agent programs and starts the configured agent when a client "
+    "connects.";
+const DWORD SSERV_RESTART_MS[3] = {5000, 10000, 60000};
 
 namespace {
 
@@ -75,6 +79,24 @@ int uninstall(SC_HANDLE service) {
   return 0;
 }
 
+// The description and the service manager's recovery: restart after 5 s, 10 s, then
+// 60 s, the failure count reset after a day. The service is installed either way; a
+// refusal is said, since a service nobody restarts is worth knowing about.
+void set_recovery(SC_HANDLE service) {
+  SERVICE_DESCRIPTIONA description;
+  description.lpDescription = const_cast<char *>(SSERV_DESCRIPTION);
+  SC_ACTION actions[3];
+  for (int i = 0; i < 3; i++) actions[i] = {SC_ACTION_RESTART, SSERV_RESTART_MS[i]};
+  SERVICE_FAILURE_ACTIONSA failure = {};
+  failure.dwResetPeriod = SSERV_RESET_SECONDS;
+  failure.cActions = 3;
+  failure.lpsaActions = actions;
+  if (!ChangeServiceConfig2A(service, SERVICE_CONFIG_DESCRIPTION, &description) ||
+      !ChangeServiceConfig2A(service, SERVICE_CONFIG_FAILURE_ACTIONS, &failure))
+    printf("Failed to set the service's description and recovery. Error %d\n",
+           static_cast<int>(GetLastError()));
+}
+
 int install(SC_HANDLE manager, const char *debugspec) {
   char path[SSERV_CMDLINE];
   DWORD n = GetModuleFileNameA(nullptr, path, sizeof path);
@@ -98,6 +120,7 @@ int install(SC_HANDLE manager, const char *debugspec) {
     return 1;
   }
   printf("Service \"%s\" installed\n", SSERV_DISPLAY);
+  set_recovery(service.get());
   return 0;
 }
 

@@ -10,6 +10,11 @@
 extern const char SSERV_NAME[];     // "vesk_kivd"
 extern const char SSERV_DISPLAY[];  // "Varnel Agent Port Manager"
 extern const char SSERV_PIPE[];     // "\\.\pipe\vesk_kivd"
+extern const char SSERV_DESCRIPTION[];  // what the service manager shows about the service
+// Recovery set at install: restart after each of these (ms) for the first, second and
+// later failures; the failure count starts afresh after a day without one.
+extern const DWORD SSERV_RESTART_MS[3];
+constexpr DWORD SSERV_RESET_SECONDS = 86400;
 constexpr int SSERV_CMDLINE = 388;  // the installed command line, terminator included
 constexpr int SSERV_WEEK = 604800;  // the wait when nothing is due
 

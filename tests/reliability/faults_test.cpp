@@ -59,12 +59,9 @@ TEST(Faults, RegistryRootDeletedWhileRunningThenReconfig) {
   EXPECT_EQ(WaitForSingleObject(d.h, 0), WAIT_TIMEOUT);
 }
 
-// kivd killed: its echo agents see their pipes break and end with 0, and a new kivd
-// binds and serves every port again. An agent that ignores the broken pipe (the test
-// agent with -I) keeps its duplicate of the listening socket; what the new kivd makes
-// of that port is printed, not prescribed: it depends on whether the system lets a second
-// socket bind a port that a live socket listens on.
-TEST(Faults, KivdKilledWhileEchoAgentsHoldPorts) {
+// kivd killed: every agent it started ends with it, the one that ignores a broken pipe
+// (the test agent with -I) included, so a new kivd binds and serves every port at once.
+TEST(Faults, KivdKilledWhileAgentsHoldPorts) {
   std::string echo = kt::build_dir() + "\\agent\\echo-agent.exe";
   ASSERT_NE(GetFileAttributesA(echo.c_str()), INVALID_FILE_ATTRIBUTES) << echo;
   kt::registry reg;
@@ -80,44 +77,28 @@ TEST(Faults, KivdKilledWhileEchoAgentsHoldPorts) {
   reg.port(ports[3], "auto", "stray");
 
   std::vector<HANDLE> agents;
-  HANDLE stray = nullptr;
   {
     kt::kivd d("-D3");
     for (int i = 0; i < 3; i++) ASSERT_TRUE(kt::poll([&] { return kt::echoes(ports[i]); })) << ports[i];
-    unsigned stray_pid = 0;
-    ASSERT_EQ(sscanf(hello_on(ports[3]).c_str(), "agent %u", &stray_pid), 1);
-    stray = OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, stray_pid);
+    ASSERT_NE(hello_on(ports[3]).find("agent "), std::string::npos);
     kt::client c;
     for (auto &line : rel::listed_ports(c.command("ls")))
-      if (unsigned pid = agent_of(line); pid && pid != stray_pid) agents.push_back(OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
-    ASSERT_EQ(agents.size(), 3u);
+      if (unsigned pid = agent_of(line))
+        agents.push_back(OpenProcess(SYNCHRONIZE, FALSE, pid));
+    ASSERT_EQ(agents.size(), 4u);
     c.close();
     ASSERT_TRUE(TerminateProcess(d.h, 9));
     ASSERT_TRUE(d.wait(10000));
   }
   for (HANDLE a : agents) {
-    EXPECT_EQ(WaitForSingleObject(a, 20000), WAIT_OBJECT_0) << "an echo agent outlived its broken pipe";
-    DWORD code = 0x4711;
-    GetExitCodeProcess(a, &code);
-    EXPECT_EQ(code, 0u);
+    EXPECT_EQ(WaitForSingleObject(a, 20000), WAIT_OBJECT_0) << "an agent outlived kivd";
     CloseHandle(a);
   }
-  ASSERT_NE(stray, nullptr);
-  EXPECT_EQ(WaitForSingleObject(stray, 0), WAIT_TIMEOUT) << "the agent with -I ignores the broken pipe";
 
   kt::kivd d("-D3");
   for (int i = 0; i < 3; i++) EXPECT_TRUE(kt::poll([&] { return kt::echoes(ports[i]); })) << ports[i];
-  std::string stray_hello = hello_on(ports[3]);
-  bool refused_bind = d.log_has("Failed to listen to port " + std::to_string(ports[3]), 2000);
-  kt::client c;
-  auto lines = rel::listed_ports(c.command("ls"));
-  EXPECT_EQ(lines.size(), 4u);
-  printf("[ stray    ] port held by a live agent after the restart: %s; a client there gets \"%s\"; listed as \"%s\"\n",
-         refused_bind ? "bind refused, port at rest" : "bound again", stray_hello.c_str(),
-         lines.size() == 4 ? lines[3].c_str() : "?");
-  TerminateProcess(stray, 1);
-  WaitForSingleObject(stray, 10000);
-  CloseHandle(stray);
+  EXPECT_NE(hello_on(ports[3]).find("agent "), std::string::npos);
+  EXPECT_EQ(d.log_count("Failed to listen"), 0) << d.err();
 }
 
 }  // namespace

@@ -39,6 +39,17 @@ struct manager {
     if (s) CloseServiceHandle(s);
     return ok ? c : nullptr;
   }
+  // QueryServiceConfig2A(level) into buf: 0, or the manager's error.
+  DWORD config2(DWORD level, std::vector<char> &buf) {
+    buf.assign(8192, 0);
+    SC_HANDLE s = OpenServiceA(scm, "vesk_kivd", SERVICE_QUERY_CONFIG);
+    DWORD need = 0;
+    bool ok = s && QueryServiceConfig2A(s, level, reinterpret_cast<BYTE *>(buf.data()),
+                                        static_cast<DWORD>(buf.size()), &need);
+    DWORD error = ok ? 0 : GetLastError();
+    if (s) CloseServiceHandle(s);
+    return error;
+  }
   bool start() {
     SC_HANDLE s = OpenServiceA(scm, "vesk_kivd", SERVICE_START);
     bool ok = s && StartServiceA(s, 0, nullptr);
@@ -118,6 +129,23 @@ TEST(Install, CommandLineOutputsAndExitCodes) {
   EXPECT_EQ(c->dwStartType, static_cast<DWORD>(SERVICE_AUTO_START));
   EXPECT_EQ(c->dwServiceType & 0xFF, static_cast<DWORD>(SERVICE_WIN32_OWN_PROCESS));
   EXPECT_EQ(m.status().dwCurrentState, static_cast<DWORD>(SERVICE_STOPPED));  // -S ignored
+  ASSERT_EQ(m.config2(SERVICE_CONFIG_DESCRIPTION, buf), 0u);
+  EXPECT_STREQ(reinterpret_cast<SERVICE_DESCRIPTIONA *>(buf.data())->lpDescription,
+               SSERV_DESCRIPTION);
+  // Wine's service manager stores the recovery but cannot report it (ERROR_INVALID_LEVEL);
+  // where it can, it is read back.
+  DWORD error = m.config2(SERVICE_CONFIG_FAILURE_ACTIONS, buf);
+  if (error == 0) {
+    auto *f = reinterpret_cast<SERVICE_FAILURE_ACTIONSA *>(buf.data());
+    EXPECT_EQ(f->dwResetPeriod, SSERV_RESET_SECONDS);
+    ASSERT_EQ(f->cActions, 3u);
+    for (int i = 0; i < 3; i++) {
+      EXPECT_EQ(f->lpsaActions[i].Type, SC_ACTION_RESTART) << i;
+      EXPECT_EQ(f->lpsaActions[i].Delay, SSERV_RESTART_MS[i]) << i;
+    }
+  } else {
+    EXPECT_EQ(error, static_cast<DWORD>(ERROR_INVALID_LEVEL));
+  }
 
   EXPECT_EQ(run("-I -D5", &code), "");  // installed already: nothing, 0
   EXPECT_EQ(code, 0u);

@@ -1,0 +1,138 @@
+#include "tools/kivctl/listing.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+// Removes " Key=value" from the end of rest when it ends so; value is what followed "=".
+bool take_field(std::string *rest, const char *key, std::string *value) {
+  std::string marker = std::string(" ") + key + "=";
+  size_t at = rest->rfind(marker);
+  if (at == std::string::npos || rest->find(' ', at + 1) != std::string::npos) return false;
+  *value = rest->substr(at + marker.size());
+  rest->erase(at);
+  return !value->empty();
+}
+
+bool take_pid(std::string *rest, const char *key, unsigned *pid) {
+  std::string value;
+  if (!take_field(rest, key, &value)) return true;
+  char *end = nullptr;
+  unsigned long n = strtoul(value.c_str(), &end, 10);
+  if (*end != '\0' || n == 0) return false;
+  *pid = static_cast<unsigned>(n);
+  return true;
+}
+
+std::string lower(std::string s) {
+  for (char &c : s)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  return s;
+}
+
+std::string padded(const std::string &s, size_t width) {
+  return s.size() >= width ? s : s + std::string(width - s.size(), ' ');
+}
+
+}  // namespace
+
+bool parse_listing_line(const std::string &line, const std::string &forever, listed_port *out) {
+  *out = listed_port();
+  // The number fills five columns, then two blanks; the fields after the mode are taken
+  // from the end, so a service name may hold blanks.
+  if (line.size() < 8 || line.compare(5, 2, "  ") != 0) return false;
+  char *end = nullptr;
+  long port = strtol(line.c_str(), &end, 10);
+  if (end != line.c_str() + 5 || port < 1 || port > 65535) return false;
+  out->port = static_cast<int>(port);
+  std::string rest = line.substr(7);
+  std::string until;
+  if (!take_pid(&rest, "Agent", &out->agent) || !take_pid(&rest, "Parent", &out->parent))
+    return false;
+  if (take_field(&rest, "Disable", &until)) {
+    out->disabled = true;
+    out->until_enabled = until == forever;
+    if (!out->until_enabled) {
+      out->until = until;
+      size_t sep = out->until.find('_');
+      if (sep != std::string::npos) out->until[sep] = ' ';
+    }
+  }
+  size_t blank = rest.rfind(' ');
+  if (blank == std::string::npos) return false;
+  std::string mode = rest.substr(blank + 1);
+  if (mode != "Auto" && mode != "Hook" && mode != "On") return false;
+  out->mode = lower(mode);
+  // The name, padded to 11 columns, is followed by two blanks and then " Mode".
+  size_t stop = rest.find_last_not_of(' ', blank);
+  if (stop == std::string::npos) return false;
+  out->service = rest.substr(0, stop + 1);
+  return true;
+}
+
+std::string port_state(const listed_port &p) {
+  std::string s;
+  if (p.disabled)
+    s = p.until_enabled ? "disabled until enabled" : "disabled until " + p.until;
+  else if (p.agent)
+    s = "serving (pid " + std::to_string(p.agent) + ")";
+  else
+    s = "idle";
+  if (p.parent) s += ", hooked by pid " + std::to_string(p.parent);
+  return s;
+}
+
+std::string listing_table(const std::vector<listed_port> &ports) {
+  size_t service_width = strlen("SERVICE");
+  for (const auto &p : ports)
+    if (p.service.size() > service_width) service_width = p.service.size();
+  std::string out = "PORT   " + padded("SERVICE", service_width) + "  MODE  STATE\n";
+  for (const auto &p : ports) {
+    char number[8];
+    snprintf(number, sizeof number, "%5d", p.port);
+    out += std::string(number) + "  " + padded(p.service, service_width) + "  " +
+           padded(p.mode, 4) + "  " + port_state(p) + "\n";
+  }
+  return out;
+}
+
+std::string json_string(const std::string &text) {
+  std::string out = "\"";
+  for (unsigned char c : text) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c < 0x20) {
+      char escaped[8];
+      snprintf(escaped, sizeof escaped, "\\u%04x", c);
+      out += escaped;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out + "\"";
+}
+
+std::string listing_json(const std::vector<listed_port> &ports) {
+  std::string out = "[";
+  for (size_t i = 0; i < ports.size(); i++) {
+    const listed_port &p = ports[i];
+    const char *state = p.disabled ? "disabled" : p.agent ? "serving" : "idle";
+    out += i ? ",\n " : "";
+    out += "{\"port\":" + std::to_string(p.port) + ",\"service\":" + json_string(p.service) +
+           ",\"mode\":" + json_string(p.mode) + ",\"state\":\"" + state + "\"" +
+           ",\"agent\":" + (p.agent ? std::to_string(p.agent) : "null") +
+           ",\"parent\":" + (p.parent ? std::to_string(p.parent) : "null") +
+           ",\"disabled_until\":" + (p.disabled && !p.until_enabled ? json_string(p.until) : "null") +
+           ",\"until_enabled\":" + (p.until_enabled ? "true" : "false") + "}";
+  }
+  return out + "]";
+}
+
+std::string reply_json(const std::string &reply) {
+  if (!reply.empty() && reply[0] == '-')
+    return "{\"ok\":false,\"error\":" + json_string(reply.substr(1)) + "}";
+  return "{\"ok\":true}";
+}

@@ -1,0 +1,38 @@
+// kivctl's reading of kivd's replies for people and for scripts: the port listing's lines
+// parsed into fields, an aligned table, and JSON. Portable: no Windows call in here.
+#pragma once
+#include <string>
+#include <vector>
+
+// One line of kivd's port listing.
+struct listed_port {
+  int port = 0;
+  std::string service;
+  std::string mode;         // as configured: "auto", "hook" or "on"
+  bool disabled = false;
+  bool until_enabled = false;  // disabled by the disable command, not for a time
+  std::string until;        // local "YYYY-MM-DD HH:MM" of a disable for a time
+  unsigned parent = 0;      // pid of the process that hooked the port, 0 when none
+  unsigned agent = 0;       // pid of the agent serving the port, 0 when idle
+};
+
+// Parses a listing line as kivd writes it ("%5d  %-11s   Mode[ Disable=...][ Parent=n]
+// [ Agent=n]"). `forever` is the Disable= text of the largest time in this time zone
+// (what the disable command shows). false when the line is not a listing line.
+bool parse_listing_line(const std::string &line, const std::string &forever, listed_port *out);
+
+// "idle", "serving (pid N)", "disabled until DATE", "disabled until enabled", followed by
+// ", hooked by pid N" for a hooked port.
+std::string port_state(const listed_port &p);
+
+// The listing as an aligned table with a header line, each line ending in "\n".
+std::string listing_table(const std::vector<listed_port> &ports);
+
+// The text as a JSON string, quotes included.
+std::string json_string(const std::string &text);
+// The listing as a JSON array of objects: port, service, mode, state ("idle", "serving",
+// "disabled"), agent and parent (numbers or null), disabled_until (text or null),
+// until_enabled (boolean).
+std::string listing_json(const std::vector<listed_port> &ports);
+// A reply element as JSON: "+" is {"ok":true}, "-text" is {"ok":false,"error":"text"}.
+std::string reply_json(const std::string &reply);
