@@ -59,7 +59,7 @@ std::string ports_file(const std::vector<int> &ports, const char *program = "C:\
 // The port numbers of a kivd listing.
 std::set<int> listed() {
   std::set<int> ports;
-  std::istringstream in(kivctl("ls").out);
+  std::istringstream in(kivctl("--raw ls").out);
   for (std::string line; std::getline(in, line);)
     if (line != "!" && line != ".") ports.insert(atoi(line.c_str()));
   return ports;

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "kivd_fixture.h"
+#include "tests/apply/json.h"
 
 namespace {
 
@@ -19,36 +20,64 @@ TEST(Kivctl, RepliesAndExitCodes) {
   reg.port(port, "auto", "svc");
   kt::kivd d("-D3");
   std::string listing = "!\n" + kt::port_line(port, "svc", "Auto") + "\n.\n";
+  char number[8];
+  snprintf(number, sizeof number, "%5d", port);
   struct {
     std::string args;
-    std::string out;
+    std::string out, err;
     DWORD code;
   } cases[] = {
-      {"update", "+\n", 0},
-      {"ls", listing, 0},
-      {"info", "!\nMy UserName: " + kt::user_name() + "\n.\n", 0},
-      {"remove 7", "-Failed with code -4\n", 1},
-      {"add -p 7 -- \"two words\" x", "-Failed with code -24\n", 1},
-      {"\"\"", "", 0},  // an empty command gets no reply: nothing is sent
-      {"quit", "", 0},
+      // The protocol's elements as they come.
+      {"--raw update", "+\n", "", 0},
+      {"--raw ls", listing, "", 0},
+      {"--raw info", "!\nMy UserName: " + kt::user_name() + "\n.\n", "", 0},
+      {"--raw remove 7", "-Failed with code -4\n", "", 1},
+      {"--raw add -p 7 -- \"two words\" x", "-Failed with code -24\n", "", 1},
+      {"--raw \"\"", "", "", 0},  // an empty command gets no reply: nothing is sent
+      {"--raw quit", "", "", 0},
+      // For people: no framing, a table, errors on standard error.
+      {"update", "", "", 0},
+      {"ls", "PORT   SERVICE  MODE  STATE\n" + std::string(number) + "  svc      auto  idle\n", "", 0},
+      {"info", "My UserName: " + kt::user_name() + "\n", "", 0},
+      {"remove 7", "", "kivctl: Failed with code -4\n", 1},
+      {"--bogus ls", "", "kivctl: unknown option --bogus (--raw, --json)\n", 1},
   };
   for (auto &c : cases) {
     result r = kivctl(c.args);
     EXPECT_EQ(r.out, c.out) << "kivctl " << c.args;
+    EXPECT_EQ(r.err, c.err) << "kivctl " << c.args;
     EXPECT_EQ(r.code, c.code) << "kivctl " << c.args;
+  }
+  // For scripts: JSON, read back.
+  result j = kivctl("--json ls");
+  kj::reader listed(j.out);
+  kj::value v = listed.parse();
+  ASSERT_TRUE(listed.ok()) << j.out;
+  ASSERT_EQ(v.items.size(), 1u) << j.out;
+  EXPECT_EQ(v.items[0]["port"].number, port);
+  EXPECT_EQ(v.items[0]["service"].text, "svc");
+  EXPECT_EQ(v.items[0]["state"].text, "idle");
+  EXPECT_EQ(v.items[0]["agent"].kind, kj::value::NUL);
+  for (auto [args, ok, code] : {std::tuple{"--json update", true, 0u}, {"--json remove 7", false, 1u}}) {
+    j = kivctl(args);
+    kj::reader r(j.out);
+    kj::value o = r.parse();
+    ASSERT_TRUE(r.ok()) << j.out;
+    EXPECT_EQ(o["ok"].boolean, ok) << args;
+    EXPECT_EQ(j.code, code) << args;
   }
   // Each argument stays one word, whatever it holds.
   kivctl("\"l s\" \"a\\\"b\" c\\d");
   EXPECT_TRUE(d.log_has("cmd: \"l\\ s a\\\"b c\\\\d\"")) << d.err();
 
   // Standard input: one command per line, blank lines skipped, CR LF taken as a line end.
-  result r = kivctl("", "update\n\n  \t\nremove 7\r\nls\n");
+  result r = kivctl("--raw", "update\n\n  \t\nremove 7\r\nls\n");
   EXPECT_EQ(r.out, "+\n-Failed with code -4\n" + listing);
   EXPECT_EQ(r.code, 0u);
-  r = kivctl("", "update\nquit\nupdate\n");
+  r = kivctl("--raw", "update\nquit\nupdate\n");
   EXPECT_EQ(r.out, "+\n");
   EXPECT_EQ(r.code, 0u);
-  r = kivctl("", "update\n" + std::string(5000, 'x') + "\nupdate\n");
+  r = kivctl("--raw", "update\n" + std::string(5000, 'x') + "\nupdate\n");
   EXPECT_EQ(r.out, "+\n-Message too long\n+\n");
 
   // kivctl splits a line as the server does: no wait for a reply that cannot come, a
@@ -68,7 +97,7 @@ TEST(Kivctl, RepliesAndExitCodes) {
       {"quit " + std::string(600, 'x') + "\n", "-Message too long\n", 1},
   };
   for (auto &c : lines) {
-    result l = kivctl("", c.input);
+    result l = kivctl("--raw", c.input);
     EXPECT_EQ(l.out, c.out) << c.input;
     EXPECT_EQ(l.code, c.code) << c.input << l.err;
   }

@@ -1,18 +1,29 @@
-// kivctl: the control client. `kivctl WORDS...` sends one command and prints its reply,
-// one element per line; with no words it reads commands from standard input, one per
-// line. Exit codes: 0 for "+", a listing, or a "quit" that hung up; 1 for a "-" reply;
-// 2 when the pipe cannot be opened or breaks.
+// kivctl: the control client. `kivctl [--raw|--json] WORDS...` sends one command and
+// prints its reply; with no words it reads commands from standard input, one per line.
+// Output: for people by default (ls as a table, no protocol framing, a "-" reply's text on
+// standard error), the protocol's elements one per line with --raw, JSON with --json.
+// Exit codes: 0 for "+", a listing, or a "quit" that hung up; 1 for a "-" reply or a
+// wrong option; 2 when the pipe cannot be opened or breaks.
 // `kivctl apply [--dry-run] FILE.cfg` and `kivctl export` work on the registry (apply.h).
 #include <windows.h>
 
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <string>
+#include <vector>
 
+#include "lib/cmdsplit.h"
 #include "lib/dstr.h"
 #include "tools/kivctl/answer.h"
 #include "tools/kivctl/apply.h"
+#include "tools/kivctl/listing.h"
 
 namespace {
+
+// How replies are printed: for people (a table, no framing, "-" texts on standard
+// error), the protocol's elements as they come (--raw), or JSON (--json).
+enum class output { people, raw, json };
 
 const char PIPE[] = "\\\\.\\pipe\\vesk_kivd";
 constexpr DWORD NPIPE_DEFAULT_WAIT = 10000;  // the server's default time-out (ms)
@@ -86,9 +97,66 @@ int await_hangup(HANDLE pipe) {
   return fail("no hang-up after quit on", ERROR_TIMEOUT);
 }
 
+// The command word of a line, as the server splits it.
+std::string first_word(const char *line, int length) {
+  char copy[CMD_LINE + 1];
+  int n = length < CMD_LINE ? length : CMD_LINE;
+  memcpy(copy, line, static_cast<size_t>(n));
+  copy[n] = '\0';
+  char *words[CMD_MAXWORDS];
+  cmd_split(copy, words);
+  return words[0];
+}
+
+// What the disable command shows as its date here: the local time of the largest time.
+std::string forever_text() {
+  time_t t = 0x7FFFFFFF;
+  const tm *local = localtime(&t);
+  char text[32] = "2038-01-19_03:14";
+  if (local)
+    snprintf(text, sizeof text, "%d-%02d-%02d_%02d:%02d", local->tm_year + 1900, local->tm_mon + 1,
+             local->tm_mday, local->tm_hour, local->tm_min);
+  return text;
+}
+
+// Prints the elements of one reply to the command `word` as `mode` asks.
+void print_reply(output mode, const std::string &word, const std::vector<std::string> &elements) {
+  if (mode == output::raw) {
+    for (const std::string &e : elements) printf("%s\n", e.c_str());
+    return;
+  }
+  if (elements.front() != "!") {
+    const std::string &r = elements.front();
+    if (mode == output::json)
+      printf("%s\n", reply_json(r).c_str());
+    else if (r[0] == '-')
+      fprintf(stderr, "kivctl: %s\n", r.c_str() + 1);
+    else if (r != "+")
+      printf("%s\n", r.c_str());
+    return;
+  }
+  std::vector<std::string> inner(elements.begin() + 1, elements.end() - 1);
+  std::vector<listed_port> ports;
+  std::string forever = forever_text();
+  for (const std::string &line : inner) {
+    listed_port p;
+    if (!parse_listing_line(line, forever, &p)) break;
+    ports.push_back(p);
+  }
+  if (_stricmp(word.c_str(), "ls") == 0 && ports.size() == inner.size()) {
+    printf("%s", mode == output::json ? (listing_json(ports) + "\n").c_str() : listing_table(ports).c_str());
+  } else if (mode == output::json) {
+    std::string out = "[";
+    for (size_t i = 0; i < inner.size(); i++) out += (i ? "," : "") + json_string(inner[i]);
+    printf("%s]\n", out.c_str());
+  } else {
+    for (const std::string &line : inner) printf("%s\n", line.c_str());
+  }
+}
+
 // Sends one command line and prints its reply. Returns the exit code of that command.
 // A line the server answers with nothing is not sent.
-int send_command(HANDLE pipe, const char *line, int length) {
+int send_command(HANDLE pipe, const char *line, int length, output mode) {
   answer expected = server_answer(line, length);
   if (expected == answer::none) return 0;
   DWORD put = 0;
@@ -100,28 +168,25 @@ int send_command(HANDLE pipe, const char *line, int length) {
   if (expected == answer::hangup) return await_hangup(pipe);
   dstr reply;
   dstr_init(&reply);
+  std::vector<std::string> elements;
   int code = 0;
-  bool listing = false;
   for (;;) {
     DWORD e = read_message(pipe, &reply);
     if (e) {
       code = fail("lost", e);
       break;
     }
-    printf("%s\n", reply.buffer);
-    if (!listing && strcmp(reply.buffer, "!") == 0) {
-      listing = true;
-      continue;
-    }
-    if (listing) {
-      if (strcmp(reply.buffer, ".") == 0) break;
+    elements.push_back(reply.buffer);
+    if (elements.front() == "!") {
+      if (elements.size() > 1 && elements.back() == ".") break;
       continue;
     }
     code = reply.buffer[0] == '-' ? 1 : 0;
     break;
   }
-  fflush(stdout);
   dstr_free(&reply, 0);
+  if (code != 2) print_reply(mode, first_word(line, length), elements);
+  fflush(stdout);
   return code;
 }
 
@@ -172,6 +237,18 @@ int kivctl_reconfig() {
 }
 
 int main(int argc, char **argv) {
+  output mode = output::people;
+  for (; argc > 1 && strncmp(argv[1], "--", 2) == 0; argc--, argv++) {
+    if (strcmp(argv[1], "--raw") == 0) {
+      mode = output::raw;
+    } else if (strcmp(argv[1], "--json") == 0) {
+      mode = output::json;
+    } else {
+      fprintf(stderr, "kivctl: unknown option %s (--raw, --json)\n", argv[1]);
+      return 1;
+    }
+    argv[1] = argv[0];
+  }
   // apply and export work on the registry; they are not commands of the pipe.
   if (argc > 1 && strcmp(argv[1], "apply") == 0) return kivctl_apply(argc - 1, argv + 1);
   if (argc > 1 && strcmp(argv[1], "export") == 0) return kivctl_export(argc - 1, argv + 1);
@@ -188,14 +265,14 @@ int main(int argc, char **argv) {
     dstr line;
     dstr_init(&line);
     join_words(argc, argv, &line);
-    code = send_command(pipe.h, line.buffer, line.length);
+    code = send_command(pipe.h, line.buffer, line.length, mode);
     dstr_free(&line, 0);
     return code;
   }
   dstr line;
   dstr_init(&line);
   while (read_line(stdin, &line)) {
-    code = send_command(pipe.h, line.buffer, line.length);
+    code = send_command(pipe.h, line.buffer, line.length, mode);
     if (code == 2 || server_answer(line.buffer, line.length) == answer::hangup) break;
   }
   dstr_free(&line, 0);
