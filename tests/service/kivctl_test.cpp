@@ -1,6 +1,7 @@
 // kivctl.exe against a running kivd: its output and exit codes.
 #include <gtest/gtest.h>
 
+#include "kiv_version.h"
 #include "kivd_fixture.h"
 #include "tests/apply/json.h"
 
@@ -40,13 +41,30 @@ TEST(Kivctl, RepliesAndExitCodes) {
       {"ls", "PORT   SERVICE  MODE  STATE\n" + std::string(number) + "  svc      auto  idle\n", "", 0},
       {"info", "My UserName: " + kt::user_name() + "\n", "", 0},
       {"remove 7", "", "kivctl: Failed with code -4\n", 1},
-      {"--bogus ls", "", "kivctl: unknown option --bogus (--raw, --json)\n", 1},
+      {"--bogus ls", "", "kivctl: unknown option --bogus (--raw, --json, --version)\n", 1},
   };
   for (auto &c : cases) {
     result r = kivctl(c.args);
     EXPECT_EQ(r.out, c.out) << "kivctl " << c.args;
     EXPECT_EQ(r.err, c.err) << "kivctl " << c.args;
     EXPECT_EQ(r.code, c.code) << "kivctl " << c.args;
+  }
+  EXPECT_EQ(kivctl("--version").out, std::string("kivctl ") + KIV_VERSION + "\n");
+  // Every executable carries the version, read back from its resource.
+  for (const std::string &exe : {kt::kivd_exe(), kt::kivctl_exe(), kt::build_dir() + "\\agent\\echo-agent.exe"}) {
+    DWORD ignored = 0, size = GetFileVersionInfoSizeA(exe.c_str(), &ignored);
+    ASSERT_GT(size, 0u) << exe;
+    std::vector<char> info(size);
+    ASSERT_TRUE(GetFileVersionInfoA(exe.c_str(), 0, size, info.data())) << exe;
+    for (auto [name, want] : {std::pair<const char *, std::string>{"FileVersion", KIV_VERSION},
+                              {"ProductVersion", KIV_VERSION}, {"CompanyName", "Orvane"},
+                              {"ProductName", "kivd"}}) {
+      char *value = nullptr;
+      UINT length = 0;
+      std::string key = std::string("\\StringFileInfo\\040904B0\\") + name;
+      ASSERT_TRUE(VerQueryValueA(info.data(), key.c_str(), reinterpret_cast<void **>(&value), &length)) << exe << " " << name;
+      EXPECT_EQ(std::string(value), want) << exe << " " << name;
+    }
   }
   // For scripts: JSON, read back.
   result j = kivctl("--json ls");

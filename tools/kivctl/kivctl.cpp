@@ -4,7 +4,8 @@
 // standard error), the protocol's elements one per line with --raw, JSON with --json.
 // Exit codes: 0 for "+", a listing, or a "quit" that hung up; 1 for a "-" reply or a
 // wrong option; 2 when the pipe cannot be opened or breaks.
-// `kivctl apply [--dry-run] FILE.cfg` and `kivctl export` work on the registry (apply.h).
+// `kivctl --version` prints the version. `kivctl apply [--dry-run] FILE.cfg` and `kivctl
+// export` work on the registry (apply.h).
 #include <windows.h>
 
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "kiv_version.h"
 #include "lib/cmdsplit.h"
 #include "lib/dstr.h"
 #include "tools/kivctl/answer.h"
@@ -239,12 +241,15 @@ int kivctl_reconfig() {
 int main(int argc, char **argv) {
   output mode = output::people;
   for (; argc > 1 && strncmp(argv[1], "--", 2) == 0; argc--, argv++) {
-    if (strcmp(argv[1], "--raw") == 0) {
+    if (strcmp(argv[1], "--version") == 0) {
+      printf("kivctl %s\n", KIV_VERSION);
+      return 0;
+    } else if (strcmp(argv[1], "--raw") == 0) {
       mode = output::raw;
     } else if (strcmp(argv[1], "--json") == 0) {
       mode = output::json;
     } else {
-      fprintf(stderr, "kivctl: unknown option %s (--raw, --json)\n", argv[1]);
+      fprintf(stderr, "kivctl: unknown option %s (--raw, --json, --version)\n", argv[1]);
       return 1;
     }
     argv[1] = argv[0];
