@@ -16,7 +16,7 @@ export WINEDEBUG  := -all
 export WINEDLLOVERRIDES := mscoree,mshtml=
 
 .PHONY: all setup build windows native fuzz-build bench-build test test-native test-windows \
-        test-fuzz test-layers fuzz bench soak run kivctl clean
+        test-fuzz test-layers fuzz bench soak run kivctl dist clean
 
 all: build
 
@@ -152,5 +152,19 @@ kivctl:
 	@[ -f $(KIVCTL_EXE) ] || $(MAKE) --no-print-directory windows
 	@wine $(KIVCTL_EXE) $(ARGS)
 
+# make dist: the MSI (wixl, from packaging/kivd.wxs) and a zip of the same files, under
+# $(BUILD)/dist, named with the project's version (CMakeLists.txt).
+VERSION  := $(shell grep -o 'kivd VERSION [0-9.]*' CMakeLists.txt | cut -d' ' -f3)
+DIST     := $(BUILD)/dist
+dist: windows
+	@rm -rf $(DIST)/kivd-$(VERSION)-x64 && mkdir -p $(DIST)/kivd-$(VERSION)-x64/agent
+	@wixl -a x64 -D Version=$(VERSION) -D Bin=$(WIN) -D Src=. -o $(DIST)/kivd-$(VERSION)-x64.msi \
+	   packaging/kivd.wxs 2>&1 | grep -v "no property named" || true
+	@test -s $(DIST)/kivd-$(VERSION)-x64.msi
+	@cp $(KIVD_EXE) $(KIVCTL_EXE) $(WIN)/agent/echo-agent.exe README.md $(DIST)/kivd-$(VERSION)-x64/
+	@cp $(WIN)/agent/libkivagent.a agent/kivagent.h agent/README.md $(DIST)/kivd-$(VERSION)-x64/agent/
+	@cd $(DIST) && rm -f kivd-$(VERSION)-x64.zip && zip -qr kivd-$(VERSION)-x64.zip kivd-$(VERSION)-x64
+	@ls -l $(DIST)/kivd-$(VERSION)-x64.msi $(DIST)/kivd-$(VERSION)-x64.zip
+
 clean:
-	rm -rf $(BUILD)/windows $(BUILD)/native $(BUILD)/fuzz $(BUILD)/bench
+	rm -rf $(BUILD)/windows $(BUILD)/native $(BUILD)/fuzz $(BUILD)/bench $(BUILD)/dist
