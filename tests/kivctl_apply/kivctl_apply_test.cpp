@@ -83,12 +83,12 @@ TEST(KivctlApply, DryRunApplyExportAndNoOp) {
       "add tcp.S7102.start = on\n";
   result r = kivctl("apply --dry-run " + first.arg());
   EXPECT_EQ(r.out, adds);
-  EXPECT_EQ(r.code, 0u) << r.err;
+  EXPECT_EQ(r.code, 3u) << r.err;  // would change
   EXPECT_FALSE(key_exists("Agents"));  // a dry run writes nothing
 
   r = kivctl("apply " + first.arg());  // no kivd running: not an error
   EXPECT_EQ(r.out, adds);
-  EXPECT_EQ(r.code, 0u) << r.err;
+  EXPECT_EQ(r.code, 3u) << r.err;  // changed
   EXPECT_FALSE(key_exists("Agents.new"));
   EXPECT_FALSE(key_exists("Agents.old"));
 
@@ -105,7 +105,8 @@ TEST(KivctlApply, DryRunApplyExportAndNoOp) {
   cfgfile again(r.out, "again");
   r = kivctl("apply " + again.arg());
   EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.code, 0u) << r.err;
+  EXPECT_EQ(r.code, 0u) << r.err;  // already so
+  EXPECT_EQ(kivctl("apply --dry-run " + again.arg()).code, 0u);
 
   // What the file no longer names goes, also what was written by hand; export names
   // what it leaves out.
@@ -131,7 +132,7 @@ TEST(KivctlApply, DryRunApplyExportAndNoOp) {
 TEST(KivctlApply, RefusesABadFileAndChangesNothing) {
   clean_registry reg;
   cfgfile good(ports_file({7201}));
-  ASSERT_EQ(kivctl("apply " + good.arg()).code, 0u);
+  ASSERT_EQ(kivctl("apply " + good.arg()).code, 3u);
   std::string before = kivctl("export").out;
   struct {
     std::string text, error;
@@ -161,12 +162,12 @@ TEST(KivctlApply, RunningKivdIsReconfigured) {
   clean_registry reg;
   std::vector<int> p = kt::free_ports(3);
   cfgfile first(ports_file({p[0], p[1]}));
-  ASSERT_EQ(kivctl("apply " + first.arg()).code, 0u);
+  ASSERT_EQ(kivctl("apply " + first.arg()).code, 3u);
   kt::kivd d("-D3");
   EXPECT_EQ(listed(), (std::set<int>{p[0], p[1]}));
   cfgfile second(ports_file({p[1], p[2]}), "second");
   result r = kivctl("apply " + second.arg());
-  EXPECT_EQ(r.code, 0u) << r.err;
+  EXPECT_EQ(r.code, 3u) << r.err;
   EXPECT_EQ(listed(), (std::set<int>{p[1], p[2]})) << d.err();
   // A no-change apply does not disturb kivd.
   int reconfigs = d.log_count("reconfig");
@@ -184,21 +185,22 @@ TEST(KivctlApply, CrashHalfWayLeavesTheOldOrTheNewConfiguration) {
   std::vector<int> p = kt::free_ports(4);
   cfgfile oldfile(ports_file({p[0], p[1]}, "C:\\no\\old.exe"), "old");
   cfgfile newfile(ports_file({p[2], p[3]}, "C:\\no\\new.exe"), "new");
-  ASSERT_EQ(kivctl("apply " + newfile.arg()).code, 0u);
+  ASSERT_EQ(kivctl("apply " + newfile.arg()).code, 3u);
   const std::string newtext = kivctl("export").out;
-  ASSERT_EQ(kivctl("apply " + oldfile.arg()).code, 0u);
+  ASSERT_EQ(kivctl("apply " + oldfile.arg()).code, 3u);
   const std::string oldtext = kivctl("export").out;
   kt::kivd d("-D3");
   const std::set<int> oldports{p[0], p[1]}, newports{p[2], p[3]}, none;
   struct {
     int step;
     std::set<int> reads;
+    DWORD next;  // the next apply's exit code: 3 changed, 0 the configuration already so
   } cases[] = {
-      {1, oldports},  // new tree written, not yet marked complete
-      {2, oldports},  // new tree complete and marked, not swapped in
-      {3, none},      // old tree renamed away: no configuration until put right
-      {4, newports},  // new tree in place, old one left beside it
-      {5, newports},
+      {1, oldports, 3},  // new tree written, not yet marked complete
+      {2, oldports, 3},  // new tree complete and marked, not swapped in
+      {3, none, 3},      // old tree renamed away: no configuration until put right
+      {4, newports, 0},  // new tree in place, old one left beside it
+      {5, newports, 0},
   };
   for (auto &c : cases) {
     SetEnvironmentVariableA("KIVCTL_APPLY_CRASH_AFTER", std::to_string(c.step).c_str());
@@ -210,12 +212,12 @@ TEST(KivctlApply, CrashHalfWayLeavesTheOldOrTheNewConfiguration) {
     // The next apply first puts right what the crash left (after step 3 it finishes the
     // interrupted swap) and tells kivd.
     r = kivctl("apply " + newfile.arg());
-    EXPECT_EQ(r.code, 0u) << "step " << c.step << ": " << r.err;
+    EXPECT_EQ(r.code, c.next) << "step " << c.step << ": " << r.err;
     EXPECT_EQ(kivctl("export").out, newtext) << "step " << c.step;
     EXPECT_FALSE(key_exists("Agents.new")) << "step " << c.step;
     EXPECT_FALSE(key_exists("Agents.old")) << "step " << c.step;
     EXPECT_EQ(listed(), newports) << "step " << c.step;
-    ASSERT_EQ(kivctl("apply " + oldfile.arg()).code, 0u);
+    ASSERT_EQ(kivctl("apply " + oldfile.arg()).code, 3u);
     EXPECT_EQ(kivctl("export").out, oldtext);
     EXPECT_EQ(listed(), oldports) << "step " << c.step;
   }

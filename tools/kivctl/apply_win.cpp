@@ -235,11 +235,13 @@ int kivctl_apply(int argc, char **argv) {
   std::vector<std::string> changes = applycfg_diff(old, next);
   for (const std::string &line : changes) printf("%s\n", line.c_str());
   fflush(stdout);
-  if (dry) return 0;
+  if (dry) return changes.empty() ? 0 : KIVCTL_CHANGED;
   // kivd may have read the registry while Agents was missing: a restore is told to it.
-  if (changes.empty()) return restored ? kivctl_reconfig() : 0;
-  if ((rc = write_staging(parent.h, next)) || (rc = swap_in(parent.h))) return rc;
-  return kivctl_reconfig();
+  if (changes.empty() && !restored) return 0;
+  if (!changes.empty() && ((rc = write_staging(parent.h, next)) || (rc = swap_in(parent.h))))
+    return rc;
+  rc = kivctl_reconfig();
+  return rc ? rc : KIVCTL_CHANGED;
 }
 
 int kivctl_export(int argc, char **) {
