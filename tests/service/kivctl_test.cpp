@@ -66,6 +66,19 @@ TEST(Kivctl, RepliesAndExitCodes) {
       EXPECT_EQ(std::string(value), want) << exe << " " << name;
     }
   }
+  // Status at a glance, for people and for scripts.
+  EXPECT_EQ(kivctl("status").out, "service:  not installed\nkivd:     running, pid " + std::to_string(d.pid) +
+                                      "\nports:    1 (idle 1, serving 0, disabled 0, hooked 0)\n");
+  {
+    kj::reader r(kivctl("--json status").out);
+    kj::value st = r.parse();
+    ASSERT_TRUE(r.ok());
+    EXPECT_FALSE(st["installed"].boolean);
+    EXPECT_TRUE(st["running"].boolean);
+    EXPECT_EQ(st["pid"].number, d.pid);
+    EXPECT_EQ(st["ports"]["total"].number, 1);
+    EXPECT_EQ(st["ports"]["idle"].number, 1);
+  }
   // For scripts: JSON, read back.
   result j = kivctl("--json ls");
   kj::reader listed(j.out);
@@ -132,7 +145,10 @@ TEST(Kivctl, RepliesAndExitCodes) {
   r = kivctl("quit -Q");
   EXPECT_EQ(r.code, 0u);
   ASSERT_TRUE(d.wait(20000));
-  // No kivd, no pipe.
+  // No kivd, no pipe; status still answers.
+  r = kivctl("status");
+  EXPECT_EQ(r.out, "service:  not installed\nkivd:     not running\n");
+  EXPECT_EQ(r.code, 0u);
   r = kivctl("ls");
   EXPECT_EQ(r.code, 2u);
   EXPECT_EQ(r.out, "");

@@ -224,6 +224,8 @@ TEST_F(Service, StartStopStatesAndExitCodes) {
     EXPECT_EQ(c.command("update"), replies{"+"});
     EXPECT_EQ(c.command("info")[0], "!");
   }
+  std::string status = kt::run("\"" + kt::kivctl_exe() + "\" status").out;
+  EXPECT_EQ(status.rfind("service:  installed, running\nkivd:     running", 0), 0u) << status;
   EXPECT_TRUE(m.control(SERVICE_CONTROL_INTERROGATE));
   ASSERT_TRUE(m.control(SERVICE_CONTROL_STOP));
   ASSERT_TRUE(m.state_is(SERVICE_STOPPED));

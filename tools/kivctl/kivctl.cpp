@@ -4,7 +4,8 @@
 // standard error), the protocol's elements one per line with --raw, JSON with --json.
 // Exit codes: 0 for "+", a listing, or a "quit" that hung up; 1 for a "-" reply or a
 // wrong option; 2 when the pipe cannot be opened or breaks.
-// `kivctl --version` prints the version. `kivctl apply [--dry-run] FILE.cfg` and `kivctl
+// `kivctl status` says whether the service is installed, its state, and kivd's pid and
+// ports by state. `kivctl --version` prints the version. `kivctl apply [--dry-run] FILE.cfg` and `kivctl
 // export` work on the registry (apply.h).
 #include <windows.h>
 
@@ -47,12 +48,13 @@ int fail(const char *what, DWORD error) {
 
 // Opens the pipe in message mode; a busy pipe is waited for as long as the server's
 // default time-out. With absent_ok, a pipe that does not exist gives -1 without a report.
-int open_pipe(scoped_handle *pipe, bool absent_ok = false) {
+int open_pipe(scoped_handle *pipe, bool absent_ok = false, bool quiet = false) {
   for (;;) {
     pipe->h = CreateFileA(PIPE, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     if (pipe->h != INVALID_HANDLE_VALUE) break;
     DWORD e = GetLastError();
     if (absent_ok && e == ERROR_FILE_NOT_FOUND) return -1;
+    if (quiet && e != ERROR_PIPE_BUSY) return -1;
     if (e != ERROR_PIPE_BUSY) return fail("cannot open", e);
     if (!WaitNamedPipeA(PIPE, NMPWAIT_USE_DEFAULT_WAIT)) {
       e = GetLastError();
@@ -156,9 +158,9 @@ void print_reply(output mode, const std::string &word, const std::vector<std::st
   }
 }
 
-// Sends one command line and prints its reply. Returns the exit code of that command.
-// A line the server answers with nothing is not sent.
-int send_command(HANDLE pipe, const char *line, int length, output mode) {
+// Sends one command line and collects its reply's elements. Returns the exit code of that
+// command. A line the server answers with nothing is not sent.
+int exchange(HANDLE pipe, const char *line, int length, std::vector<std::string> *elements) {
   answer expected = server_answer(line, length);
   if (expected == answer::none) return 0;
   DWORD put = 0;
@@ -170,7 +172,6 @@ int send_command(HANDLE pipe, const char *line, int length, output mode) {
   if (expected == answer::hangup) return await_hangup(pipe);
   dstr reply;
   dstr_init(&reply);
-  std::vector<std::string> elements;
   int code = 0;
   for (;;) {
     DWORD e = read_message(pipe, &reply);
@@ -178,18 +179,91 @@ int send_command(HANDLE pipe, const char *line, int length, output mode) {
       code = fail("lost", e);
       break;
     }
-    elements.push_back(reply.buffer);
-    if (elements.front() == "!") {
-      if (elements.size() > 1 && elements.back() == ".") break;
+    elements->push_back(reply.buffer);
+    if (elements->front() == "!") {
+      if (elements->size() > 1 && elements->back() == ".") break;
       continue;
     }
     code = reply.buffer[0] == '-' ? 1 : 0;
     break;
   }
   dstr_free(&reply, 0);
-  if (code != 2) print_reply(mode, first_word(line, length), elements);
+  return code;
+}
+
+// Sends one command line and prints its reply as `mode` asks. The exit code of it.
+int send_command(HANDLE pipe, const char *line, int length, output mode) {
+  std::vector<std::string> elements;
+  int code = exchange(pipe, line, length, &elements);
+  if (code != 2 && !elements.empty()) print_reply(mode, first_word(line, length), elements);
   fflush(stdout);
   return code;
+}
+
+const char *state_name(DWORD state) {
+  static const char *const names[] = {"unknown", "stopped", "start pending", "stop pending",
+                                      "running", "continue pending", "pause pending", "paused"};
+  return state < sizeof names / sizeof names[0] ? names[state] : "unknown";
+}
+
+// `kivctl status`: the service as the service manager knows it, and kivd as its pipe
+// answers (its pid and its ports by state). Readable whether or not kivd runs: 0.
+int status(output mode) {
+  bool installed = false;
+  DWORD state = 0, service_pid = 0;
+  if (SC_HANDLE scm = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT)) {
+    if (SC_HANDLE svc = OpenServiceA(scm, "vesk_kivd", SERVICE_QUERY_STATUS)) {
+      installed = true;
+      SERVICE_STATUS_PROCESS st = {};
+      DWORD need = 0;
+      if (QueryServiceStatusEx(svc, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE *>(&st), sizeof st, &need)) {
+        state = st.dwCurrentState;
+        service_pid = st.dwProcessId;
+      }
+      CloseServiceHandle(svc);
+    }
+    CloseServiceHandle(scm);
+  }
+  scoped_handle pipe;
+  ULONG pid = 0;
+  std::vector<std::string> elements;
+  bool answering = open_pipe(&pipe, true, true) == 0;
+  if (answering) {
+    if (!GetNamedPipeServerProcessId(pipe.h, &pid)) pid = service_pid;
+    dstr greeting;
+    dstr_init(&greeting);
+    answering = read_message(pipe.h, &greeting) == 0 && exchange(pipe.h, "ls", 2, &elements) == 0;
+    dstr_free(&greeting, 0);
+  }
+  int counts[4] = {};  // idle, serving, disabled, hooked
+  int total = 0;
+  std::string forever = forever_text();
+  for (size_t i = 1; answering && i + 1 < elements.size(); i++) {
+    listed_port p;
+    if (!parse_listing_line(elements[i], forever, &p)) continue;
+    total++;
+    counts[p.disabled ? 2 : p.agent ? 1 : 0]++;
+    counts[3] += p.parent != 0;
+  }
+  if (mode == output::json) {
+    printf("{\"installed\":%s,\"state\":%s,\"running\":%s,\"pid\":%s,\"ports\":",
+           installed ? "true" : "false", installed ? json_string(state_name(state)).c_str() : "null",
+           answering ? "true" : "false", answering && pid ? std::to_string(pid).c_str() : "null");
+    if (answering)
+      printf("{\"total\":%d,\"idle\":%d,\"serving\":%d,\"disabled\":%d,\"hooked\":%d}}\n", total,
+             counts[0], counts[1], counts[2], counts[3]);
+    else
+      printf("null}\n");
+    return 0;
+  }
+  printf("service:  %s\n", installed ? (std::string("installed, ") + state_name(state)).c_str() : "not installed");
+  if (answering)
+    printf("kivd:     running%s\nports:    %d (idle %d, serving %d, disabled %d, hooked %d)\n",
+           pid ? (", pid " + std::to_string(pid)).c_str() : "", total, counts[0], counts[1], counts[2],
+           counts[3]);
+  else
+    printf("kivd:     not running\n");
+  return 0;
 }
 
 // The command line's words as one command: each word stays one word for the server,
@@ -254,6 +328,7 @@ int main(int argc, char **argv) {
     }
     argv[1] = argv[0];
   }
+  if (argc > 1 && strcmp(argv[1], "status") == 0) return status(mode);
   // apply and export work on the registry; they are not commands of the pipe.
   if (argc > 1 && strcmp(argv[1], "apply") == 0) return kivctl_apply(argc - 1, argv + 1);
   if (argc > 1 && strcmp(argv[1], "export") == 0) return kivctl_export(argc - 1, argv + 1);
