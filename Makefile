@@ -152,18 +152,16 @@ kivctl:
 	@[ -f $(KIVCTL_EXE) ] || $(MAKE) --no-print-directory windows
 	@wine $(KIVCTL_EXE) $(ARGS)
 
-# make dist: the MSI (wixl, from packaging/kivd.wxs) and a zip of the same files, under
-# $(BUILD)/dist, named with the project's version (CMakeLists.txt).
+# make dist: the MSI (built with the Windows build from packaging/kivd.wxs) and a zip of
+# the same files, under $(BUILD)/dist, named with the project's version (CMakeLists.txt).
 VERSION  := $(shell grep -o 'kivd VERSION [0-9.]*' CMakeLists.txt | cut -d' ' -f3)
 DIST     := $(BUILD)/dist
 dist: windows
-	@rm -rf $(DIST)/kivd-$(VERSION)-x64 && mkdir -p $(DIST)/kivd-$(VERSION)-x64/agent
-	@wixl -a x64 -D Version=$(VERSION) -D Bin=$(WIN) -D Src=. -o $(DIST)/kivd-$(VERSION)-x64.msi \
-	   packaging/kivd.wxs 2>&1 | grep -v "no property named" || true
-	@test -s $(DIST)/kivd-$(VERSION)-x64.msi
+	@rm -rf $(DIST) && mkdir -p $(DIST)/kivd-$(VERSION)-x64/agent
+	@cp $(WIN)/packaging/kivd-$(VERSION)-x64.msi $(DIST)/
 	@cp $(KIVD_EXE) $(KIVCTL_EXE) $(WIN)/agent/echo-agent.exe README.md $(DIST)/kivd-$(VERSION)-x64/
 	@cp $(WIN)/agent/libkivagent.a agent/kivagent.h agent/README.md $(DIST)/kivd-$(VERSION)-x64/agent/
-	@cd $(DIST) && rm -f kivd-$(VERSION)-x64.zip && zip -qr kivd-$(VERSION)-x64.zip kivd-$(VERSION)-x64
+	@cd $(DIST) && zip -qr kivd-$(VERSION)-x64.zip kivd-$(VERSION)-x64
 	@ls -l $(DIST)/kivd-$(VERSION)-x64.msi $(DIST)/kivd-$(VERSION)-x64.zip
 
 clean:

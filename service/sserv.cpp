@@ -80,9 +80,8 @@ int uninstall(SC_HANDLE service) {
 }
 
 // The description and the service manager's recovery: restart after 5 s, 10 s, then
-// 60 s, the failure count reset after a day. The service is installed either way; a
-// refusal is said, since a service nobody restarts is worth knowing about.
-void set_recovery(SC_HANDLE service) {
+// 60 s, the failure count reset after a day. false when the manager refused either.
+bool set_recovery(SC_HANDLE service) {
   SERVICE_DESCRIPTIONA description;
   description.lpDescription = const_cast<char *>(SSERV_DESCRIPTION);
   SC_ACTION actions[3];
@@ -91,10 +90,59 @@ void set_recovery(SC_HANDLE service) {
   failure.dwResetPeriod = SSERV_RESET_SECONDS;
   failure.cActions = 3;
   failure.lpsaActions = actions;
-  if (!ChangeServiceConfig2A(service, SERVICE_CONFIG_DESCRIPTION, &description) ||
-      !ChangeServiceConfig2A(service, SERVICE_CONFIG_FAILURE_ACTIONS, &failure))
-    printf("Failed to set the service's description and recovery. Error %d\n",
-           static_cast<int>(GetLastError()));
+  return ChangeServiceConfig2A(service, SERVICE_CONFIG_DESCRIPTION, &description) &&
+         ChangeServiceConfig2A(service, SERVICE_CONFIG_FAILURE_ACTIONS, &failure);
+}
+
+// What the service manager answers for one of its configuration queries, aligned for
+// the structure it writes (8 KB is the largest answer the manager gives).
+union service_config {
+  QUERY_SERVICE_CONFIGA config;
+  SERVICE_FAILURE_ACTIONSA failure;
+  char bytes[8192];
+};
+
+// A service registered by an installer (the package's service table has no say in how
+// the path is written) may hold its path unquoted, or lack the description and recovery
+// that `kivd -I` gives. The running service puts that right in its own registration: an
+// unquoted path with a blank is quoted (unquoted, "C:\Program Files\kivd\kivd.exe -S"
+// lets the system start C:\Program.exe), and recovery is set when none is configured, so
+// an operator's own choice of recovery is never overwritten.
+void secure_registration() {
+  static const char tag[] = "sserv.secure_registration";
+  scoped_service manager(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT));
+  scoped_service service(manager.get() ? OpenServiceA(manager.get(), SSERV_NAME,
+                                                      SERVICE_QUERY_CONFIG | SERVICE_CHANGE_CONFIG)
+                                       : nullptr);
+  if (!service.get()) return;
+  service_config answer;
+  DWORD need = 0;
+  char exe[SSERV_CMDLINE];
+  DWORD n = GetModuleFileNameA(nullptr, exe, sizeof exe);
+  if (n > 0 && n < sizeof exe - 1 && strpbrk(exe, " \t") &&
+      QueryServiceConfigA(service.get(), &answer.config, sizeof answer, &need)) {
+    const char *registered = answer.config.lpBinaryPathName;
+    size_t length = strlen(exe);
+    char cmdline[SSERV_CMDLINE];
+    if (registered && _strnicmp(registered, exe, length) == 0 &&
+        (registered[length] == '\0' || registered[length] == ' ')) {
+      int fit = xsnprintf(cmdline, sizeof cmdline, "\"%s\"%s", exe, registered + length);
+      if (fit < 0 || fit >= static_cast<int>(sizeof cmdline)) {
+        if (kiv_loglevel >= 1) kiv_log(nullptr, tag, "Service path left unquoted: too long");
+      } else if (ChangeServiceConfigA(service.get(), SERVICE_NO_CHANGE, SERVICE_NO_CHANGE,
+                                      SERVICE_NO_CHANGE, cmdline, nullptr, nullptr, nullptr,
+                                      nullptr, nullptr, nullptr)) {
+        if (kiv_loglevel >= 1) kiv_log(nullptr, tag, "Service path quoted: %s", cmdline);
+      } else if (kiv_loglevel >= 1) {
+        kiv_log(nullptr, tag, "ChangeServiceConfig() error %d", static_cast<int>(GetLastError()));
+      }
+    }
+  }
+  if (QueryServiceConfig2A(service.get(), SERVICE_CONFIG_FAILURE_ACTIONS,
+                           reinterpret_cast<BYTE *>(&answer), sizeof answer, &need) &&
+      answer.failure.cActions == 0 && !set_recovery(service.get()) && kiv_loglevel >= 1)
+    kiv_log(nullptr, tag, "Failed to set the service's description and recovery. Error %d",
+            static_cast<int>(GetLastError()));
 }
 
 int install(SC_HANDLE manager, const char *debugspec) {
@@ -120,7 +168,11 @@ int install(SC_HANDLE manager, const char *debugspec) {
     return 1;
   }
   printf("Service \"%s\" installed\n", SSERV_DISPLAY);
-  set_recovery(service.get());
+  // The service is installed either way; a refusal is said, since a service nobody
+  // restarts is worth knowing about.
+  if (!set_recovery(service.get()))
+    printf("Failed to set the service's description and recovery. Error %d\n",
+           static_cast<int>(GetLastError()));
   return 0;
 }
 
@@ -188,6 +240,7 @@ void WINAPI kivw32_service_start(DWORD, char **argv) {
       kiv_log(nullptr, tag, "SetServiceStatus() error %d", static_cast<int>(GetLastError()));
     return;
   }
+  secure_registration();
   int result = initialize();
   if (result == 0) {
     EnterCriticalSection(&status_lock);

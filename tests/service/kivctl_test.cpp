@@ -42,6 +42,7 @@ TEST(Kivctl, RepliesAndExitCodes) {
       {"info", "My UserName: " + kt::user_name() + "\n", "", 0},
       {"remove 7", "", "kivctl: Failed with code -4\n", 1},
       {"--bogus ls", "", "kivctl: unknown option --bogus (--raw, --json, --version)\n", 1},
+      {"status --json", "", "kivctl: status takes no words (options go first: kivctl --json status)\n", 1},
   };
   for (auto &c : cases) {
     result r = kivctl(c.args);

@@ -328,7 +328,14 @@ int main(int argc, char **argv) {
     }
     argv[1] = argv[0];
   }
-  if (argc > 1 && strcmp(argv[1], "status") == 0) return status(mode);
+  if (argc > 1 && strcmp(argv[1], "status") == 0) {
+    // Options go before the command; one after it would otherwise pass unnoticed.
+    if (argc > 2) {
+      fprintf(stderr, "kivctl: status takes no words (options go first: kivctl --json status)\n");
+      return 1;
+    }
+    return status(mode);
+  }
   // apply and export work on the registry; they are not commands of the pipe.
   if (argc > 1 && strcmp(argv[1], "apply") == 0) return kivctl_apply(argc - 1, argv + 1);
   if (argc > 1 && strcmp(argv[1], "export") == 0) return kivctl_export(argc - 1, argv + 1);
