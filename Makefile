@@ -159,7 +159,7 @@ DIST     := $(BUILD)/dist
 dist: windows
 	@rm -rf $(DIST) && mkdir -p $(DIST)/kivd-$(VERSION)-x64/agent
 	@cp $(WIN)/packaging/kivd-$(VERSION)-x64.msi $(DIST)/
-	@cp $(KIVD_EXE) $(KIVCTL_EXE) $(WIN)/agent/echo-agent.exe README.md $(DIST)/kivd-$(VERSION)-x64/
+	@cp $(KIVD_EXE) $(KIVCTL_EXE) $(WIN)/agent/echo-agent.exe $(WIN)/agent/kivexec.exe README.md $(DIST)/kivd-$(VERSION)-x64/
 	@cp $(WIN)/agent/libkivagent.a agent/kivagent.h agent/README.md $(DIST)/kivd-$(VERSION)-x64/agent/
 	@cd $(DIST) && zip -qr kivd-$(VERSION)-x64.zip kivd-$(VERSION)-x64
 	@ls -l $(DIST)/kivd-$(VERSION)-x64.msi $(DIST)/kivd-$(VERSION)-x64.zip

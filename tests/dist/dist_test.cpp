@@ -97,7 +97,7 @@ void expect_serving(const std::string &dir, const char *version, int port) {
   service_view v = query();
   EXPECT_EQ(v.cmdline, "\"" + dir + "\\kivd.exe\" -S");
   EXPECT_EQ(v.description, SSERV_DESCRIPTION);
-  for (const char *exe : {"kivd.exe", "kivctl.exe", "echo-agent.exe"}) {
+  for (const char *exe : {"kivd.exe", "kivctl.exe", "echo-agent.exe", "kivexec.exe"}) {
     std::string want = std::string(exe) == "kivd.exe" ? version : KIV_VERSION;
     EXPECT_EQ(file_version(dir + "\\" + exe, "FileVersion"), want) << exe;
     EXPECT_EQ(file_version(dir + "\\" + exe, "ProductVersion"), want) << exe;

@@ -1,0 +1,191 @@
+// kivexec through kivd.exe: each connection gets a program of its own (upcase.exe), with
+// the connection as its standard input and output.
+#include "tests/service/kivd_fixture.h"
+
+#include <gtest/gtest.h>
+#include <tlhelp32.h>
+
+#include <thread>
+
+namespace {
+
+const std::string KIVEXEC = kt::build_dir() + "\\agent\\kivexec.exe";
+const std::string UPCASE = "\"" + kt::build_dir() + "\\tests\\kivexec\\upcase.exe\"";
+
+// Port `port` served by kivexec with `options` (service `name`), running `program`.
+void configure(kt::registry &reg, const char *name, int port, const std::string &options,
+               const std::string &program) {
+  reg.service(name, "\"" + KIVEXEC + "\" " + options + " -- " + program);
+  reg.port(port, "auto", name);
+}
+
+// Everything the server sends until it closes (or ms pass).
+std::string read_all(SOCKET s, int ms = 20000) {
+  DWORD timeout = static_cast<DWORD>(ms);
+  setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char *>(&timeout), sizeof timeout);
+  std::string got;
+  char buf[1024];
+  for (int n; (n = recv(s, buf, sizeof buf, 0)) > 0;) got.append(buf, n);
+  return got;
+}
+
+// A client that sends `line`, half-closes and reads the answer to the end.
+std::string ask(int port, const std::string &line) {
+  SOCKET s = kt::connect_to(port);
+  if (s == INVALID_SOCKET) return "<refused>";
+  send(s, line.data(), static_cast<int>(line.size()), 0);
+  shutdown(s, SD_SEND);
+  std::string answer = read_all(s);
+  closesocket(s);
+  return answer;
+}
+
+int processes_named(const char *exe) {
+  HANDLE snap = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+  PROCESSENTRY32 e = {};
+  e.dwSize = sizeof e;
+  int n = 0;
+  for (BOOL more = Process32First(snap, &e); more; more = Process32Next(snap, &e)) n += _stricmp(e.szExeFile, exe) == 0;
+  CloseHandle(snap);
+  return n;
+}
+
+// A connection to port once kivd listens on it; INVALID_SOCKET when it never does.
+SOCKET connect_when_up(int port) {
+  SOCKET s = INVALID_SOCKET;
+  kt::poll([&] { return (s = kt::connect_to(port)) != INVALID_SOCKET; });
+  return s;
+}
+
+unsigned short local_port(SOCKET s) {
+  sockaddr_in a = {};
+  int size = sizeof a;
+  getsockname(s, reinterpret_cast<sockaddr *>(&a), &size);
+  return ntohs(a.sin_port);
+}
+
+// The program reads the connection to its end (the client's half-close), knows who is on
+// the line, and inherits the connection and nothing else.
+TEST(Kivexec, TheConnectionIsTheProgramsInputAndOutput) {
+  kt::registry reg;
+  int port = kt::free_port(), other = kt::free_port();
+  configure(reg, "exec", port, "", UPCASE + " env");
+  configure(reg, "hold", other, "", UPCASE + " handles");
+  kt::kivd d("-D3");
+  SOCKET s = connect_when_up(port);
+  ASSERT_NE(s, INVALID_SOCKET);
+  send(s, "hello\nworld\n", 12, 0);
+  shutdown(s, SD_SEND);
+  std::string want = "TCPREMOTEIP=127.0.0.1\nTCPREMOTEPORT=" + std::to_string(local_port(s)) +
+                     "\nTCPLOCALIP=127.0.0.1\nTCPLOCALPORT=" + std::to_string(port) +
+                     "\nPROTO=TCP\nHELLO\nWORLD\nEND\n";
+  EXPECT_EQ(read_all(s), want);
+  closesocket(s);
+
+  // A second connection is held open while another program starts: neither program holds
+  // the other's connection, nor a listening socket, nor kivexec's pipe.
+  SOCKET held = kt::connect_to(port);
+  ASSERT_NE(held, INVALID_SOCKET);
+  EXPECT_EQ(ask(other, "x"), "handles=0\nXEND\n");
+  EXPECT_EQ(ask(other, ""), "handles=0\nEND\n");
+  closesocket(held);
+
+  // 20 clients at once, each its own answer.
+  std::vector<std::string> answers(20);
+  std::vector<std::thread> clients;
+  for (int i = 0; i < 20; i++)
+    clients.emplace_back([&, i] { answers[i] = ask(other, "client " + std::to_string(i)); });
+  for (auto &t : clients) t.join();
+  for (int i = 0; i < 20; i++) EXPECT_EQ(answers[i], "handles=0\nCLIENT " + std::to_string(i) + "END\n") << i;
+}
+
+// --max holds a connection in the backlog until a program ends; --per-ip closes the
+// excess at once; --timeout ends a program that never ends.
+TEST(Kivexec, Limits) {
+  kt::registry reg;
+  int max_port = kt::free_port(), ip_port = kt::free_port(), time_port = kt::free_port();
+  configure(reg, "max", max_port, "--max 2", UPCASE);
+  configure(reg, "perip", ip_port, "--per-ip 1", UPCASE);
+  configure(reg, "slow", time_port, "--timeout 1", UPCASE + " hang");
+  kt::kivd d("-D3");
+
+  SOCKET first = connect_when_up(max_port);
+  ASSERT_NE(first, INVALID_SOCKET);
+  SOCKET second = kt::connect_to(max_port), third = kt::connect_to(max_port);
+  ASSERT_NE(third, INVALID_SOCKET);
+  send(third, "three", 5, 0);
+  shutdown(third, SD_SEND);
+  EXPECT_EQ(read_all(third, 1500), "") << "a third program ran beside two";
+  send(first, "one", 3, 0);
+  shutdown(first, SD_SEND);
+  EXPECT_EQ(read_all(first), "ONEEND\n");
+  EXPECT_EQ(read_all(third), "THREEEND\n");
+  for (SOCKET s : {first, second, third}) closesocket(s);
+
+  SOCKET kept = connect_when_up(ip_port);
+  ASSERT_NE(kept, INVALID_SOCKET);
+  send(kept, "a", 1, 0);
+  ASSERT_TRUE(kt::poll([&] { return processes_named("upcase.exe") >= 1; }));
+  EXPECT_EQ(ask(ip_port, "b"), "");
+  EXPECT_TRUE(d.log_has("has 1 connections already (--per-ip 1): closed"));
+  shutdown(kept, SD_SEND);
+  EXPECT_EQ(read_all(kept), "AEND\n");
+  closesocket(kept);
+
+  ULONGLONG begin = GetTickCount64();
+  EXPECT_EQ(ask(time_port, "late"), "");
+  EXPECT_LT(GetTickCount64() - begin, 15000u);
+  EXPECT_TRUE(d.log_has("ran longer than 1 s: ended"));
+}
+
+// "remove" and "exit" from kivd end kivexec after its grace, and with it every program.
+// A program that cannot be started closes its connection; the next one is tried again.
+TEST(Kivexec, EndsWithItsPortsAndRefusesClearly) {
+  kt::registry reg;
+  int port = kt::free_port(), other = kt::free_port(), missing = kt::free_port();
+  configure(reg, "exec", port, "--grace 1", UPCASE + " hang");
+  configure(reg, "solo", other, "--grace 1", UPCASE + " hang");
+  configure(reg, "none", missing, "", "C:\\no\\such\\program.exe");
+  {
+    kt::kivd d("-D3");
+    std::vector<SOCKET> open;
+    for (int p : {port, other}) {
+      open.push_back(connect_when_up(p));
+      ASSERT_NE(open.back(), INVALID_SOCKET);
+    }
+    ASSERT_TRUE(kt::poll([] { return processes_named("upcase.exe") == 2; }));
+    kt::client c;
+    EXPECT_EQ(c.command("disable " + std::to_string(port)), std::vector<std::string>{"+"});
+    EXPECT_TRUE(kt::poll([] { return processes_named("upcase.exe") == 1; }));
+
+    for (int i = 0; i < 2; i++) EXPECT_EQ(ask(missing, "x"), "") << i;
+    EXPECT_TRUE(kt::poll([&] { return d.log_count("kivexec: cannot start C:\\no\\such\\program.exe: error 2") == 2; }))
+        << d.err();
+    c.close();
+    d.quit();
+    for (SOCKET s : open) closesocket(s);
+  }
+  EXPECT_EQ(processes_named("upcase.exe"), 0);
+  EXPECT_EQ(processes_named("kivexec.exe"), 0);
+}
+
+// Bad command lines are refused with a reason, before anything is served.
+TEST(Kivexec, RefusesBadCommandLines) {
+  struct row {
+    const char *args, *err;
+  } rows[] = {
+      {"", "kivexec: no \"--\" before the program (kivexec [options] -- PROGRAM [ARGS...])\n"},
+      {"--max 3 --", "kivexec: no program after \"--\"\n"},
+      {"--max -- x", "kivexec: --max needs a value\n"},
+      {"--max 0 -- x", "kivexec: --max 0: not a number in range\n"},
+      {"--timeout 1x -- x", "kivexec: --timeout 1x: not a number in range\n"},
+      {"--bogus -- x", "kivexec: unknown option --bogus (--max, --per-ip, --timeout, --grace, --stderr)\n"},
+  };
+  for (auto &r : rows) {
+    kt::ran got = kt::run("\"" + KIVEXEC + "\" " + r.args);
+    EXPECT_EQ(got.err, r.err) << r.args;
+    EXPECT_EQ(got.code, 2u) << r.args;
+  }
+}
+
+}  // namespace
