@@ -49,7 +49,7 @@ int main(int argc, char **argv) {
     }
   }
   if (mode == "handles") put("handles=" + std::to_string(inherited_handles()) + "\n");
-  char buffer[4096];
+  static char buffer[65536];
   DWORD got = 0;
   while (ReadFile(GetStdHandle(STD_INPUT_HANDLE), buffer, sizeof buffer, &got, nullptr) && got > 0) {
     for (DWORD i = 0; i < got; i++) buffer[i] = static_cast<char>(toupper(static_cast<unsigned char>(buffer[i])));
