@@ -138,11 +138,14 @@ TEST(Kivexec, Limits) {
   EXPECT_TRUE(d.log_has("ran longer than 1 s: ended"));
 }
 
-// "remove" and "exit" from kivd end kivexec after its grace, and with it every program.
-// A program that cannot be started closes its connection; the next one is tried again.
+// "remove" and "exit" from kivd end kivexec after its grace, and with it every program;
+// so does a lifespan with nothing to do, and kivd listens again. A program that cannot
+// be started closes its connection; the next one is tried again.
 TEST(Kivexec, EndsWithItsPortsAndRefusesClearly) {
   kt::registry reg;
-  int port = kt::free_port(), other = kt::free_port(), missing = kt::free_port();
+  int port = kt::free_port(), other = kt::free_port(), missing = kt::free_port(), brief = kt::free_port();
+  configure(reg, "brief", brief, "", UPCASE);
+  reg.set("services\\brief", "lifespan", "1");
   configure(reg, "exec", port, "--grace 1", UPCASE + " hang");
   configure(reg, "solo", other, "--grace 1", UPCASE + " hang");
   configure(reg, "none", missing, "", "C:\\no\\such\\program.exe");
@@ -155,6 +158,16 @@ TEST(Kivexec, EndsWithItsPortsAndRefusesClearly) {
     }
     ASSERT_TRUE(kt::poll([] { return processes_named("upcase.exe") == 2; }));
     kt::client c;
+    const std::string idle = kt::port_line(brief, "brief", "Auto");
+    auto brief_idle = [&] {
+      for (auto &line : c.command("ls"))
+        if (line == idle) return true;
+      return false;
+    };
+    EXPECT_EQ(ask(brief, "a"), "AEND\n");
+    EXPECT_FALSE(brief_idle()) << "kivexec ended at once";
+    EXPECT_TRUE(kt::poll(brief_idle));
+    EXPECT_EQ(ask(brief, "b"), "BEND\n");
     EXPECT_EQ(c.command("disable " + std::to_string(port)), std::vector<std::string>{"+"});
     EXPECT_TRUE(kt::poll([] { return processes_named("upcase.exe") == 1; }));
 
