@@ -301,6 +301,12 @@ DWORD WINAPI accept_loop(void *arg) {
   for (;;) {
     HANDLE wait[2] = {stopping, slots};
     if (WaitForMultipleObjects(2, wait, FALSE, INFINITE) != WAIT_OBJECT_0 + 1) break;
+    // The port may have been removed while this thread waited for a place: its socket is
+    // closed, and the number may already name another socket.
+    if (sv->stopping) {
+      ReleaseSemaphore(slots, 1, nullptr);
+      break;
+    }
     SOCKET c = accept(sv->sock, nullptr, nullptr);
     if (c == INVALID_SOCKET) {
       ReleaseSemaphore(slots, 1, nullptr);
