@@ -29,9 +29,16 @@ std::string read_all(SOCKET s, int ms = 20000) {
   return got;
 }
 
+// A connection to port once kivd listens on it; INVALID_SOCKET when it never does.
+SOCKET connect_when_up(int port) {
+  SOCKET s = INVALID_SOCKET;
+  kt::poll([&] { return (s = kt::connect_to(port)) != INVALID_SOCKET; });
+  return s;
+}
+
 // A client that sends `line`, half-closes and reads the answer to the end.
 std::string ask(int port, const std::string &line) {
-  SOCKET s = kt::connect_to(port);
+  SOCKET s = connect_when_up(port);
   if (s == INVALID_SOCKET) return "<refused>";
   send(s, line.data(), static_cast<int>(line.size()), 0);
   shutdown(s, SD_SEND);
@@ -50,13 +57,6 @@ int processes_named(const char *exe) {
   return n;
 }
 
-// A connection to port once kivd listens on it; INVALID_SOCKET when it never does.
-SOCKET connect_when_up(int port) {
-  SOCKET s = INVALID_SOCKET;
-  kt::poll([&] { return (s = kt::connect_to(port)) != INVALID_SOCKET; });
-  return s;
-}
-
 unsigned short local_port(SOCKET s) {
   sockaddr_in a = {};
   int size = sizeof a;
@@ -68,10 +68,16 @@ unsigned short local_port(SOCKET s) {
 // the line, and inherits the connection and nothing else.
 TEST(Kivexec, TheConnectionIsTheProgramsInputAndOutput) {
   kt::registry reg;
-  int port = kt::free_port(), other = kt::free_port();
+  int port = kt::free_port(), other = kt::free_port(), err = kt::free_port(), quiet = kt::free_port();
   configure(reg, "exec", port, "", UPCASE + " env");
   configure(reg, "hold", other, "", UPCASE + " handles");
+  configure(reg, "err", err, "--stderr", UPCASE + " stderr");
+  configure(reg, "quiet", quiet, "", UPCASE + " stderr");
   kt::kivd d("-D3");
+  // Standard error goes to the connection with --stderr, else to kivexec's (kivd's log).
+  EXPECT_EQ(ask(err, "e"), "to stderr\nEEND\n");
+  EXPECT_EQ(ask(quiet, "q"), "QEND\n");
+  EXPECT_TRUE(d.log_has("to stderr"));
   SOCKET s = connect_when_up(port);
   ASSERT_NE(s, INVALID_SOCKET);
   send(s, "hello\nworld\n", 12, 0);

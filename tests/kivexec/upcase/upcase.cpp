@@ -2,6 +2,7 @@
 // standard output in capitals and writes "END" when its input ends. First argument:
 //   env      first the connection's names from the environment, one "NAME=value" a line
 //   handles  first "handles=N": the handles it inherited beyond its standard handles
+//   stderr   first "to stderr" on its standard error
 //   hang     nothing at all: it never ends by itself (ended after a minute, so that a
 //            failed test leaves nothing behind)
 #include <windows.h>
@@ -47,6 +48,10 @@ int main(int argc, char **argv) {
       DWORD n = GetEnvironmentVariableA(name, value, sizeof value);
       put(std::string(name) + "=" + std::string(value, n < sizeof value ? n : 0) + "\n");
     }
+  }
+  if (mode == "stderr") {
+    DWORD written = 0;
+    WriteFile(GetStdHandle(STD_ERROR_HANDLE), "to stderr\n", 10, &written, nullptr);
   }
   if (mode == "handles") put("handles=" + std::to_string(inherited_handles()) + "\n");
   static char buffer[65536];
