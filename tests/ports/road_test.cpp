@@ -3,7 +3,7 @@
 #include <regex>
 
 #include "ports/ssock.h"
-#include "tests/ports/fixture.h"
+#include "tests/support/ports.h"
 #include "toolkit/runtime/error.h"
 
 namespace porttest {

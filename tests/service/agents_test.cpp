@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "kivd_fixture.h"
+#include "tests/support/support.h"
 
 namespace {
 
