@@ -35,12 +35,6 @@ kt::registry *Console::reg;
 kt::kivd *Console::daemon;
 int Console::autoport, Console::hookport;
 
-TEST_F(Console, GreetingFirst) {
-  kt::client c(false);
-  ASSERT_NE(c.h, INVALID_HANDLE_VALUE) << c.error;
-  EXPECT_EQ(c.receive(), "KIVD v0.1");
-}
-
 TEST_F(Console, EveryCommandAndReply) {
   std::string a = std::to_string(autoport), h = std::to_string(hookport);
   std::string listing = kt::port_line(autoport, "svc", "Auto");
