@@ -50,10 +50,7 @@ struct Environment : ::testing::Environment {
 }  // namespace
 
 void set_port(unsigned port, const char *start, const char *service) {
-  set_port_key("s" + std::to_string(port), start, service);
-}
-void set_port_key(const std::string &key, const char *start, const char *service) {
-  set_values("tcp\\" + key, {{"start", start}, {"service", service}});
+  set_values("tcp\\s" + std::to_string(port), {{"start", start}, {"service", service}});
 }
 void set_service(const std::string &name, const std::string &program, const char *lifespan) {
   set_values("services\\" + name, {{"program", program.c_str()}, {"lifespan", lifespan}});

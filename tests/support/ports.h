@@ -24,7 +24,6 @@ constexpr time_t START_TIME = 1800000000;
 
 // Registry under HKEY_LOCAL_MACHINE\SOFTWARE\Orvane\Agents. A null value is left out.
 void set_port(unsigned port, const char *start, const char *service);
-void set_port_key(const std::string &key, const char *start, const char *service);  // key below tcp
 void set_service(const std::string &name, const std::string &program, const char *lifespan = nullptr);
 void set_global(const std::string &name, const char *start, const std::string &program);
 void remove_key(const std::string &subkey);  // e.g. "tcp\\s1234"
