@@ -1,6 +1,7 @@
 // kivd.exe in console mode, driven over the real control pipe.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 #include "tests/support/support.h"
@@ -267,11 +268,13 @@ TEST(ConsoleEnd, AClientThatNeverReadsIsHungUpOn) {
   kt::kivd d("-D3");
   ASSERT_TRUE(kt::poll([&] { return d.log_count("Listening on port ") >= 100; }, 60000));
   kt::client flood;
+  std::atomic<int> sent{0};
+  std::atomic<bool> stopped{false};
   std::thread sender([&] {
-    for (int i = 0; i < 20000 && flood.send("ls"); i++) {
-    }
+    while (sent < 20000 && flood.send("ls")) sent++;
+    stopped = true;
   });
-  Sleep(200);
+  EXPECT_TRUE(kt::poll([&] { return sent >= 10 || stopped; }));  // the flood is under way
   kt::client other;
   double begin = kt::now_ms();
   replies ls = other.command("ls");

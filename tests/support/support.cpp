@@ -420,7 +420,6 @@ double now_ms() {
   return double(t.QuadPart) * 1e3 / double(freq.QuadPart);
 }
 
-
 namespace {
 
 // The system's table of every open handle (SystemExtendedHandleInformation), counted for
