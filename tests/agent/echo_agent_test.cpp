@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/agent/launcher.h"
+#include "tests/support/support.h"
+
+using namespace kt;
 
 namespace {
 
@@ -26,9 +28,9 @@ struct echo_run {
 // lines of between and "lifespan".
 bool start_echo(echo_run *run, const std::vector<unsigned> &handed, const std::vector<unsigned> &on,
                 const std::string &lifespan, const std::vector<std::string> &between = {}) {
-  if (!launch(beside_me(ECHO_AGENT), &run->l)) return false;
+  if (!launch(echo_agent_exe(), &run->l)) return false;
   for (size_t i = 0; i < handed.size(); i++) {
-    std::string line = port_line(run->held[i], handed[i], run->l.pid);
+    std::string line = handover_line(run->held[i], handed[i], run->l.pid);
     if (line.empty() || !send_line(run->l.pipe, line)) return false;
   }
   for (unsigned port : on)
@@ -43,8 +45,8 @@ bool start_echo(echo_run *run, const std::vector<unsigned> &handed, const std::v
 std::vector<unsigned> listen_n(echo_run *run, int n) {
   std::vector<unsigned> ports;
   for (int i = 0; i < n; i++) {
-    unsigned port;
-    run->held.push_back(listen_loopback(&port));
+    unsigned port = 0;
+    run->held.push_back(listen_on(&port));
     ports.push_back(port);
   }
   return ports;
@@ -53,25 +55,22 @@ std::vector<unsigned> listen_n(echo_run *run, int n) {
 // Connects once the port accepts, polling up to the deadline: for the ports the agent
 // opens itself.
 SOCKET connect_when(unsigned port) {
-  for (ULONGLONG end = GetTickCount64() + DEADLINE_MS; GetTickCount64() < end; Sleep(20)) {
-    SOCKET c = connect_loopback(port);
-    if (c != INVALID_SOCKET) return c;
-  }
-  return INVALID_SOCKET;
+  SOCKET c = INVALID_SOCKET;
+  poll([&] { return (c = connect_to(port)) != INVALID_SOCKET; }, DEADLINE_MS);
+  return c;
 }
 
 // True once connections to port are refused, polling up to the deadline.
 bool refused_soon(unsigned port) {
-  for (ULONGLONG end = GetTickCount64() + DEADLINE_MS; GetTickCount64() < end; Sleep(20)) {
-    SOCKET c = connect_loopback(port);
-    if (c == INVALID_SOCKET) return true;
-    closesocket(c);
-  }
-  return false;
+  return poll([&] {
+    SOCKET c = connect_to(port);
+    if (c != INVALID_SOCKET) closesocket(c);
+    return c == INVALID_SOCKET;
+  }, DEADLINE_MS);
 }
 
 bool serves(unsigned port, const std::string &text) {
-  SOCKET c = connect_loopback(port);
+  SOCKET c = connect_to(port);
   bool ok = c != INVALID_SOCKET && echoes(c, text);
   if (c != INVALID_SOCKET) closesocket(c);
   return ok;
@@ -84,11 +83,11 @@ TEST(EchoAgent, ServesHandedAndOnPortsWithClientsAtOnce) {
   std::vector<unsigned> ports = listen_n(&run, 2);
   unsigned on = free_port();
   // The connection that makes the manager start an agent is waiting before the launch.
-  SOCKET first = connect_loopback(ports[0]);
+  SOCKET first = connect_to(ports[0]);
   ASSERT_NE(INVALID_SOCKET, first);
   ASSERT_TRUE(start_echo(&run, ports, {on}, "600"));
 
-  SOCKET second = connect_loopback(ports[0]);
+  SOCKET second = connect_to(ports[0]);
   ASSERT_NE(INVALID_SOCKET, second);
   // The second client is served while the first is connected and silent, then both.
   EXPECT_TRUE(echoes(second, "second"));
@@ -110,7 +109,7 @@ TEST(EchoAgent, RemoveStopsServingOnlyThatPort) {
   echo_run run;
   std::vector<unsigned> ports = listen_n(&run, 2);
   ASSERT_TRUE(start_echo(&run, ports, {}, "600"));
-  SOCKET client = connect_loopback(ports[0]);
+  SOCKET client = connect_to(ports[0]);
   ASSERT_TRUE(echoes(client, "before"));
 
   ASSERT_TRUE(send_line(run.l.pipe, "remove tcp::" + std::to_string(ports[0])));
@@ -131,7 +130,7 @@ TEST(EchoAgent, EndsWithZeroOnExitAndOnPipeClose) {
     std::vector<unsigned> ports = listen_n(&run, 1);
     ASSERT_TRUE(start_echo(&run, ports, {}, "600"));
     // Even with a client connected.
-    SOCKET client = connect_loopback(ports[0]);
+    SOCKET client = connect_to(ports[0]);
     ASSERT_TRUE(echoes(client, "hello"));
     if (by_exit) {
       ASSERT_TRUE(send_line(run.l.pipe, "exit"));
@@ -155,7 +154,7 @@ TEST(EchoAgent, LifespanCountsOnlyTimeWithoutClients) {
   // A client held past the lifespan keeps it; once the client leaves, the count begins.
   echo_run run;
   std::vector<unsigned> ports = listen_n(&run, 1);
-  SOCKET client = connect_loopback(ports[0]);
+  SOCKET client = connect_to(ports[0]);
   ASSERT_TRUE(start_echo(&run, ports, {}, "1"));
   ASSERT_TRUE(echoes(client, "first"));
   Sleep(2500);  // well past the lifespan of 1 s, with the client still connected
@@ -171,7 +170,7 @@ TEST(EchoAgent, ReconfigAndGarbledLinesDisturbNothing) {
       std::string(3000, 'x'), "lifespan", "exit now", "remove tcp::", "remove tcp::99999", "--"};
   echo_run run;
   std::vector<unsigned> ports = listen_n(&run, 1);
-  SOCKET client = connect_loopback(ports[0]);
+  SOCKET client = connect_to(ports[0]);
   // Garbled lines during the start-up (between "--" and "lifespan") and after it.
   ASSERT_TRUE(start_echo(&run, ports, {}, "600", garbled));
   ASSERT_TRUE(echoes(client, "before"));

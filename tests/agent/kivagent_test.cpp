@@ -1,5 +1,6 @@
 // kivagent in this process: the lines come from a pipe the test writes, the sockets are
 // duplicated for this process's own id, exactly as the manager would for a child.
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -7,14 +8,17 @@
 
 #include <gtest/gtest.h>
 
+#include "agent/kivagent.h"
 #include "lib/b64.h"
-#include "tests/agent/launcher.h"
+#include "tests/support/support.h"
 #include "toolkit/runtime/error.h"
 
 // Agents see the same result numbers as the port manager's own log lines.
 static_assert(KIVAGENT_ENOMEM == KIV_ENOMEM && KIVAGENT_EOF == KIV_EOF && KIVAGENT_EINVAL == KIV_EINVAL &&
                   KIVAGENT_EOVERFLOW == KIV_EOVERFLOW && KIVAGENT_ESYS == KIV_ESYS,
               "kivagent's codes are the toolkit's");
+
+using namespace kt;
 
 namespace {
 
@@ -42,6 +46,7 @@ int start(kivagent *a, feed *f, const std::vector<std::string> &lines, unsigned 
           const std::vector<std::string> &args = {}, bool close_after = false) {
   HANDLE rd = nullptr;
   if (!CreatePipe(&rd, &f->wr, nullptr, 0)) return -100;
+  SetHandleInformation(rd, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);  // as an agent inherits it
   char pipearg[32];
   snprintf(pipearg, sizeof pipearg, "-C%#x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(rd)));
   f->args = args;
@@ -70,8 +75,9 @@ kivagent_event next_event(kivagent *a) {
 }
 
 std::string handed(SOCKET *orig, unsigned *port) {
-  *orig = listen_loopback(port);
-  return port_line(*orig, *port, GetCurrentProcessId());
+  *port = 0;
+  *orig = listen_on(port);
+  return handover_line(*orig, *port, GetCurrentProcessId());
 }
 
 std::string b64_of(size_t count, unsigned char fill) {
@@ -101,6 +107,13 @@ TEST(KivAgent, StartUpRebuildsHandedOverSocketsInOrder) {
   EXPECT_EQ(7ul, a.lifespan);
   EXPECT_STREQ("3;ssock;>c:/kivd.txt", a.debug);
   EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(a.event, 0)) << "no event after a clean start-up";
+  // Nothing of the library's own passes to the agent's children: its pipe, its event.
+  HANDLE pipe = reinterpret_cast<HANDLE>(strtoull(f.args.back().c_str() + 2, nullptr, 16));
+  for (HANDLE h : {pipe, a.event}) {
+    DWORD inherit = 1;
+    EXPECT_TRUE(GetHandleInformation(h, &inherit)) << h;
+    EXPECT_EQ(0u, inherit & HANDLE_FLAG_INHERIT) << (h == pipe ? "the pipe" : "the event");
+  }
   kivagent_event ev;
   EXPECT_EQ(0, kivagent_next(&a, &ev));
   EXPECT_EQ(KIVAGENT_NONE, ev.kind);
@@ -109,7 +122,7 @@ TEST(KivAgent, StartUpRebuildsHandedOverSocketsInOrder) {
   closesocket(orig1);
   closesocket(orig2);
   for (unsigned i : {0u, 2u}) {
-    SOCKET c = connect_loopback(a.ports[i].port);
+    SOCKET c = connect_to(a.ports[i].port);
     ASSERT_NE(INVALID_SOCKET, c) << a.ports[i].port;
     SOCKET s = accept(a.ports[i].sock, nullptr, nullptr);
     EXPECT_NE(INVALID_SOCKET, s) << a.ports[i].port << " error " << WSAGetLastError();
@@ -150,7 +163,7 @@ TEST(KivAgent, HandedOverSocketsTakeTheModeAsked) {
       // Still waiting for a client after a while: the socket blocks. (A slow machine can
       // only make this pass wrongly, never fail wrongly.)
       Sleep(300);
-      SOCKET c = connect_loopback(port);
+      SOCKET c = connect_to(port);
       t.join();
       EXPECT_NE(INVALID_SOCKET, got) << "accept on the blocking copy failed with " << err;
       closesocket(got);
@@ -250,6 +263,22 @@ TEST(KivAgent, CommandsArriveAsEventsWithoutBlocking) {
     EXPECT_EQ(0, kivagent_next(&a, &ev)) << c.line;
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(a.event, 0)) << "event left set after " << c.line;
   }
+  // Many commands pending before the agent asks, arriving while it takes some: every one
+  // kept, in order, as the queue grows.
+  auto removes = [&](unsigned from, unsigned to) {
+    std::string text;
+    for (unsigned port = from; port <= to; port++) text += "remove tcp::" + std::to_string(port) + "\r\n";
+    DWORD put;
+    ASSERT_TRUE(WriteFile(f.wr, text.data(), DWORD(text.size()), &put, nullptr));
+  };
+  removes(1, 10);
+  for (unsigned port = 1; port <= 50; port++) {
+    if (port == 6) removes(11, 50);
+    ev = next_event(&a);
+    ASSERT_EQ(KIVAGENT_REMOVE, ev.kind) << port;
+    EXPECT_EQ(port, ev.port);
+  }
+  EXPECT_EQ(0, kivagent_next(&a, &ev));
   // An empty write, a line without CR, several lines in one write, the end of the pipe.
   DWORD put;
   ASSERT_TRUE(WriteFile(f.wr, "", 0, &put, nullptr));
@@ -292,7 +321,7 @@ TEST(KivAgent, CommandLineAndEarlyEnd) {
     EXPECT_EQ(with_port ? 1u : 0u, a.nports);
     EXPECT_EQ(KIVAGENT_CLOSED, next_event(&a).kind);
     kivagent_end(&a);
-    if (with_port) line = port_line(orig, port, GetCurrentProcessId());
+    if (with_port) line = handover_line(orig, port, GetCurrentProcessId());
   }
   closesocket(orig);
 }
@@ -301,7 +330,7 @@ TEST(KivAgent, ListenAndDrop) {
   unsigned port = free_port();
   SOCKET sock;
   ASSERT_EQ(0, kivagent_listen(port, KIVAGENT_NONBLOCKING, &sock));
-  SOCKET c = connect_loopback(port);
+  SOCKET c = connect_to(port);
   EXPECT_NE(INVALID_SOCKET, c) << "listens on all addresses, loopback included";
   closesocket(c);
   SOCKET again;
@@ -318,7 +347,7 @@ TEST(KivAgent, ListenAndDrop) {
   EXPECT_EQ(KIVAGENT_EINVAL, kivagent_drop(&a, port + 1));
   EXPECT_EQ(0, kivagent_drop(&a, port));
   EXPECT_EQ(INVALID_SOCKET, a.ports[0].sock);
-  EXPECT_EQ(INVALID_SOCKET, connect_loopback(port)) << "dropped, so refused";
+  EXPECT_EQ(INVALID_SOCKET, connect_to(port)) << "dropped, so refused";
   EXPECT_EQ(0, kivagent_drop(&a, port)) << "dropping twice is harmless";
   f.close();
   kivagent_end(&a);

@@ -7,7 +7,7 @@
 #include <set>
 #include <sstream>
 
-#include "kivd_fixture.h"
+#include "tests/support/support.h"
 
 namespace {
 

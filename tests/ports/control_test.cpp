@@ -1,6 +1,6 @@
 // The disable and enable commands with the listing, shutdown, and a thousand ports.
 #include "ports/ssock.h"
-#include "tests/ports/fixture.h"
+#include "tests/support/ports.h"
 #include "toolkit/runtime/error.h"
 
 namespace porttest {

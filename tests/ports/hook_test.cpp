@@ -1,7 +1,7 @@
 // Ports hooked at run time (with and without a parent process) and the bounded texts
 // of an agent's command line.
 #include "ports/ssock.h"
-#include "tests/ports/fixture.h"
+#include "tests/support/ports.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/log.h"
 
@@ -41,6 +41,7 @@ TEST_F(Hook, HookedPortWithoutParentServesOnlyItselfAndGoesOnRemove) {
   for (auto op : {ssock_remove, ssock_disable, ssock_enable})  // not hooked yet: no record
     EXPECT_EQ(KIV_ENOTFOUND, op(int(hooked)));
   ASSERT_EQ(0, ssock_add(int(hooked), nullptr, "x y"));
+  ASSERT_EQ(0, ssock_reconfig());  // a hooked port outlives a reconfiguration
   EXPECT_EQ(KIV_ECONFIG, ssock_disable(int(hooked)));
   EXPECT_EQ(KIV_ECONFIG, ssock_enable(int(hooked)));
   EXPECT_EQ(lines({line_of(hooked, "svc", "Hook"), line_of(other, "svc", "Auto")}), listing());
@@ -55,6 +56,10 @@ TEST_F(Hook, HookedPortWithoutParentServesOnlyItselfAndGoesOnRemove) {
   ASSERT_EQ(3u, got.size()) << testing::PrintToString(got);  // the hooked port alone
   EXPECT_EQ("-Ptcp::" + std::to_string(hooked) + "@", got[0].substr(0, 8 + std::to_string(hooked).size()));
   EXPECT_EQ(program + " -D3 x y", before_pipe(cmd_of(rec)));
+  // Held by its agent across a reconfiguration: the agent only hears "reconfig".
+  ASSERT_EQ(0, ssock_reconfig());
+  ASSERT_TRUE(pump_until([&] { return pipe_lines(rec, pid).size() == 4; }));
+  EXPECT_EQ("reconfig", pipe_lines(rec, pid).back());
   waitlist w = wait_list();
   EXPECT_EQ(1u, w.events);
   EXPECT_EQ(std::vector<DWORD>{pid}, w.pids);
@@ -77,6 +82,7 @@ TEST_F(Hook, HookedPortLivesAsLongAsItsParent) {
 
   EXPECT_EQ(KIV_ESYS, ssock_add(int(p[1]), "0", nullptr));  // no such process
   ASSERT_EQ(0, ssock_add(int(p[0]), pid.c_str(), nullptr));
+  ASSERT_EQ(0, ssock_reconfig());
   EXPECT_EQ(KIV_EBUSY, ssock_add(int(p[0]), stranger.pid.c_str(), nullptr));
   EXPECT_EQ(lines({line_of(p[0], "svc", "Hook") + " Parent=" + pid}), listing());
   waitlist w = wait_list();

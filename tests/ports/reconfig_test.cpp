@@ -2,7 +2,7 @@
 #include <algorithm>
 
 #include "ports/ssock.h"
-#include "tests/ports/fixture.h"
+#include "tests/support/ports.h"
 #include "toolkit/runtime/error.h"
 
 namespace porttest {

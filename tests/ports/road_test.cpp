@@ -3,7 +3,7 @@
 #include <regex>
 
 #include "ports/ssock.h"
-#include "tests/ports/fixture.h"
+#include "tests/support/ports.h"
 #include "toolkit/runtime/error.h"
 
 namespace porttest {
@@ -154,24 +154,24 @@ TEST_F(Road, OnPortKeepsOneAgentThatListensByItself) {
   EXPECT_EQ(1u, wait_list().pids.size());
 }
 
-// Checked from inside: two agents run side by side; neither inherited a listening socket
-// nor the other's pipe, and each has its own read end.
-TEST_F(Road, AgentsInheritNoListeningSocketAndNoOtherPipe) {
-  auto p = free_ports(3);
-  std::string rec = record_path("inherit");
-  set_service("a", agent_program(rec));
-  set_service("b", agent_program(rec));
-  set_port(p[0], "auto", "a");
-  set_port(p[1], "auto", "b");
-  set_port(p[2], "auto", "b");
+// The echo agent (the real agent library) behind the manager: it reads the manager's own
+// lines, serves both ports of its service, and ends with 0 when shutdown says "exit".
+TEST_F(Road, TheEchoAgentServesEveryPortOfItsServiceAndExitsOnShutdown) {
+  auto p = svc_ports(2, "auto", "\"" + kt::echo_agent_exe() + "\"");
   ASSERT_EQ(0, ssock_reconfig());
-  start_agent_on(p[0], rec);
-  start_agent_on(p[1], rec);  // while the first runs, with its pipe open
-  auto pids = agents(rec);
-  ASSERT_EQ(2u, pids.size());
-  EXPECT_EQ(2u, wait_list().pids.size());
-  for (DWORD pid : pids)
-    EXPECT_TRUE(has_text(rec, "#handles listening=0 sockets=0 pipes=0 other=0 own=1", pid)) << testing::PrintToString(texts(rec, pid));
+  SOCKET first = connect_to(p[1]);
+  ASSERT_TRUE(pump_until([] { return wait_list().pids.size() == 1; }));
+  HANDLE agent = open_process(wait_list().pids[0]);
+  EXPECT_TRUE(kt::echoes(first, "first\n"));
+  SOCKET second = connect_to(p[0]);
+  EXPECT_TRUE(kt::echoes(second, "second\n"));
+  EXPECT_TRUE(kt::echoes(first, "first again\n"));
+  closesocket(first);
+  closesocket(second);
+  cleaned_up = true;
+  ASSERT_EQ(0, ssock_cleanup());
+  EXPECT_EQ(0u, exit_code(agent));
+  EXPECT_EQ(0, logged("timeout"));
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // The restart rules that take a port or a program out of service for a time: the agent
 // start throttle, the program start throttle, a port that cannot be bound.
 #include "ports/ssock.h"
-#include "tests/ports/fixture.h"
+#include "tests/support/ports.h"
 
 namespace porttest {
 namespace {

@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -407,23 +408,32 @@ TEST_F(Ports, Sendcmd) {
 }
 
 // Shutdown waits for more agents than one wait can take, group by group within one
-// 5-second limit. Agents here are events: set means ended.
+// 5-second limit in all. Agents here are events: set means ended.
 TEST_F(Ports, CleanupWaitsInGroups) {
   constexpr int AGENTS = MAXIMUM_WAIT_OBJECTS + 6;
   struct row {
-    int running;  // index of the agent that does not end, -1 for none
+    int running;  // index of the agent that does not end in time, -1 for none
     bool timeout;
   } rows[] = {{-1, false}, {AGENTS - 1, true}, {0, true}};
   for (const row &r : rows) {
     ssock_reset();
     logged.clear();
     service_record *echo = addservice("echo");
+    HANDLE late = nullptr;
     for (int i = 0; i < AGENTS; i++) {
       auto *c = static_cast<child_record *>(kiv_zalloc(sizeof(child_record), "test"));
       c->process = CreateEventA(nullptr, TRUE, i != r.running, nullptr);
+      if (i == r.running)
+        DuplicateHandle(GetCurrentProcess(), c->process, GetCurrentProcess(), &late, 0, FALSE, DUPLICATE_SAME_ACCESS);
       c->links = 1;
       addport(1000 + i, echo, START_AUTO)->agent = c;
     }
+    // It ends a second into shutdown, after the limit is spent: a group that waited a
+    // limit of its own would see it end.
+    std::thread ender([late] {
+      Sleep(1000);
+      if (late) SetEvent(late);
+    });
     // Each reading of the tick moves it by six seconds: a later group finds the limit
     // spent and waits no more.
     ticks = 0;
@@ -435,6 +445,8 @@ TEST_F(Ports, CleanupWaitsInGroups) {
     int held = 0;
     for (port_record *p = ssock_ports; p; p = p->next) held += p->agent != nullptr;
     EXPECT_EQ(r.timeout ? 0 : AGENTS, held) << r.running;
+    ender.join();
+    if (late) CloseHandle(late);
   }
 }
 

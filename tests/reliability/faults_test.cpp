@@ -3,8 +3,7 @@
 // under it, and kivd itself killed while agents hold its ports.
 #include <gtest/gtest.h>
 
-#include "tests/reliability/usage.h"
-#include "tests/service/kivd_fixture.h"
+#include "tests/support/support.h"
 
 namespace {
 
@@ -42,12 +41,12 @@ TEST(Faults, RegistryRootDeletedWhileRunningThenReconfig) {
   ASSERT_EQ(RegDeleteTreeA(HKEY_LOCAL_MACHINE, ROOT), ERROR_SUCCESS);
   kt::client c;
   // Nothing read yet: the running configuration stands until it is asked to change.
-  EXPECT_EQ(rel::listed_ports(c.command("ls")).size(), 2u);
+  EXPECT_EQ(kt::listed_ports(c.command("ls")).size(), 2u);
   EXPECT_EQ(c.command("reconfig"), std::vector<std::string>{"+"});
   // No ".tcp" to walk: every port goes, the held one once its agent has been told and ended.
   EXPECT_EQ(WaitForSingleObject(agent, 20000), WAIT_OBJECT_0) << "the agent of a removed port ends";
   CloseHandle(agent);
-  EXPECT_TRUE(kt::poll([&] { return rel::listed_ports(c.command("ls")).empty(); }));
+  EXPECT_TRUE(kt::poll([&] { return kt::listed_ports(c.command("ls")).empty(); }));
   EXPECT_EQ(kt::connect_to(ports[0]), INVALID_SOCKET);
   EXPECT_EQ(kt::connect_to(ports[1]), INVALID_SOCKET);
 
@@ -82,7 +81,7 @@ TEST(Faults, KivdKilledWhileAgentsHoldPorts) {
     for (int i = 0; i < 3; i++) ASSERT_TRUE(kt::poll([&] { return kt::echoes(ports[i]); })) << ports[i];
     ASSERT_NE(hello_on(ports[3]).find("agent "), std::string::npos);
     kt::client c;
-    for (auto &line : rel::listed_ports(c.command("ls")))
+    for (auto &line : kt::listed_ports(c.command("ls")))
       if (unsigned pid = agent_of(line))
         agents.push_back(OpenProcess(SYNCHRONIZE, FALSE, pid));
     ASSERT_EQ(agents.size(), 4u);

@@ -12,8 +12,7 @@
 #include <thread>
 
 #include "tests/reliability/run_size.h"
-#include "tests/reliability/usage.h"
-#include "tests/service/kivd_fixture.h"
+#include "tests/support/support.h"
 
 namespace {
 
@@ -98,7 +97,7 @@ void cycles(int index, int port, int from, int to, int per_agent, tally *t) {
 // wakes the loop.
 bool all_idle(const std::vector<int> &ports, std::string *listing) {
   kt::client c;
-  auto lines = rel::listed_ports(c.command("ls"));
+  auto lines = kt::listed_ports(c.command("ls"));
   listing->clear();
   for (auto &l : lines) *listing += l + "\n";
   if (lines.size() != ports.size()) return false;
@@ -142,22 +141,22 @@ TEST(Soak, ConnectionsAgentEndsAndNothingLeaks) {
   // Warm-up: one agent of each end kind per port, so every path has run once.
   run(0, END_KINDS);
   ASSERT_TRUE(kt::poll([&] { return all_idle(ports, &listing); })) << listing;
-  rel::usage warm, end;
-  ASSERT_TRUE(rel::usage_of(d.pid, &warm));
+  kt::usage warm, end;
+  ASSERT_TRUE(kt::usage_of(d.pid, &warm));
   run(END_KINDS, agents);
   ASSERT_TRUE(kt::poll([&] { return all_idle(ports, &listing); })) << listing;
-  ASSERT_TRUE(rel::usage_of(d.pid, &end));
+  ASSERT_TRUE(kt::usage_of(d.pid, &end));
   double seconds = (GetTickCount() - t0) / 1000.0;
 
   for (auto &f : t.faults) ADD_FAILURE() << f;
   EXPECT_EQ(t.agents.load(), PORTS * (agents + 2));  // each run ends with an agent more
   EXPECT_GE(t.served.load(), n);
-  EXPECT_LE(end.handles, warm.handles + SLACK_HANDLES) << rel::describe(warm, end);
-  EXPECT_LE(end.private_bytes, warm.private_bytes + SLACK_BYTES) << rel::describe(warm, end);
+  EXPECT_LE(end.handles, warm.handles + SLACK_HANDLES) << kt::describe(warm, end);
+  EXPECT_LE(end.private_bytes, warm.private_bytes + SLACK_BYTES) << kt::describe(warm, end);
   EXPECT_EQ(WaitForSingleObject(d.h, 0), WAIT_TIMEOUT) << "kivd ended";
   char figures[256];
   snprintf(figures, sizeof figures, "%d connections served, %d refused and %d dropped by the rules, %d agents, %.1f s; %s",
-           t.served.load(), t.refused.load(), t.dropped.load(), t.agents.load(), seconds, rel::describe(warm, end).c_str());
+           t.served.load(), t.refused.load(), t.dropped.load(), t.agents.load(), seconds, kt::describe(warm, end).c_str());
   rel::summary("soak", figures);
   d.quit();
   EXPECT_EQ(d.exit_code(), 0u);

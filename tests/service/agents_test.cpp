@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "kivd_fixture.h"
+#include "tests/support/support.h"
 
 namespace {
 
@@ -30,35 +30,6 @@ std::string log_of(const std::string &log, int port) {
 
 std::string agent_program(const std::string &record) {
   return "\"" + kt::testagent_exe() + "\" -F" + record;
-}
-
-TEST(Agents, AConnectionThroughKivdReachesTheAgent) {
-  ASSERT_NE(kt::testagent_exe(), "");
-  kt::registry reg;
-  std::string record = record_file();
-  int port = kt::free_port();
-  reg.service("echo", agent_program(record));
-  reg.port(port, "auto", "echo");
-  kt::kivd d("-D3");
-  ASSERT_TRUE(d.log_has("Listening on port " + std::to_string(port)));
-  SOCKET s = kt::connect_to(port);
-  ASSERT_NE(s, INVALID_SOCKET);
-  std::string hello = kt::read_line(s);
-  EXPECT_EQ(hello.rfind("agent ", 0), 0u) << hello;
-  EXPECT_NE(hello.find(" port " + std::to_string(port)), std::string::npos) << hello;
-  unsigned pid = 0;
-  sscanf(hello.c_str(), "agent %u", &pid);
-  {
-    kt::client c;
-    auto ls = c.command("ls");
-    ASSERT_EQ(ls.size(), 3u);
-    EXPECT_NE(ls[1].find(" Agent=" + std::to_string(pid)), std::string::npos) << ls[1];
-  }
-  closesocket(s);
-  d.quit();
-  EXPECT_EQ(d.exit_code(), 0u);
-  EXPECT_EQ(d.log_count("timeout"), 0) << "the agent ends when told to exit";
-  DeleteFileA(record.c_str());
 }
 
 // Checked from inside an agent: started while kivd holds its log file, listening

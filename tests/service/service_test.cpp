@@ -5,7 +5,7 @@
 #include <sddl.h>
 #include <tlhelp32.h>
 
-#include "kivd_fixture.h"
+#include "tests/support/support.h"
 #include "service/sserv.h"
 #include "lib/heap.h"
 #include "toolkit/runtime/error.h"

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "ports/ssock.h"
-#include "tests/agent/launcher.h"
-#include "tests/ports/fixture.h"
+#include "bench/windows/bench.h"
+#include "tests/support/ports.h"
 #include "toolkit/config/info.h"
 #include "toolkit/runtime/clock.h"
 
@@ -35,7 +35,7 @@ double managed_launch(unsigned port) {
   if (ssock_waitset(&handles, &due) != 1) return -1;
   HANDLE idle = handles[0];
   double t0 = seconds_now();
-  SOCKET c = connect_loopback(port);
+  SOCKET c = connect_to(port);
   if (c == INVALID_SOCKET) return -1;
   // The main loop's wait and dispatch, up to the moment the agent holds the port.
   bool handed = porttest::pump_until([&] { return ssock_waitset(&handles, &due) == 1 && handles[0] != idle; }, 20000);
@@ -53,7 +53,7 @@ double baseline_launch() {
   launched l;
   SOCKET orig;
   unsigned port;
-  double t = cold_launch(beside_me(ECHO_AGENT), &l, &orig, &port);
+  double t = cold_launch(echo_agent_exe(), &l, &orig, &port);
   send_line(l.pipe, "exit");
   if (wait_exit(l, 20000) < 0) t = -1;
   end_launch(&l);
@@ -78,7 +78,7 @@ int main() {
   kiv_setclock(bench_time, nullptr);
   clear_config();
   unsigned port = porttest::free_ports(1)[0];
-  porttest::set_service("echo", "\"" + beside_me(ECHO_AGENT) + "\"", "600");
+  porttest::set_service("echo", "\"" + echo_agent_exe() + "\"", "600");
   porttest::set_port(port, "auto", "echo");
   ssock_reconfig();
 

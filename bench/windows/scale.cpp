@@ -13,8 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/reliability/usage.h"
-#include "tests/service/kivd_fixture.h"
+#include "bench/windows/bench.h"
 
 namespace {
 
@@ -38,7 +37,7 @@ double round_trip(kt::client *c, const std::string &line, size_t *elements) {
 struct figures {
   int ports, agents;
   double startup_ms, ls_ms, reconfig_ms;
-  rel::usage use;
+  kt::usage use;
 };
 
 bool measure(int nports, int nagents, figures *f) {
@@ -74,7 +73,7 @@ bool measure(int nports, int nagents, figures *f) {
   f->ls_ms = round_trip(&c, "ls", &elements);
   if (elements != size_t(nports + 3)) fprintf(stderr, "bench_scale: ls gave %zu elements\n", elements);
   f->reconfig_ms = round_trip(&c, "reconfig", &elements);
-  bool ok = rel::usage_of(d.pid, &f->use);
+  bool ok = kt::usage_of(d.pid, &f->use);
   c.close();
   d.quit();
   return ok;

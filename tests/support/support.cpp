@@ -1,9 +1,15 @@
-#include "kivd_fixture.h"
+#include "tests/support/support.h"
+
+#include <psapi.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <sstream>
+
+#include "lib/b64.h"
 
 namespace kt {
 
@@ -32,6 +38,17 @@ struct winsock {
     WSAStartup(MAKEWORD(2, 2), &w);
   }
 } started;
+
+// A TCP socket no agent inherits, and the loopback address with port.
+SOCKET loopback_socket(unsigned port, sockaddr_in &a) {
+  SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  if (s != INVALID_SOCKET) SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
+  a = sockaddr_in{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a.sin_port = htons(static_cast<u_short>(port));
+  return s;
+}
 
 int temp_counter;
 std::string temp_file(const char *what) {
@@ -64,10 +81,8 @@ std::string build_dir() {
 }
 std::string kivd_exe() { return build_dir() + "\\service\\kivd.exe"; }
 std::string kivctl_exe() { return build_dir() + "\\tools\\kivctl\\kivctl.exe"; }
-std::string testagent_exe() {
-  std::string p = build_dir() + "\\tests\\testagent\\testagent.exe";
-  return GetFileAttributesA(p.c_str()) == INVALID_FILE_ATTRIBUTES ? "" : p;
-}
+std::string testagent_exe() { return build_dir() + "\\tests\\testagent\\testagent.exe"; }
+std::string echo_agent_exe() { return build_dir() + "\\agent\\echo-agent.exe"; }
 
 bool poll(const std::function<bool()> &done, int ms) {
   DWORD start = GetTickCount();
@@ -78,19 +93,19 @@ bool poll(const std::function<bool()> &done, int ms) {
   }
 }
 
-registry::registry() { RegDeleteTreeA(HKEY_LOCAL_MACHINE, ROOT); }
-registry::~registry() { RegDeleteTreeA(HKEY_LOCAL_MACHINE, ROOT); }
-
-void registry::set(const std::string &key, const std::string &value, const std::string &text) {
+bool set_value(const std::string &key, const std::string &value, const std::string &text) {
   HKEY k;
   std::string path = std::string(ROOT) + "\\" + key;
   if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &k,
                       nullptr) != ERROR_SUCCESS)
-    return;
-  RegSetValueExA(k, value.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE *>(text.c_str()),
-                 static_cast<DWORD>(text.size() + 1));
+    return false;
+  bool ok = RegSetValueExA(k, value.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE *>(text.c_str()),
+                           static_cast<DWORD>(text.size() + 1)) == ERROR_SUCCESS;
   RegCloseKey(k);
+  return ok;
 }
+
+void remove_root() { RegDeleteTreeA(HKEY_LOCAL_MACHINE, ROOT); }
 
 void registry::port(int port, const char *start, const char *service) {
   std::string key = "tcp\\s" + std::to_string(port);
@@ -103,20 +118,17 @@ void registry::service(const char *name, const std::string &program) {
 }
 
 int free_port() {
-  // Below the range the system hands out for outgoing connections (Linux's, under Wine,
-  // starts at 32768), so that no client socket takes the port before kivd listens.
+  // Linux's range for outgoing connections, which Wine uses, starts at 32768; below
+  // 10000 lie the ports other programs are configured to take.
   static unsigned seed = GetCurrentProcessId() * 7919u + GetTickCount();
   for (;;) {
     seed = seed * 1103515245u + 12345u;
-    int port = 20000 + static_cast<int>((seed >> 8) % 12000);
-    SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    sockaddr_in a = {};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = htons(static_cast<u_short>(port));
+    unsigned port = 10000 + (seed >> 8) % 10000;
+    sockaddr_in a;
+    SOCKET s = loopback_socket(port, a);
     bool free = bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
     closesocket(s);
-    if (free) return port;
+    if (free) return static_cast<int>(port);
   }
 }
 
@@ -126,15 +138,15 @@ std::vector<int> free_ports(int n) {
     int port = free_port();
     if (std::find(ports.begin(), ports.end(), port) == ports.end()) ports.push_back(port);
   }
+  std::sort(ports.begin(), ports.end());
   return ports;
 }
 
 SOCKET connect_to(int port) {
-  SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  a.sin_port = htons(static_cast<u_short>(port));
+  sockaddr_in a;
+  SOCKET s = loopback_socket(static_cast<unsigned>(port), a);
+  DWORD timeout = 10000;
+  setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char *>(&timeout), sizeof timeout);
   if (connect(s, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
     closesocket(s);
     return INVALID_SOCKET;
@@ -142,13 +154,57 @@ SOCKET connect_to(int port) {
   return s;
 }
 
+SOCKET listen_on(unsigned *port) {
+  for (int attempt = 0; attempt < 20; attempt++) {
+    unsigned want = *port ? *port : static_cast<unsigned>(free_port());
+    sockaddr_in a;
+    SOCKET s = loopback_socket(want, a);
+    if (bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 && listen(s, 10) == 0) {
+      // The manager watches FD_ACCEPT and stops watching before the hand-over; the event
+      // selection leaves the socket non-blocking, and so it reaches the agent.
+      WSAEVENT ev = WSACreateEvent();
+      WSAEventSelect(s, ev, FD_ACCEPT);
+      WSAEventSelect(s, ev, 0);
+      WSACloseEvent(ev);
+      *port = want;
+      return s;
+    }
+    closesocket(s);
+    if (*port) break;  // that port, or nothing
+  }
+  return INVALID_SOCKET;
+}
+
 std::string read_line(SOCKET s, int ms) {
   DWORD timeout = ms;
   setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char *>(&timeout), sizeof timeout);
   std::string line;
   char c;
-  while (recv(s, &c, 1, 0) == 1 && c != '\n') line += c;
+  while (recv(s, &c, 1, 0) == 1 && c != '\n')
+    if (c != '\r') line += c;
   return line;
+}
+
+void send_text(SOCKET s, const std::string &text) { send(s, text.data(), static_cast<int>(text.size()), 0); }
+
+bool echoes(SOCKET c, const std::string &text) {
+  if (send(c, text.data(), static_cast<int>(text.size()), 0) != static_cast<int>(text.size())) return false;
+  std::string back;
+  char buf[512];
+  while (back.size() < text.size()) {
+    int n = recv(c, buf, sizeof buf, 0);
+    if (n <= 0) return false;
+    back.append(buf, static_cast<size_t>(n));
+  }
+  return back == text;
+}
+
+bool echoes(int port) {
+  SOCKET s = connect_to(port);
+  if (s == INVALID_SOCKET) return false;
+  bool ok = echoes(s, "ping\n");
+  closesocket(s);  // the client closes first: no TIME_WAIT on the port
+  return ok;
 }
 
 process::process(const std::string &cmdline, const std::string &input) {
@@ -198,15 +254,6 @@ DWORD process::exit_code() {
   DWORD code = 0x4711;
   if (h) GetExitCodeProcess(h, &code);
   return code;
-}
-
-bool echoes(int port) {
-  SOCKET s = connect_to(port);
-  if (s == INVALID_SOCKET) return false;
-  send(s, "ping\n", 5, 0);
-  std::string back = read_line(s);
-  closesocket(s);  // the client closes first: no TIME_WAIT on the port
-  return back == "ping";
 }
 
 std::string process::out() const { return slurp(out_file); }
@@ -357,6 +404,11 @@ std::string port_line(int port, const char *service, const char *mode) {
   return line;
 }
 
+std::vector<std::string> listed_ports(const std::vector<std::string> &reply) {
+  if (reply.size() < 2 || reply.front() != "!" || reply.back() != ".") return {};
+  return std::vector<std::string>(reply.begin() + 1, reply.end() - 1);
+}
+
 double now_ms() {
   static LARGE_INTEGER freq = [] {
     LARGE_INTEGER f;
@@ -366,6 +418,126 @@ double now_ms() {
   LARGE_INTEGER t;
   QueryPerformanceCounter(&t);
   return double(t.QuadPart) * 1e3 / double(freq.QuadPart);
+}
+
+namespace {
+
+// The system's table of every open handle (SystemExtendedHandleInformation), counted for
+// one process: the count where GetProcessHandleCount reports none (Wine leaves it 0).
+struct handle_entry {
+  PVOID object;
+  ULONG_PTR pid;
+  ULONG_PTR value;
+  ULONG access;
+  USHORT backtrace, type;
+  ULONG attributes, reserved;
+};
+struct handle_table {
+  ULONG_PTR count, reserved;
+  handle_entry entries[1];
+};
+constexpr ULONG SYSTEM_EXTENDED_HANDLE_INFORMATION = 64;
+constexpr LONG STATUS_INFO_LENGTH_MISMATCH = LONG(0xC0000004);
+
+DWORD handles_in_table(DWORD pid) {
+  using query = LONG(WINAPI *)(ULONG, PVOID, ULONG, PULONG);
+  auto q = reinterpret_cast<query>(
+      reinterpret_cast<void *>(GetProcAddress(GetModuleHandleA("ntdll.dll"), "NtQuerySystemInformation")));
+  if (!q) return 0;
+  std::vector<char> buffer(1 << 18);
+  LONG status;
+  ULONG need = 0;
+  while ((status = q(SYSTEM_EXTENDED_HANDLE_INFORMATION, buffer.data(), ULONG(buffer.size()), &need)) ==
+             STATUS_INFO_LENGTH_MISMATCH && buffer.size() < (64u << 20))
+    buffer.resize(buffer.size() * 2);
+  if (status != 0) return 0;
+  auto *table = reinterpret_cast<handle_table *>(buffer.data());
+  DWORD n = 0;
+  for (ULONG_PTR i = 0; i < table->count; i++) n += table->entries[i].pid == pid;
+  return n;
+}
+
+}  // namespace
+
+bool usage_of(DWORD pid, usage *out) {
+  HANDLE h = OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, pid);
+  if (!h) return false;
+  PROCESS_MEMORY_COUNTERS_EX counters = {};
+  counters.cb = sizeof counters;
+  bool ok = GetProcessHandleCount(h, &out->handles) &&
+            GetProcessMemoryInfo(h, reinterpret_cast<PROCESS_MEMORY_COUNTERS *>(&counters), sizeof counters);
+  CloseHandle(h);
+  if (!ok) return false;
+  if (out->handles == 0) out->handles = handles_in_table(pid);
+  // The commit charge is the process's private memory; both fields carry it (Wine fills
+  // only the older one).
+  out->private_bytes = counters.PrivateUsage ? counters.PrivateUsage : counters.PagefileUsage;
+  return out->handles > 0 && out->private_bytes > 0;
+}
+
+std::string describe(const usage &before, const usage &after) {
+  return "handles " + std::to_string(before.handles) + " -> " + std::to_string(after.handles) +
+         ", private KB " + std::to_string(before.private_bytes / 1024) + " -> " +
+         std::to_string(after.private_bytes / 1024);
+}
+
+
+bool launch(const std::string &cmdline, launched *out) {
+  *out = launched{};
+  HANDLE rd = nullptr, inheritable = nullptr;
+  if (!CreatePipe(&rd, &out->pipe, nullptr, 0)) return false;
+  if (!DuplicateHandle(GetCurrentProcess(), rd, GetCurrentProcess(), &inheritable, 0, TRUE,
+                       DUPLICATE_CLOSE_SOURCE | DUPLICATE_SAME_ACCESS)) {
+    CloseHandle(rd);
+    CloseHandle(out->pipe);
+    out->pipe = nullptr;
+    return false;
+  }
+  char tail[32];
+  snprintf(tail, sizeof tail, " -C%#x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(inheritable)));
+  std::vector<char> line(cmdline.begin(), cmdline.end());
+  line.insert(line.end(), tail, tail + strlen(tail) + 1);
+  STARTUPINFOA si{};
+  si.cb = sizeof si;
+  PROCESS_INFORMATION pi{};
+  bool ok = CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi);
+  CloseHandle(inheritable);
+  if (!ok) {
+    CloseHandle(out->pipe);
+    out->pipe = nullptr;
+    return false;
+  }
+  CloseHandle(pi.hThread);
+  out->process = pi.hProcess;
+  out->pid = pi.dwProcessId;
+  return true;
+}
+
+bool send_line(HANDLE pipe, const std::string &line) {
+  std::string text = line + "\r\n";
+  DWORD put = 0;
+  return WriteFile(pipe, text.data(), static_cast<DWORD>(text.size()), &put, nullptr) && put == text.size();
+}
+
+std::string handover_line(SOCKET sock, unsigned port, DWORD pid) {
+  WSAPROTOCOL_INFOA info;
+  if (WSADuplicateSocketA(sock, pid, &info) != 0) return std::string();
+  char text[2 * sizeof info];
+  b64_encode(&info, sizeof info, text);
+  return "-Ptcp::" + std::to_string(port) + "@" + text;
+}
+
+void end_launch(launched *l) {
+  if (l->pipe) CloseHandle(l->pipe);
+  if (l->process) CloseHandle(l->process);
+  *l = launched{};
+}
+
+long wait_exit(const launched &l, DWORD ms) {
+  if (WaitForSingleObject(l.process, ms) != WAIT_OBJECT_0) return -1;
+  DWORD code = 0;
+  GetExitCodeProcess(l.process, &code);
+  return static_cast<long>(code);
 }
 
 }  // namespace kt

@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/support.h"
+
 namespace porttest {
 
 using lines = std::vector<std::string>;
@@ -22,7 +24,6 @@ constexpr time_t START_TIME = 1800000000;
 
 // Registry under HKEY_LOCAL_MACHINE\SOFTWARE\Orvane\Agents. A null value is left out.
 void set_port(unsigned port, const char *start, const char *service);
-void set_port_key(const std::string &key, const char *start, const char *service);  // key below tcp
 void set_service(const std::string &name, const std::string &program, const char *lifespan = nullptr);
 void set_global(const std::string &name, const char *start, const std::string &program);
 void remove_key(const std::string &subkey);  // e.g. "tcp\\s1234"
@@ -85,14 +86,12 @@ void expect_rest(const std::vector<unsigned> &ports, const std::string &service,
 
 // Ports free on loopback right now, ascending.
 std::vector<unsigned> free_ports(unsigned count);
-// Another program's listening socket on 127.0.0.1:port, not inheritable (INVALID_SOCKET
-// on failure): the manager's bind of the port fails while it is open.
+// Another program's listening socket on 127.0.0.1:port (INVALID_SOCKET on failure): the
+// manager's bind of the port fails while it is open.
 SOCKET block_port(unsigned port);
-// A non-inheritable client connection to 127.0.0.1:port (INVALID_SOCKET on failure).
-SOCKET connect_to(unsigned port);
-// One line from the peer without CR LF; "" on close, reset or 10 s of silence.
-std::string read_line(SOCKET s);
-void send_text(SOCKET s, const std::string &text);
+using kt::connect_to;
+using kt::read_line;
+using kt::send_text;
 // Connects to port and pumps until a new agent of `record` has started and greeted the
 // client; returns its pid (0 on failure). The client is closed.
 DWORD start_agent_on(unsigned port, const std::string &record);

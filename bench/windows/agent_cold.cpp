@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/agent/launcher.h"
+#include "bench/windows/bench.h"
 
 namespace {
 
@@ -20,7 +20,7 @@ int main() {
     launched l;
     SOCKET orig;
     unsigned port;
-    double t = cold_launch(beside_me(ECHO_AGENT), &l, &orig, &port);
+    double t = cold_launch(echo_agent_exe(), &l, &orig, &port);
     if (t < 0) {
       fprintf(stderr, "bench_agent_cold: launch %d failed\n", i);
       return 1;
@@ -28,7 +28,7 @@ int main() {
     colds.push_back(t);
     // The same road to the running agent, for scale.
     double t0 = seconds_now();
-    SOCKET c = connect_loopback(port);
+    SOCKET c = connect_to(port);
     bool ok = c != INVALID_SOCKET && echoes(c, "x");
     warms.push_back(seconds_now() - t0);
     if (c != INVALID_SOCKET) closesocket(c);

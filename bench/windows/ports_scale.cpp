@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "ports/ssock.h"
-#include "tests/agent/launcher.h"
-#include "tests/ports/fixture.h"
+#include "bench/windows/bench.h"
+#include "tests/support/ports.h"
 #include "toolkit/config/info.h"
 
 namespace {
@@ -62,7 +62,7 @@ int main() {
     auto ports = porttest::free_ports(n);
     // The agents are never started: nobody connects.
     for (int s = 0; s < SERVICES; s++)
-      porttest::set_service("s" + std::to_string(s), "\"" + beside_me(ECHO_AGENT) + "\"");
+      porttest::set_service("s" + std::to_string(s), "\"" + echo_agent_exe() + "\"");
     for (unsigned i = 0; i < ports.size(); i++)
       porttest::set_port(ports[i], "auto", ("s" + std::to_string(i % SERVICES)).c_str());
     ssock_reconfig();

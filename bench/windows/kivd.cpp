@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "control/mwait.h"
-#include "tests/service/kivd_fixture.h"
+#include "bench/windows/bench.h"
 
 namespace {
 

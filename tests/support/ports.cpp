@@ -1,4 +1,4 @@
-#include "tests/ports/fixture.h"
+#include "tests/support/ports.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -29,35 +29,14 @@ int collect(int, const char *text, int length) {
 }
 
 void set_values(const std::string &subkey, std::initializer_list<std::pair<const char *, const char *>> values) {
-  HKEY key = nullptr;
-  std::string path = std::string(ROOT) + "\\" + subkey;
-  ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
-                                           nullptr, &key, nullptr)) << path;
   for (auto &v : values) {
-    if (v.second) {
-      EXPECT_EQ(ERROR_SUCCESS, RegSetValueExA(key, v.first, 0, REG_SZ, reinterpret_cast<const BYTE *>(v.second),
-                                              DWORD(strlen(v.second) + 1))) << path << " " << v.first;
-    }
+    if (v.second && !kt::set_value(subkey, v.first, v.second)) ADD_FAILURE() << subkey << " " << v.first;
   }
-  RegCloseKey(key);
-}
-
-std::string agent_exe() {
-  char self[MAX_PATH], full[MAX_PATH];
-  DWORD n = GetModuleFileNameA(nullptr, self, sizeof self);
-  std::string dir(self, n);
-  dir.erase(dir.find_last_of('\\') + 1);
-  std::string relative = KIV_TESTAGENT;
-  std::replace(relative.begin(), relative.end(), '/', '\\');
-  GetFullPathNameA((dir + relative).c_str(), sizeof full, full, nullptr);
-  return full;
 }
 
 // Socket, pipe and process set-up shared by every test of the executable.
 struct Environment : ::testing::Environment {
   void SetUp() override {
-    WSADATA wsa;
-    ASSERT_EQ(0, WSAStartup(MAKEWORD(2, 2), &wsa));
     ASSERT_EQ(0, kivinfo_init(0));
     char temp[MAX_PATH];
     GetTempPathA(sizeof temp, temp);
@@ -71,10 +50,7 @@ struct Environment : ::testing::Environment {
 }  // namespace
 
 void set_port(unsigned port, const char *start, const char *service) {
-  set_port_key("s" + std::to_string(port), start, service);
-}
-void set_port_key(const std::string &key, const char *start, const char *service) {
-  set_values("tcp\\" + key, {{"start", start}, {"service", service}});
+  set_values("tcp\\s" + std::to_string(port), {{"start", start}, {"service", service}});
 }
 void set_service(const std::string &name, const std::string &program, const char *lifespan) {
   set_values("services\\" + name, {{"program", program.c_str()}, {"lifespan", lifespan}});
@@ -87,7 +63,7 @@ void remove_key(const std::string &subkey) {
 }
 
 std::string agent_program(const std::string &record, const std::string &options) {
-  static const std::string exe = agent_exe();
+  static const std::string exe = kt::testagent_exe();
   return "\"" + exe + "\" -F" + record + (options.empty() ? "" : " " + options);
 }
 
@@ -275,73 +251,15 @@ std::string disable_of(time_t t) {
 }
 
 std::vector<unsigned> free_ports(unsigned count) {
-  std::vector<SOCKET> held;
-  std::vector<unsigned> ports;
-  for (unsigned i = 0; i < count; i++) {
-    SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    sockaddr_in a = {};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    int length = sizeof a;
-    if (s == INVALID_SOCKET || bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a) ||
-        getsockname(s, reinterpret_cast<sockaddr *>(&a), &length)) {
-      ADD_FAILURE() << "no free port: " << WSAGetLastError();
-      break;
-    }
-    held.push_back(s);
-    ports.push_back(ntohs(a.sin_port));
-  }
-  for (SOCKET s : held)
-    closesocket(s);
-  std::sort(ports.begin(), ports.end());
-  return ports;
+  std::vector<int> ports = kt::free_ports(int(count));
+  return std::vector<unsigned>(ports.begin(), ports.end());
 }
 
 SOCKET block_port(unsigned port) {
-  SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
-  sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(u_short(port));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (s != INVALID_SOCKET && (bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a) || listen(s, 1))) {
-    ADD_FAILURE() << "block port " << port << ": " << WSAGetLastError();
-    closesocket(s);
-    return INVALID_SOCKET;
-  }
+  SOCKET s = kt::listen_on(&port);
+  if (s == INVALID_SOCKET) ADD_FAILURE() << "block port " << port << ": " << WSAGetLastError();
   return s;
 }
-
-SOCKET connect_to(unsigned port) {
-  SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  if (s == INVALID_SOCKET)
-    return s;
-  // Agents start with inheritance on; a test's own sockets must not reach them.
-  SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
-  sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(u_short(port));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(s, reinterpret_cast<sockaddr *>(&a), sizeof a)) {
-    ADD_FAILURE() << "connect to " << port << ": " << WSAGetLastError();
-    closesocket(s);
-    return INVALID_SOCKET;
-  }
-  DWORD timeout = 10000;
-  setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char *>(&timeout), sizeof timeout);
-  return s;
-}
-
-std::string read_line(SOCKET s) {
-  std::string line;
-  char c;
-  while (recv(s, &c, 1, 0) == 1 && c != '\n')
-    if (c != '\r')
-      line += c;
-  return line;
-}
-
-void send_text(SOCKET s, const std::string &text) { send(s, text.data(), int(text.size()), 0); }
 
 DWORD start_agent_on(unsigned port, const std::string &record) {
   size_t before = agents(record).size();
@@ -380,7 +298,7 @@ PROCESS_INFORMATION start_process(const std::string &program) {
 }
 
 void Ports::SetUp() {
-  RegDeleteTreeA(HKEY_LOCAL_MACHINE, ROOT);
+  kt::remove_root();
   now = START_TIME;
   kiv_setclock(fake_time, nullptr);
   logs.clear();
@@ -394,7 +312,7 @@ void Ports::restart_manager() {
   ssock_reset();
   cleaned_up = false;
   logs.clear();
-  RegDeleteTreeA(HKEY_LOCAL_MACHINE, ROOT);
+  kt::remove_root();
 }
 
 void Ports::TearDown() {

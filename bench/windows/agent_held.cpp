@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/agent/launcher.h"
+#include "bench/windows/bench.h"
 
 namespace {
 
@@ -16,7 +16,7 @@ constexpr int BATCH = 100;
 constexpr int ROUNDS = 41;
 
 bool one_connection(unsigned port) {
-  SOCKET c = connect_loopback(port);
+  SOCKET c = connect_to(port);
   if (c == INVALID_SOCKET) {
     fprintf(stderr, "bench_agent_held: connect to port %u: error %d\n", port, WSAGetLastError());
     return false;
@@ -43,15 +43,19 @@ double median(std::vector<double> v) {
 // An echo agent on one port, handed over (held) or opened by the agent itself.
 bool start(bool held, launched *l, unsigned *port, SOCKET *orig) {
   *orig = INVALID_SOCKET;
-  if (held) *orig = listen_loopback(port);
-  else *port = free_port();
-  if (!launch(beside_me(ECHO_AGENT), l)) return false;
-  std::string line = held ? port_line(*orig, *port, l->pid) : "-Ptcp::" + std::to_string(*port);
+  if (held) {
+    *port = 0;
+    *orig = listen_on(port);
+  } else {
+    *port = free_port();
+  }
+  if (!launch(echo_agent_exe(), l)) return false;
+  std::string line = held ? handover_line(*orig, *port, l->pid) : "-Ptcp::" + std::to_string(*port);
   if (line.empty() || !send_line(l->pipe, line) || !send_line(l->pipe, "--") || !send_line(l->pipe, "lifespan 600"))
     return false;
   // An "on" port listens once the agent has started: wait for it, up to 20 s.
   for (int i = 0; i < 400; i++) {
-    SOCKET c = connect_loopback(*port);
+    SOCKET c = connect_to(*port);
     if (c != INVALID_SOCKET) {
       closesocket(c);
       return true;
