@@ -1,7 +1,7 @@
 // The package under the system's installer, as an administrator uses it: a silent
 // install that leaves the service running and serving, an upgrade in place by a newer
 // package, and removal; the configuration outlives all three.
-#include "tests/service/kivd_fixture.h"
+#include "tests/support/support.h"
 
 #include <gtest/gtest.h>
 #include <tlhelp32.h>

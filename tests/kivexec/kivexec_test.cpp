@@ -1,6 +1,6 @@
 // kivexec through kivd.exe: each connection gets a program of its own (upcase.exe), with
 // the connection as its standard input and output.
-#include "tests/service/kivd_fixture.h"
+#include "tests/support/support.h"
 
 #include <gtest/gtest.h>
 #include <tlhelp32.h>
