@@ -1,14 +1,9 @@
 // kivctl apply's file check (errors with their lines), its comparison with the registry's
 // configuration and the export that reads back as the same configuration.
-#include <cstdio>
-#include <filesystem>
 #include <string>
 
-#include <gtest/gtest.h>
-
-#include "lib/heap.h"
+#include "tests/lib/testing.h"
 #include "tools/kivctl/applycfg.h"
-#include "toolkit/runtime/platform.h"
 
 namespace {
 
@@ -19,18 +14,10 @@ struct outcome {
 
 // Reads text as `kivctl apply` reads a file: written byte for byte, opened in binary.
 outcome read_text(const std::string &text, applycfg *cfg) {
-  std::string path = (std::filesystem::temp_directory_path() /
-                      ("kivapply-test-" + std::to_string(kiv_processid()) + ".cfg")).string();
-  FILE *f = fopen(path.c_str(), "wb");
-  EXPECT_NE(nullptr, f) << path;
-  if (!f) return {-2, ""};
-  fwrite(text.data(), 1, text.size(), f);
-  fclose(f);
-  f = fopen(path.c_str(), "rb");
+  FILE *f = fopen(tempfile("apply.cfg", text).c_str(), "rb");
   char *error = nullptr;
   int rc = applycfg_read(f, cfg, &error);
   fclose(f);
-  std::filesystem::remove(path);
   outcome o{rc, error ? error : ""};
   xfree(error);
   return o;
