@@ -26,9 +26,7 @@ outcome read_text(const std::string &text, applycfg *cfg) {
 const std::string SVC = "services.e:\n\tprogram = x\n";  // two lines
 
 TEST(ApplyCfg, RefusesWithTheLineAndTheMessage) {
-  struct {
-    std::string text, error;
-  } cases[] = {
+  struct { std::string text, error; } cases[] = {
       // The parser's own refusals come through unchanged.
       {"port = 25\n", "1: \":\" expected"},
       {SVC + "\t\"x = 1\n", "3: bad char (\") in name."},
@@ -76,9 +74,7 @@ TEST(ApplyCfg, RefusesWithTheLineAndTheMessage) {
 }
 
 TEST(ApplyCfg, TakesWhatThePortManagerReads) {
-  struct {
-    std::string text;
-  } cases[] = {
+  struct { std::string text; } cases[] = {
       {""},
       {"# nothing\n\n"},
       // The port manager finds the service at ".services.<name>" with "." made "_",

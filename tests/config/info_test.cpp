@@ -123,9 +123,7 @@ TEST_F(Info, LookupLogLinesAtLevelFive) {
   ASSERT_EQ(kivinfo_set(".t8", f.c_str(), KIVINFO_FILE), 0);
   kiv_logsink = capture;
   kiv_loglevel = 5;
-  struct {
-    const char *name, *logged;
-  } cases[] = {
+  struct { const char *name, *logged; } cases[] = {
       {".t8.s.v20", "\".t8.s.v20\" == \"01234567890123456789\""},
       {".t8.s.v21", "\".t8.s.v21\" == \"01234567890123456789\" ..."},
       {".t8.none", "not found: \".t8.none\""},
@@ -155,10 +153,7 @@ TEST_F(Info, RelativeNamesFollowTheSearchList) {
   char one[] = ".t9.one", two[] = ".t9.two", top[] = ".t9";
   char *both[] = {one, two, nullptr}, *topfirst[] = {top, one, nullptr}, *none[] = {nullptr};
   kiv_context ctx{0, 0, both}, ctxtop{0, 0, topfirst}, ctxnone{0, 0, none}, ctxnull{0, 0, nullptr};
-  struct {
-    kiv_context *ctx;
-    const char *name, *expect;
-  } cases[] = {
+  struct { kiv_context *ctx; const char *name, *expect; } cases[] = {
       {&ctx, "x", "1"},           {&ctx, "y", "22"},           {&ctx, "z", "#-4"},
       {&ctx, ".t9.two.x", "2"},   {&ctxtop, "x", "1"},         {&ctxtop, "one", "#-4"},
       {&ctxtop, "one.x", "1"},    {nullptr, "x", "#-7"},       {&ctxnone, "x", "#-7"},
@@ -183,9 +178,7 @@ TEST_F(Info, RelativeNamesFollowTheSearchList) {
 // A file source's name gets ".cfg" unless its text from the last "." on is exactly
 // ".cfg". Each file exists only under the name expected, so a wrong name fails the read.
 TEST_F(Info, FileSourceNamesEndInCfg) {
-  struct {
-    const char *source, *stored;
-  } cases[] = {
+  struct { const char *source, *stored; } cases[] = {
       {"agents", "agents.cfg"},          {"agents.cfg", "agents.cfg"},
       {"agents.CFG", "agents.CFG.cfg"},  {"agents.cfgx", "agents.cfgx.cfg"},
       {"v.d/agents", "v.d/agents.cfg"},  {"v.cfg/agents", "v.cfg/agents.cfg"},
