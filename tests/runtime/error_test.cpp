@@ -1,5 +1,4 @@
 #include <climits>
-#include <cstring>
 
 #include <gtest/gtest.h>
 
@@ -28,12 +27,9 @@ TEST(Error, TableEndsCodesOutsideItAndDistinctTexts) {
   }
 }
 
+// Its results otherwise: the library's own (the fuzz target compares them for every input).
 TEST(Base64, ToolkitEntryPointTurnsARefusalIntoEINVAL) {
   char out[8];
-  memset(out, 'X', sizeof out);
-  EXPECT_EQ(4, kiv_b64encode("abc", 3, out));
-  EXPECT_STREQ("YWJj", out);
-  EXPECT_EQ(0, kiv_b64encode("abc", 0, out));
   EXPECT_EQ(KIV_EINVAL, kiv_b64encode(nullptr, 3, out));
   EXPECT_EQ(KIV_EINVAL, kiv_b64encode("abc", 3, nullptr));
 }
