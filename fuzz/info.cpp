@@ -1,34 +1,24 @@
 // Sequences of kivinfo_set / kivinfo_get / kivinfo_walk / kivinfo_fixname on the
 // process-wide tree, with file sources of raw input bytes written to a temporary folder,
 // plus one generated line per file whose value a lookup must then find.
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <string>
 
+#include "fuzz/fuzz.h"
 #include "lib/heap.h"
 #include "toolkit/config/info.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/platform.h"
 
+using fz::check;
+
 namespace {
 
-const uint8_t *in, *end;
-uint8_t byte() { return in < end ? *in++ : 0; }
-void check(bool ok) {
-  if (!ok) abort();
-}
-std::string bytes(int most) {
-  std::string s(byte() % most, 0);
-  for (char &c : s) c = static_cast<char>(byte());
-  return s;
-}
+fz::input in;
 // Paths of a small alphabet under four slots, so that paths meet and differ by case.
 std::string makepath(int s) {
   static const char *parts[] = {"a", "B", "c", "A", "b", "dd", "D", "ab"};
-  std::string path = (byte() & 1 ? ".f" : ".F") + std::to_string(s);
-  for (int depth = byte() % 4; depth > 0; depth--) path += std::string(".") + parts[byte() % 8];
+  std::string path = (in.byte() & 1 ? ".f" : ".F") + std::to_string(s);
+  for (int depth = in.byte() % 4; depth > 0; depth--) path += std::string(".") + parts[in.byte() % 8];
   return path;
 }
 int record(const char *path, const char *text, void *) {
@@ -51,18 +41,17 @@ bool setup() {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   static bool ready = setup();
   (void)ready;
-  in = data, end = data + size;
-  while (in < end) {
-    uint8_t op = byte();
+  for (in.start(data, size); in.more();) {
+    uint8_t op = in.byte();
     int s = (op >> 4) % 4;
     std::string path = makepath(s), slot = ".f" + std::to_string(s);
     char *out = nullptr;
     switch (op % 5) {
       case 0: {  // attach a file: a known first section, then raw bytes
-        std::string file = (dir / ("f" + std::to_string(s) + ".cfg")).string(), value = std::to_string(byte());
+        std::string file = (dir / ("f" + std::to_string(s) + ".cfg")).string(), value = std::to_string(in.byte());
         FILE *f = fopen(file.c_str(), "wb");
         check(f != nullptr);
-        std::string raw = bytes(48);
+        std::string raw = in.bytes(48);
         fprintf(f, "known:\n  v = %s\n%s", value.c_str(), raw.c_str());
         fclose(f);
         check(kivinfo_set(slot.c_str(), file.c_str(), KIVINFO_FILE) == 0);
@@ -78,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       case 2: kivinfo_walk(path.c_str(), record, nullptr); break;
       case 3: check(kivinfo_set(path.c_str(), "x", KIVINFO_RESERVED) == KIV_ENOTSUPP); break;
       default: {
-        std::string text = bytes(16);
+        std::string text = in.bytes(16);
         check(kivinfo_fixname(&text[0]) == &text[0] && std::string(text.c_str()).find('.') == std::string::npos);
       }
     }

@@ -2,15 +2,13 @@
 // type it expects from a fixed argument list. Checks that bounded output is the unbounded
 // output cut to the size, with the same total and the same %n counts, and that nothing is
 // written past the buffer.
-#include <algorithm>
 #include <cstdarg>
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <string>
 
+#include "fuzz/fuzz.h"
 #include "lib/dstr.h"
 #include "lib/printf.h"
+
+using fz::check;
 
 namespace {
 // Slot k of the argument list has the type PATTERN[k % 4]: I int, S text, L long, N int *.
@@ -32,8 +30,8 @@ int format(dstr *rec, char *buffer, unsigned size, const char *f, ...) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  size_t at = 0;
-  auto byte = [&]() -> unsigned { return at < size ? data[at++] : 0; };
+  fz::input in;
+  in.start(data, size);
   static const char *const texts[] = {"", "a", "kivd", "Listening on port", "\xe9t\xe9", nullptr};
   static const char *const convs[3][10] = {{"d", "i", "u", "x", "X", "o", "c", "hd", "hu", "hx"},
                                            {"s", "p", "s", "p", "s", "p", "s", "p", "s", "p"},
@@ -42,11 +40,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const char *s[SLOTS] = {};
   long l[SLOTS] = {};
   std::string f;
-  for (int slot = 0; slot < SLOTS && at < size;) {
-    unsigned op = byte();
+  for (int slot = 0; slot < SLOTS && in.more();) {
+    unsigned op = in.byte();
     if (op % 4 == 0) {  // literal text
-      for (unsigned k = byte() % 8; k; k--) {
-        char c = static_cast<char>(byte());
+      for (unsigned k = in.byte() % 8; k; k--) {
+        char c = static_cast<char>(in.byte());
         f += c == '%' ? std::string("%%") : std::string(1, c ? c : '.');
       }
       continue;
@@ -58,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     f += '%';
     for (int k = 0; k < 5; k++)
       if (op & (8 << k)) f += "-0+ #"[k];
-    unsigned width = byte(), precision = byte();
+    unsigned width = in.byte(), precision = in.byte();
     if ((width & 1) && PATTERN[slot % 4] == 'I' && slot + 1 < SLOTS) {
       f += '*';
       i[slot++] = static_cast<int>(width) - 128;
@@ -72,29 +70,29 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       f += "." + std::to_string(precision % 21);
     }
     char type = PATTERN[slot % 4];
-    f += type == 'N' ? "n" : convs[type == 'I' ? 0 : type == 'S' ? 1 : 2][byte() % 10];
+    f += type == 'N' ? "n" : convs[type == 'I' ? 0 : type == 'S' ? 1 : 2][in.byte() % 10];
     uint64_t value = 0;
-    for (int k = 0; k < 8; k++) value = (value << 8) | byte();
+    for (int k = 0; k < 8; k++) value = (value << 8) | in.byte();
     i[slot] = static_cast<int>(value);
     l[slot] = static_cast<long>(value);
     s[slot++] = texts[value % 6];
   }
-  if (byte() & 1) f += '%';  // a lone % at the end
+  if (in.byte() & 1) f += '%';  // a lone % at the end
   int counts[2][SLOTS] = {};
   dstr rec;
-  if (!dstr_init(&rec)) abort();
+  check(dstr_init(&rec) != nullptr);
   int total = format(&rec, nullptr, 0, f.c_str(), ARGS(i, s, l, counts[0]));
-  if (total != rec.length) abort();
+  check(total == rec.length);
   unsigned t = static_cast<unsigned>(total);
-  for (unsigned cut : {0u, 1u, t / 2, t, t + 1, byte() % 64}) {
+  for (unsigned cut : {0u, 1u, t / 2, t, t + 1, in.byte() % 64u}) {
     // Exactly `cut` bytes (one for 0, to see that nothing is written): ASan sees overruns.
     char *buffer = static_cast<char *>(malloc(cut ? cut : 1));
     buffer[0] = 'X';
     memset(counts[1], 0, sizeof counts[1]);
-    if (format(nullptr, buffer, cut, f.c_str(), ARGS(i, s, l, counts[1])) != total) abort();
-    if (memcmp(counts[0], counts[1], sizeof counts[0]) != 0) abort();
+    check(format(nullptr, buffer, cut, f.c_str(), ARGS(i, s, l, counts[1])) == total);
+    check(memcmp(counts[0], counts[1], sizeof counts[0]) == 0);
     size_t stored = cut ? std::min<size_t>(t, cut - 1) : 0;
-    if (cut ? memcmp(buffer, rec.buffer, stored) != 0 || buffer[stored] != '\0' : buffer[0] != 'X') abort();
+    check(cut ? memcmp(buffer, rec.buffer, stored) == 0 && buffer[stored] == '\0' : buffer[0] == 'X');
     free(buffer);
   }
   dstr_free(&rec, 0);

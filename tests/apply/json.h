@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -31,87 +30,67 @@ class reader {
   // The whole text as one value; ok() tells whether it was well-formed.
   value parse() {
     value v = any();
-    blanks();
-    if (at_ != s_.size()) ok_ = false;
+    if (peek()) ok_ = false;
     return v;
   }
   bool ok() const { return ok_; }
 
  private:
-  void blanks() {
+  // The next character after blanks, or 0 at the end.
+  char peek() {
     while (at_ < s_.size() && (s_[at_] == ' ' || s_[at_] == '\n' || s_[at_] == '\r' || s_[at_] == '\t')) at_++;
+    return at_ < s_.size() ? s_[at_] : 0;
   }
-  bool eat(char c) {
-    blanks();
-    if (at_ < s_.size() && s_[at_] == c) return ++at_, true;
-    return false;
-  }
-  bool word(const char *w) {
-    std::string t(w);
-    if (s_.compare(at_, t.size(), t) != 0) return false;
-    at_ += t.size();
-    return true;
-  }
+  bool eat(char c) { return peek() == c && ++at_; }
+  void expect(char c) { ok_ = eat(c) && ok_; }
+  bool word(const char *w) { return s_.compare(at_, strlen(w), w) == 0 && (at_ += strlen(w)); }
   std::string str() {
     std::string out;
-    if (!eat('"')) return ok_ = false, out;
-    while (at_ < s_.size() && s_[at_] != '"') {
+    for (expect('"'); ok_ && at_ < s_.size() && s_[at_] != '"';) {
       char c = s_[at_++];
+      const char *plain = "\"\\/bfnrt", *meant = "\"\\/\b\f\n\r\t", *p;
       if (static_cast<unsigned char>(c) < 0x20) ok_ = false;
       if (c != '\\') {
         out += c;
-        continue;
-      }
-      if (at_ >= s_.size()) break;
-      char e = s_[at_++];
-      const char *plain = "\"\\/bfnrt", *meant = "\"\\/\b\f\n\r\t";
-      if (const char *p = strchr(plain, e); p && e) {
-        out += meant[p - plain];
-      } else if (e == 'u' && at_ + 4 <= s_.size()) {
-        out += static_cast<char>(strtol(s_.substr(at_, 4).c_str(), nullptr, 16));
-        at_ += 4;
+      } else if (at_ < s_.size() && s_[at_] && (p = strchr(plain, s_[at_]))) {
+        out += meant[p - plain], at_++;
+      } else if (s_.compare(at_, 1, "u") == 0 && at_ + 5 <= s_.size()) {
+        out += static_cast<char>(strtol(s_.substr(at_ + 1, 4).c_str(), nullptr, 16)), at_ += 5;
       } else {
         ok_ = false;
       }
     }
-    if (!eat('"')) ok_ = false;
+    expect('"');
     return out;
   }
   value any() {
     value v;
-    blanks();
-    if (at_ >= s_.size()) return ok_ = false, v;
-    char c = s_[at_];
-    if (c == '{') {
-      v.kind = value::OBJECT;
+    char c = peek();
+    if (c == '{' || c == '[') {
+      v.kind = c == '{' ? value::OBJECT : value::ARRAY;
       at_++;
-      if (eat('}')) return v;
+      if (eat(c == '{' ? '}' : ']')) return v;
       do {
+        if (c == '[') {
+          v.items.push_back(any());
+          continue;
+        }
         std::string key = str();
-        if (!eat(':')) ok_ = false;
+        expect(':');
         v.fields[key] = any();
       } while (ok_ && eat(','));
-      if (!eat('}')) ok_ = false;
-    } else if (c == '[') {
-      v.kind = value::ARRAY;
-      at_++;
-      if (eat(']')) return v;
-      do v.items.push_back(any());
-      while (ok_ && eat(','));
-      if (!eat(']')) ok_ = false;
+      expect(c == '{' ? '}' : ']');
     } else if (c == '"') {
       v.kind = value::STRING;
       v.text = str();
     } else if (word("true") || word("false")) {
       v.kind = value::BOOL;
       v.boolean = s_[at_ - 1] == 'e' && s_[at_ - 2] == 'u';
-    } else if (word("null")) {
-      v.kind = value::NUL;
-    } else {
+    } else if (!word("null")) {
       char *end = nullptr;
       v.kind = value::NUMBER;
       v.number = strtod(s_.c_str() + at_, &end);
-      if (end == s_.c_str() + at_) ok_ = false;
+      ok_ = ok_ && end != s_.c_str() + at_;
       at_ = static_cast<size_t>(end - s_.c_str());
     }
     return v;

@@ -1,14 +1,8 @@
-#include <cstdio>
-#include <filesystem>
 #include <string>
 
-#include <gtest/gtest.h>
-
-#include "lib/heap.h"
+#include "tests/lib/testing.h"
 #include "toolkit/config/conf.h"
 #include "toolkit/runtime/error.h"
-#include "toolkit/runtime/platform.h"
-#include "tests/lib/oom.h"
 
 namespace {
 
@@ -18,17 +12,6 @@ int record(const char *name, const char *value, const char *prefix, int letter) 
   calls += std::string(name) + "|" + (value ? value : "(null)") + "|" + prefix + "|" +
            (letter ? std::string(1, char(letter)) : "0") + ";";
   return 0;
-}
-
-// Writes exactly these bytes (binary) to a file the parser then reads in text mode.
-std::string tempfile(const std::string &bytes) {
-  // One name per process: the native and the Windows runs may overlap.
-  std::string path = (std::filesystem::temp_directory_path() /
-                      ("kivconf-test-" + std::to_string(kiv_processid()) + ".cfg")).string();
-  FILE *f = fopen(path.c_str(), "wb");
-  EXPECT_NE(nullptr, f) << path;
-  if (f) fwrite(bytes.data(), 1, bytes.size(), f), fclose(f);
-  return path;
 }
 
 TEST(Conf, ParsesLinesOrGivesTheLineAndTheText) {
@@ -57,9 +40,8 @@ TEST(Conf, ParsesLinesOrGivesTheLineAndTheText) {
       {"# c\n\n  # x\nsec:\n  nokey\n  k = v\n", "sec|(null)|.P|0;", "5: \"=\" expected"},
   };
   for (const auto &c : cases) {
-    std::string path = tempfile(c.text);
     calls.clear();
-    FILE *f = fopen(path.c_str(), "r");
+    FILE *f = fopen(tempfile("conf.cfg", c.text).c_str(), "r");
     char *error = nullptr;
     int rc = kivconf_parse(f, record, ".P", &error);
     fclose(f);
@@ -67,17 +49,13 @@ TEST(Conf, ParsesLinesOrGivesTheLineAndTheText) {
     EXPECT_EQ(c.calls, calls) << c.text;
     EXPECT_EQ(c.error, std::string(error ? error : "")) << c.text;
     xfree(error);
-    std::remove(path.c_str());
   }
 }
 
 TEST(Conf, ReadFile) {
   EXPECT_EQ(KIV_EACCES, kivconf_readfile(".P", "/nonexistent/kivconf/none.cfg", record));
-  std::string path = tempfile("sec:\n  k = v\n");
-  EXPECT_EQ(0, kivconf_readfile(".m", path.c_str(), record));
-  tempfile("sec:\n  broken\n");
-  EXPECT_EQ(KIV_EFTYPE, kivconf_readfile(".m", path.c_str(), record));
-  std::remove(path.c_str());
+  EXPECT_EQ(0, kivconf_readfile(".m", tempfile("conf.cfg", "sec:\n  k = v\n").c_str(), record));
+  EXPECT_EQ(KIV_EFTYPE, kivconf_readfile(".m", tempfile("conf.cfg", "sec:\n  broken\n").c_str(), record));
 }
 
 // The parser with the heap failing at every point in turn: a refusal ends the parse with
@@ -87,7 +65,7 @@ TEST(ConfOutOfMemory, ParseStopsCleanlyAtEveryRefusal) {
   std::string text = "# agents\nglobal:\n  port = 25\n  name = \"two\\tparts\"\n  long = " +
                      std::string(200, 'L') + "\nt.s25:\r\n\tservice = smtp\n" + std::string(40, 's') +
                      ":\n  " + std::string(60, 'n') + " = v\n";
-  std::string path = tempfile(text);
+  std::string path = tempfile("conf.cfg", text);
   calls.clear();
   FILE *f = fopen(path.c_str(), "r");
   ASSERT_EQ(0, kivconf_parse(f, record, ".P", nullptr));
@@ -114,7 +92,6 @@ TEST(ConfOutOfMemory, ParseStopsCleanlyAtEveryRefusal) {
     EXPECT_EQ(full.substr(0, calls.size()), calls);
     return false;
   });
-  std::remove(path.c_str());
   EXPECT_GE(points, 6);  // two texts, and the long line and the long names grow them
 }
 

@@ -6,36 +6,20 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "lib/heap.h"
+#include "tests/lib/testing.h"
+#include "toolkit/runtime/context.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/log.h"
-#include "toolkit/runtime/context.h"
-#include "toolkit/runtime/platform.h"
-#include "tests/lib/oom.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-fs::path dir = fs::temp_directory_path() / ("kivinfo-" + std::to_string(kiv_processid()));
-
-// Writes a .cfg file of exactly these bytes and returns its path.
-std::string file(const std::string &name, const std::string &text) {
-  fs::create_directories(dir);
-  std::string path = (dir / name).string();
-  FILE *f = fopen(path.c_str(), "wb");
-  EXPECT_NE(f, nullptr) << path;
-  if (f) fwrite(text.data(), 1, text.size(), f), fclose(f);
-  return path;
-}
 std::string code(int rc) { return "#" + std::to_string(rc); }
 // The value text, or "#<code>" on failure.
 std::string get(const std::string &name) {
@@ -61,29 +45,28 @@ list walk(const std::string &path, int rc = 0) {
 
 struct Info : ::testing::Test {
   static void SetUpTestSuite() { ASSERT_NE(kivinfo_init(0), KIV_ENOMEM); }
-  static void TearDownTestSuite() { fs::remove_all(dir); }
 };
 
 TEST_F(Info, FileSourceIsReadOnceAndAgainAfterAFailure) {
-  std::string f = file("t1.cfg", "global:\n  port = 25\n");
+  std::string f = tempfile("t1.cfg", "global:\n  port = 25\n");
   ASSERT_EQ(kivinfo_set(".t1", f.c_str(), KIVINFO_FILE), 0);
   EXPECT_EQ(get(".t1"), code(KIV_ENODE));
   EXPECT_EQ(get(".t1.global.port"), "25");
-  file("t1.cfg", "global:\n  port = 26\n  extra = 1\n");  // not read again
+  tempfile("t1.cfg", "global:\n  port = 26\n  extra = 1\n");  // not read again
   EXPECT_EQ(get(".t1.global.port"), "25");
   EXPECT_EQ(get(".t1.global.extra"), code(KIV_ENOTFOUND));
 
-  file("t1.cfg", "a:\n  x = 1\nbroken line\n  y = 2\n");
+  tempfile("t1.cfg", "a:\n  x = 1\nbroken line\n  y = 2\n");
   ASSERT_EQ(kivinfo_set(".t1", f.c_str(), KIVINFO_FILE), 0);
   EXPECT_EQ(get(".t1.a.y"), code(KIV_EINTERNAL));
   EXPECT_TRUE(walk(".t1", KIV_EFTYPE).empty());
-  file("t1.cfg", "a:\n  x = 1\n  y = 2\n");
+  tempfile("t1.cfg", "a:\n  x = 1\n  y = 2\n");
   EXPECT_EQ(get(".t1.a.y"), "2");
   EXPECT_EQ(walk(".t1"), (list{".t1.a.x=1", ".t1.a.y=2", ".t1.a=", ".t1=" + f}));
 }
 
 TEST_F(Info, CaseInsensitiveLookupsStoredCaseInWalks) {
-  std::string f = file("t3.cfg", "Tcp.S25:\n  Service = smtp\nTcpx:\n  A = 1\n");
+  std::string f = tempfile("t3.cfg", "Tcp.S25:\n  Service = smtp\nTcpx:\n  A = 1\n");
   ASSERT_EQ(kivinfo_set(".t3", f.c_str(), KIVINFO_FILE), 0);
   EXPECT_EQ(get(".T3.TCP.s25.SERVICE"), "smtp");
   EXPECT_EQ(walk(".T3.tcp"), (list{".t3.Tcp.S25.Service=smtp", ".t3.Tcp.S25=", ".t3.Tcp="}));
@@ -97,7 +80,7 @@ bool otherthreadproceeds(const std::string &name, const std::string &want) {
 }
 
 TEST_F(Info, SetKindsAndRefusalsLeaveTheLockFree) {
-  std::string f = file("t5.cfg", "a:\n  x = 1\n");
+  std::string f = tempfile("t5.cfg", "a:\n  x = 1\n");
   struct {
     const char *path;
     int kind, expect;
@@ -124,7 +107,7 @@ int lookinside(const char *, const char *, void *arg) {
 }
 
 TEST_F(Info, LookupsInsideAWalk) {
-  std::string a = file("t7.cfg", "a:\n  x = 1\n");
+  std::string a = tempfile("t7.cfg", "a:\n  x = 1\n");
   ASSERT_EQ(kivinfo_set(".t7", a.c_str(), KIVINFO_FILE), 0);
   int calls = 0;
   ASSERT_EQ(kivinfo_walk(".t7", lookinside, &calls), 0);
@@ -136,13 +119,11 @@ std::string lastline;
 void capture(const char *line) { lastline = line; }
 
 TEST_F(Info, LookupLogLinesAtLevelFive) {
-  std::string f = file("t8.cfg", "s:\n  v20 = 01234567890123456789\n  v21 = 012345678901234567890\n");
+  std::string f = tempfile("t8.cfg", "s:\n  v20 = 01234567890123456789\n  v21 = 012345678901234567890\n");
   ASSERT_EQ(kivinfo_set(".t8", f.c_str(), KIVINFO_FILE), 0);
   kiv_logsink = capture;
   kiv_loglevel = 5;
-  struct {
-    const char *name, *logged;
-  } cases[] = {
+  struct { const char *name, *logged; } cases[] = {
       {".t8.s.v20", "\".t8.s.v20\" == \"01234567890123456789\""},
       {".t8.s.v21", "\".t8.s.v21\" == \"01234567890123456789\" ..."},
       {".t8.none", "not found: \".t8.none\""},
@@ -167,15 +148,12 @@ TEST(InfoFixname, MakesOneLowerCaseComponent) {
 // A relative name is tried under each prefix of the context's search list in turn; the
 // first success wins and a failure answers the last attempt's code.
 TEST_F(Info, RelativeNamesFollowTheSearchList) {
-  std::string f = file("t9.cfg", "one:\n  x = 1\ntwo:\n  x = 2\n  y = 22\n");
+  std::string f = tempfile("t9.cfg", "one:\n  x = 1\ntwo:\n  x = 2\n  y = 22\n");
   ASSERT_EQ(kivinfo_set(".t9", f.c_str(), KIVINFO_FILE), 0);
   char one[] = ".t9.one", two[] = ".t9.two", top[] = ".t9";
   char *both[] = {one, two, nullptr}, *topfirst[] = {top, one, nullptr}, *none[] = {nullptr};
   kiv_context ctx{0, 0, both}, ctxtop{0, 0, topfirst}, ctxnone{0, 0, none}, ctxnull{0, 0, nullptr};
-  struct {
-    kiv_context *ctx;
-    const char *name, *expect;
-  } cases[] = {
+  struct { kiv_context *ctx; const char *name, *expect; } cases[] = {
       {&ctx, "x", "1"},           {&ctx, "y", "22"},           {&ctx, "z", "#-4"},
       {&ctx, ".t9.two.x", "2"},   {&ctxtop, "x", "1"},         {&ctxtop, "one", "#-4"},
       {&ctxtop, "one.x", "1"},    {nullptr, "x", "#-7"},       {&ctxnone, "x", "#-7"},
@@ -200,19 +178,17 @@ TEST_F(Info, RelativeNamesFollowTheSearchList) {
 // A file source's name gets ".cfg" unless its text from the last "." on is exactly
 // ".cfg". Each file exists only under the name expected, so a wrong name fails the read.
 TEST_F(Info, FileSourceNamesEndInCfg) {
-  struct {
-    const char *source, *stored;
-  } cases[] = {
+  struct { const char *source, *stored; } cases[] = {
       {"agents", "agents.cfg"},          {"agents.cfg", "agents.cfg"},
       {"agents.CFG", "agents.CFG.cfg"},  {"agents.cfgx", "agents.cfgx.cfg"},
       {"v.d/agents", "v.d/agents.cfg"},  {"v.cfg/agents", "v.cfg/agents.cfg"},
       {"agents.cfg.cfg", "agents.cfg.cfg"},
   };
   for (auto &c : cases) {
-    fs::create_directories(dir / "v.d");
-    fs::create_directories(dir / "v.cfg");
-    std::string stored = file(c.stored, "s:\n  k = v\n");
-    ASSERT_EQ(kivinfo_set(".t10", (dir / c.source).string().c_str(), KIVINFO_FILE), 0) << c.source;
+    fs::create_directories(testdir() / "v.d");
+    fs::create_directories(testdir() / "v.cfg");
+    std::string stored = tempfile(c.stored, "s:\n  k = v\n");
+    ASSERT_EQ(kivinfo_set(".t10", (testdir() / c.source).string().c_str(), KIVINFO_FILE), 0) << c.source;
     EXPECT_EQ(get(".t10.s.k"), "v") << c.source;
     EXPECT_EQ(walk(".t10"), (list{".t10.s.k=v", ".t10.s=", ".t10=" + stored})) << c.source;
     fs::remove(stored);
@@ -223,20 +199,13 @@ TEST_F(Info, FileSourceNamesEndInCfg) {
 // clean code, and afterwards the tree reads, finds and walks the source as if nothing
 // had happened (a failed read leaves the source unread, so it is read again).
 TEST(InfoOutOfMemory, EveryOperationLeavesAUsableTree) {
-  fs::create_directories(dir);
-  std::string f = (dir / "oom.cfg").string();
-  FILE *w = fopen(f.c_str(), "wb");
-  ASSERT_NE(w, nullptr);
-  fprintf(w, "s:\n  k = value\n  long = %s\nt.u:\n  k = 2\n", std::string(100, 'L').c_str());
-  fclose(w);
+  std::string f = tempfile("oom.cfg", "s:\n  k = value\n  long = " + std::string(100, 'L') + "\nt.u:\n  k = 2\n");
   char s[] = ".oom.s", *searchlist[] = {s, nullptr};
   kiv_context ctx{0, 0, searchlist};
   list full = {".oom.s.k=value", ".oom.s.long=" + std::string(100, 'L'), ".oom.s=", ".oom.t.u.k=2",
                ".oom.t.u=", ".oom.t=", ".oom=" + f};
   auto clean = [](int rc, std::initializer_list<int> allowed) {
-    for (int a : allowed)
-      if (rc == a) return true;
-    return false;
+    return std::find(allowed.begin(), allowed.end(), rc) != allowed.end();
   };
   int points = failpoints("info tree: init, attach, lookups (absolute, relative), walk", [&](int n) {
     xheap_failafter(n);

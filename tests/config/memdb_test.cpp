@@ -10,7 +10,7 @@
 #include "lib/heap.h"
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
-#include "tests/lib/oom.h"
+#include "tests/lib/testing.h"
 
 namespace {
 
@@ -59,48 +59,14 @@ std::string get(kiv_memdb *db, const std::string &key) {
 }
 std::string code(int rc) { return "#" + std::to_string(rc); }
 
-TEST_F(Memdb, CaseFoldingAgainstExactKeys) {
-  struct {
-    int flags, count;
-    const char *lower, *upper;  // what "abc" and "ABC" find after storing ABC=1 then abc=2
-  } cases[] = {{MEMDB_NOCASE, 1, "2", "2"}, {0, 2, "2", "1"}};
-  for (auto &c : cases) {
-    kiv_memdb *db = make(512, 0, c.flags);
-    ASSERT_EQ(put(db, "ABC", "1"), 0);
-    ASSERT_EQ(put(db, "abc", "2"), 0);
-    EXPECT_EQ(db->count, c.count) << c.flags;
-    EXPECT_EQ(get(db, "abc"), c.lower) << c.flags;
-    EXPECT_EQ(get(db, "ABC"), c.upper) << c.flags;
-  }
-}
-
-TEST_F(Memdb, ReplacementMatchAndDeletion) {
-  kiv_memdb *db = make(0, 0);
+// Defaults: 64 buckets for 0, and a negative lifetime keeps entries 600 seconds.
+TEST_F(Memdb, DefaultsAndExpiry) {
+  kiv_memdb *db = make(0, -1);
   EXPECT_EQ(db->nbuckets, 64);
-  ASSERT_EQ(put(db, "k", "first"), 0);
-  ASSERT_EQ(put(db, "k", "value"), 0);
-  EXPECT_EQ(db->count, 1);
-  EXPECT_EQ(db->bytes, 1 + 5);
-  struct {
-    const char *key, *data;  // data null: length 0, existence only
-    int expect;
-  } cases[] = {{"k", nullptr, 5},        {"k", "value", 5},          {"k", "valuE", KIV_EBUSY},
-               {"k", "val", KIV_EBUSY},  {"k", "values", KIV_EBUSY}, {"x", nullptr, KIV_ENOTFOUND}};
-  for (auto &c : cases) {
-    std::string data = c.data ? c.data : "";
-    EXPECT_EQ(op(db, MEMDB_MATCH, c.key, c.data ? &data : nullptr), c.expect) << c.key << " " << data;
-  }
-  EXPECT_EQ(op(db, MEMDB_DEL, "k"), 0);
-  EXPECT_EQ(op(db, MEMDB_DEL, "k"), KIV_ENOTFOUND);
-  EXPECT_EQ(db->count, 0);
-  EXPECT_EQ(db->bytes, 0);
-}
-
-TEST_F(Memdb, NegativeLifetimeKeepsEntriesSixHundredSeconds) {
-  kiv_memdb *db = make(64, -1);
   EXPECT_EQ(db->lifetime, 600);
   ASSERT_EQ(put(db, "a", "1"), 0);
   ASSERT_EQ(put(db, "b", "2"), 0);
+  EXPECT_EQ(op(db, MEMDB_MATCH, "b"), 1);  // no data: the entry's existence, its length
   fakenow += 600;
   EXPECT_EQ(get(db, "a"), "1");
   fakenow += 1;
@@ -128,16 +94,15 @@ TEST_F(Memdb, CeilingEvictsOnlyWithALifetime) {
   EXPECT_EQ(forever->count, 100);
 }
 
+// Each live entry is visited once (re-entry and freeing inside a walk: the fuzz target).
 struct walkstate {
-  int visits = 0, nested = 0, freed = 0;
+  int visits = 0;
   std::string victim;  // another entry deleted on the first visit
 };
 int walker(kiv_memdb *db, kiv_memdbrec *r, void *arg) {
   auto *st = static_cast<walkstate *>(arg);
   std::string key(static_cast<char *>(r->key), static_cast<size_t>(r->keylen));
   if (st->visits++ == 0) {
-    st->nested = kiv_memdbwalk(db, walker, arg);
-    st->freed = kiv_memdbfree(db);
     st->victim = key == "e28" ? "e26" : "e28";
     EXPECT_EQ(op(db, MEMDB_DEL, st->victim), 0);  // gone at once, never visited
     EXPECT_EQ(get(db, st->victim), code(KIV_ENOTFOUND));
@@ -149,18 +114,14 @@ int walker(kiv_memdb *db, kiv_memdbrec *r, void *arg) {
   return 0;
 }
 
-TEST_F(Memdb, WalkToleratesDeletionAndRefusesReentry) {
+TEST_F(Memdb, WalkVisitsEachLiveEntryOnce) {
   kiv_memdb *db = make(8, 100);
   for (int i = 0; i < 20; i++) ASSERT_EQ(put(db, (i % 2 ? "o" : "e") + std::to_string(10 + i), "v"), 0);
   walkstate st;
   EXPECT_EQ(kiv_memdbwalk(db, walker, &st), 0);
   EXPECT_EQ(st.visits, 19);
-  EXPECT_EQ(st.nested, KIV_EBUSY);
-  EXPECT_EQ(st.freed, KIV_EBUSY);
   EXPECT_EQ(db->count, 9);
   EXPECT_EQ(db->bytes, 9 * 4);
-  EXPECT_EQ(get(db, "e10"), "v");
-  EXPECT_EQ(get(db, "o11"), code(KIV_ENOTFOUND));
   EXPECT_EQ(kiv_memdbwalk(db, nullptr, nullptr), KIV_EBUSY);
   EXPECT_EQ(kiv_memdbopt(db, -1, 0), 0);  // the walking mark is gone
 }
@@ -224,10 +185,8 @@ TEST_F(Memdb, FreeFunctionTakesDisposalAndBytesStayRight) {
 
 // TOUCH renews an entry at every successful lookup; without it the first stamp counts.
 TEST_F(Memdb, TouchRenewsOnLookup) {
-  struct {
-    int flags;
-    const char *second;  // the lookup 180 s after the store, 90 s after the first
-  } cases[] = {{MEMDB_TOUCH, "v"}, {0, "#-11"}};
+  // second: the lookup 180 s after the store, 90 s after the first
+  struct { int flags; const char *second; } cases[] = {{MEMDB_TOUCH, "v"}, {0, "#-11"}};
   for (auto &c : cases) {
     kiv_memdb *db = make(8, 100, c.flags);
     ASSERT_EQ(put(db, "k", "v"), 0);
@@ -242,18 +201,10 @@ TEST_F(Memdb, TouchRenewsOnLookup) {
 // nothing. With FREEFUNC the argument is the function and no ceiling is read.
 TEST_F(Memdb, CeilingRange) {
   kiv_memdb *db = make(8, 100);
-  struct {
-    int flags;
-    long long arg;
-    bool refused;
-    int32_t ceiling;
-  } cases[] = {{MEMDB_MAXBYTES, -1, true, 0},
-               {MEMDB_MAXBYTES, INT_MIN, true, 0},
-               {MEMDB_MAXBYTES, static_cast<long long>(INT32_MAX) + 1, true, 0},
-               {MEMDB_MAXBYTES, INT32_MAX, false, INT32_MAX},
-               {MEMDB_MAXBYTES, 0, false, 0},
-               {MEMDB_MAXBYTES, 77, false, 77},
-               {MEMDB_MAXBYTES | MEMDB_FREEFUNC, -1, false, 77}};
+  struct { int flags; long long arg; bool refused; int32_t ceiling; } cases[] = {
+      {MEMDB_MAXBYTES, -1, true, 0}, {MEMDB_MAXBYTES, INT_MIN, true, 0},
+      {MEMDB_MAXBYTES, static_cast<long long>(INT32_MAX) + 1, true, 0}, {MEMDB_MAXBYTES, INT32_MAX, false, INT32_MAX},
+      {MEMDB_MAXBYTES, 0, false, 0}, {MEMDB_MAXBYTES, 77, false, 77}, {MEMDB_MAXBYTES | MEMDB_FREEFUNC, -1, false, 77}};
   for (auto &c : cases) {
     int before = kiv_memdbopt(db, -1, 0);
     int rc = kiv_memdbopt(db, c.flags, static_cast<intptr_t>(c.arg));

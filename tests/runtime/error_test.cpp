@@ -1,23 +1,18 @@
 #include <climits>
-#include <cstring>
 
 #include <gtest/gtest.h>
 
 #include "toolkit/runtime/base64.h"
 #include "toolkit/runtime/error.h"
 
-// A copy-paste slip in the table shows as two codes with one text.
-TEST(Error, EveryCodeOfTheTableHasDistinctTexts) {
+// The ends of the table and the first codes past them: an off-by-one in the lookup
+// shifts or drops the end entries; a copy-paste slip shows as two codes with one text.
+TEST(Error, TableEndsCodesOutsideItAndDistinctTexts) {
   for (int a = 0; a > -KIV_NCODES; a--)
     for (int b = a - 1; b > -KIV_NCODES; b--) {
       EXPECT_STRNE(kiv_errname(a), kiv_errname(b)) << a << " " << b;
       EXPECT_STRNE(kiv_strerror(a), kiv_strerror(b)) << a << " " << b;
     }
-}
-
-// The ends of the table and the first codes past them: an off-by-one in the lookup
-// shifts or drops the end entries.
-TEST(Error, TableEndsAndCodesOutsideIt) {
   struct { int code; const char *name, *message; } cases[] = {
       {0, "OK", "OK"},
       {-1, "EINTERNAL", "Internal toolkit error"},
@@ -32,12 +27,9 @@ TEST(Error, TableEndsAndCodesOutsideIt) {
   }
 }
 
+// Its results otherwise: the library's own (the fuzz target compares them for every input).
 TEST(Base64, ToolkitEntryPointTurnsARefusalIntoEINVAL) {
   char out[8];
-  memset(out, 'X', sizeof out);
-  EXPECT_EQ(4, kiv_b64encode("abc", 3, out));
-  EXPECT_STREQ("YWJj", out);
-  EXPECT_EQ(0, kiv_b64encode("abc", 0, out));
   EXPECT_EQ(KIV_EINVAL, kiv_b64encode(nullptr, 3, out));
   EXPECT_EQ(KIV_EINVAL, kiv_b64encode("abc", 3, nullptr));
 }
