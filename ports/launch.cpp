@@ -6,6 +6,7 @@
 
 #include "lib/heap.h"
 #include "lib/printf.h"
+#include "lib/wire.h"
 #include "ports/internal.h"
 #include "toolkit/config/info.h"
 #include "toolkit/runtime/base64.h"
@@ -13,13 +14,13 @@
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/memory.h"
 
-static_assert(sizeof(WSAPROTOCOL_INFOA) == 372, "agents decode 372 bytes of protocol information");
+static_assert(sizeof(WSAPROTOCOL_INFOA) == WIRE_INFO_SIZE, "agents decode the protocol information");
 
 namespace {
 
-constexpr int B64_SIZE = 744;  // 496 characters of base64 for 372 bytes, and room to spare
-// The longest port line, "-Ptcp::65535@" and 496 characters of base64, with its CR LF.
-constexpr int PORT_LINE_MAX = sizeof "-Ptcp::65535@" - 1 + 496 + 2;
+constexpr int B64_SIZE = WIRE_INFO_TEXT + 1;  // the protocol information in base64 and its zero
+// The longest port line with its CR LF.
+constexpr int PORT_LINE_MAX = WIRE_PORT_LINE_MAX + 2;
 // Room in an agent's pipe beyond its start-up for the commands of its life ("remove",
 // "reconfig", "exit"), so that those too are written while the agent is busy.
 constexpr int LATER_COMMANDS = 4096;
@@ -36,7 +37,7 @@ bool joins_launch(const port_record *q, const port_record *p) {
 DWORD agent_pipe_size(const port_record *p) {
   DWORD ports = 1;
   for (const port_record *q = ssock_ports; q; q = q->next) ports += joins_launch(q, p);
-  return ports * PORT_LINE_MAX + sizeof "--\r\n" + SENDCMD_SIZE + 2 + LATER_COMMANDS;
+  return ports * PORT_LINE_MAX + sizeof WIRE_END_PORTS "\r\n" + SENDCMD_SIZE + 2 + LATER_COMMANDS;
 }
 
 // Closes a handle when the scope ends unless released; null and INVALID_HANDLE_VALUE
@@ -73,7 +74,7 @@ bool handover(port_record *p, child_record *c, char *b64) {
   WSAPROTOCOL_INFOA info;
   if (WSADuplicateSocketA(p->sock, c->pid, &info) == SOCKET_ERROR) return false;
   kiv_b64encode(&info, sizeof info, b64);
-  sendcmd(c, "-Ptcp::%u@%s", static_cast<unsigned>(p->port), b64);
+  sendcmd(c, WIRE_PORT_HANDOVER, static_cast<unsigned>(p->port), b64);
   p->agent = c;
   c->links++;
   return true;
@@ -215,7 +216,7 @@ int start_agent(port_record *p) {
   SSOCK_LOG(3, TAG, "Child %d started for port %d [%s, %s]", static_cast<int>(c->pid), p->port,
             svc->name, START_NAMES[p->start]);
   if (p->start == START_ON) {
-    sendcmd(c, "-Ptcp::%u", static_cast<unsigned>(p->port));
+    sendcmd(c, WIRE_PORT_ON, static_cast<unsigned>(p->port));
     p->agent = c;
     c->links++;
   } else {
@@ -243,7 +244,7 @@ int start_agent(port_record *p) {
       SSOCK_LOG(3, TAG, "Port %d added to %d", q->port, static_cast<int>(c->pid));
     }
   }
-  sendcmd(c, "--");
+  sendcmd(c, WIRE_END_PORTS);
   char *name = xstrdup(svc->name, nullptr);
   char path[PATH_SIZE];
   char *lifespan = nullptr;
@@ -251,7 +252,7 @@ int start_agent(port_record *p) {
     xsnprintf(path, sizeof path, ".services.%.*s.lifespan", 236, kivinfo_fixname(name));
     kivinfo_get(nullptr, path, &lifespan);
   }
-  sendcmd(c, "lifespan %s", lifespan ? lifespan : "86400");
+  sendcmd(c, WIRE_LIFESPAN "%s", lifespan ? lifespan : "86400");
   xfree(lifespan);
   xfree(name);
   return 0;

@@ -5,6 +5,7 @@
 #include "lib/heap.h"
 #include "lib/printf.h"
 #include "lib/strcase.h"
+#include "lib/wire.h"
 #include "ports/internal.h"
 #include "toolkit/config/info.h"
 
@@ -127,7 +128,7 @@ int ssock_reconfig() {
   if (oldcount > 0 && oldcount == newcount) {
     for (int i = 0; i < nagents; i++) {
       SSOCK_LOG(3, TAG, "No port removed/added sending reconfig");
-      sendcmd(agents[i], "reconfig");
+      sendcmd(agents[i], WIRE_RECONFIG);
     }
   }
   return 0;

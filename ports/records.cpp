@@ -3,13 +3,14 @@
 
 #include "lib/heap.h"
 #include "lib/printf.h"
+#include "lib/wire.h"
 #include "ports/internal.h"
 #include "toolkit/config/info.h"
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/memory.h"
 
-const char SSOCK_ROOT[] = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Orvane\\Agents";
+const char SSOCK_ROOT[] = WIRE_ROOT;
 const char *const START_NAMES[4] = {"", "Auto", "Hook", "On"};
 
 port_record *ssock_ports;

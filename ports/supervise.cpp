@@ -1,6 +1,7 @@
 // Supervision: the pass that carries out removals, listens, launches and restarts, the
 // wait list it leaves for the main loop, and the handling of one signalled entry.
 #include "lib/heap.h"
+#include "lib/wire.h"
 #include "ports/internal.h"
 #include "ports/util.h"
 #include "toolkit/runtime/clock.h"
@@ -32,15 +33,15 @@ void tell_agent(port_record *p) {
   SSOCK_LOG(3, UPDATE_TAG, "Removing port %d from pid %d", p->port, static_cast<int>(c->pid));
   if (c->links == 1) {
     if (p->flags & PORT_EXIT) {
-      sendcmd(c, "exit");
+      sendcmd(c, WIRE_EXIT);
     } else {
-      sendcmd(c, "remove tcp::%u", static_cast<unsigned>(p->port));
+      sendcmd(c, WIRE_REMOVE "%u", static_cast<unsigned>(p->port));
       CloseHandle(c->pipe);
       c->pipe = nullptr;
     }
     p->flags |= PORT_TOLD;
   } else {
-    sendcmd(c, "remove tcp::%u", static_cast<unsigned>(p->port));
+    sendcmd(c, WIRE_REMOVE "%u", static_cast<unsigned>(p->port));
     c->links--;
     p->agent = nullptr;
   }

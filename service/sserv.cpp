@@ -10,6 +10,7 @@
 #include "control/npipe.h"
 #include "lib/heap.h"
 #include "lib/printf.h"
+#include "lib/wire.h"
 #include "ports/ssock.h"
 #include "toolkit/config/info.h"
 #include "toolkit/runtime/cinit.h"
@@ -18,9 +19,9 @@
 #include "toolkit/runtime/log.h"
 #include "toolkit/runtime/memory.h"
 
-const char SSERV_NAME[] = "vesk_kivd";
+const char SSERV_NAME[] = WIRE_SERVICE;
 const char SSERV_DISPLAY[] = "Varnel Agent Port Manager";
-const char SSERV_PIPE[] = "\\\\.\\pipe\\vesk_kivd";
+const char SSERV_PIPE[] = WIRE_PIPE;
 const char SSERV_DESCRIPTION[] =
     "Listens on TCP ports for agent programs and starts the configured agent when a client "
     "connects.";

@@ -24,17 +24,18 @@
 #include <string>
 
 #include "lib/heap.h"
+#include "lib/wire.h"
 #include "tools/kivctl/applycfg.h"
 #include "toolkit/config/w32conf.h"
 #include "toolkit/runtime/error.h"
 
 namespace {
 
-const char PARENT[] = "SOFTWARE\\Orvane";
-const char LIVE[] = "Agents";
-const char STAGING[] = "Agents.new";
-const char RETIRED[] = "Agents.old";
-const char LIVE_PATH[] = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Orvane\\Agents";
+const char PARENT[] = WIRE_ROOT_PARENT;
+const char LIVE[] = WIRE_ROOT_KEY;
+const char STAGING[] = WIRE_ROOT_KEY ".new";
+const char RETIRED[] = WIRE_ROOT_KEY ".old";
+const char LIVE_PATH[] = WIRE_ROOT;
 const char MARKER[] = "kivctl.apply";  // in Agents.new: "complete" once every value is in
 const char COMPLETE[] = "complete";
 

@@ -18,6 +18,7 @@
 #include "kiv_version.h"
 #include "lib/cmdsplit.h"
 #include "lib/dstr.h"
+#include "lib/wire.h"
 #include "tools/kivctl/answer.h"
 #include "tools/kivctl/apply.h"
 #include "tools/kivctl/listing.h"
@@ -28,7 +29,7 @@ namespace {
 // error), the protocol's elements as they come (--raw), or JSON (--json).
 enum class output { people, raw, json };
 
-const char PIPE[] = "\\\\.\\pipe\\vesk_kivd";
+const char PIPE[] = WIRE_PIPE;
 constexpr DWORD NPIPE_DEFAULT_WAIT = 10000;  // the server's default time-out (ms)
 
 struct scoped_handle {
@@ -212,7 +213,7 @@ int status(output mode) {
   bool installed = false;
   DWORD state = 0, service_pid = 0;
   if (SC_HANDLE scm = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT)) {
-    if (SC_HANDLE svc = OpenServiceA(scm, "vesk_kivd", SERVICE_QUERY_STATUS)) {
+    if (SC_HANDLE svc = OpenServiceA(scm, WIRE_SERVICE, SERVICE_QUERY_STATUS)) {
       installed = true;
       SERVICE_STATUS_PROCESS st = {};
       DWORD need = 0;
@@ -302,7 +303,7 @@ int kivctl_reconfig() {
   dstr_init(&reply);
   DWORD e = read_message(pipe.h, &reply);
   DWORD put = 0;
-  if (!e && !WriteFile(pipe.h, "reconfig", 8, &put, nullptr)) e = GetLastError();
+  if (!e && !WriteFile(pipe.h, WIRE_RECONFIG, sizeof WIRE_RECONFIG - 1, &put, nullptr)) e = GetLastError();
   if (!e) e = read_message(pipe.h, &reply);
   if (!e && strcmp(reply.buffer, "+") != 0) {
     fprintf(stderr, "kivctl: reconfig: %s\n", reply.buffer);
