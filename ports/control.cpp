@@ -10,8 +10,8 @@
 #include "lib/printf.h"
 #include "ports/internal.h"
 #include "toolkit/config/info.h"
-#include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
+#include "toolkit/runtime/mwait.h"
 
 namespace {
 
@@ -190,23 +190,8 @@ int ssock_cleanup() {
   ssock_update();
   if (ssock_waitcount == 0) return 0;
   SSOCK_LOG(3, TAG, "Waiting for %d children", static_cast<int>(ssock_waitcount));
-  // One wait takes at most MAXIMUM_WAIT_OBJECTS handles: larger lists are waited for
-  // group by group, all within the one 5-second limit.
-  constexpr uint32_t LIMIT = 5000;
-  uint32_t begin = kiv_ticks();
-  bool timedout = false;
-  for (unsigned first = 0; first < ssock_waitcount && !timedout; first += MAXIMUM_WAIT_OBJECTS) {
-    unsigned count = ssock_waitcount - first;
-    if (count > MAXIMUM_WAIT_OBJECTS) count = MAXIMUM_WAIT_OBJECTS;
-    uint32_t spent = kiv_ticks() - begin;
-    DWORD r = WaitForMultipleObjects(count, ssock_waithandles + first, TRUE,
-                                     spent < LIMIT ? LIMIT - spent : 0);
-    if (r == WAIT_TIMEOUT)
-      timedout = true;
-    else if (r == WAIT_FAILED)
-      return 0;
-  }
-  if (!timedout) return 0;
+  // One 5-second limit for them all, however many there are.
+  if (mwait_all(ssock_waitcount, ssock_waithandles, 5000) != MWAIT_TIMEOUT) return 0;
   SSOCK_LOG(3, TAG, "timeout");
   for (port_record *p = ssock_ports; p; p = p->next) {
     child_record *c = p->agent;

@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "control/cmd.h"
-#include "control/mwait.h"
+#include "toolkit/runtime/mwait.h"
 #include "control/npipe.h"
 #include "lib/heap.h"
 #include "lib/printf.h"
@@ -334,6 +334,11 @@ int loop_wait(DWORD count, HANDLE *handles, DWORD timeout, DWORD *index) {
   return p;
 }
 
+// The wait set, rebuilt before every wait: first the port manager's list (ssock_waitset,
+// from its last pass: each idle listening port's event, each agent's process once, each
+// hooking process, each running global program), then `die` (here; stop_service sets it),
+// then the pipe server's read and write events (npipe_wait appends them). mwait_any
+// (toolkit/runtime/mwait.h) takes the whole set at any count.
 int run_service() {
   static const char tag[] = "sserv.run_service";
   char line[CMD_LINE + 1];

@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "control/mwait.h"
+#include "toolkit/runtime/mwait.h"
 #include "control/npipe.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/log.h"

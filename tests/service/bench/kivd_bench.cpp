@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "control/mwait.h"
+#include "toolkit/runtime/mwait.h"
 #include "tests/service/kivd_fixture.h"
 
 namespace {
