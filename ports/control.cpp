@@ -204,10 +204,7 @@ int ssock_cleanup() {
     }
     // Cleared so that no record keeps pointing at a freed agent.
     p->agent = nullptr;
-    if (--c->links == 0) {
-      if (c->pipe) CloseHandle(c->pipe);
-      xfree(c);
-    }
+    if (--c->links == 0) free_child(c);
   }
   for (prog_record *g = ssock_progs; g; g = g->next) {
     if (!g->process) continue;
@@ -224,32 +221,19 @@ void ssock_reset() {
   for (port_record *p = ssock_ports; p;) {
     if (p->agent && std::find(agents.begin(), agents.end(), p->agent) == agents.end())
       agents.push_back(p->agent);
-    close_socket(p);
-    if (p->parent) CloseHandle(p->parent);
-    xfree(p->extra_args);
     port_record *next = p->next;
-    xfree(p);
+    free_port(p);
     p = next;
   }
-  for (child_record *c : agents) {
-    if (c->process) CloseHandle(c->process);
-    if (c->pipe) CloseHandle(c->pipe);
-    xfree(c);
-  }
+  for (child_record *c : agents) free_child(c);
   for (service_record *s = ssock_services; s;) {
     service_record *next = s->next;
-    xfree(s->name);
-    xfree(s->description);
-    xfree(s->program);
-    xfree(s);
+    free_service(s);
     s = next;
   }
   for (prog_record *g = ssock_progs; g;) {
     prog_record *next = g->next;
-    if (g->process) CloseHandle(g->process);
-    xfree(g->name);
-    xfree(g->program);
-    xfree(g);
+    free_prog(g);
     g = next;
   }
   xfree(ssock_waithandles);

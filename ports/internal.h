@@ -142,6 +142,13 @@ prog_record *addprog(const char *name);
 int service_path(char *buffer, const char *name, const char *suffix);
 // Closes a port's socket and its event together.
 void close_socket(port_record *p);
+// Destructors of records already taken out of their lists (or of an agent no port holds
+// any more): each closes what the record owns and frees it. free_port closes the socket
+// and the hooking process's handle and drops the port from its service's count.
+void free_port(port_record *p);
+void free_service(service_record *s);
+void free_prog(prog_record *g);  // its process handle too, when it still has one
+void free_child(child_record *c);  // its process handle and its pipe, when open
 
 // Control operations (control.cpp).
 // A UTC breakdown (year, month, day, hour, minute) for when localtime cannot represent a

@@ -227,9 +227,7 @@ int start_agent(port_record *p) {
                    "Failed to WSADuplicateSocket(). Error %d", WSAGetLastError());
       WSAEventSelect(p->sock, p->event, FD_ACCEPT);
       // The agent runs on without its port; closing its pipe tells it so.
-      CloseHandle(c->process);
-      CloseHandle(c->pipe);
-      xfree(c);
+      free_child(c);
       return KIV_ESYS;
     }
     for (port_record *q = ssock_ports; q; q = q->next) {

@@ -1,4 +1,4 @@
-// The records' lists, the lookups and the record constructors.
+// The records' lists, the lookups, the record constructors and their destructors.
 #include <cstring>
 
 #include "lib/heap.h"
@@ -156,4 +156,32 @@ void close_socket(port_record *p) {
   WSACloseEvent(p->event);
   p->sock = INVALID_SOCKET;
   p->event = nullptr;
+}
+
+void free_port(port_record *p) {
+  close_socket(p);
+  if (p->parent) CloseHandle(p->parent);
+  p->service->nports--;
+  xfree(p->extra_args);
+  xfree(p);
+}
+
+void free_service(service_record *s) {
+  xfree(s->name);
+  xfree(s->description);
+  xfree(s->program);
+  xfree(s);
+}
+
+void free_prog(prog_record *g) {
+  if (g->process) CloseHandle(g->process);
+  xfree(g->name);
+  xfree(g->program);
+  xfree(g);
+}
+
+void free_child(child_record *c) {
+  if (c->process) CloseHandle(c->process);
+  if (c->pipe) CloseHandle(c->pipe);
+  xfree(c);
 }

@@ -16,13 +16,12 @@ ssock_stopfunc stopping_hook;
 
 bool stopping() { return stopping_hook && stopping_hook(); }
 
-// Unlinks p, whose predecessor is prev (null at the head), and frees it.
-void unlink_port(port_record *prev, port_record *p) {
-  p->service->nports--;
-  xfree(p->extra_args);
+// Unlinks the port *link points at and frees it; *link then points at its successor.
+void unlink_port(port_record **link) {
+  port_record *p = *link;
   SSOCK_LOG(3, UPDATE_TAG, "Port %d/%s unlinked", p->port, START_NAMES[p->start]);
-  (prev ? prev->next : ssock_ports) = p->next;
-  xfree(p);
+  *link = p->next;
+  free_port(p);
 }
 
 // Tells the agent of a port that is removed or disabled by command to drop it: the sole
@@ -77,19 +76,16 @@ void release_port(port_record *p) {
   if (p->agent && !(p->flags & PORT_TOLD)) tell_agent(p);
   if (p->sock != INVALID_SOCKET) {
     SSOCK_LOG(3, UPDATE_TAG, "Not listening on port %d", p->port);
-    closesocket(p->sock);
+    close_socket(p);
     SSOCK_LOG(3, UPDATE_TAG, "Socket closed");
-    WSACloseEvent(p->event);
-    p->sock = INVALID_SOCKET;
-    p->event = nullptr;
   }
 }
 
 // The port pass; returns the number of the port due next, or 0.
 int port_pass(time_t now) {
   int nextport = 0;
-restart:
-  for (port_record *prev = nullptr, *p = ssock_ports; p; prev = p, p = p->next) {
+  // An unlink leaves link pointing at the successor, which is handled next.
+  for (port_record **link = &ssock_ports, *p; (p = *link) != nullptr;) {
     if (p->agent) p->agent->listed = 0;
     if (p->flags & PORT_REMOVE) {
       if (p->parent) {
@@ -100,8 +96,8 @@ restart:
       // A removed record is never live again: once no agent holds it, it goes, whatever
       // disable it carries (a disable by command lives on in its successor).
       if (!p->agent) {
-        unlink_port(prev, p);
-        goto restart;  // records already handled need nothing more
+        unlink_port(link);
+        continue;
       }
     } else if (disabled_by_command(p)) {
       release_port(p);
@@ -119,22 +115,20 @@ restart:
       ssock_nextdue = p->until;
       nextport = p->port;
     }
+    link = &p->next;
   }
   return nextport;
 }
 
 void prog_pass(time_t now) {
-restart:
-  for (prog_record *prev = nullptr, *g = ssock_progs; g; prev = g, g = g->next) {
+  for (prog_record **link = &ssock_progs, *g; (g = *link) != nullptr;) {
     if (g->flags & PROG_REMOVE) {
       // A killed program stays, its process in the wait list, until its end is handled:
       // shutdown then waits for it like for an agent.
       if (!g->process) {
-        (prev ? prev->next : ssock_progs) = g->next;
-        xfree(g->name);
-        xfree(g->program);
-        xfree(g);
-        goto restart;
+        *link = g->next;
+        free_prog(g);
+        continue;
       }
       if (!(g->flags & PROG_KILLED)) {
         SSOCK_LOG(3, UPDATE_TAG, "Prog %s/%d killed", g->name, static_cast<int>(g->pid));
@@ -150,20 +144,19 @@ restart:
       }
     }
     if ((g->flags & PROG_DISABLED) && g->until < ssock_nextdue) ssock_nextdue = g->until;
+    link = &g->next;
   }
 }
 
 void service_pass() {
-restart:
-  for (service_record *prev = nullptr, *s = ssock_services; s; prev = s, s = s->next) {
-    if (s->nports != 0) continue;
+  for (service_record **link = &ssock_services, *s; (s = *link) != nullptr;) {
+    if (s->nports != 0) {
+      link = &s->next;
+      continue;
+    }
     SSOCK_LOG(3, UPDATE_TAG, "Service %s no longer used", s->name);
-    (prev ? prev->next : ssock_services) = s->next;
-    xfree(s->name);
-    xfree(s->description);
-    xfree(s->program);
-    xfree(s);
-    goto restart;
+    *link = s->next;
+    free_service(s);
   }
 }
 
@@ -323,9 +316,7 @@ int process_event(unsigned index, HANDLE h) {
   if (c->links != 0)
     SSOCK_LOG(1, CALLBACK_TAG, "Link count for %d is %d (!= 0)", static_cast<int>(c->pid),
               c->links);
-  if (c->pipe) CloseHandle(c->pipe);
-  CloseHandle(c->process);
-  xfree(c);
+  free_child(c);
   ssock_update();
   return 0;
 }
