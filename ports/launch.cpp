@@ -13,6 +13,7 @@
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/memory.h"
+#include "toolkit/runtime/scoped_win.h"
 
 static_assert(sizeof(WSAPROTOCOL_INFOA) == WIRE_INFO_SIZE, "agents decode the protocol information");
 
@@ -39,34 +40,6 @@ DWORD agent_pipe_size(const port_record *p) {
   for (const port_record *q = ssock_ports; q; q = q->next) ports += joins_launch(q, p);
   return ports * PORT_LINE_MAX + sizeof WIRE_END_PORTS "\r\n" + SENDCMD_SIZE + 2 + LATER_COMMANDS;
 }
-
-// Closes a handle when the scope ends unless released; null and INVALID_HANDLE_VALUE
-// count as empty.
-class scoped_handle {
- public:
-  explicit scoped_handle(HANDLE h = nullptr) : h_(h) {}
-  ~scoped_handle() { reset(); }
-  scoped_handle(scoped_handle &&other) noexcept : h_(other.release()) {}
-  scoped_handle(const scoped_handle &) = delete;
-  scoped_handle &operator=(const scoped_handle &) = delete;
-  HANDLE get() const { return h_; }
-  HANDLE *put() {
-    reset();
-    return &h_;
-  }
-  HANDLE release() {
-    HANDLE h = h_;
-    h_ = nullptr;
-    return h;
-  }
-  void reset(HANDLE h = nullptr) {
-    if (h_ && h_ != INVALID_HANDLE_VALUE) CloseHandle(h_);
-    h_ = h;
-  }
-
- private:
-  HANDLE h_;
-};
 
 // Duplicates p's socket for pid and writes its port line; the caller has cancelled the
 // socket's event selection. False (nothing written) when the duplication fails.

@@ -18,6 +18,7 @@
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/log.h"
 #include "toolkit/runtime/memory.h"
+#include "toolkit/runtime/scoped_win.h"
 
 const char SSERV_NAME[] = WIRE_SERVICE;
 const char SSERV_DISPLAY[] = "Varnel Agent Port Manager";
@@ -46,17 +47,6 @@ constexpr DWORD ALL_SERVICE = 0xF01FF;
 constexpr DWORD ALL_MANAGER = 0xF003F;
 constexpr DWORD STATUS_TYPE = 0x30;  // own-process and share-process bits, as reported
 constexpr int LOGGED_WAIT = 7200;    // waits shorter than this are logged
-
-struct scoped_service {
-  SC_HANDLE h;
-  explicit scoped_service(SC_HANDLE handle) : h(handle) {}
-  scoped_service(const scoped_service &) = delete;
-  scoped_service &operator=(const scoped_service &) = delete;
-  ~scoped_service() {
-    if (h) CloseServiceHandle(h);
-  }
-  SC_HANDLE get() const { return h; }
-};
 
 int uninstall(SC_HANDLE service) {
   SERVICE_STATUS st;
@@ -243,6 +233,7 @@ void *MakePipeSecurity() {
                                NO_INHERITANCE);
   PACL acl = nullptr;
   DWORD rc = SetEntriesInAclA(2, entries, nullptr, &acl);
+  scoped_local acl_memory(acl);
   if (rc != ERROR_SUCCESS) {
     kiv_logerror(nullptr, tag, KIV_SEV_FATAL, static_cast<int>(rc), "SetEntriesInAcl() failed: %d",
                  static_cast<int>(rc));
@@ -254,13 +245,11 @@ void *MakePipeSecurity() {
   auto *sd = static_cast<SECURITY_DESCRIPTOR *>(kiv_alloc(size, tag));
   if (!sd || !InitializeSecurityDescriptor(sd, SECURITY_DESCRIPTOR_REVISION)) {
     kiv_logerror(nullptr, tag, KIV_SEV_FATAL, 0, "InitializeSecurityDescriptor() failed: %d", 0);
-    LocalFree(acl);
     xfree(sd);
     return nullptr;
   }
   PACL copy = reinterpret_cast<PACL>(sd + 1);
   memcpy(copy, acl, aclsize);
-  LocalFree(acl);
   if (!SetSecurityDescriptorDacl(sd, TRUE, copy, FALSE)) {
     kiv_logerror(nullptr, tag, KIV_SEV_FATAL, 0, "SetSecurityDescriptorDacl() failed: %d",
                  static_cast<int>(GetLastError()));
