@@ -125,7 +125,7 @@ int reset_pipe(int index) {
   DisconnectNamedPipe(in->pipe);
   while (in->head) drop_head(in);
   in->state = LISTEN;
-  if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "%d -> LISTEN", index);
+  KIV_LOG(3, tag, "%d -> LISTEN", index);
   if (ConnectNamedPipe(in->pipe, &in->rd)) {
     kiv_logerror(nullptr, tag, KIV_SEV_FATAL, KIV_ESYS, "Failed to ConnectNamedPipe(): TRUE");
     return KIV_ESYS;

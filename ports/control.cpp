@@ -65,7 +65,7 @@ int ssock_add(int port, const char *pid, const char *extra_args) {
   static const char TAG[] = "ssock.ssock_add";
   port_record *existing = find_port(port);
   if (existing) {
-    SSOCK_LOG(3, TAG, "Port %d exists", port);
+    KIV_LOG(3, TAG, "Port %d exists", port);
     if (existing->start != START_HOOK) return KIV_ECONFIG;
   }
   char key[PATH_SIZE];
@@ -75,17 +75,17 @@ int ssock_add(int port, const char *pid, const char *extra_args) {
   if (port < 1 || port > 65534 || kivinfo_get(nullptr, key, &value) != 0 ||
       strcmp(value, "hook") != 0) {
     xfree(value);
-    SSOCK_LOG(3, TAG, "Port %d not configured as hook", port);
+    KIV_LOG(3, TAG, "Port %d not configured as hook", port);
     return KIV_ECONFIG;
   }
   xfree(value);
   xsnprintf(key, sizeof key, ".tcp.s%d.service", port);
   char *name = nullptr;
   if (kivinfo_get(nullptr, key, &name) != 0) {
-    SSOCK_LOG(3, TAG, "No service for port %d", port);
+    KIV_LOG(3, TAG, "No service for port %d", port);
     return KIV_ECONFIG;
   }
-  SSOCK_LOG(3, TAG, "Found port %d, service %s", port, name);
+  KIV_LOG(3, TAG, "Found port %d, service %s", port, name);
   service_record *svc = addservice(name);
   xfree(name);
   if (!svc) return KIV_ECONFIG;  // a name too long for its paths, logged by addservice
@@ -104,7 +104,7 @@ int ssock_add(int port, const char *pid, const char *extra_args) {
                      static_cast<int>(parent_pid), static_cast<int>(GetLastError()));
         return KIV_ESYS;
       }
-      SSOCK_LOG(3, TAG, "Got handle to process %d", static_cast<int>(parent_pid));
+      KIV_LOG(3, TAG, "Got handle to process %d", static_cast<int>(parent_pid));
     }
   }
   port_record *p = addport(port, svc, START_HOOK);
@@ -114,7 +114,7 @@ int ssock_add(int port, const char *pid, const char *extra_args) {
   }
   if (extra_args) {
     p->extra_args = xstrdup(extra_args, nullptr);
-    SSOCK_LOG(3, TAG, "Extra args: \"%s\"", extra_args);
+    KIV_LOG(3, TAG, "Extra args: \"%s\"", extra_args);
   }
   if (pid) {
     p->parent = parent;
@@ -129,7 +129,7 @@ int ssock_remove(int port) {
   if (!p) return KIV_ENOTFOUND;
   if (p->start != START_HOOK) return KIV_ECONFIG;
   p->flags |= PORT_REMOVE | PORT_EXIT;
-  SSOCK_LOG(3, "ssock.ssock_remove", "port %d", port);
+  KIV_LOG(3, "ssock.ssock_remove", "port %d", port);
   ssock_update();
   return 0;
 }
@@ -146,7 +146,7 @@ int ssock_disable(int port) {
   if (int rc = configured_port(port, &p)) return rc;
   p->until = UNTIL_ENABLED;
   p->flags |= PORT_DISABLED;  // the pass tells its agent and closes its socket
-  SSOCK_LOG(3, "ssock.ssock_disable", "Port %d disabled", port);
+  KIV_LOG(3, "ssock.ssock_disable", "Port %d disabled", port);
   ssock_update();
   return 0;
 }
@@ -157,7 +157,7 @@ int ssock_enable(int port) {
   // A record still held by the agent it told waits for that agent's end, then listens.
   p->until = 0;
   p->flags &= ~PORT_DISABLED;
-  SSOCK_LOG(3, "ssock.ssock_enable", "Port %d enabled", port);
+  KIV_LOG(3, "ssock.ssock_enable", "Port %d enabled", port);
   ssock_update();
   return 0;
 }
@@ -184,21 +184,21 @@ int ssock_info(int context, ssock_writefunc write) {
 
 int ssock_cleanup() {
   static const char TAG[] = "ssock.ssock_cleanup";
-  SSOCK_LOG(3, TAG, "Closing the shop");
+  KIV_LOG(3, TAG, "Closing the shop");
   for (port_record *p = ssock_ports; p; p = p->next) p->flags |= PORT_REMOVE | PORT_EXIT;
   for (prog_record *g = ssock_progs; g; g = g->next) g->flags |= PROG_REMOVE;
   ssock_update();
   if (ssock_waitcount == 0) return 0;
-  SSOCK_LOG(3, TAG, "Waiting for %d children", static_cast<int>(ssock_waitcount));
+  KIV_LOG(3, TAG, "Waiting for %d children", static_cast<int>(ssock_waitcount));
   // One 5-second limit for them all, however many there are.
   if (mwait_all(ssock_waitcount, ssock_waithandles, 5000) != MWAIT_TIMEOUT) return 0;
-  SSOCK_LOG(3, TAG, "timeout");
+  KIV_LOG(3, TAG, "timeout");
   for (port_record *p = ssock_ports; p; p = p->next) {
     child_record *c = p->agent;
     if (!c) continue;
     if (c->process) {
       if (TerminateProcess(c->process, 1))
-        SSOCK_LOG(3, TAG, "Process %d terminated", static_cast<int>(c->pid));
+        KIV_LOG(3, TAG, "Process %d terminated", static_cast<int>(c->pid));
       CloseHandle(c->process);
       c->process = nullptr;
     }
@@ -209,7 +209,7 @@ int ssock_cleanup() {
   for (prog_record *g = ssock_progs; g; g = g->next) {
     if (!g->process) continue;
     if (TerminateProcess(g->process, 1))
-      SSOCK_LOG(3, TAG, "Prog %d terminated", static_cast<int>(g->pid));
+      KIV_LOG(3, TAG, "Prog %d terminated", static_cast<int>(g->pid));
     CloseHandle(g->process);
     g->process = nullptr;
   }

@@ -116,12 +116,6 @@ extern HANDLE *ssock_waithandles;  // ssock_waitcount entries + WAIT_SPARE
 extern uint16_t *ssock_waitports;  // port number per handle; 0 for a process handle
 extern time_t ssock_nextdue;
 
-// Trace lines: written only when the log level reaches `level`.
-#define SSOCK_LOG(level, tag, ...)                                     \
-  do {                                                                 \
-    if (kiv_loglevel >= (level)) kiv_log(nullptr, (tag), __VA_ARGS__); \
-  } while (0)
-
 // Records and lookups (records.cpp).
 // The first record of that number not marked PORT_REMOVE; numbers above 65535 match none.
 port_record *find_port(int number);

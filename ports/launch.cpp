@@ -161,7 +161,7 @@ int start_agent(port_record *p) {
     return KIV_ECONFIG;
   }
   if (!start_allowed(&svc->starts, &svc->period_start, AGENT_STARTS)) {
-    SSOCK_LOG(3, TAG, "Too many agents started for service %s", svc->name);
+    KIV_LOG(3, TAG, "Too many agents started for service %s", svc->name);
     disable_port(p, DISABLE_THROTTLED);
     for (port_record *q = ssock_ports; q; q = q->next)
       if (q != p && q->service == svc && !q->agent && q->sock != INVALID_SOCKET &&
@@ -186,7 +186,7 @@ int start_agent(port_record *p) {
     xfree(c);
     return rc;
   }
-  SSOCK_LOG(3, TAG, "Child %d started for port %d [%s, %s]", static_cast<int>(c->pid), p->port,
+  KIV_LOG(3, TAG, "Child %d started for port %d [%s, %s]", static_cast<int>(c->pid), p->port,
             svc->name, START_NAMES[p->start]);
   if (p->start == START_ON) {
     sendcmd(c, WIRE_PORT_ON, static_cast<unsigned>(p->port));
@@ -207,12 +207,12 @@ int start_agent(port_record *p) {
       if (!joins_launch(q, p)) continue;
       WSAEventSelect(q->sock, q->event, 0);
       if (!handover(q, c, b64)) {
-        SSOCK_LOG(2, TAG, "Failed to WSADuplicateSocket() for port %d, Error %d", q->port,
+        KIV_LOG(2, TAG, "Failed to WSADuplicateSocket() for port %d, Error %d", q->port,
                   WSAGetLastError());
         WSAEventSelect(q->sock, q->event, FD_ACCEPT);
         continue;
       }
-      SSOCK_LOG(3, TAG, "Port %d added to %d", q->port, static_cast<int>(c->pid));
+      KIV_LOG(3, TAG, "Port %d added to %d", q->port, static_cast<int>(c->pid));
     }
   }
   sendcmd(c, WIRE_END_PORTS);
@@ -279,7 +279,7 @@ int start_child(const char *application, const char *command_line, DWORD pipe_si
 int start_prog(prog_record *pg) {
   static const char TAG[] = "ssock.start_prog";
   if (!start_allowed(&pg->starts, &pg->period_start, PROG_STARTS)) {
-    SSOCK_LOG(3, TAG, "Too many prog started for %s", pg->name);
+    KIV_LOG(3, TAG, "Too many prog started for %s", pg->name);
     pg->flags |= PROG_DISABLED;
     return KIV_EINVAL;
   }
@@ -301,7 +301,7 @@ int start_prog(prog_record *pg) {
   CloseHandle(info.hThread);
   pg->process = info.hProcess;
   pg->pid = info.dwProcessId;
-  SSOCK_LOG(3, TAG, "Started pid %d: %s", static_cast<int>(pg->pid), pg->program);
+  KIV_LOG(3, TAG, "Started pid %d: %s", static_cast<int>(pg->pid), pg->program);
   return 0;
 }
 
@@ -317,9 +317,9 @@ void sendcmd(child_record *c, const char *format, ...) {
   va_end(args);
   if (length < 0) length = 0;
   if (length > 20)
-    SSOCK_LOG(3, TAG, "To %d: \"%.20s ...\"", static_cast<int>(c->pid), text);
+    KIV_LOG(3, TAG, "To %d: \"%.20s ...\"", static_cast<int>(c->pid), text);
   else
-    SSOCK_LOG(3, TAG, "To %d: \"%s\"", static_cast<int>(c->pid), text);
+    KIV_LOG(3, TAG, "To %d: \"%s\"", static_cast<int>(c->pid), text);
   text[length] = '\r';
   text[length + 1] = '\n';
   DWORD written = 0;

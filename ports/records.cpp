@@ -75,7 +75,7 @@ service_record *addservice(const char *name) {
   // A name whose paths would not fit in their buffers is refused before a record exists.
   if (service_path(description, name, ".description") != 0 ||
       service_path(program, name, ".program") != 0) {
-    SSOCK_LOG(1, TAG, "Service name too long: %.40s...", name);
+    KIV_LOG(1, TAG, "Service name too long: %.40s...", name);
     return nullptr;
   }
   service_record *s = find_service(name);
@@ -119,7 +119,7 @@ port_record *addport(int number, service_record *svc, int start) {
       if (p->sock != INVALID_SOCKET) WSAEventSelect(p->sock, p->event, FD_ACCEPT);
     } else {
       cur->flags |= PORT_EXIT;
-      SSOCK_LOG(3, TAG, "New port disabled for 10 seconds");
+      KIV_LOG(3, TAG, "New port disabled for 10 seconds");
       p->flags |= PORT_DISABLED;
       p->until = kiv_time() + DISABLE_MODECHANGE;
     }
@@ -128,7 +128,7 @@ port_record *addport(int number, service_record *svc, int start) {
       p->flags |= PORT_DISABLED;
       p->until = UNTIL_ENABLED;
     }
-    SSOCK_LOG(3, TAG, "Old port %d [%s] marked for removal", cur->port, cur->service->name);
+    KIV_LOG(3, TAG, "Old port %d [%s] marked for removal", cur->port, cur->service->name);
   }
   return p;
 }
@@ -138,7 +138,7 @@ prog_record *addprog(const char *name) {
   char path[PATH_SIZE];
   int n = xsnprintf(path, sizeof path, ".global.start.%s.program", name);
   if (n < 0 || n >= PATH_SIZE) {
-    SSOCK_LOG(1, TAG, "Prog name too long: %.40s...", name);
+    KIV_LOG(1, TAG, "Prog name too long: %.40s...", name);
     return nullptr;
   }
   prog_record *g = find_prog(name);

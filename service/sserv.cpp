@@ -116,8 +116,8 @@ int install(SC_HANDLE manager, const char *debugspec) {
 }
 
 void report(const char *tag) {
-  if (!SetServiceStatus(status_handle, &status) && kiv_loglevel >= 1)
-    kiv_log(nullptr, tag, "SetServiceStatus() error %d", static_cast<int>(GetLastError()));
+  if (!SetServiceStatus(status_handle, &status))
+    KIV_LOG(1, tag, "SetServiceStatus() error %d", static_cast<int>(GetLastError()));
 }
 
 }  // namespace
@@ -158,8 +158,8 @@ void WINAPI kivw32_service_start(DWORD, char **argv) {
   static const char tag[] = "sserv.kivw32_service_start";
   char user[128];
   DWORD size = sizeof user;
-  if (GetUserNameA(user, &size) && kiv_loglevel >= 3) kiv_log(nullptr, tag, "My UserName: %s", user);
-  if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "Service %s startup ...", argv[0]);
+  if (GetUserNameA(user, &size)) KIV_LOG(3, tag, "My UserName: %s", user);
+  KIV_LOG(3, tag, "Service %s startup ...", argv[0]);
   status.dwServiceType = STATUS_TYPE;
   status.dwCurrentState = SERVICE_START_PENDING;
   status.dwControlsAccepted = SERVICE_ACCEPT_STOP;
@@ -170,13 +170,11 @@ void WINAPI kivw32_service_start(DWORD, char **argv) {
   InitializeCriticalSection(&status_lock);
   status_handle = RegisterServiceCtrlHandlerA(argv[0], kivw32_service_ctrl);
   if (!status_handle) {
-    if (kiv_loglevel >= 1)
-      kiv_log(nullptr, tag, "RegisterServiceCtrlHandler() error %d", static_cast<int>(GetLastError()));
+    KIV_LOG(1, tag, "RegisterServiceCtrlHandler() error %d", static_cast<int>(GetLastError()));
     return;
   }
   if (!SetServiceStatus(status_handle, &status)) {
-    if (kiv_loglevel >= 1)
-      kiv_log(nullptr, tag, "SetServiceStatus() error %d", static_cast<int>(GetLastError()));
+    KIV_LOG(1, tag, "SetServiceStatus() error %d", static_cast<int>(GetLastError()));
     return;
   }
   int result = initialize();
@@ -188,10 +186,10 @@ void WINAPI kivw32_service_start(DWORD, char **argv) {
       SetServiceStatus(status_handle, &status);
     }
     LeaveCriticalSection(&status_lock);
-    if (running && kiv_loglevel >= 3) kiv_log(nullptr, tag, "Service running");
+    if (running) KIV_LOG(3, tag, "Service running");
     result = run_service();  // after a stop during start-up it only cleans up
   }
-  if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "Service stopped with code %d", result);
+  KIV_LOG(3, tag, "Service stopped with code %d", result);
   kivw32_service_ctrl(SERVICE_CONTROL_STOP);
   Sleep(1500);
   EnterCriticalSection(&status_lock);
@@ -204,8 +202,8 @@ void WINAPI kivw32_service_start(DWORD, char **argv) {
   LeaveCriticalSection(&status_lock);
   if (reported) {
     Sleep(1500);
-  } else if (kiv_loglevel >= 1) {
-    kiv_log(nullptr, tag, "SetServiceStatus() error %d", static_cast<int>(GetLastError()));
+  } else {
+    KIV_LOG(1, tag, "SetServiceStatus() error %d", static_cast<int>(GetLastError()));
   }
 }
 
@@ -240,7 +238,7 @@ void *MakePipeSecurity() {
     return nullptr;
   }
   unsigned aclsize = acl->AclSize;
-  if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "ACL size: %d", static_cast<int>(aclsize));
+  KIV_LOG(3, tag, "ACL size: %d", static_cast<int>(aclsize));
   unsigned size = sizeof(SECURITY_DESCRIPTOR) + aclsize;
   auto *sd = static_cast<SECURITY_DESCRIPTOR *>(kiv_alloc(size, tag));
   if (!sd || !InitializeSecurityDescriptor(sd, SECURITY_DESCRIPTOR_REVISION)) {
@@ -275,11 +273,10 @@ int initialize() {
   xfree(sa.lpSecurityDescriptor);
   if (rc == 0 && !die) rc = KIV_ESYS;
   if (rc != 0) {
-    if (kiv_loglevel >= 3)
-      kiv_log(nullptr, tag, "die:%d, npipe_setup_server() -> %d", die ? 1 : 0, rc);
+    KIV_LOG(3, tag, "die:%d, npipe_setup_server() -> %d", die ? 1 : 0, rc);
     return rc;
   }
-  if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "OK");
+  KIV_LOG(3, tag, "OK");
   cmd_setstop(stop_service);
   ssock_setstopping(stop_requested);
   kiv_cinit(nullptr);
@@ -302,12 +299,12 @@ int loop_wait(DWORD count, HANDLE *handles, DWORD timeout, DWORD *index) {
   static bool failing;  // the last full wait failed: logged once, not at every retry
   int p = npipe_wait(count, handles, timeout, FALSE, mwait_any, index);
   if (p != 0 || *index != WAIT_FAILED) {
-    if (failing && kiv_loglevel >= 1) kiv_log(nullptr, tag, "Waiting on %d handles again", static_cast<int>(count));
+    if (failing) KIV_LOG(1, tag, "Waiting on %d handles again", static_cast<int>(count));
     failing = false;
     return p;
   }
-  if (!failing && kiv_loglevel >= 1)
-    kiv_log(nullptr, tag, "Wait on %d handles failed [%d]: serving stop and the pipe alone",
+  if (!failing)
+    KIV_LOG(1, tag, "Wait on %d handles failed [%d]: serving stop and the pipe alone",
             static_cast<int>(count), static_cast<int>(GetLastError()));
   failing = true;
   // `die` and the pipe still work while the whole set cannot be waited on; the whole set
@@ -349,7 +346,7 @@ int run_service() {
     if (n == 0) handles = alone;
     handles[n] = die;
     int t = wait_seconds(due, kiv_time());
-    if (t < LOGGED_WAIT && kiv_loglevel >= 3) kiv_log(nullptr, tag, "Waiting ... (%d seconds)", t);
+    if (t < LOGGED_WAIT) KIV_LOG(3, tag, "Waiting ... (%d seconds)", t);
     DWORD index = 0;
     int p = loop_wait(n + 1, handles, static_cast<DWORD>(t) * 1000, &index);
     if (p >= 1) {
@@ -365,8 +362,8 @@ int run_service() {
         // message is read as usual.
         static const char refused[] = "-Message too long";
         npipe_write(p, refused, sizeof refused - 1);
-      } else if (rc != KIV_EOF && kiv_loglevel >= 3) {
-        kiv_log(nullptr, tag, "npipe_read() -> %d", rc);
+      } else if (rc != KIV_EOF) {
+        KIV_LOG(3, tag, "npipe_read() -> %d", rc);
       }
       continue;
     }
@@ -375,11 +372,11 @@ int run_service() {
       strcpy(line, "update");
       cmd(-1, line);
     } else if (index < n) {
-      if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "wait -> %d/%d", static_cast<int>(index), n + 1);
+      KIV_LOG(3, tag, "wait -> %d/%d", static_cast<int>(index), n + 1);
       ssock_callback(index);
     }
   }
-  if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "RIP!");
+  KIV_LOG(3, tag, "RIP!");
   ssock_cleanup();
   return 0;
 }
