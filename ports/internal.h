@@ -144,7 +144,7 @@ void free_service(service_record *s);
 void free_prog(prog_record *g);  // its process handle too, when it still has one
 void free_child(child_record *c);  // its process handle and its pipe, when open
 
-// Control operations (control.cpp).
+// Control operations (operations.cpp).
 // A UTC breakdown (year, month, day, hour, minute) for when localtime cannot represent a
 // time, as 0x7FFFFFFF east of UTC with a 32-bit time: the listing line is still written.
 void utc_breakdown(time_t t, tm *out);

@@ -1,5 +1,5 @@
-// Control operations: hooking and removing ports, disable and enable, the listing,
-// shutdown, and the reset that tests use.
+// Operations on the records from outside the pass: hooking and removing ports, disable
+// and enable, the listing, shutdown, and the reset that tests use.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
