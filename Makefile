@@ -23,14 +23,17 @@ all: build
 setup:
 	@scripts/setup "$(PREFIX)"
 
-# configure DIR FLAVOUR [extra cmake args]
+# configure DIR FLAVOUR [extra cmake args] [cmake args for a new tree only]
+# The toolchain file is read only when a tree is first configured; passed again, cmake
+# would warn that it went unused.
 define configure
-	@cmake -S . -B $(BUILD)/$(1) -G "$(GENERATOR)" -DKIV_FLAVOUR=$(2) $(CMAKE_ARGS) $(3) >/dev/null
+	@cmake -S . -B $(BUILD)/$(1) -G "$(GENERATOR)" -DKIV_FLAVOUR=$(2) $(CMAKE_ARGS) $(3) \
+	  $(if $(wildcard $(BUILD)/$(1)/CMakeCache.txt),,$(4)) >/dev/null
 	@cmake --build $(BUILD)/$(1) -j $(JOBS)
 endef
 
 windows: setup
-	$(call configure,windows,windows,-DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake -DCMAKE_BUILD_TYPE=RelWithDebInfo)
+	$(call configure,windows,windows,-DCMAKE_BUILD_TYPE=RelWithDebInfo,-DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake)
 
 native: setup
 	$(call configure,native,native,-DCMAKE_BUILD_TYPE=Debug)
@@ -119,7 +122,6 @@ soak: windows
 WIN        := $(BUILD)/windows
 KIVD_EXE   := $(WIN)/service/kivd.exe
 KIVCTL_EXE := $(WIN)/tools/kivctl/kivctl.exe
-# The echo agent (the test agent stands in when the echo agent is not built).
 ECHO_AGENT ?= $(WIN)/agent/echo-agent.exe
 DEMO_KEY   := HKLM\\SOFTWARE\\Orvane\\Agents
 
@@ -128,8 +130,7 @@ run: windows
 	@set -e; ulimit -n 4096 2>/dev/null || true; \
 	 free_port() { p=$$1; while (exec 3<>/dev/tcp/127.0.0.1/$$p) 2>/dev/null; do p=$$((p+1)); done; echo $$p; }; \
 	 auto=$$(free_port 7007); on=$$(free_port $$((auto+1))); \
-	 exe="$(ECHO_AGENT)"; [ -f "$$exe" ] || exe=$(WIN)/tests/testagent/testagent.exe; \
-	 agent=$$(winepath -w "$$exe"); \
+	 agent=$$(winepath -w "$(ECHO_AGENT)"); \
 	 reg() { wine reg "$$@" >/dev/null 2>&1; }; \
 	 reg delete "$(DEMO_KEY)" /f || true; \
 	 reg add "$(DEMO_KEY)\\services\\echo" /v program /d "$$agent" /f; \
@@ -138,7 +139,7 @@ run: windows
 	 reg add "$(DEMO_KEY)\\tcp\\s$$auto" /v service /d echo /f; \
 	 reg add "$(DEMO_KEY)\\tcp\\s$$on" /v start /d on /f; \
 	 reg add "$(DEMO_KEY)\\tcp\\s$$on" /v service /d echo /f; \
-	 echo "== kivd in console mode (agent: $$exe)"; \
+	 echo "== kivd in console mode (agent: $(ECHO_AGENT))"; \
 	 echo "   connect:  nc 127.0.0.1 $$auto   (auto: the agent starts on the first connection)"; \
 	 echo "             nc 127.0.0.1 $$on   (on: the agent runs already)"; \
 	 echo "   commands: make kivctl ARGS=ls     (or: WINEPREFIX=$(PREFIX) wine $(KIVCTL_EXE) ls)"; \

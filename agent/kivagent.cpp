@@ -5,11 +5,10 @@
 
 #include "lib/b64.h"
 #include "lib/heap.h"
+#include "lib/wire.h"
 
-static_assert(sizeof(WSAPROTOCOL_INFOA) == 372, "the manager hands over 372 bytes of protocol information");
-// 372 bytes in base64, as the manager writes them.
-static constexpr int INFO_TEXT = 496;
-static_assert(KIVAGENT_MAXLINE >= 13 + INFO_TEXT, "a port line for port 65535 must fit");
+static_assert(sizeof(WSAPROTOCOL_INFOA) == WIRE_INFO_SIZE, "the manager hands over the protocol information");
+static_assert(KIVAGENT_MAXLINE >= WIRE_PORT_LINE_MAX, "a port line for port 65535 must fit");
 
 // Shared by the agent's thread and the reader thread; the last of the two to let go
 // frees it, so kivagent_end never has to wait for a read that may block for ever.
@@ -154,7 +153,7 @@ static int add_port(kivagent *a, unsigned port, SOCKET sock) {
 // One port line: "-Ptcp::<port>" or "-Ptcp::<port>@<base64>". Errors become events.
 static void port_line(kivagent *a, const char *line, unsigned flags) {
   kivagent_state *s = a->state;
-  const char *number = line + strlen("-Ptcp::");
+  const char *number = line + strlen(WIRE_PORT);
   const char *at = strchr(number, '@');
   unsigned port = parse_port(number, at ? size_t(at - number) : strlen(number));
   if (!port) return push_error(s, KIVAGENT_EINVAL, 0, line);
@@ -164,7 +163,7 @@ static void port_line(kivagent *a, const char *line, unsigned flags) {
   if (at) {
     WSAPROTOCOL_INFOA info;
     int textlen = static_cast<int>(strlen(at + 1));
-    if (textlen != INFO_TEXT || b64_decode(at + 1, textlen, &info, sizeof info) != int(sizeof info))
+    if (textlen != WIRE_INFO_TEXT || b64_decode(at + 1, textlen, &info, sizeof info) != int(sizeof info))
       return push_error(s, KIVAGENT_EINVAL, port, line);
     // Overlapped, as an ordinary socket() would be: the agent may use either kind of I/O.
     sock = WSASocketA(FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, &info, 0, WSA_FLAG_OVERLAPPED);
@@ -182,12 +181,12 @@ static void port_line(kivagent *a, const char *line, unsigned flags) {
 
 // The commands that may come at any time. Returns false for a line that is none of them.
 static bool command_line(kivagent_state *s, const char *line) {
-  if (strcmp(line, "exit") == 0) {
+  if (strcmp(line, WIRE_EXIT) == 0) {
     push_kind(s, KIVAGENT_EXIT, 0);
-  } else if (strcmp(line, "reconfig") == 0) {
+  } else if (strcmp(line, WIRE_RECONFIG) == 0) {
     push_kind(s, KIVAGENT_RECONFIG, 0);
-  } else if (starts(line, "remove tcp::")) {
-    const char *number = line + strlen("remove tcp::");
+  } else if (starts(line, WIRE_REMOVE)) {
+    const char *number = line + strlen(WIRE_REMOVE);
     unsigned port = parse_port(number, strlen(number));
     if (port) push_kind(s, KIVAGENT_REMOVE, port);
     else push_error(s, KIVAGENT_EINVAL, 0, line);
@@ -282,13 +281,13 @@ int kivagent_start(kivagent *a, int argc, char **argv, unsigned flags) {
     }
     if (n < 0) {
       push_error(s, n, 0, line);
-    } else if (starts(line, "-Ptcp::")) {
+    } else if (starts(line, WIRE_PORT)) {
       port_line(a, line, flags);
-    } else if (starts(line, "lifespan ")) {
+    } else if (starts(line, WIRE_LIFESPAN)) {
       // An unreadable lifespan keeps the manager's own default; the start-up ends anyway.
-      if (!parse_lifespan(line + strlen("lifespan "), &a->lifespan)) push_error(s, KIVAGENT_EINVAL, 0, line);
+      if (!parse_lifespan(line + strlen(WIRE_LIFESPAN), &a->lifespan)) push_error(s, KIVAGENT_EINVAL, 0, line);
       break;
-    } else if (strcmp(line, "--") != 0 && !command_line(s, line)) {
+    } else if (strcmp(line, WIRE_END_PORTS) != 0 && !command_line(s, line)) {
       push_error(s, KIVAGENT_EINVAL, 0, line);
     }
   }

@@ -57,7 +57,7 @@ void port_command(int pipe, int argc, char **argv, int (*op)(int), const char *u
 void cmd_setstop(cmd_stopfunc stop) { stop_request = stop; }
 
 void cmd(int pipe, char *line) {
-  if (pipe >= 0 && kiv_loglevel >= 3) kiv_log(nullptr, "sserv.cmd", "\"%s\"", line);
+  if (pipe >= 0) KIV_LOG(3, "sserv.cmd", "\"%s\"", line);
   char *words[CMD_MAXWORDS];
   int count = cmd_split(line, words);
   if (words[0][0] == '\0') return;

@@ -124,8 +124,8 @@ int reset_pipe(int index) {
   // Disconnecting first ends a write still in flight before its bytes are released.
   DisconnectNamedPipe(in->pipe);
   while (in->head) drop_head(in);
-  in->state = LISTEN;
-  if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "%d -> LISTEN", index);
+  in->state = NPIPE_LISTEN;
+  KIV_LOG(3, tag, "%d -> LISTEN", index);
   if (ConnectNamedPipe(in->pipe, &in->rd)) {
     kiv_logerror(nullptr, tag, KIV_SEV_FATAL, KIV_ESYS, "Failed to ConnectNamedPipe(): TRUE");
     return KIV_ESYS;
@@ -145,7 +145,7 @@ int reset_pipe(int index) {
 }
 
 int npipe_close(int pipe) {
-  if (pipe >= 1 && pipe <= ninstances && instances[pipe - 1].state != LISTEN)
+  if (pipe >= 1 && pipe <= ninstances && instances[pipe - 1].state != NPIPE_LISTEN)
     reset_pipe(pipe - 1);
   return 0;
 }
@@ -223,7 +223,7 @@ int npipe_read(int pipe, char *buffer, int size, int *connected) {
         reset_pipe(i);
         return KIV_EOF;
       }
-      if (e != ERROR_MORE_DATA || in->state != CONNECTED) {
+      if (e != ERROR_MORE_DATA || in->state != NPIPE_CONNECTED) {
         kiv_logerror(nullptr, tag, KIV_SEV_FATAL, KIV_ESYS, "Failed to GetOverlappedResult(): %d",
                      static_cast<int>(e));
         return KIV_ESYS;
@@ -238,7 +238,7 @@ int npipe_read(int pipe, char *buffer, int size, int *connected) {
       result = KIV_EOVERFLOW;
     } else {
       in->pending = 0;
-      if (in->state == CONNECTED) {
+      if (in->state == NPIPE_CONNECTED) {
         int n = static_cast<int>(got) < cap ? static_cast<int>(got) : cap;
         CopyMemory(buffer, in->buffer, n);
         result = n;
@@ -272,8 +272,8 @@ int npipe_read(int pipe, char *buffer, int size, int *connected) {
     }
   }
 
-  if (in->state == LISTEN && !gone) {
-    in->state = CONNECTED;
+  if (in->state == NPIPE_LISTEN && !gone) {
+    in->state = NPIPE_CONNECTED;
     if (kiv_loglevel >= 3) {
       char status[NPIPE_MAXINSTANCES + 1];
       for (int k = 0; k < ninstances; k++)
@@ -288,7 +288,7 @@ int npipe_read(int pipe, char *buffer, int size, int *connected) {
 
 int npipe_write(int pipe, const char *bytes, int length) {
   static const char tag[] = "ntpipe.npipe_write";
-  if (pipe - 1 < 0 || pipe - 1 >= ninstances || instances[pipe - 1].state != CONNECTED)
+  if (pipe - 1 < 0 || pipe - 1 >= ninstances || instances[pipe - 1].state != NPIPE_CONNECTED)
     return KIV_ENOTREADY;
   instance *in = &instances[pipe - 1];
   if (in->queued_count >= NPIPE_QUEUE_MESSAGES || in->queued_bytes + length > NPIPE_QUEUE_BYTES) {

@@ -14,8 +14,8 @@ constexpr long long NPIPE_QUEUE_BYTES = 2LL * 65536 * 256;
 
 // Instance states.
 constexpr int NPIPE_UNUSED = 0;
-constexpr int LISTEN = 1;     // waiting for a client, or connected but not yet greeted
-constexpr int CONNECTED = 2;
+constexpr int NPIPE_LISTEN = 1;   // waiting for a client, or connected but not yet greeted
+constexpr int NPIPE_CONNECTED = 2;
 
 // The form of the platform's multiple-event wait (WSAWaitForMultipleEvents, mwait_any).
 using npipe_waitfunc = DWORD(WINAPI *)(DWORD count, const HANDLE *handles, BOOL waitall,
@@ -27,7 +27,7 @@ int npipe_setup_server(int count, const char *name, SECURITY_ATTRIBUTES *securit
 // Drops the instance's queued replies, disconnects its client and listens again.
 // `index` is 0-based. 0, or KIV_ESYS when the new connect cannot be started.
 int reset_pipe(int index);
-// Hangs up on the client of pipe number `pipe` (1-based); an instance in LISTEN is left
+// Hangs up on the client of pipe number `pipe` (1-based); an instance in NPIPE_LISTEN is left
 // alone. Always 0.
 int npipe_close(int pipe);
 // Waits on the caller's `count` handles followed by the pipe's read and write events,
@@ -49,7 +49,7 @@ int handle_write(int index);
 // still delivered (the instance listens again). connected may be null.
 int npipe_read(int pipe, char *buffer, int size, int *connected);
 // Queues bytes as one message to pipe number `pipe`. 0; KIV_ENOTREADY when the number
-// is out of range or the instance is not CONNECTED (nothing queued); KIV_EOVERFLOW when
+// is out of range or the instance is not NPIPE_CONNECTED (nothing queued); KIV_EOVERFLOW when
 // the client's queue is full: it does not read, so it is hung up on (logged).
 int npipe_write(int pipe, const char *bytes, int length);
 // State of instance `index` (NPIPE_UNUSED when out of range). For tests.

@@ -116,12 +116,6 @@ extern HANDLE *ssock_waithandles;  // ssock_waitcount entries + WAIT_SPARE
 extern uint16_t *ssock_waitports;  // port number per handle; 0 for a process handle
 extern time_t ssock_nextdue;
 
-// Trace lines: written only when the log level reaches `level`.
-#define SSOCK_LOG(level, tag, ...)                                     \
-  do {                                                                 \
-    if (kiv_loglevel >= (level)) kiv_log(nullptr, (tag), __VA_ARGS__); \
-  } while (0)
-
 // Records and lookups (records.cpp).
 // The first record of that number not marked PORT_REMOVE; numbers above 65535 match none.
 port_record *find_port(int number);
@@ -142,8 +136,15 @@ prog_record *addprog(const char *name);
 int service_path(char *buffer, const char *name, const char *suffix);
 // Closes a port's socket and its event together.
 void close_socket(port_record *p);
+// Destructors of records already taken out of their lists (or of an agent no port holds
+// any more): each closes what the record owns and frees it. free_port closes the socket
+// and the hooking process's handle and drops the port from its service's count.
+void free_port(port_record *p);
+void free_service(service_record *s);
+void free_prog(prog_record *g);  // its process handle too, when it still has one
+void free_child(child_record *c);  // its process handle and its pipe, when open
 
-// Control operations (control.cpp).
+// Control operations (operations.cpp).
 // A UTC breakdown (year, month, day, hour, minute) for when localtime cannot represent a
 // time, as 0x7FFFFFFF east of UTC with a 32-bit time: the listing line is still written.
 void utc_breakdown(time_t t, tm *out);

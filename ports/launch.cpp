@@ -6,20 +6,22 @@
 
 #include "lib/heap.h"
 #include "lib/printf.h"
+#include "lib/wire.h"
 #include "ports/internal.h"
 #include "toolkit/config/info.h"
 #include "toolkit/runtime/base64.h"
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/memory.h"
+#include "toolkit/runtime/scoped_win.h"
 
-static_assert(sizeof(WSAPROTOCOL_INFOA) == 372, "agents decode 372 bytes of protocol information");
+static_assert(sizeof(WSAPROTOCOL_INFOA) == WIRE_INFO_SIZE, "agents decode the protocol information");
 
 namespace {
 
-constexpr int B64_SIZE = 744;  // 496 characters of base64 for 372 bytes, and room to spare
-// The longest port line, "-Ptcp::65535@" and 496 characters of base64, with its CR LF.
-constexpr int PORT_LINE_MAX = sizeof "-Ptcp::65535@" - 1 + 496 + 2;
+constexpr int B64_SIZE = WIRE_INFO_TEXT + 1;  // the protocol information in base64 and its zero
+// The longest port line with its CR LF.
+constexpr int PORT_LINE_MAX = WIRE_PORT_LINE_MAX + 2;
 // Room in an agent's pipe beyond its start-up for the commands of its life ("remove",
 // "reconfig", "exit"), so that those too are written while the agent is busy.
 constexpr int LATER_COMMANDS = 4096;
@@ -36,36 +38,8 @@ bool joins_launch(const port_record *q, const port_record *p) {
 DWORD agent_pipe_size(const port_record *p) {
   DWORD ports = 1;
   for (const port_record *q = ssock_ports; q; q = q->next) ports += joins_launch(q, p);
-  return ports * PORT_LINE_MAX + sizeof "--\r\n" + SENDCMD_SIZE + 2 + LATER_COMMANDS;
+  return ports * PORT_LINE_MAX + sizeof WIRE_END_PORTS "\r\n" + SENDCMD_SIZE + 2 + LATER_COMMANDS;
 }
-
-// Closes a handle when the scope ends unless released; null and INVALID_HANDLE_VALUE
-// count as empty.
-class scoped_handle {
- public:
-  explicit scoped_handle(HANDLE h = nullptr) : h_(h) {}
-  ~scoped_handle() { reset(); }
-  scoped_handle(scoped_handle &&other) noexcept : h_(other.release()) {}
-  scoped_handle(const scoped_handle &) = delete;
-  scoped_handle &operator=(const scoped_handle &) = delete;
-  HANDLE get() const { return h_; }
-  HANDLE *put() {
-    reset();
-    return &h_;
-  }
-  HANDLE release() {
-    HANDLE h = h_;
-    h_ = nullptr;
-    return h;
-  }
-  void reset(HANDLE h = nullptr) {
-    if (h_ && h_ != INVALID_HANDLE_VALUE) CloseHandle(h_);
-    h_ = h;
-  }
-
- private:
-  HANDLE h_;
-};
 
 // Duplicates p's socket for pid and writes its port line; the caller has cancelled the
 // socket's event selection. False (nothing written) when the duplication fails.
@@ -73,7 +47,7 @@ bool handover(port_record *p, child_record *c, char *b64) {
   WSAPROTOCOL_INFOA info;
   if (WSADuplicateSocketA(p->sock, c->pid, &info) == SOCKET_ERROR) return false;
   kiv_b64encode(&info, sizeof info, b64);
-  sendcmd(c, "-Ptcp::%u@%s", static_cast<unsigned>(p->port), b64);
+  sendcmd(c, WIRE_PORT_HANDOVER, static_cast<unsigned>(p->port), b64);
   p->agent = c;
   c->links++;
   return true;
@@ -187,7 +161,7 @@ int start_agent(port_record *p) {
     return KIV_ECONFIG;
   }
   if (!start_allowed(&svc->starts, &svc->period_start, AGENT_STARTS)) {
-    SSOCK_LOG(3, TAG, "Too many agents started for service %s", svc->name);
+    KIV_LOG(3, TAG, "Too many agents started for service %s", svc->name);
     disable_port(p, DISABLE_THROTTLED);
     for (port_record *q = ssock_ports; q; q = q->next)
       if (q != p && q->service == svc && !q->agent && q->sock != INVALID_SOCKET &&
@@ -212,10 +186,10 @@ int start_agent(port_record *p) {
     xfree(c);
     return rc;
   }
-  SSOCK_LOG(3, TAG, "Child %d started for port %d [%s, %s]", static_cast<int>(c->pid), p->port,
+  KIV_LOG(3, TAG, "Child %d started for port %d [%s, %s]", static_cast<int>(c->pid), p->port,
             svc->name, START_NAMES[p->start]);
   if (p->start == START_ON) {
-    sendcmd(c, "-Ptcp::%u", static_cast<unsigned>(p->port));
+    sendcmd(c, WIRE_PORT_ON, static_cast<unsigned>(p->port));
     p->agent = c;
     c->links++;
   } else {
@@ -226,24 +200,22 @@ int start_agent(port_record *p) {
                    "Failed to WSADuplicateSocket(). Error %d", WSAGetLastError());
       WSAEventSelect(p->sock, p->event, FD_ACCEPT);
       // The agent runs on without its port; closing its pipe tells it so.
-      CloseHandle(c->process);
-      CloseHandle(c->pipe);
-      xfree(c);
+      free_child(c);
       return KIV_ESYS;
     }
     for (port_record *q = ssock_ports; q; q = q->next) {
       if (!joins_launch(q, p)) continue;
       WSAEventSelect(q->sock, q->event, 0);
       if (!handover(q, c, b64)) {
-        SSOCK_LOG(2, TAG, "Failed to WSADuplicateSocket() for port %d, Error %d", q->port,
+        KIV_LOG(2, TAG, "Failed to WSADuplicateSocket() for port %d, Error %d", q->port,
                   WSAGetLastError());
         WSAEventSelect(q->sock, q->event, FD_ACCEPT);
         continue;
       }
-      SSOCK_LOG(3, TAG, "Port %d added to %d", q->port, static_cast<int>(c->pid));
+      KIV_LOG(3, TAG, "Port %d added to %d", q->port, static_cast<int>(c->pid));
     }
   }
-  sendcmd(c, "--");
+  sendcmd(c, WIRE_END_PORTS);
   char *name = xstrdup(svc->name, nullptr);
   char path[PATH_SIZE];
   char *lifespan = nullptr;
@@ -251,7 +223,7 @@ int start_agent(port_record *p) {
     xsnprintf(path, sizeof path, ".services.%.*s.lifespan", 236, kivinfo_fixname(name));
     kivinfo_get(nullptr, path, &lifespan);
   }
-  sendcmd(c, "lifespan %s", lifespan ? lifespan : "86400");
+  sendcmd(c, WIRE_LIFESPAN "%s", lifespan ? lifespan : "86400");
   xfree(lifespan);
   xfree(name);
   return 0;
@@ -307,7 +279,7 @@ int start_child(const char *application, const char *command_line, DWORD pipe_si
 int start_prog(prog_record *pg) {
   static const char TAG[] = "ssock.start_prog";
   if (!start_allowed(&pg->starts, &pg->period_start, PROG_STARTS)) {
-    SSOCK_LOG(3, TAG, "Too many prog started for %s", pg->name);
+    KIV_LOG(3, TAG, "Too many prog started for %s", pg->name);
     pg->flags |= PROG_DISABLED;
     return KIV_EINVAL;
   }
@@ -329,7 +301,7 @@ int start_prog(prog_record *pg) {
   CloseHandle(info.hThread);
   pg->process = info.hProcess;
   pg->pid = info.dwProcessId;
-  SSOCK_LOG(3, TAG, "Started pid %d: %s", static_cast<int>(pg->pid), pg->program);
+  KIV_LOG(3, TAG, "Started pid %d: %s", static_cast<int>(pg->pid), pg->program);
   return 0;
 }
 
@@ -345,9 +317,9 @@ void sendcmd(child_record *c, const char *format, ...) {
   va_end(args);
   if (length < 0) length = 0;
   if (length > 20)
-    SSOCK_LOG(3, TAG, "To %d: \"%.20s ...\"", static_cast<int>(c->pid), text);
+    KIV_LOG(3, TAG, "To %d: \"%.20s ...\"", static_cast<int>(c->pid), text);
   else
-    SSOCK_LOG(3, TAG, "To %d: \"%s\"", static_cast<int>(c->pid), text);
+    KIV_LOG(3, TAG, "To %d: \"%s\"", static_cast<int>(c->pid), text);
   text[length] = '\r';
   text[length + 1] = '\n';
   DWORD written = 0;

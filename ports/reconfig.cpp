@@ -5,23 +5,24 @@
 #include "lib/heap.h"
 #include "lib/printf.h"
 #include "lib/strcase.h"
+#include "lib/wire.h"
 #include "ports/internal.h"
 #include "toolkit/config/info.h"
 
 int servnode_cb(const char *path, const char *value, void *) {
-  SSOCK_LOG(4, "ssock.servnode_cb", "%s = %s", path, value);
+  KIV_LOG(4, "ssock.servnode_cb", "%s = %s", path, value);
   return 0;
 }
 
 int tcpnode_cb(const char *path, const char *value, void *) {
   static const char TAG[] = "ssock.tcpnode_cb";
-  SSOCK_LOG(4, TAG, "%s = %s", path, value);
+  KIV_LOG(4, TAG, "%s = %s", path, value);
   if (xstrncasecmp(path, ".tcp.s", 6) != 0) return 0;
   char *end = nullptr;
   long number = strtol(path + 6, &end, 10);
   if (number < 1 || number >= 65535) return 0;
   if (xstrncasecmp(end, ".start", 6) != 0) return 0;
-  SSOCK_LOG(3, TAG, "Found port %d, start=%s", static_cast<int>(number), value);
+  KIV_LOG(3, TAG, "Found port %d, start=%s", static_cast<int>(number), value);
   int start;
   if (strcmp(value, "auto") == 0)
     start = START_AUTO;
@@ -39,7 +40,7 @@ int tcpnode_cb(const char *path, const char *value, void *) {
   if (!svc) return 0;  // a name too long for its paths, logged by addservice
   svc->refs++;
   if (!svc->program) {
-    SSOCK_LOG(1, TAG, "No program for service %s. %d not added", svc->name,
+    KIV_LOG(1, TAG, "No program for service %s. %d not added", svc->name,
               static_cast<int>(number));
     return 0;
   }
@@ -49,7 +50,7 @@ int tcpnode_cb(const char *path, const char *value, void *) {
     p = addport(static_cast<int>(number), svc, start);
     if (!p) return 0;
   } else if ((p->flags & PORT_DISABLED) && p->until != UNTIL_ENABLED) {
-    SSOCK_LOG(3, TAG, "Reenable port %d", static_cast<int>(number));
+    KIV_LOG(3, TAG, "Reenable port %d", static_cast<int>(number));
     p->flags &= ~PORT_DISABLED;
   }
   p->refs++;
@@ -60,7 +61,7 @@ int startnode_cb(const char *path, const char *value, void *) {
   static const char TAG[] = "ssock.startnode_cb";
   static const char PREFIX[] = ".global.start.", SUFFIX[] = ".start";
   constexpr size_t PREFIXLEN = sizeof PREFIX - 1, SUFFIXLEN = sizeof SUFFIX - 1;
-  SSOCK_LOG(4, TAG, "%s = %s", path, value);
+  KIV_LOG(4, TAG, "%s = %s", path, value);
   size_t length = strlen(path);
   // The name between the two must not be empty, so the two may not overlap.
   if (length <= PREFIXLEN + SUFFIXLEN - 1 || xstrncasecmp(path, PREFIX, PREFIXLEN) != 0 ||
@@ -70,12 +71,12 @@ int startnode_cb(const char *path, const char *value, void *) {
   size_t namelength = length - PREFIXLEN - SUFFIXLEN;
   char name[PATH_SIZE];
   if (namelength >= sizeof name) {
-    SSOCK_LOG(1, TAG, "Prog name too long: %.40s...", path + PREFIXLEN);
+    KIV_LOG(1, TAG, "Prog name too long: %.40s...", path + PREFIXLEN);
     return 0;
   }
   memcpy(name, path + PREFIXLEN, namelength);
   name[namelength] = '\0';
-  SSOCK_LOG(3, TAG, "Adding prog %s", name);
+  KIV_LOG(3, TAG, "Adding prog %s", name);
   addprog(name);
   return 0;
 }
@@ -103,13 +104,13 @@ int ssock_reconfig() {
 
   for (port_record *p = ssock_ports; p; p = p->next) {
     if (p->refs == 0 && !(p->flags & PORT_REMOVE) && p->start != START_HOOK) {
-      SSOCK_LOG(3, TAG, "Port %d no longer used", p->port);
+      KIV_LOG(3, TAG, "Port %d no longer used", p->port);
       p->flags = PORT_REMOVE | (p->flags & PORT_TOLD);  // a disable goes with the record
     }
   }
   for (prog_record *g = ssock_progs; g; g = g->next) {
     if (g->refs == 0) {
-      SSOCK_LOG(3, TAG, "Prog %s no longer used", g->name);
+      KIV_LOG(3, TAG, "Prog %s no longer used", g->name);
       g->flags |= PROG_REMOVE;
     }
   }
@@ -126,8 +127,8 @@ int ssock_reconfig() {
   }
   if (oldcount > 0 && oldcount == newcount) {
     for (int i = 0; i < nagents; i++) {
-      SSOCK_LOG(3, TAG, "No port removed/added sending reconfig");
-      sendcmd(agents[i], "reconfig");
+      KIV_LOG(3, TAG, "No port removed/added sending reconfig");
+      sendcmd(agents[i], WIRE_RECONFIG);
     }
   }
   return 0;

@@ -1,15 +1,16 @@
-// The records' lists, the lookups and the record constructors.
+// The records' lists, the lookups, the record constructors and their destructors.
 #include <cstring>
 
 #include "lib/heap.h"
 #include "lib/printf.h"
+#include "lib/wire.h"
 #include "ports/internal.h"
 #include "toolkit/config/info.h"
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/memory.h"
 
-const char SSOCK_ROOT[] = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Orvane\\Agents";
+const char SSOCK_ROOT[] = WIRE_ROOT;
 const char *const START_NAMES[4] = {"", "Auto", "Hook", "On"};
 
 port_record *ssock_ports;
@@ -74,7 +75,7 @@ service_record *addservice(const char *name) {
   // A name whose paths would not fit in their buffers is refused before a record exists.
   if (service_path(description, name, ".description") != 0 ||
       service_path(program, name, ".program") != 0) {
-    SSOCK_LOG(1, TAG, "Service name too long: %.40s...", name);
+    KIV_LOG(1, TAG, "Service name too long: %.40s...", name);
     return nullptr;
   }
   service_record *s = find_service(name);
@@ -118,7 +119,7 @@ port_record *addport(int number, service_record *svc, int start) {
       if (p->sock != INVALID_SOCKET) WSAEventSelect(p->sock, p->event, FD_ACCEPT);
     } else {
       cur->flags |= PORT_EXIT;
-      SSOCK_LOG(3, TAG, "New port disabled for 10 seconds");
+      KIV_LOG(3, TAG, "New port disabled for 10 seconds");
       p->flags |= PORT_DISABLED;
       p->until = kiv_time() + DISABLE_MODECHANGE;
     }
@@ -127,7 +128,7 @@ port_record *addport(int number, service_record *svc, int start) {
       p->flags |= PORT_DISABLED;
       p->until = UNTIL_ENABLED;
     }
-    SSOCK_LOG(3, TAG, "Old port %d [%s] marked for removal", cur->port, cur->service->name);
+    KIV_LOG(3, TAG, "Old port %d [%s] marked for removal", cur->port, cur->service->name);
   }
   return p;
 }
@@ -137,7 +138,7 @@ prog_record *addprog(const char *name) {
   char path[PATH_SIZE];
   int n = xsnprintf(path, sizeof path, ".global.start.%s.program", name);
   if (n < 0 || n >= PATH_SIZE) {
-    SSOCK_LOG(1, TAG, "Prog name too long: %.40s...", name);
+    KIV_LOG(1, TAG, "Prog name too long: %.40s...", name);
     return nullptr;
   }
   prog_record *g = find_prog(name);
@@ -155,4 +156,32 @@ void close_socket(port_record *p) {
   WSACloseEvent(p->event);
   p->sock = INVALID_SOCKET;
   p->event = nullptr;
+}
+
+void free_port(port_record *p) {
+  close_socket(p);
+  if (p->parent) CloseHandle(p->parent);
+  p->service->nports--;
+  xfree(p->extra_args);
+  xfree(p);
+}
+
+void free_service(service_record *s) {
+  xfree(s->name);
+  xfree(s->description);
+  xfree(s->program);
+  xfree(s);
+}
+
+void free_prog(prog_record *g) {
+  if (g->process) CloseHandle(g->process);
+  xfree(g->name);
+  xfree(g->program);
+  xfree(g);
+}
+
+void free_child(child_record *c) {
+  if (c->process) CloseHandle(c->process);
+  if (c->pipe) CloseHandle(c->pipe);
+  xfree(c);
 }

@@ -8,7 +8,7 @@
 #include <ctime>
 
 // Registry key that holds the configuration (subkeys "tcp", "services", "global").
-extern const char SSOCK_ROOT[];  // "HKEY_LOCAL_MACHINE\SOFTWARE\Orvane\Agents"
+extern const char SSOCK_ROOT[];  // WIRE_ROOT (lib/wire.h)
 
 // Re-reads the configuration and makes the tables agree with it; runs one pass. Always 0.
 int ssock_reconfig();

@@ -1,6 +1,7 @@
 // Supervision: the pass that carries out removals, listens, launches and restarts, the
 // wait list it leaves for the main loop, and the handling of one signalled entry.
 #include "lib/heap.h"
+#include "lib/wire.h"
 #include "ports/internal.h"
 #include "ports/util.h"
 #include "toolkit/runtime/clock.h"
@@ -15,13 +16,12 @@ ssock_stopfunc stopping_hook;
 
 bool stopping() { return stopping_hook && stopping_hook(); }
 
-// Unlinks p, whose predecessor is prev (null at the head), and frees it.
-void unlink_port(port_record *prev, port_record *p) {
-  p->service->nports--;
-  xfree(p->extra_args);
-  SSOCK_LOG(3, UPDATE_TAG, "Port %d/%s unlinked", p->port, START_NAMES[p->start]);
-  (prev ? prev->next : ssock_ports) = p->next;
-  xfree(p);
+// Unlinks the port *link points at and frees it; *link then points at its successor.
+void unlink_port(port_record **link) {
+  port_record *p = *link;
+  KIV_LOG(3, UPDATE_TAG, "Port %d/%s unlinked", p->port, START_NAMES[p->start]);
+  *link = p->next;
+  free_port(p);
 }
 
 // Tells the agent of a port that is removed or disabled by command to drop it: the sole
@@ -29,18 +29,18 @@ void unlink_port(port_record *prev, port_record *p) {
 // detached at once.
 void tell_agent(port_record *p) {
   child_record *c = p->agent;
-  SSOCK_LOG(3, UPDATE_TAG, "Removing port %d from pid %d", p->port, static_cast<int>(c->pid));
+  KIV_LOG(3, UPDATE_TAG, "Removing port %d from pid %d", p->port, static_cast<int>(c->pid));
   if (c->links == 1) {
     if (p->flags & PORT_EXIT) {
-      sendcmd(c, "exit");
+      sendcmd(c, WIRE_EXIT);
     } else {
-      sendcmd(c, "remove tcp::%u", static_cast<unsigned>(p->port));
+      sendcmd(c, WIRE_REMOVE "%u", static_cast<unsigned>(p->port));
       CloseHandle(c->pipe);
       c->pipe = nullptr;
     }
     p->flags |= PORT_TOLD;
   } else {
-    sendcmd(c, "remove tcp::%u", static_cast<unsigned>(p->port));
+    sendcmd(c, WIRE_REMOVE "%u", static_cast<unsigned>(p->port));
     c->links--;
     p->agent = nullptr;
   }
@@ -68,27 +68,24 @@ void start_listening(port_record *p) {
   p->sock = s;
   p->event = event;
   WSAEventSelect(s, event, FD_ACCEPT);
-  SSOCK_LOG(3, UPDATE_TAG, "Listening on port %d for %s", p->port, p->service->name);
+  KIV_LOG(3, UPDATE_TAG, "Listening on port %d for %s", p->port, p->service->name);
 }
 
 // Takes a port out of service: its agent is told, its socket closed.
 void release_port(port_record *p) {
   if (p->agent && !(p->flags & PORT_TOLD)) tell_agent(p);
   if (p->sock != INVALID_SOCKET) {
-    SSOCK_LOG(3, UPDATE_TAG, "Not listening on port %d", p->port);
-    closesocket(p->sock);
-    SSOCK_LOG(3, UPDATE_TAG, "Socket closed");
-    WSACloseEvent(p->event);
-    p->sock = INVALID_SOCKET;
-    p->event = nullptr;
+    KIV_LOG(3, UPDATE_TAG, "Not listening on port %d", p->port);
+    close_socket(p);
+    KIV_LOG(3, UPDATE_TAG, "Socket closed");
   }
 }
 
 // The port pass; returns the number of the port due next, or 0.
 int port_pass(time_t now) {
   int nextport = 0;
-restart:
-  for (port_record *prev = nullptr, *p = ssock_ports; p; prev = p, p = p->next) {
+  // An unlink leaves link pointing at the successor, which is handled next.
+  for (port_record **link = &ssock_ports, *p; (p = *link) != nullptr;) {
     if (p->agent) p->agent->listed = 0;
     if (p->flags & PORT_REMOVE) {
       if (p->parent) {
@@ -99,8 +96,8 @@ restart:
       // A removed record is never live again: once no agent holds it, it goes, whatever
       // disable it carries (a disable by command lives on in its successor).
       if (!p->agent) {
-        unlink_port(prev, p);
-        goto restart;  // records already handled need nothing more
+        unlink_port(link);
+        continue;
       }
     } else if (disabled_by_command(p)) {
       release_port(p);
@@ -118,25 +115,23 @@ restart:
       ssock_nextdue = p->until;
       nextport = p->port;
     }
+    link = &p->next;
   }
   return nextport;
 }
 
 void prog_pass(time_t now) {
-restart:
-  for (prog_record *prev = nullptr, *g = ssock_progs; g; prev = g, g = g->next) {
+  for (prog_record **link = &ssock_progs, *g; (g = *link) != nullptr;) {
     if (g->flags & PROG_REMOVE) {
       // A killed program stays, its process in the wait list, until its end is handled:
       // shutdown then waits for it like for an agent.
       if (!g->process) {
-        (prev ? prev->next : ssock_progs) = g->next;
-        xfree(g->name);
-        xfree(g->program);
-        xfree(g);
-        goto restart;
+        *link = g->next;
+        free_prog(g);
+        continue;
       }
       if (!(g->flags & PROG_KILLED)) {
-        SSOCK_LOG(3, UPDATE_TAG, "Prog %s/%d killed", g->name, static_cast<int>(g->pid));
+        KIV_LOG(3, UPDATE_TAG, "Prog %s/%d killed", g->name, static_cast<int>(g->pid));
         TerminateProcess(g->process, 1);
         g->flags |= PROG_KILLED;
       }
@@ -145,24 +140,23 @@ restart:
       if (start_prog(g) != 0) {
         g->flags |= PROG_DISABLED;
         g->until = now + PROG_DISABLE_FAILED;
-        SSOCK_LOG(3, UPDATE_TAG, "Prog %s disabled for 600 sec.", g->name);
+        KIV_LOG(3, UPDATE_TAG, "Prog %s disabled for 600 sec.", g->name);
       }
     }
     if ((g->flags & PROG_DISABLED) && g->until < ssock_nextdue) ssock_nextdue = g->until;
+    link = &g->next;
   }
 }
 
 void service_pass() {
-restart:
-  for (service_record *prev = nullptr, *s = ssock_services; s; prev = s, s = s->next) {
-    if (s->nports != 0) continue;
-    SSOCK_LOG(3, UPDATE_TAG, "Service %s no longer used", s->name);
-    (prev ? prev->next : ssock_services) = s->next;
-    xfree(s->name);
-    xfree(s->description);
-    xfree(s->program);
-    xfree(s);
-    goto restart;
+  for (service_record **link = &ssock_services, *s; (s = *link) != nullptr;) {
+    if (s->nports != 0) {
+      link = &s->next;
+      continue;
+    }
+    KIV_LOG(3, UPDATE_TAG, "Service %s no longer used", s->name);
+    *link = s->next;
+    free_service(s);
   }
 }
 
@@ -240,7 +234,7 @@ int port_event(uint16_t number, HANDLE h) {
     return KIV_ESYS;
   }
   if (!(events.lNetworkEvents & FD_ACCEPT)) {
-    SSOCK_LOG(3, CALLBACK_TAG, "NetEvents = %#x", static_cast<unsigned>(events.lNetworkEvents));
+    KIV_LOG(3, CALLBACK_TAG, "NetEvents = %#x", static_cast<unsigned>(events.lNetworkEvents));
     return 0;
   }
   // A stopping service starts nothing: the connection is refused like one without agent.
@@ -252,7 +246,7 @@ int port_event(uint16_t number, HANDLE h) {
     int length = sizeof peer;
     SOCKET s = accept(p->sock, reinterpret_cast<sockaddr *>(&peer), &length);
     if (s != INVALID_SOCKET) closesocket(s);
-    SSOCK_LOG(3, CALLBACK_TAG, "Peer %s on port %d killed", inet_ntoa(peer.sin_addr), number);
+    KIV_LOG(3, CALLBACK_TAG, "Peer %s on port %d killed", inet_ntoa(peer.sin_addr), number);
     WSAEventSelect(p->sock, p->event, FD_ACCEPT);
   }
   ssock_update();
@@ -264,14 +258,14 @@ int process_event(unsigned index, HANDLE h) {
   for (prog_record *g = ssock_progs; g; g = g->next) {
     if (g->process != h) continue;
     DWORD code = exit_code(h);
-    SSOCK_LOG(3, CALLBACK_TAG, "Prog %s/%d died with code %#x", g->name, static_cast<int>(g->pid),
+    KIV_LOG(3, CALLBACK_TAG, "Prog %s/%d died with code %#x", g->name, static_cast<int>(g->pid),
               static_cast<unsigned>(code));
     CloseHandle(g->process);
     g->process = nullptr;
     if (code >= EXIT_EXCEPTION) {
       g->flags |= PROG_DISABLED;
       g->until = kiv_time() + PROG_DISABLE_CRASHED;
-      SSOCK_LOG(3, CALLBACK_TAG, "Prog %s disabled for 1 minute", g->name);
+      KIV_LOG(3, CALLBACK_TAG, "Prog %s disabled for 1 minute", g->name);
     }
     ssock_update();
     return 0;
@@ -282,7 +276,7 @@ int process_event(unsigned index, HANDLE h) {
     if (p->agent && p->agent->process == h) {
       c = p->agent;
     } else if (p->parent == h) {
-      SSOCK_LOG(3, CALLBACK_TAG, "Parent for port %d died", p->port);
+      KIV_LOG(3, CALLBACK_TAG, "Parent for port %d died", p->port);
       p->flags |= PORT_REMOVE | PORT_EXIT;
       parents++;
     }
@@ -298,7 +292,7 @@ int process_event(unsigned index, HANDLE h) {
     return KIV_EINTERNAL;
   }
   DWORD code = exit_code(h);
-  SSOCK_LOG(3, CALLBACK_TAG, "Child %d died with code %#x", static_cast<int>(c->pid),
+  KIV_LOG(3, CALLBACK_TAG, "Child %d died with code %#x", static_cast<int>(c->pid),
             static_cast<unsigned>(code));
   if (code >= EXIT_EXCEPTION)
     kiv_logerror(nullptr, CALLBACK_TAG, KIV_SEV_WARNING, KIV_EINVAL, "Child %d caused exeption %#x",
@@ -313,18 +307,16 @@ int process_event(unsigned index, HANDLE h) {
     } else if (code != 0) {
       close_socket(p);  // the next pass listens on a new socket
     } else if (p->flags & PORT_REMOVE) {
-      SSOCK_LOG(3, CALLBACK_TAG, "Stale old port %d", p->port);
+      KIV_LOG(3, CALLBACK_TAG, "Stale old port %d", p->port);
     } else if (p->sock != INVALID_SOCKET) {
-      SSOCK_LOG(3, CALLBACK_TAG, "Listening on port %d again", p->port);
+      KIV_LOG(3, CALLBACK_TAG, "Listening on port %d again", p->port);
       WSAEventSelect(p->sock, p->event, FD_ACCEPT);
     }
   }
   if (c->links != 0)
-    SSOCK_LOG(1, CALLBACK_TAG, "Link count for %d is %d (!= 0)", static_cast<int>(c->pid),
+    KIV_LOG(1, CALLBACK_TAG, "Link count for %d is %d (!= 0)", static_cast<int>(c->pid),
               c->links);
-  if (c->pipe) CloseHandle(c->pipe);
-  CloseHandle(c->process);
-  xfree(c);
+  free_child(c);
   ssock_update();
   return 0;
 }
@@ -337,7 +329,7 @@ int ssock_update() {
   time_t now = kiv_time();
   ssock_nextdue = now + NEXT_DUE_IDLE;
   int nextport = port_pass(now);
-  if (nextport) SSOCK_LOG(3, UPDATE_TAG, "Next port is %d", nextport);
+  if (nextport) KIV_LOG(3, UPDATE_TAG, "Next port is %d", nextport);
   prog_pass(now);
   service_pass();
   build_waitlist();
@@ -363,7 +355,7 @@ void disable_port(port_record *p, int seconds) {
   // A rest never revives a removed record (it would stand beside its successor) and
   // never cuts short a disable by command.
   if ((p->flags & PORT_REMOVE) || disabled_by_command(p)) return;
-  SSOCK_LOG(3, "ssock.disable_port", "Port %d disabled for %d seconds", p->port, seconds);
+  KIV_LOG(3, "ssock.disable_port", "Port %d disabled for %d seconds", p->port, seconds);
   p->flags |= PORT_DISABLED;
   p->until = kiv_time() + seconds;
 }

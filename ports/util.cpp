@@ -7,9 +7,6 @@
 #include "toolkit/runtime/log.h"
 #include "toolkit/runtime/memory.h"
 
-// The provider catalogue describes sockets handed to agents by WSADuplicateSocketA.
-static_assert(sizeof(WSAPROTOCOL_INFOA) == 372, "WSAPROTOCOL_INFOA is 372 bytes on the wire");
-
 SOCKET non_lsp_socket(int family, int type, int protocol) {
   DWORD size = 0;
   int error = 0;

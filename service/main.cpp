@@ -17,16 +17,15 @@ int main(int argc, char **argv) {
   if (debugspec) kiv_logconfig(debugspec);
   if (action) return install_service(action, debugspec);
   if (service) {
-    if (kiv_loglevel >= 3)
-      kiv_log(nullptr, "sserv.main", "Before StartServiceCtrlDispatcher() for %s", argv[0]);
+    KIV_LOG(3, "sserv.main", "Before StartServiceCtrlDispatcher() for %s", argv[0]);
     char name[] = "";
     SERVICE_TABLE_ENTRYA table[] = {{name, kivw32_service_start}, {nullptr, nullptr}};
     StartServiceCtrlDispatcherA(table);
-    if (kiv_loglevel >= 3) kiv_log(nullptr, "sserv.main", "After StartServiceCtrlDispatcher()");
+    KIV_LOG(3, "sserv.main", "After StartServiceCtrlDispatcher()");
     return 0;
   }
   if (initialize() != 0) return 0;
-  if (kiv_loglevel >= 3) kiv_log(nullptr, "sserv.main", "main loop");
+  KIV_LOG(3, "sserv.main", "main loop");
   run_service();
   return 0;
 }

@@ -6,10 +6,11 @@
 #include <cstring>
 
 #include "control/cmd.h"
-#include "control/mwait.h"
+#include "toolkit/runtime/mwait.h"
 #include "control/npipe.h"
 #include "lib/heap.h"
 #include "lib/printf.h"
+#include "lib/wire.h"
 #include "ports/ssock.h"
 #include "toolkit/config/info.h"
 #include "toolkit/runtime/cinit.h"
@@ -17,10 +18,11 @@
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/log.h"
 #include "toolkit/runtime/memory.h"
+#include "toolkit/runtime/scoped_win.h"
 
-const char SSERV_NAME[] = "vesk_kivd";
+const char SSERV_NAME[] = WIRE_SERVICE;
 const char SSERV_DISPLAY[] = "Varnel Agent Port Manager";
-const char SSERV_PIPE[] = "\\\\.\\pipe\\vesk_kivd";
+const char SSERV_PIPE[] = WIRE_PIPE;
 const char SSERV_DESCRIPTION[] =
     "Listens on TCP ports for agent programs and starts the configured agent when a client "
     "connects.";
@@ -45,17 +47,6 @@ constexpr DWORD ALL_SERVICE = 0xF01FF;
 constexpr DWORD ALL_MANAGER = 0xF003F;
 constexpr DWORD STATUS_TYPE = 0x30;  // own-process and share-process bits, as reported
 constexpr int LOGGED_WAIT = 7200;    // waits shorter than this are logged
-
-struct scoped_service {
-  SC_HANDLE h;
-  explicit scoped_service(SC_HANDLE handle) : h(handle) {}
-  scoped_service(const scoped_service &) = delete;
-  scoped_service &operator=(const scoped_service &) = delete;
-  ~scoped_service() {
-    if (h) CloseServiceHandle(h);
-  }
-  SC_HANDLE get() const { return h; }
-};
 
 int uninstall(SC_HANDLE service) {
   SERVICE_STATUS st;
@@ -127,21 +118,20 @@ void secure_registration() {
     if (registered && _strnicmp(registered, exe, length) == 0 &&
         (registered[length] == '\0' || registered[length] == ' ')) {
       int fit = xsnprintf(cmdline, sizeof cmdline, "\"%s\"%s", exe, registered + length);
-      if (fit < 0 || fit >= static_cast<int>(sizeof cmdline)) {
-        if (kiv_loglevel >= 1) kiv_log(nullptr, tag, "Service path left unquoted: too long");
-      } else if (ChangeServiceConfigA(service.get(), SERVICE_NO_CHANGE, SERVICE_NO_CHANGE,
-                                      SERVICE_NO_CHANGE, cmdline, nullptr, nullptr, nullptr,
-                                      nullptr, nullptr, nullptr)) {
-        if (kiv_loglevel >= 1) kiv_log(nullptr, tag, "Service path quoted: %s", cmdline);
-      } else if (kiv_loglevel >= 1) {
-        kiv_log(nullptr, tag, "ChangeServiceConfig() error %d", static_cast<int>(GetLastError()));
-      }
+      if (fit < 0 || fit >= static_cast<int>(sizeof cmdline))
+        KIV_LOG(1, tag, "Service path left unquoted: too long");
+      else if (ChangeServiceConfigA(service.get(), SERVICE_NO_CHANGE, SERVICE_NO_CHANGE,
+                                    SERVICE_NO_CHANGE, cmdline, nullptr, nullptr, nullptr, nullptr,
+                                    nullptr, nullptr))
+        KIV_LOG(1, tag, "Service path quoted: %s", cmdline);
+      else
+        KIV_LOG(1, tag, "ChangeServiceConfig() error %d", static_cast<int>(GetLastError()));
     }
   }
   if (QueryServiceConfig2A(service.get(), SERVICE_CONFIG_FAILURE_ACTIONS,
                            reinterpret_cast<BYTE *>(&answer), sizeof answer, &need) &&
-      answer.failure.cActions == 0 && !set_recovery(service.get()) && kiv_loglevel >= 1)
-    kiv_log(nullptr, tag, "Failed to set the service's description and recovery. Error %d",
+      answer.failure.cActions == 0 && !set_recovery(service.get()))
+    KIV_LOG(1, tag, "Failed to set the service's description and recovery. Error %d",
             static_cast<int>(GetLastError()));
 }
 
@@ -177,8 +167,8 @@ int install(SC_HANDLE manager, const char *debugspec) {
 }
 
 void report(const char *tag) {
-  if (!SetServiceStatus(status_handle, &status) && kiv_loglevel >= 1)
-    kiv_log(nullptr, tag, "SetServiceStatus() error %d", static_cast<int>(GetLastError()));
+  if (!SetServiceStatus(status_handle, &status))
+    KIV_LOG(1, tag, "SetServiceStatus() error %d", static_cast<int>(GetLastError()));
 }
 
 }  // namespace
@@ -219,8 +209,8 @@ void WINAPI kivw32_service_start(DWORD, char **argv) {
   static const char tag[] = "sserv.kivw32_service_start";
   char user[128];
   DWORD size = sizeof user;
-  if (GetUserNameA(user, &size) && kiv_loglevel >= 3) kiv_log(nullptr, tag, "My UserName: %s", user);
-  if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "Service %s startup ...", argv[0]);
+  if (GetUserNameA(user, &size)) KIV_LOG(3, tag, "My UserName: %s", user);
+  KIV_LOG(3, tag, "Service %s startup ...", argv[0]);
   status.dwServiceType = STATUS_TYPE;
   status.dwCurrentState = SERVICE_START_PENDING;
   status.dwControlsAccepted = SERVICE_ACCEPT_STOP;
@@ -231,13 +221,11 @@ void WINAPI kivw32_service_start(DWORD, char **argv) {
   InitializeCriticalSection(&status_lock);
   status_handle = RegisterServiceCtrlHandlerA(argv[0], kivw32_service_ctrl);
   if (!status_handle) {
-    if (kiv_loglevel >= 1)
-      kiv_log(nullptr, tag, "RegisterServiceCtrlHandler() error %d", static_cast<int>(GetLastError()));
+    KIV_LOG(1, tag, "RegisterServiceCtrlHandler() error %d", static_cast<int>(GetLastError()));
     return;
   }
   if (!SetServiceStatus(status_handle, &status)) {
-    if (kiv_loglevel >= 1)
-      kiv_log(nullptr, tag, "SetServiceStatus() error %d", static_cast<int>(GetLastError()));
+    KIV_LOG(1, tag, "SetServiceStatus() error %d", static_cast<int>(GetLastError()));
     return;
   }
   secure_registration();
@@ -250,10 +238,10 @@ void WINAPI kivw32_service_start(DWORD, char **argv) {
       SetServiceStatus(status_handle, &status);
     }
     LeaveCriticalSection(&status_lock);
-    if (running && kiv_loglevel >= 3) kiv_log(nullptr, tag, "Service running");
+    if (running) KIV_LOG(3, tag, "Service running");
     result = run_service();  // after a stop during start-up it only cleans up
   }
-  if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "Service stopped with code %d", result);
+  KIV_LOG(3, tag, "Service stopped with code %d", result);
   kivw32_service_ctrl(SERVICE_CONTROL_STOP);
   Sleep(1500);
   EnterCriticalSection(&status_lock);
@@ -266,8 +254,8 @@ void WINAPI kivw32_service_start(DWORD, char **argv) {
   LeaveCriticalSection(&status_lock);
   if (reported) {
     Sleep(1500);
-  } else if (kiv_loglevel >= 1) {
-    kiv_log(nullptr, tag, "SetServiceStatus() error %d", static_cast<int>(GetLastError()));
+  } else {
+    KIV_LOG(1, tag, "SetServiceStatus() error %d", static_cast<int>(GetLastError()));
   }
 }
 
@@ -295,24 +283,23 @@ void *MakePipeSecurity() {
                                NO_INHERITANCE);
   PACL acl = nullptr;
   DWORD rc = SetEntriesInAclA(2, entries, nullptr, &acl);
+  scoped_local acl_memory(acl);
   if (rc != ERROR_SUCCESS) {
     kiv_logerror(nullptr, tag, KIV_SEV_FATAL, static_cast<int>(rc), "SetEntriesInAcl() failed: %d",
                  static_cast<int>(rc));
     return nullptr;
   }
   unsigned aclsize = acl->AclSize;
-  if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "ACL size: %d", static_cast<int>(aclsize));
+  KIV_LOG(3, tag, "ACL size: %d", static_cast<int>(aclsize));
   unsigned size = sizeof(SECURITY_DESCRIPTOR) + aclsize;
   auto *sd = static_cast<SECURITY_DESCRIPTOR *>(kiv_alloc(size, tag));
   if (!sd || !InitializeSecurityDescriptor(sd, SECURITY_DESCRIPTOR_REVISION)) {
     kiv_logerror(nullptr, tag, KIV_SEV_FATAL, 0, "InitializeSecurityDescriptor() failed: %d", 0);
-    LocalFree(acl);
     xfree(sd);
     return nullptr;
   }
   PACL copy = reinterpret_cast<PACL>(sd + 1);
   memcpy(copy, acl, aclsize);
-  LocalFree(acl);
   if (!SetSecurityDescriptorDacl(sd, TRUE, copy, FALSE)) {
     kiv_logerror(nullptr, tag, KIV_SEV_FATAL, 0, "SetSecurityDescriptorDacl() failed: %d",
                  static_cast<int>(GetLastError()));
@@ -338,11 +325,10 @@ int initialize() {
   xfree(sa.lpSecurityDescriptor);
   if (rc == 0 && !die) rc = KIV_ESYS;
   if (rc != 0) {
-    if (kiv_loglevel >= 3)
-      kiv_log(nullptr, tag, "die:%d, npipe_setup_server() -> %d", die ? 1 : 0, rc);
+    KIV_LOG(3, tag, "die:%d, npipe_setup_server() -> %d", die ? 1 : 0, rc);
     return rc;
   }
-  if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "OK");
+  KIV_LOG(3, tag, "OK");
   cmd_setstop(stop_service);
   ssock_setstopping(stop_requested);
   kiv_cinit(nullptr);
@@ -365,12 +351,12 @@ int loop_wait(DWORD count, HANDLE *handles, DWORD timeout, DWORD *index) {
   static bool failing;  // the last full wait failed: logged once, not at every retry
   int p = npipe_wait(count, handles, timeout, FALSE, mwait_any, index);
   if (p != 0 || *index != WAIT_FAILED) {
-    if (failing && kiv_loglevel >= 1) kiv_log(nullptr, tag, "Waiting on %d handles again", static_cast<int>(count));
+    if (failing) KIV_LOG(1, tag, "Waiting on %d handles again", static_cast<int>(count));
     failing = false;
     return p;
   }
-  if (!failing && kiv_loglevel >= 1)
-    kiv_log(nullptr, tag, "Wait on %d handles failed [%d]: serving stop and the pipe alone",
+  if (!failing)
+    KIV_LOG(1, tag, "Wait on %d handles failed [%d]: serving stop and the pipe alone",
             static_cast<int>(count), static_cast<int>(GetLastError()));
   failing = true;
   // `die` and the pipe still work while the whole set cannot be waited on; the whole set
@@ -386,6 +372,11 @@ int loop_wait(DWORD count, HANDLE *handles, DWORD timeout, DWORD *index) {
   return p;
 }
 
+// The wait set, rebuilt before every wait: first the port manager's list (ssock_waitset,
+// from its last pass: each idle listening port's event, each agent's process once, each
+// hooking process, each running global program), then `die` (here; stop_service sets it),
+// then the pipe server's read and write events (npipe_wait appends them). mwait_any
+// (toolkit/runtime/mwait.h) takes the whole set at any count.
 int run_service() {
   static const char tag[] = "sserv.run_service";
   char line[CMD_LINE + 1];
@@ -407,7 +398,7 @@ int run_service() {
     if (n == 0) handles = alone;
     handles[n] = die;
     int t = wait_seconds(due, kiv_time());
-    if (t < LOGGED_WAIT && kiv_loglevel >= 3) kiv_log(nullptr, tag, "Waiting ... (%d seconds)", t);
+    if (t < LOGGED_WAIT) KIV_LOG(3, tag, "Waiting ... (%d seconds)", t);
     DWORD index = 0;
     int p = loop_wait(n + 1, handles, static_cast<DWORD>(t) * 1000, &index);
     if (p >= 1) {
@@ -423,8 +414,8 @@ int run_service() {
         // message is read as usual.
         static const char refused[] = "-Message too long";
         npipe_write(p, refused, sizeof refused - 1);
-      } else if (rc != KIV_EOF && kiv_loglevel >= 3) {
-        kiv_log(nullptr, tag, "npipe_read() -> %d", rc);
+      } else if (rc != KIV_EOF) {
+        KIV_LOG(3, tag, "npipe_read() -> %d", rc);
       }
       continue;
     }
@@ -433,11 +424,11 @@ int run_service() {
       strcpy(line, "update");
       cmd(-1, line);
     } else if (index < n) {
-      if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "wait -> %d/%d", static_cast<int>(index), n + 1);
+      KIV_LOG(3, tag, "wait -> %d/%d", static_cast<int>(index), n + 1);
       ssock_callback(index);
     }
   }
-  if (kiv_loglevel >= 3) kiv_log(nullptr, tag, "RIP!");
+  KIV_LOG(3, tag, "RIP!");
   ssock_cleanup();
   return 0;
 }

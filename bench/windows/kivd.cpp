@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
-#include "control/mwait.h"
 #include "bench/windows/bench.h"
+#include "toolkit/runtime/mwait.h"
 
 namespace {
 

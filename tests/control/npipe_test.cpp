@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "control/mwait.h"
+#include "toolkit/runtime/mwait.h"
 #include "control/npipe.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/log.h"
@@ -91,8 +91,8 @@ int accept_client(client &c) {
 TEST(Npipe, SetupOnceOnly) {
   server();
   EXPECT_EQ(npipe_setup_server(2, pipe_name().c_str(), nullptr), KIV_EBUSY);
-  EXPECT_EQ(npipe_state(0), LISTEN);
-  EXPECT_EQ(npipe_state(1), LISTEN);
+  EXPECT_EQ(npipe_state(0), NPIPE_LISTEN);
+  EXPECT_EQ(npipe_state(1), NPIPE_LISTEN);
 }
 
 TEST(Npipe, MessagesOfEverySizeAndAnOversizedOneDrained) {
@@ -124,7 +124,7 @@ TEST(Npipe, MessagesOfEverySizeAndAnOversizedOneDrained) {
     }
   }
   npipe_close(p);
-  EXPECT_EQ(npipe_state(p - 1), LISTEN);
+  EXPECT_EQ(npipe_state(p - 1), NPIPE_LISTEN);
 }
 
 TEST(Npipe, RepliesArriveAsSeparateMessagesInOrder) {
@@ -158,7 +158,7 @@ TEST(Npipe, AClientThatVanishesLosesItsQueuedRepliesOnly) {
   }
   char buf[512];
   EXPECT_EQ(read_from(p, buf, sizeof buf), KIV_EOF);
-  EXPECT_EQ(npipe_state(p - 1), LISTEN);
+  EXPECT_EQ(npipe_state(p - 1), NPIPE_LISTEN);
   client next;
   int q = accept_client(next);  // the greeting is the first thing it reads
   ASSERT_GE(q, 1);
@@ -181,10 +181,10 @@ TEST(Npipe, ALastMessageBeforeAHangUpIsStillDelivered) {
   ASSERT_EQ(rc, 7);
   EXPECT_EQ(std::string(buf, rc), "quit -Q");
   // The hang-up itself surfaces now or at the next wake-up; the instance listens again.
-  if (npipe_state(p - 1) != LISTEN) {
+  if (npipe_state(p - 1) != NPIPE_LISTEN) {
     EXPECT_EQ(read_from(p, buf, sizeof buf), KIV_EOF);
   }
-  EXPECT_EQ(npipe_state(p - 1), LISTEN);
+  EXPECT_EQ(npipe_state(p - 1), NPIPE_LISTEN);
   EXPECT_EQ(npipe_write(p, "+", 1), KIV_ENOTREADY);
 }
 
@@ -195,7 +195,7 @@ TEST(Npipe, WritesToNoClientAreRefused) {
   EXPECT_EQ(npipe_write(-1, "x", 1), KIV_ENOTREADY);
   EXPECT_EQ(npipe_write(1, "x", 1), KIV_ENOTREADY);  // listening
   EXPECT_EQ(npipe_close(1), 0);
-  EXPECT_EQ(npipe_state(0), LISTEN);
+  EXPECT_EQ(npipe_state(0), NPIPE_LISTEN);
 }
 
 std::vector<std::string> lines;

@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "control/mwait.h"
+#include "toolkit/runtime/mwait.h"
 #include "service/sserv.h"
 
 namespace {

@@ -8,6 +8,7 @@
 #include "toolkit/config/info.h"
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/log.h"
+#include "toolkit/runtime/mwait.h"
 
 namespace porttest {
 
@@ -151,24 +152,10 @@ bool pump_until(const std::function<bool()> &done, DWORD timeout_ms) {
       Sleep(20);
       continue;
     }
-    if (n <= MAXIMUM_WAIT_OBJECTS) {
-      DWORD r = WaitForMultipleObjects(n, handles, FALSE, 20);
-      if (r < WAIT_OBJECT_0 + n)
-        ssock_callback(r - WAIT_OBJECT_0);
-      continue;
-    }
-    // More than one wait can take: poll the groups, as a grouped wait would see them.
-    bool any = false;
-    for (unsigned base = 0; base < n && !any; base += MAXIMUM_WAIT_OBJECTS) {
-      unsigned count = std::min<unsigned>(MAXIMUM_WAIT_OBJECTS, n - base);
-      DWORD r = WaitForMultipleObjects(count, handles + base, FALSE, 0);
-      if (r < WAIT_OBJECT_0 + count) {
-        ssock_callback(base + r - WAIT_OBJECT_0);
-        any = true;
-      }
-    }
-    if (!any)
-      Sleep(10);
+    // The loop's own wait, at any count: one signalled entry is served at a time.
+    DWORD r = mwait_any(n, handles, FALSE, 20, FALSE);
+    if (r < n)
+      ssock_callback(r);
   }
   return true;
 }

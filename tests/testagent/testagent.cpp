@@ -35,11 +35,12 @@
 #include <vector>
 
 #include "lib/b64.h"
+#include "lib/wire.h"
 
 namespace {
 
 constexpr DWORD LIFETIME_MS = 90000;
-static_assert(sizeof(WSAPROTOCOL_INFOA) == 372, "the manager hands over 372 bytes");
+static_assert(sizeof(WSAPROTOCOL_INFOA) == WIRE_INFO_SIZE, "the manager hands over the protocol information");
 
 HANDLE record_file = INVALID_HANDLE_VALUE;
 int exit_code = 0;
@@ -145,13 +146,13 @@ DWORD WINAPI pipe_thread(void *) {
   std::string line;
   while (reader.next(line)) {
     record(line);
-    if (line == "exit") {
+    if (line == WIRE_EXIT) {
       if (!ignore_exit)
         leave(exit_code);
       record("#ignored");
-    } else if (line.compare(0, 12, "remove tcp::") == 0) {
+    } else if (line.compare(0, strlen(WIRE_REMOVE), WIRE_REMOVE) == 0) {
       EnterCriticalSection(&lock);
-      removals.push_back(unsigned(atoi(line.c_str() + 12)));
+      removals.push_back(unsigned(atoi(line.c_str() + strlen(WIRE_REMOVE))));
       LeaveCriticalSection(&lock);
     }
   }
@@ -285,10 +286,10 @@ int main(int argc, char **argv) {
   bool started_up = false;
   while (!started_up && reader.next(line)) {
     record(line);
-    started_up = line.compare(0, 9, "lifespan ") == 0;
-    if (line.compare(0, 7, "-Ptcp::") != 0)
+    started_up = line.compare(0, strlen(WIRE_LIFESPAN), WIRE_LIFESPAN) == 0;
+    if (line.compare(0, strlen(WIRE_PORT), WIRE_PORT) != 0)
       continue;
-    unsigned port = unsigned(atoi(line.c_str() + 7));
+    unsigned port = unsigned(atoi(line.c_str() + strlen(WIRE_PORT)));
     size_t at = line.find('@');
     int error = 0;
     SOCKET s = at == std::string::npos ? listen_self(port, error) : rebuild(line.substr(at + 1), error);

@@ -49,8 +49,14 @@ struct parsestate {
   }
 };
 
+// Where a parse reports what it reads.
+struct sink {
+  kivconf_linefunc add;
+  void *context;
+};
+
 // The section line in line (first character not whitespace, "#" or the end).
-int section(parsestate &st, char *line, int lineno, kiv_addfunc add, const char *prefix,
+int section(parsestate &st, char *line, int lineno, const sink &add, const char *prefix,
             char **error) {
   char *colon = strchr(line, ':');
   if (!colon) return conf_error(error, lineno, "\":\" expected");
@@ -58,7 +64,8 @@ int section(parsestate &st, char *line, int lineno, kiv_addfunc add, const char 
   *colon = 0;
   int length;
   if (conf_checkname(line, &length, lineno, error)) return -1;
-  add(line, nullptr, prefix, 0);  // a store failure does not stop the file
+  // A store failure does not stop the file.
+  add.add(add.context, lineno, line, nullptr, prefix, 0);
   if (dstr_truncate(&st.name, 0) < 0 || dstr_append(&st.name, line, length) < 0 ||
       dstr_append(&st.name, ".", 1) < 0)
     return conf_error(error, lineno, "out of memory");
@@ -67,7 +74,7 @@ int section(parsestate &st, char *line, int lineno, kiv_addfunc add, const char 
 }
 
 // The assignment line in line (starting with whitespace).
-int assignment(parsestate &st, char *line, int lineno, kiv_addfunc add, const char *prefix,
+int assignment(parsestate &st, char *line, int lineno, const sink &add, const char *prefix,
                char **error) {
   char *name = skipwhite(line);
   if (*name == 0 || *name == '#') return 0;
@@ -92,8 +99,15 @@ int assignment(parsestate &st, char *line, int lineno, kiv_addfunc add, const ch
   if (dstr_truncate(&st.name, static_cast<int>(st.sectionlength)) < 0 ||
       dstr_append(&st.name, name, length) < 0)
     return conf_error(error, lineno, "out of memory");
-  add(st.name.buffer, value, prefix, 's');  // a store failure does not stop the file
+  add.add(add.context, lineno, st.name.buffer, value, prefix, 's');  // failures do not stop it
   return 0;
+}
+
+// The public add function, called through the line-aware form; the context is the
+// address of the function.
+int plain_add(void *context, int, const char *name, const char *value, const char *prefix,
+              int letter) {
+  return (*static_cast<kiv_addfunc *>(context))(name, value, prefix, letter);
 }
 
 }  // namespace
@@ -108,8 +122,18 @@ int kivconf_readfile(const char *prefix, const char *filename, kiv_addfunc add) 
 }
 
 int kivconf_parse(FILE *stream, kiv_addfunc add, const char *prefix, char **error) {
+  if (!add) {
+    if (error) *error = nullptr;
+    return KIV_EINTERNAL;
+  }
+  return kivconf_parse_lines(stream, plain_add, &add, prefix, error);
+}
+
+int kivconf_parse_lines(FILE *stream, kivconf_linefunc function, void *context, const char *prefix,
+                        char **error) {
   if (error) *error = nullptr;
-  if (!stream || !add) return KIV_EINTERNAL;
+  if (!stream || !function) return KIV_EINTERNAL;
+  const sink add{function, context};
   parsestate st;
   if (!dstr_init(&st.line) || !dstr_init(&st.name))
     return conf_error(error, 0, "out of memory");

@@ -15,6 +15,13 @@ int kivconf_readfile(const char *prefix, const char *filename, kiv_addfunc add);
 // or null when that copy was refused too; KIV_EINTERNAL for a null stream or add, with
 // *error null.
 int kivconf_parse(FILE *stream, kiv_addfunc add, const char *prefix, char **error);
+// What kivconf_parse walks through: the add function of a reader with state of its own,
+// given the caller's context and the line (from 1) of what it reports.
+using kivconf_linefunc = int (*)(void *context, int line, const char *name, const char *value,
+                                 const char *prefix, int letter);
+// kivconf_parse with the line-aware add function; the same results.
+int kivconf_parse_lines(FILE *stream, kivconf_linefunc add, void *context, const char *prefix,
+                        char **error);
 // Checks name and rewrites it in place (blanks around dots dropped, a run of blanks kept
 // as its first character); *length, when given, receives its new length. 0, or -1 with
 // *error set as by conf_error.

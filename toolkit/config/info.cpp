@@ -274,7 +274,7 @@ int setvalue(const char *path, const char *data, size_t datalen) {
       rc = store(path, strlen(path), data, datalen);
     } else if (rc == 0) {
       xfree(copy);
-      if (kiv_loglevel >= 2) kiv_log(nullptr, "info.setvalue", "no parent for %s", path);
+      KIV_LOG(2, "info.setvalue", "no parent for %s", path);
       rc = KIV_ENOPARENT;
     }
   }

@@ -165,10 +165,10 @@ int kivconf_readreg(const char *prefix, const char *regpath, kiv_addfunc add) {
   readstate st;
   int rc = kivconf_openkey(regpath, "r", &st.key);
   if (rc) {
-    if (kiv_loglevel >= 2) kiv_log(nullptr, READREG_TAG, "Cannot open key %s", regpath ? regpath : "");
+    KIV_LOG(2, READREG_TAG, "Cannot open key %s", regpath ? regpath : "");
     return rc;
   }
-  if (kiv_loglevel >= 4) kiv_log(nullptr, READREG_TAG, "Adding values to %s", prefix);
+  KIV_LOG(4, READREG_TAG, "Adding values to %s", prefix);
 
   // Lengths in characters without the terminator for the names, in bytes for the data.
   DWORD maxsubkey = 0, maxvaluename = 0, maxdata = 0;

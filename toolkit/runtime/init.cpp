@@ -56,7 +56,7 @@ int kiv_init(kiv_initrec *rec) {
     flavour = "non-exportable";
   }
   initcount++;
-  if (kiv_loglevel >= 1) kiv_log(nullptr, TAG, "%s", flavour);
+  KIV_LOG(1, TAG, "%s", flavour);
   return 0;
 }
 

@@ -7,9 +7,16 @@
 struct kiv_context;
 
 // Verbosity 0..9 (0 at start); nothing at all is written while it is negative. Callers
-// test it before each kiv_log call.
+// test it before each kiv_log call, through KIV_LOG.
 extern int kiv_loglevel;
 int *kiv_loglevelp();
+
+// A trace line, written only when the log level reaches `level`; below it the arguments
+// are not evaluated.
+#define KIV_LOG(level, tag, ...)                                       \
+  do {                                                                 \
+    if (kiv_loglevel >= (level)) kiv_log(nullptr, (tag), __VA_ARGS__); \
+  } while (0)
 
 // Severities of kiv_logerror, printed by the prefix directive %e.
 constexpr int KIV_SEV_FATAL = 1;

@@ -24,41 +24,40 @@
 #include <string>
 
 #include "lib/heap.h"
+#include "lib/wire.h"
 #include "tools/kivctl/applycfg.h"
 #include "toolkit/config/w32conf.h"
 #include "toolkit/runtime/error.h"
+#include "toolkit/runtime/scoped_win.h"
 
 namespace {
 
-const char PARENT[] = "SOFTWARE\\Orvane";
-const char LIVE[] = "Agents";
-const char STAGING[] = "Agents.new";
-const char RETIRED[] = "Agents.old";
-const char LIVE_PATH[] = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Orvane\\Agents";
+const char PARENT[] = WIRE_ROOT_PARENT;
+const char LIVE[] = WIRE_ROOT_KEY;
+const char STAGING[] = WIRE_ROOT_KEY ".new";
+const char RETIRED[] = WIRE_ROOT_KEY ".old";
+const char LIVE_PATH[] = WIRE_ROOT;
 const char MARKER[] = "kivctl.apply";  // in Agents.new: "complete" once every value is in
 const char COMPLETE[] = "complete";
-
-struct scoped_key {
-  HKEY h = nullptr;
-  scoped_key() = default;
-  scoped_key(const scoped_key &) = delete;
-  scoped_key &operator=(const scoped_key &) = delete;
-  ~scoped_key() {
-    if (h) RegCloseKey(h);
-  }
-};
 
 int registry_fail(const char *what, const std::string &name, LONG error) {
   fprintf(stderr, "kivctl: %s HKEY_LOCAL_MACHINE\\%s: error %ld\n", what, name.c_str(), static_cast<long>(error));
   return 2;
 }
 
-// The test seam: KIVCTL_APPLY_CRASH_AFTER=k ends the process at once after step k of
-// the write, as a crash there would.
+#ifdef KIVCTL_CRASH_STEPS
+// The crash test's seam, in the test-only build of kivctl (tests/kivctl_apply) and never
+// in the shipped one: KIVCTL_APPLY_CRASH_AFTER=k ends the process at once after step k of
+// the write, as a crash there would. A separate build rather than a report the test acts
+// on: the process ends exactly at the step, with nothing of the next one begun, and the
+// shipped kivctl.exe has no code that an environment variable could set off.
 void step_done(int step) {
   const char *crash = getenv("KIVCTL_APPLY_CRASH_AFTER");
   if (crash && atoi(crash) == step) TerminateProcess(GetCurrentProcess(), 99);
 }
+#else
+void step_done(int) {}
+#endif
 
 applycfg *reading = nullptr;  // the model the loader's reports go to
 
@@ -71,7 +70,7 @@ int add_from_registry(const char *name, const char *value, const char *prefix, i
 
 bool key_exists(HKEY parent, const char *name) {
   scoped_key k;
-  return RegOpenKeyExA(parent, name, 0, KEY_READ, &k.h) == ERROR_SUCCESS;
+  return RegOpenKeyExA(parent, name, 0, KEY_READ, k.put()) == ERROR_SUCCESS;
 }
 
 // The configuration under Agents, read the way the port manager reads it. A missing
@@ -114,8 +113,8 @@ bool staging_complete(HKEY parent) {
   char text[16] = {0};
   DWORD size = sizeof text - 1, type = 0;
   scoped_key k;
-  if (RegOpenKeyExA(parent, STAGING, 0, KEY_READ, &k.h) != ERROR_SUCCESS) return false;
-  return RegQueryValueExA(k.h, MARKER, nullptr, &type, reinterpret_cast<BYTE *>(text), &size) == ERROR_SUCCESS &&
+  if (RegOpenKeyExA(parent, STAGING, 0, KEY_READ, k.put()) != ERROR_SUCCESS) return false;
+  return RegQueryValueExA(k.get(), MARKER, nullptr, &type, reinterpret_cast<BYTE *>(text), &size) == ERROR_SUCCESS &&
          type == REG_SZ && strcmp(text, COMPLETE) == 0;
 }
 
@@ -143,7 +142,7 @@ int recover(HKEY parent, bool *restored) {
 int write_staging(HKEY parent, const applycfg &cfg) {
   scoped_key staging;
   LONG rc = RegCreateKeyExA(parent, STAGING, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_READ | KEY_WRITE,
-                            nullptr, &staging.h, nullptr);
+                            nullptr, staging.put(), nullptr);
   if (rc != ERROR_SUCCESS) return registry_fail("cannot create", std::string(PARENT) + "\\" + STAGING, rc);
   for (const auto &entry : cfg.keys) {
     const applycfg_key &key = entry.second;
@@ -152,17 +151,17 @@ int write_staging(HKEY parent, const applycfg &cfg) {
     for (char &c : sub)
       if (c == '.') c = '\\';
     scoped_key k;
-    rc = RegCreateKeyExA(staging.h, sub.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_WRITE, nullptr, &k.h, nullptr);
+    rc = RegCreateKeyExA(staging.get(), sub.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_WRITE, nullptr, k.put(), nullptr);
     if (rc != ERROR_SUCCESS) return registry_fail("cannot create", std::string(PARENT) + "\\" + STAGING + "\\" + sub, rc);
     for (const auto &v : key.values) {
-      rc = RegSetValueExA(k.h, v.second.name.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE *>(v.second.text.c_str()),
+      rc = RegSetValueExA(k.get(), v.second.name.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE *>(v.second.text.c_str()),
                           static_cast<DWORD>(v.second.text.size() + 1));
       if (rc != ERROR_SUCCESS)
         return registry_fail("cannot write", std::string(PARENT) + "\\" + STAGING + "\\" + sub + " " + v.second.name, rc);
     }
   }
   step_done(1);
-  rc = RegSetValueExA(staging.h, MARKER, 0, REG_SZ, reinterpret_cast<const BYTE *>(COMPLETE), sizeof COMPLETE);
+  rc = RegSetValueExA(staging.get(), MARKER, 0, REG_SZ, reinterpret_cast<const BYTE *>(COMPLETE), sizeof COMPLETE);
   if (rc != ERROR_SUCCESS) return registry_fail("cannot mark", std::string(PARENT) + "\\" + STAGING, rc);
   step_done(2);
   return 0;
@@ -181,7 +180,7 @@ int swap_in(HKEY parent) {
   rc = delete_tree(parent, RETIRED);
   if (rc != ERROR_SUCCESS) return registry_fail("cannot delete", std::string(PARENT) + "\\" + RETIRED, rc);
   scoped_key live;
-  if (RegOpenKeyExA(parent, LIVE, 0, KEY_WRITE, &live.h) == ERROR_SUCCESS) RegDeleteValueA(live.h, MARKER);
+  if (RegOpenKeyExA(parent, LIVE, 0, KEY_WRITE, live.put()) == ERROR_SUCCESS) RegDeleteValueA(live.get(), MARKER);
   step_done(5);
   return 0;
 }
@@ -225,11 +224,11 @@ int kivctl_apply(int argc, char **argv) {
   bool restored = false;
   if (!dry) {
     LONG err = RegCreateKeyExA(HKEY_LOCAL_MACHINE, PARENT, 0, nullptr, REG_OPTION_NON_VOLATILE,
-                               KEY_READ | KEY_WRITE, nullptr, &parent.h, nullptr);
+                               KEY_READ | KEY_WRITE, nullptr, parent.put(), nullptr);
     if (err != ERROR_SUCCESS) return registry_fail("cannot open", PARENT, err);
     // What an interrupted apply left is put right first, so that the changes printed
     // are the ones made.
-    if ((rc = recover(parent.h, &restored))) return rc;
+    if ((rc = recover(parent.get(), &restored))) return rc;
   }
   if (read_registry(&old)) return 2;
   std::vector<std::string> changes = applycfg_diff(old, next);
@@ -238,7 +237,7 @@ int kivctl_apply(int argc, char **argv) {
   if (dry) return changes.empty() ? 0 : KIVCTL_CHANGED;
   // kivd may have read the registry while Agents was missing: a restore is told to it.
   if (changes.empty() && !restored) return 0;
-  if (!changes.empty() && ((rc = write_staging(parent.h, next)) || (rc = swap_in(parent.h))))
+  if (!changes.empty() && ((rc = write_staging(parent.get(), next)) || (rc = swap_in(parent.get()))))
     return rc;
   rc = kivctl_reconfig();
   return rc ? rc : KIVCTL_CHANGED;

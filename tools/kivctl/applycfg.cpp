@@ -174,56 +174,25 @@ void check(const applycfg &cfg, faults *f) {
   }
 }
 
-// The one parse in progress: the add function has no argument of its own.
+// The parse in progress, handed to the add function as its context.
 struct parsing {
   applycfg *cfg;
-  FILE *stream;
   faults *duplicates;
 };
-parsing *current = nullptr;
 
-// Positions stand in for lines during the parse: the parser counts lines but does not
-// hand the count to the add function. The offset after the line just read is noted and
-// turned into a line number once the parse is over.
-int position_now() {
-  long at = ftell(current->stream);
-  return at < 0 ? 0 : at > INT_MAX ? INT_MAX : static_cast<int>(at);
-}
-
-int add_from_file(const char *name, const char *value, const char *, int) {
-  applycfg_key *key = nullptr;
+int add_from_file(void *context, int line, const char *name, const char *value, const char *, int) {
+  auto *p = static_cast<parsing *>(context);
   std::string dotted = name ? name : "";
   if (value) {
     size_t dot = dotted.rfind('.');
     std::string keyname = dot == std::string::npos ? "" : dotted.substr(0, dot);
     std::string vname = dot == std::string::npos ? dotted : dotted.substr(dot + 1);
-    auto found = current->cfg->keys.find(folded(keyname));
-    if (found != current->cfg->keys.end()) {
-      key = &found->second;
-      auto v = key->values.find(folded(vname));
-      if (v != key->values.end()) current->duplicates->add(position_now(), "value " + dotted + " given twice");
-    }
+    auto found = p->cfg->keys.find(folded(keyname));
+    if (found != p->cfg->keys.end() && found->second.values.count(folded(vname)))
+      p->duplicates->add(line, "value " + dotted + " given twice");
   }
-  applycfg_add(current->cfg, name, value, position_now());
+  applycfg_add(p->cfg, name, value, line);
   return 0;
-}
-
-// Line of the text ending at offset `end` (just past its line feed, or at the end of
-// the input): one more than the line feeds before its last byte.
-void positions_to_lines(FILE *stream, applycfg *cfg, faults *dup) {
-  std::vector<long> feeds;
-  rewind(stream);
-  long at = 0;
-  for (int c; (c = getc(stream)) != EOF; at++)
-    if (c == '\n') feeds.push_back(at);
-  auto line_of = [&](int end) {
-    return 1 + static_cast<int>(std::lower_bound(feeds.begin(), feeds.end(), static_cast<long>(end) - 1) - feeds.begin());
-  };
-  for (auto &k : cfg->keys) {
-    k.second.line = line_of(k.second.line);
-    for (auto &v : k.second.values) v.second.line = line_of(v.second.line);
-  }
-  if (dup->line != INT_MAX) dup->line = line_of(dup->line);
 }
 
 std::string octal(unsigned char c) {
@@ -298,15 +267,11 @@ int applycfg_read(FILE *stream, applycfg *out, char **error) {
   out->keys.clear();
   if (!stream) return conf_error(error, 0, "cannot read the file");
   faults duplicates;
-  parsing p{out, stream, &duplicates};
-  current = &p;
-  int rc = kivconf_parse(stream, add_from_file, nullptr, error);
-  current = nullptr;
-  if (rc) {
+  parsing p{out, &duplicates};
+  if (kivconf_parse_lines(stream, add_from_file, &p, nullptr, error)) {
     out->keys.clear();
     return -1;
   }
-  positions_to_lines(stream, out, &duplicates);
   faults f = duplicates;
   check(*out, &f);
   if (f.line != INT_MAX) {

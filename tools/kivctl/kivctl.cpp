@@ -18,9 +18,11 @@
 #include "kiv_version.h"
 #include "lib/cmdsplit.h"
 #include "lib/dstr.h"
+#include "lib/wire.h"
 #include "tools/kivctl/answer.h"
 #include "tools/kivctl/apply.h"
 #include "tools/kivctl/listing.h"
+#include "toolkit/runtime/scoped_win.h"
 
 namespace {
 
@@ -28,18 +30,8 @@ namespace {
 // error), the protocol's elements as they come (--raw), or JSON (--json).
 enum class output { people, raw, json };
 
-const char PIPE[] = "\\\\.\\pipe\\vesk_kivd";
+const char PIPE[] = WIRE_PIPE;
 constexpr DWORD NPIPE_DEFAULT_WAIT = 10000;  // the server's default time-out (ms)
-
-struct scoped_handle {
-  HANDLE h = INVALID_HANDLE_VALUE;
-  scoped_handle() = default;
-  scoped_handle(const scoped_handle &) = delete;
-  scoped_handle &operator=(const scoped_handle &) = delete;
-  ~scoped_handle() {
-    if (h && h != INVALID_HANDLE_VALUE) CloseHandle(h);
-  }
-};
 
 int fail(const char *what, DWORD error) {
   fprintf(stderr, "kivctl: %s %s: error %lu\n", what, PIPE, static_cast<unsigned long>(error));
@@ -50,8 +42,8 @@ int fail(const char *what, DWORD error) {
 // default time-out. With absent_ok, a pipe that does not exist gives -1 without a report.
 int open_pipe(scoped_handle *pipe, bool absent_ok = false, bool quiet = false) {
   for (;;) {
-    pipe->h = CreateFileA(PIPE, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (pipe->h != INVALID_HANDLE_VALUE) break;
+    pipe->reset(CreateFileA(PIPE, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    if (pipe->valid()) break;
     DWORD e = GetLastError();
     if (absent_ok && e == ERROR_FILE_NOT_FOUND) return -1;
     if (quiet && e != ERROR_PIPE_BUSY) return -1;
@@ -64,7 +56,7 @@ int open_pipe(scoped_handle *pipe, bool absent_ok = false, bool quiet = false) {
     }
   }
   DWORD mode = PIPE_READMODE_MESSAGE;
-  if (!SetNamedPipeHandleState(pipe->h, &mode, nullptr, nullptr))
+  if (!SetNamedPipeHandleState(pipe->get(), &mode, nullptr, nullptr))
     return fail("cannot set message mode on", GetLastError());
   return 0;
 }
@@ -211,28 +203,26 @@ const char *state_name(DWORD state) {
 int status(output mode) {
   bool installed = false;
   DWORD state = 0, service_pid = 0;
-  if (SC_HANDLE scm = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT)) {
-    if (SC_HANDLE svc = OpenServiceA(scm, "vesk_kivd", SERVICE_QUERY_STATUS)) {
-      installed = true;
-      SERVICE_STATUS_PROCESS st = {};
-      DWORD need = 0;
-      if (QueryServiceStatusEx(svc, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE *>(&st), sizeof st, &need)) {
-        state = st.dwCurrentState;
-        service_pid = st.dwProcessId;
-      }
-      CloseServiceHandle(svc);
+  scoped_service scm(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT));
+  scoped_service svc(scm.valid() ? OpenServiceA(scm.get(), WIRE_SERVICE, SERVICE_QUERY_STATUS) : nullptr);
+  if (svc.valid()) {
+    installed = true;
+    SERVICE_STATUS_PROCESS st = {};
+    DWORD need = 0;
+    if (QueryServiceStatusEx(svc.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE *>(&st), sizeof st, &need)) {
+      state = st.dwCurrentState;
+      service_pid = st.dwProcessId;
     }
-    CloseServiceHandle(scm);
   }
   scoped_handle pipe;
   ULONG pid = 0;
   std::vector<std::string> elements;
   bool answering = open_pipe(&pipe, true, true) == 0;
   if (answering) {
-    if (!GetNamedPipeServerProcessId(pipe.h, &pid)) pid = service_pid;
+    if (!GetNamedPipeServerProcessId(pipe.get(), &pid)) pid = service_pid;
     dstr greeting;
     dstr_init(&greeting);
-    answering = read_message(pipe.h, &greeting) == 0 && exchange(pipe.h, "ls", 2, &elements) == 0;
+    answering = read_message(pipe.get(), &greeting) == 0 && exchange(pipe.get(), "ls", 2, &elements) == 0;
     dstr_free(&greeting, 0);
   }
   int counts[4] = {};  // idle, serving, disabled, hooked
@@ -300,10 +290,10 @@ int kivctl_reconfig() {
   if (code) return code < 0 ? 0 : code;
   dstr reply;
   dstr_init(&reply);
-  DWORD e = read_message(pipe.h, &reply);
+  DWORD e = read_message(pipe.get(), &reply);
   DWORD put = 0;
-  if (!e && !WriteFile(pipe.h, "reconfig", 8, &put, nullptr)) e = GetLastError();
-  if (!e) e = read_message(pipe.h, &reply);
+  if (!e && !WriteFile(pipe.get(), WIRE_RECONFIG, sizeof WIRE_RECONFIG - 1, &put, nullptr)) e = GetLastError();
+  if (!e) e = read_message(pipe.get(), &reply);
   if (!e && strcmp(reply.buffer, "+") != 0) {
     fprintf(stderr, "kivctl: reconfig: %s\n", reply.buffer);
     code = 2;
@@ -344,7 +334,7 @@ int main(int argc, char **argv) {
   if (code) return code;
   dstr greeting;
   dstr_init(&greeting);
-  DWORD e = read_message(pipe.h, &greeting);
+  DWORD e = read_message(pipe.get(), &greeting);
   dstr_free(&greeting, 0);
   if (e) return fail("no greeting on", e);
 
@@ -352,14 +342,14 @@ int main(int argc, char **argv) {
     dstr line;
     dstr_init(&line);
     join_words(argc, argv, &line);
-    code = send_command(pipe.h, line.buffer, line.length, mode);
+    code = send_command(pipe.get(), line.buffer, line.length, mode);
     dstr_free(&line, 0);
     return code;
   }
   dstr line;
   dstr_init(&line);
   while (read_line(stdin, &line)) {
-    code = send_command(pipe.h, line.buffer, line.length, mode);
+    code = send_command(pipe.get(), line.buffer, line.length, mode);
     if (code == 2 || server_answer(line.buffer, line.length) == answer::hangup) break;
   }
   dstr_free(&line, 0);

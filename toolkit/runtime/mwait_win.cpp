@@ -1,6 +1,7 @@
-#include "control/mwait.h"
+#include "toolkit/runtime/mwait.h"
 
 #include "lib/heap.h"
+#include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/memory.h"
 
 namespace {
@@ -148,4 +149,20 @@ DWORD WINAPI mwait_any(DWORD count, const HANDLE *handles, BOOL waitall, DWORD t
   if (waited == WAIT_IO_COMPLETION) return MWAIT_IO_COMPLETION;
   if (waited == WAIT_FAILED) return WAIT_FAILED;
   return MWAIT_TIMEOUT;
+}
+
+DWORD mwait_all(DWORD count, const HANDLE *handles, DWORD timeout) {
+  uint32_t begin = kiv_ticks();
+  for (DWORD first = 0; first < count; first += MAXIMUM_WAIT_OBJECTS) {
+    DWORD n = count - first < MAXIMUM_WAIT_OBJECTS ? count - first : MAXIMUM_WAIT_OBJECTS;
+    DWORD left = timeout;
+    if (timeout != INFINITE) {
+      uint32_t spent = kiv_ticks() - begin;
+      left = spent < timeout ? timeout - spent : 0;
+    }
+    DWORD r = WaitForMultipleObjects(n, handles + first, TRUE, left);
+    if (r == WAIT_TIMEOUT) return MWAIT_TIMEOUT;
+    if (r == WAIT_FAILED) return WAIT_FAILED;
+  }
+  return 0;
 }

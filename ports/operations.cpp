@@ -1,5 +1,5 @@
-// Control operations: hooking and removing ports, disable and enable, the listing,
-// shutdown, and the reset that tests use.
+// Operations on the records from outside the pass: hooking and removing ports, disable
+// and enable, the listing, shutdown, and the reset that tests use.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -10,8 +10,8 @@
 #include "lib/printf.h"
 #include "ports/internal.h"
 #include "toolkit/config/info.h"
-#include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
+#include "toolkit/runtime/mwait.h"
 
 namespace {
 
@@ -65,7 +65,7 @@ int ssock_add(int port, const char *pid, const char *extra_args) {
   static const char TAG[] = "ssock.ssock_add";
   port_record *existing = find_port(port);
   if (existing) {
-    SSOCK_LOG(3, TAG, "Port %d exists", port);
+    KIV_LOG(3, TAG, "Port %d exists", port);
     if (existing->start != START_HOOK) return KIV_ECONFIG;
   }
   char key[PATH_SIZE];
@@ -75,17 +75,17 @@ int ssock_add(int port, const char *pid, const char *extra_args) {
   if (port < 1 || port > 65534 || kivinfo_get(nullptr, key, &value) != 0 ||
       strcmp(value, "hook") != 0) {
     xfree(value);
-    SSOCK_LOG(3, TAG, "Port %d not configured as hook", port);
+    KIV_LOG(3, TAG, "Port %d not configured as hook", port);
     return KIV_ECONFIG;
   }
   xfree(value);
   xsnprintf(key, sizeof key, ".tcp.s%d.service", port);
   char *name = nullptr;
   if (kivinfo_get(nullptr, key, &name) != 0) {
-    SSOCK_LOG(3, TAG, "No service for port %d", port);
+    KIV_LOG(3, TAG, "No service for port %d", port);
     return KIV_ECONFIG;
   }
-  SSOCK_LOG(3, TAG, "Found port %d, service %s", port, name);
+  KIV_LOG(3, TAG, "Found port %d, service %s", port, name);
   service_record *svc = addservice(name);
   xfree(name);
   if (!svc) return KIV_ECONFIG;  // a name too long for its paths, logged by addservice
@@ -104,7 +104,7 @@ int ssock_add(int port, const char *pid, const char *extra_args) {
                      static_cast<int>(parent_pid), static_cast<int>(GetLastError()));
         return KIV_ESYS;
       }
-      SSOCK_LOG(3, TAG, "Got handle to process %d", static_cast<int>(parent_pid));
+      KIV_LOG(3, TAG, "Got handle to process %d", static_cast<int>(parent_pid));
     }
   }
   port_record *p = addport(port, svc, START_HOOK);
@@ -114,7 +114,7 @@ int ssock_add(int port, const char *pid, const char *extra_args) {
   }
   if (extra_args) {
     p->extra_args = xstrdup(extra_args, nullptr);
-    SSOCK_LOG(3, TAG, "Extra args: \"%s\"", extra_args);
+    KIV_LOG(3, TAG, "Extra args: \"%s\"", extra_args);
   }
   if (pid) {
     p->parent = parent;
@@ -129,7 +129,7 @@ int ssock_remove(int port) {
   if (!p) return KIV_ENOTFOUND;
   if (p->start != START_HOOK) return KIV_ECONFIG;
   p->flags |= PORT_REMOVE | PORT_EXIT;
-  SSOCK_LOG(3, "ssock.ssock_remove", "port %d", port);
+  KIV_LOG(3, "ssock.ssock_remove", "port %d", port);
   ssock_update();
   return 0;
 }
@@ -146,7 +146,7 @@ int ssock_disable(int port) {
   if (int rc = configured_port(port, &p)) return rc;
   p->until = UNTIL_ENABLED;
   p->flags |= PORT_DISABLED;  // the pass tells its agent and closes its socket
-  SSOCK_LOG(3, "ssock.ssock_disable", "Port %d disabled", port);
+  KIV_LOG(3, "ssock.ssock_disable", "Port %d disabled", port);
   ssock_update();
   return 0;
 }
@@ -157,7 +157,7 @@ int ssock_enable(int port) {
   // A record still held by the agent it told waits for that agent's end, then listens.
   p->until = 0;
   p->flags &= ~PORT_DISABLED;
-  SSOCK_LOG(3, "ssock.ssock_enable", "Port %d enabled", port);
+  KIV_LOG(3, "ssock.ssock_enable", "Port %d enabled", port);
   ssock_update();
   return 0;
 }
@@ -184,50 +184,32 @@ int ssock_info(int context, ssock_writefunc write) {
 
 int ssock_cleanup() {
   static const char TAG[] = "ssock.ssock_cleanup";
-  SSOCK_LOG(3, TAG, "Closing the shop");
+  KIV_LOG(3, TAG, "Closing the shop");
   for (port_record *p = ssock_ports; p; p = p->next) p->flags |= PORT_REMOVE | PORT_EXIT;
   for (prog_record *g = ssock_progs; g; g = g->next) g->flags |= PROG_REMOVE;
   ssock_update();
   if (ssock_waitcount == 0) return 0;
-  SSOCK_LOG(3, TAG, "Waiting for %d children", static_cast<int>(ssock_waitcount));
-  // One wait takes at most MAXIMUM_WAIT_OBJECTS handles: larger lists are waited for
-  // group by group, all within the one 5-second limit.
-  constexpr uint32_t LIMIT = 5000;
-  uint32_t begin = kiv_ticks();
-  bool timedout = false;
-  for (unsigned first = 0; first < ssock_waitcount && !timedout; first += MAXIMUM_WAIT_OBJECTS) {
-    unsigned count = ssock_waitcount - first;
-    if (count > MAXIMUM_WAIT_OBJECTS) count = MAXIMUM_WAIT_OBJECTS;
-    uint32_t spent = kiv_ticks() - begin;
-    DWORD r = WaitForMultipleObjects(count, ssock_waithandles + first, TRUE,
-                                     spent < LIMIT ? LIMIT - spent : 0);
-    if (r == WAIT_TIMEOUT)
-      timedout = true;
-    else if (r == WAIT_FAILED)
-      return 0;
-  }
-  if (!timedout) return 0;
-  SSOCK_LOG(3, TAG, "timeout");
+  KIV_LOG(3, TAG, "Waiting for %d children", static_cast<int>(ssock_waitcount));
+  // One 5-second limit for them all, however many there are.
+  if (mwait_all(ssock_waitcount, ssock_waithandles, 5000) != MWAIT_TIMEOUT) return 0;
+  KIV_LOG(3, TAG, "timeout");
   for (port_record *p = ssock_ports; p; p = p->next) {
     child_record *c = p->agent;
     if (!c) continue;
     if (c->process) {
       if (TerminateProcess(c->process, 1))
-        SSOCK_LOG(3, TAG, "Process %d terminated", static_cast<int>(c->pid));
+        KIV_LOG(3, TAG, "Process %d terminated", static_cast<int>(c->pid));
       CloseHandle(c->process);
       c->process = nullptr;
     }
     // Cleared so that no record keeps pointing at a freed agent.
     p->agent = nullptr;
-    if (--c->links == 0) {
-      if (c->pipe) CloseHandle(c->pipe);
-      xfree(c);
-    }
+    if (--c->links == 0) free_child(c);
   }
   for (prog_record *g = ssock_progs; g; g = g->next) {
     if (!g->process) continue;
     if (TerminateProcess(g->process, 1))
-      SSOCK_LOG(3, TAG, "Prog %d terminated", static_cast<int>(g->pid));
+      KIV_LOG(3, TAG, "Prog %d terminated", static_cast<int>(g->pid));
     CloseHandle(g->process);
     g->process = nullptr;
   }
@@ -239,32 +221,19 @@ void ssock_reset() {
   for (port_record *p = ssock_ports; p;) {
     if (p->agent && std::find(agents.begin(), agents.end(), p->agent) == agents.end())
       agents.push_back(p->agent);
-    close_socket(p);
-    if (p->parent) CloseHandle(p->parent);
-    xfree(p->extra_args);
     port_record *next = p->next;
-    xfree(p);
+    free_port(p);
     p = next;
   }
-  for (child_record *c : agents) {
-    if (c->process) CloseHandle(c->process);
-    if (c->pipe) CloseHandle(c->pipe);
-    xfree(c);
-  }
+  for (child_record *c : agents) free_child(c);
   for (service_record *s = ssock_services; s;) {
     service_record *next = s->next;
-    xfree(s->name);
-    xfree(s->description);
-    xfree(s->program);
-    xfree(s);
+    free_service(s);
     s = next;
   }
   for (prog_record *g = ssock_progs; g;) {
     prog_record *next = g->next;
-    if (g->process) CloseHandle(g->process);
-    xfree(g->name);
-    xfree(g->program);
-    xfree(g);
+    free_prog(g);
     g = next;
   }
   xfree(ssock_waithandles);
