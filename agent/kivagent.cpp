@@ -165,8 +165,8 @@ static void port_line(kivagent *a, const char *line, unsigned flags) {
     int textlen = static_cast<int>(strlen(at + 1));
     if (textlen != WIRE_INFO_TEXT || b64_decode(at + 1, textlen, &info, sizeof info) != int(sizeof info))
       return push_error(s, KIVAGENT_EINVAL, port, line);
-    // Overlapped, as an ordinary socket() would be: the agent may use either kind of I/O.
-    sock = WSASocketA(FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, &info, 0, WSA_FLAG_OVERLAPPED);
+    // With the flags the manager made it with, as a duplicated socket must be rebuilt.
+    sock = WSASocketA(FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, &info, 0, WIRE_SOCKET_FLAGS);
     if (sock == INVALID_SOCKET) return push_error(s, KIVAGENT_ESYS, port, line);
     // Agents start programs of their own; none of them is to inherit a listening socket.
     SetHandleInformation(reinterpret_cast<HANDLE>(sock), HANDLE_FLAG_INHERIT, 0);
@@ -338,7 +338,7 @@ int kivagent_drop(kivagent *a, unsigned port) {
 int kivagent_listen(unsigned port, unsigned flags, SOCKET *out) {
   *out = INVALID_SOCKET;
   if (port == 0 || port > 65535) return KIVAGENT_EINVAL;
-  SOCKET sock = WSASocketA(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_OVERLAPPED);
+  SOCKET sock = WSASocketA(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WIRE_SOCKET_FLAGS);
   if (sock == INVALID_SOCKET) return KIVAGENT_ESYS;
   SetHandleInformation(reinterpret_cast<HANDLE>(sock), HANDLE_FLAG_INHERIT, 0);
   sockaddr_in addr{};

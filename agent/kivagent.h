@@ -74,8 +74,9 @@ struct kivagent {
 };
 
 /* Reads -C and -D from argv, then the start-up lines up to "lifespan", rebuilding each
- * handed-over socket (non-inheritable, in the mode flags ask for). Garbled start-up
- * lines do not stop it: each becomes a KIVAGENT_ERROR event, waiting in kivagent_next.
+ * handed-over socket (non-inheritable, without overlapped I/O as the manager made it, in
+ * the mode flags ask for). Garbled start-up lines do not stop it: each becomes a
+ * KIVAGENT_ERROR event, waiting in kivagent_next.
  * Returns 0 with *agent filled; KIVAGENT_EINVAL when argv has no -C naming a pipe;
  * KIVAGENT_EOF when the pipe closes before "lifespan" (*agent keeps the ports read so
  * far and must still be ended); KIVAGENT_ENOMEM or KIVAGENT_ESYS. *agent is cleared
@@ -92,8 +93,8 @@ int kivagent_next(struct kivagent *agent, struct kivagent_event *ev);
 int kivagent_drop(struct kivagent *agent, unsigned port);
 
 /* Opens a listening socket on port on all local IPv4 addresses, as the manager does for
- * the ports it holds: non-inheritable, backlog 10, in the mode flags ask for. Meant for
- * "on" ports. Returns 0 with *sock set, or KIVAGENT_EINVAL/KIVAGENT_ESYS. */
+ * the ports it holds: non-inheritable, without overlapped I/O, backlog 10, in the mode
+ * flags ask for. Meant for "on" ports. Returns 0 with *sock set, or KIVAGENT_EINVAL/KIVAGENT_ESYS. */
 int kivagent_listen(unsigned port, unsigned flags, SOCKET *sock);
 
 /* Closes every socket still in agent->ports, the pipe and the event, and frees what

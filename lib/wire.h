@@ -21,6 +21,11 @@
 // (padded, no line breaks).
 constexpr int WIRE_INFO_SIZE = 372;
 constexpr int WIRE_INFO_TEXT = (WIRE_INFO_SIZE + 2) / 3 * 4;
+// The flags both ends give WSASocket for a listening socket: the manager makes its own
+// without overlapped I/O, and the agent rebuilds a handed-over one with the same flags, as
+// a duplicated socket requires. A connection accepted on such a socket is a handle a
+// program can take as its standard input and output.
+constexpr unsigned WIRE_SOCKET_FLAGS = 0;
 // The longest port line: port 65535 handed over, without its CR LF.
 constexpr int WIRE_PORT_LINE_MAX = sizeof WIRE_PORT "65535@" - 1 + WIRE_INFO_TEXT;
 

@@ -3,6 +3,7 @@
 #include <ws2spi.h>
 
 #include "lib/heap.h"
+#include "lib/wire.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/log.h"
 #include "toolkit/runtime/memory.h"
@@ -32,7 +33,7 @@ SOCKET non_lsp_socket(int family, int type, int protocol) {
     bool inrange = e.iProtocol <= protocol && protocol <= e.iProtocol + e.iProtocolMaxOffset;
     if (!inrange && !(protocol == 0 && e.dwProviderFlags != 0)) continue;
     found = true;
-    s = WSASocketW(family, type, protocol, &catalogue[i], 0, 0);
+    s = WSASocketW(family, type, protocol, &catalogue[i], 0, WIRE_SOCKET_FLAGS);
     if (s == INVALID_SOCKET) failure = WSAGetLastError();
     break;
   }

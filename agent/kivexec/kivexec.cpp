@@ -230,9 +230,8 @@ DWORD WINAPI watch(void *arg) {
 // The connection itself is the program's standard input and output: a socket made
 // without overlapped I/O by the system's base provider is a handle the program reads and
 // writes as it would a pipe, and the client's half-close is its end of input. The sockets
-// kivexec accepts are of that kind: the port manager makes its listening sockets so (and
-// kivexec its own for "on" ports), and an accepted socket takes the listening socket's
-// kind. No relay thread stands between client and program, and kivexec holds nothing of
+// kivexec accepts are of that kind: the port manager and the agent library make listening
+// sockets so, and an accepted socket takes the listening socket's kind. No relay thread stands between client and program, and kivexec holds nothing of
 // the connection once the program runs.
 void start_program(SOCKET c, const std::string &address) {
   HANDLE h = reinterpret_cast<HANDLE>(c);
@@ -339,22 +338,6 @@ DWORD WINAPI accept_loop(void *arg) {
   return 0;
 }
 
-// The listening socket of an "on" port, made as the port manager makes its own: no
-// overlapped I/O, so that the connections it accepts can be standard handles.
-SOCKET listen_on(unsigned port) {
-  SOCKET s = WSASocketA(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, 0);
-  if (s == INVALID_SOCKET) return s;
-  SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
-  sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<u_short>(port));
-  if (bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 || listen(s, 10) != 0) {
-    closesocket(s);
-    return INVALID_SOCKET;
-  }
-  return s;
-}
-
 void stop_server(kivagent *agent, server *sv) {
   InterlockedExchange(&sv->stopping, 1);
   kivagent_drop(agent, sv->port);
@@ -412,7 +395,7 @@ int main(int argc, char **argv) {
   unsigned serving = 0;
   for (unsigned i = 0; i < agent.nports; i++) {
     kivagent_port *p = &agent.ports[i];
-    if (p->sock == INVALID_SOCKET && (p->sock = listen_on(p->port)) == INVALID_SOCKET) {
+    if (p->sock == INVALID_SOCKET && kivagent_listen(p->port, KIVAGENT_BLOCKING, &p->sock) != 0) {
       fprintf(stderr, "kivexec: cannot listen on port %u (%d)\n", p->port, WSAGetLastError());
       continue;
     }

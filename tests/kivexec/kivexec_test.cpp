@@ -73,7 +73,11 @@ TEST(Kivexec, TheConnectionIsTheProgramsInputAndOutput) {
   configure(reg, "hold", other, "", UPCASE + " handles");
   configure(reg, "err", err, "--stderr", UPCASE + " stderr");
   configure(reg, "quiet", quiet, "", UPCASE + " stderr");
+  int on = kt::free_port();  // an "on" port: kivexec listens on it itself
+  configure(reg, "on", on, "", UPCASE);
+  reg.port(on, "on", "on");
   kt::kivd d("-D3");
+  EXPECT_EQ(ask(on, "on"), "ONEND\n");
   // Standard error goes to the connection with --stderr, else to kivexec's (kivd's log).
   EXPECT_EQ(ask(err, "e"), "to stderr\nEEND\n");
   EXPECT_EQ(ask(quiet, "q"), "QEND\n");
