@@ -228,6 +228,7 @@ process::process(const std::string &cmdline, const std::string &input) {
   CloseHandle(out);
   CloseHandle(err);
   if (in != INVALID_HANDLE_VALUE) CloseHandle(in);
+  if (!in_file.empty()) DeleteFileA(in_file.c_str());  // shared for deletion: gone when the child closes it
 }
 
 process::~process() {
