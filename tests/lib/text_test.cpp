@@ -57,14 +57,11 @@ TEST(Base64, TableBothWays) {
   }
 }
 
-// The protocol information's 372 bytes are 496 characters; other lengths: the table.
-TEST(Base64, WireSizeAndRefusedArguments) {
-  unsigned char bytes[372], back[372];
-  for (int i = 0; i < 372; i++) bytes[i] = static_cast<unsigned char>(i * 37 + 11);
-  char text[500];
-  ASSERT_EQ(496, b64_encode(bytes, 372, text));
-  EXPECT_EQ(372, b64_decode(text, 496, back, 372));
-  EXPECT_EQ(0, memcmp(bytes, back, sizeof bytes));
+// Lengths and round trips beyond the table: the fuzz target, and the protocol
+// information's 372 bytes in every hand-over of the agent and port tests.
+TEST(Base64, RefusedArguments) {
+  unsigned char back[8];
+  char text[8];
   EXPECT_EQ(0, b64_encode("abc", -3, text));
   EXPECT_STREQ("", text);
   EXPECT_EQ(-1, b64_encode(nullptr, 3, text));

@@ -3,9 +3,9 @@
 #include <psapi.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -17,13 +17,6 @@ namespace {
 const char ROOT[] = "SOFTWARE\\Orvane\\Agents";
 const char PIPE[] = "\\\\.\\pipe\\vesk_kivd";
 constexpr DWORD IO_MS = 15000;  // longest wait for one pipe message
-
-std::string dir_of_this_exe() {
-  char path[MAX_PATH];
-  DWORD n = GetModuleFileNameA(nullptr, path, sizeof path);
-  std::string p(path, n);
-  return p.substr(0, p.find_last_of('\\'));
-}
 
 std::string slurp(const std::string &file) {
   std::ifstream in(file, std::ios::binary);
@@ -64,18 +57,26 @@ HANDLE inheritable_file(const std::string &name, bool write) {
                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &sa,
                      write ? CREATE_ALWAYS : OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
 }
+
+// Starts the command line with inheritance on; false when it cannot.
+bool start(std::string line, STARTUPINFOA *si, HANDLE *process, DWORD *pid) {
+  PROCESS_INFORMATION pi;
+  si->cb = sizeof *si;
+  if (!CreateProcessA(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, si, &pi)) return false;
+  CloseHandle(pi.hThread);
+  *process = pi.hProcess;
+  *pid = pi.dwProcessId;
+  return true;
+}
 }  // namespace
 
 std::string build_dir() {
   // The first folder above this executable that holds service\kivd.exe.
-  std::string dir = dir_of_this_exe();
-  for (int up = 0; up < 4; up++) {
-    char full[MAX_PATH];
-    DWORD n = GetFullPathNameA(dir.c_str(), sizeof full, full, nullptr);
-    std::string candidate = n && n < sizeof full ? std::string(full, n) : dir;
-    if (GetFileAttributesA((candidate + "\\service\\kivd.exe").c_str()) != INVALID_FILE_ATTRIBUTES)
-      return candidate;
-    dir += "\\..";
+  char path[MAX_PATH];
+  std::string dir(path, GetModuleFileNameA(nullptr, path, sizeof path));
+  for (int up = 0; up < 5; up++) {
+    dir = dir.substr(0, dir.find_last_of('\\'));
+    if (GetFileAttributesA((dir + "\\service\\kivd.exe").c_str()) != INVALID_FILE_ATTRIBUTES) return dir;
   }
   return dir;
 }
@@ -219,21 +220,15 @@ process::process(const std::string &cmdline, const std::string &input) {
     in = inheritable_file(in_file, false);
   }
   STARTUPINFOA si = {};
-  si.cb = sizeof si;
   si.dwFlags = STARTF_USESTDHANDLES;
   si.hStdInput = in;
   si.hStdOutput = out;
   si.hStdError = err;
-  PROCESS_INFORMATION pi;
-  std::string line = cmdline;
-  if (CreateProcessA(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi)) {
-    CloseHandle(pi.hThread);
-    h = pi.hProcess;
-    pid = pi.dwProcessId;
-  }
+  start(cmdline, &si, &h, &pid);
   CloseHandle(out);
   CloseHandle(err);
   if (in != INVALID_HANDLE_VALUE) CloseHandle(in);
+  if (!in_file.empty()) DeleteFileA(in_file.c_str());  // shared for deletion: gone when the child closes it
 }
 
 process::~process() {
@@ -335,10 +330,9 @@ bool client::send(const std::string &message) {
   BOOL ok = WriteFile(h, message.data(), static_cast<DWORD>(message.size()), nullptr, &ov);
   if (!ok && GetLastError() == ERROR_IO_PENDING) {
     if (WaitForSingleObject(ov.hEvent, IO_MS) != WAIT_OBJECT_0) CancelIo(h);
-    ok = GetOverlappedResult(h, &ov, &put, TRUE);
-  } else if (ok) {
-    ok = GetOverlappedResult(h, &ov, &put, TRUE);
+    ok = TRUE;
   }
+  ok = ok && GetOverlappedResult(h, &ov, &put, TRUE);
   CloseHandle(ov.hEvent);
   return ok;
 }
@@ -410,14 +404,7 @@ std::vector<std::string> listed_ports(const std::vector<std::string> &reply) {
 }
 
 double now_ms() {
-  static LARGE_INTEGER freq = [] {
-    LARGE_INTEGER f;
-    QueryPerformanceFrequency(&f);
-    return f;
-  }();
-  LARGE_INTEGER t;
-  QueryPerformanceCounter(&t);
-  return double(t.QuadPart) * 1e3 / double(freq.QuadPart);
+  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 namespace {
@@ -484,33 +471,17 @@ std::string describe(const usage &before, const usage &after) {
 
 bool launch(const std::string &cmdline, launched *out) {
   *out = launched{};
-  HANDLE rd = nullptr, inheritable = nullptr;
+  HANDLE rd = nullptr;
   if (!CreatePipe(&rd, &out->pipe, nullptr, 0)) return false;
-  if (!DuplicateHandle(GetCurrentProcess(), rd, GetCurrentProcess(), &inheritable, 0, TRUE,
-                       DUPLICATE_CLOSE_SOURCE | DUPLICATE_SAME_ACCESS)) {
-    CloseHandle(rd);
-    CloseHandle(out->pipe);
-    out->pipe = nullptr;
-    return false;
-  }
+  // Only the read end is inheritable, and only from here on.
+  SetHandleInformation(rd, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
   char tail[32];
-  snprintf(tail, sizeof tail, " -C%#x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(inheritable)));
-  std::vector<char> line(cmdline.begin(), cmdline.end());
-  line.insert(line.end(), tail, tail + strlen(tail) + 1);
+  snprintf(tail, sizeof tail, " -C%#x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(rd)));
   STARTUPINFOA si{};
-  si.cb = sizeof si;
-  PROCESS_INFORMATION pi{};
-  bool ok = CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi);
-  CloseHandle(inheritable);
-  if (!ok) {
-    CloseHandle(out->pipe);
-    out->pipe = nullptr;
-    return false;
-  }
-  CloseHandle(pi.hThread);
-  out->process = pi.hProcess;
-  out->pid = pi.dwProcessId;
-  return true;
+  bool ok = start(cmdline + tail, &si, &out->process, &out->pid);
+  CloseHandle(rd);
+  if (!ok) end_launch(out);
+  return ok;
 }
 
 bool send_line(HANDLE pipe, const std::string &line) {
