@@ -31,10 +31,7 @@ struct feed {
   std::thread writer;
   std::vector<std::string> args;  // the agent's argv, which outlives the start-up
   std::vector<char *> argv;
-  ~feed() {
-    if (writer.joinable()) writer.join();
-    if (wr) CloseHandle(wr);
-  }
+  ~feed() { close(); }
   void close() {
     if (writer.joinable()) writer.join();
     if (wr) CloseHandle(wr);

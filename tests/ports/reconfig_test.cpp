@@ -73,9 +73,7 @@ TEST_F(Reconfig, ServiceChangedHandsTheSocketToTheNewRecord) {
   EXPECT_EQ(0, logged("Listening on port " + std::to_string(p[0]) + " for b"));  // no new socket
   EXPECT_EQ(lines({line_of(p[0], "b", "Auto"), line_of(p[1], "a", "Auto") + " Agent=" + std::to_string(agent_a)}),
             listing());
-  waitlist w = wait_list();
-  EXPECT_EQ(1u, w.events);
-  EXPECT_EQ(std::vector<DWORD>{agent_a}, w.pids);
+  EXPECT_EQ(waits(1, {agent_a}), waits());
   std::string number = std::to_string(p[0]);
   ASSERT_TRUE(pump_until([&] { return has_text(a, "#closed " + number, agent_a); }));
   EXPECT_EQ(1u, count_of(pipe_lines(a, agent_a), "remove tcp::" + number));
@@ -127,16 +125,12 @@ TEST_F(Reconfig, RemovedKeysMarkPortsForRemoval) {
   EXPECT_EQ(lines({line_of(p[1], "held", "Auto") + " Agent=" + std::to_string(agent)}), listing());
   EXPECT_EQ(KIV_ENOTFOUND, ssock_disable(int(p[1])));
   ASSERT_TRUE(pump_until([&] { return listing().empty(); }));
-  EXPECT_EQ(lines({"-Ptcp::" + std::to_string(p[1]) + "@", "--", "lifespan 86400", "remove tcp::" + std::to_string(p[1])}),
-            [&] {
-              lines got = pipe_lines(rec, agent);
-              if (!got.empty()) got[0].resize(got[0].find('@') + 1);
-              return got;
-            }());
+  std::string number = std::to_string(p[1]);
+  EXPECT_EQ(lines({"-Ptcp::" + number + "@<496>", "--", "lifespan 86400", "remove tcp::" + number}),
+            pipe_lines(rec, agent));
   EXPECT_TRUE(has_text(rec, "#eof", agent));
   EXPECT_EQ(1, logged("Service held no longer used"));
-  waitlist w = wait_list();
-  EXPECT_EQ(0u, w.count);
+  EXPECT_EQ(waits(0), waits());
 }
 
 }  // namespace

@@ -211,28 +211,6 @@ TEST_F(Ports, AddportOrderAndReplacement) {
   EXPECT_TRUE(logged_with("Old port 20 [echo] marked for removal"));
 }
 
-// A socket handed to a new record (same mode) listens again even though an agent's
-// launch had cancelled its selection.
-TEST_F(Ports, AddportHandOverListens) {
-  service_record *echo = addservice("echo");
-  port_record *old = addport(1, echo, START_AUTO);
-  ASSERT_EQ(0, listen_on(0, &old->sock));
-  old->event = WSACreateEvent();
-  WSAEventSelect(old->sock, old->event, 0);  // as the launch of an agent leaves it
-  sockaddr_in address = {};
-  int length = sizeof address;
-  getsockname(old->sock, reinterpret_cast<sockaddr *>(&address), &length);
-  SOCKET s = old->sock;
-  port_record *taker = addport(1, echo, START_AUTO);
-  EXPECT_EQ(s, taker->sock);
-  EXPECT_EQ(INVALID_SOCKET, old->sock);
-  SOCKET client = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(0, connect(client, reinterpret_cast<sockaddr *>(&address), sizeof address));
-  EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(taker->event, 10000));
-  closesocket(client);
-}
-
 // The pass frees removed records nothing holds, whatever disable they carry (timed or by
 // command): a removed record is never live again. A live port disabled by command stays.
 TEST_F(Ports, PassRemovals) {
