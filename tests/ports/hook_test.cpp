@@ -8,16 +8,22 @@
 namespace porttest {
 namespace {
 
-// A process that lives until killed (a minute at most), as a hooked port's parent; killed
-// when the case ends, whatever its outcome.
+// A process that lives until killed (the test agent without a pipe, not inheriting), as a
+// hooked port's parent; killed when the case ends, whatever its outcome.
 struct Parent {
-  explicit Parent(const char *name = "parent-process")
-      : pi(start_process(agent_program(record_path(name), "-S60000"))), pid(std::to_string(pi.dwProcessId)) {}
+  explicit Parent(const char *name = "parent-process") {
+    STARTUPINFOA si = {};
+    si.cb = sizeof si;
+    std::string line = agent_program(record_path(name));
+    EXPECT_TRUE(CreateProcessA(nullptr, &line[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) << line;
+    CloseHandle(pi.hThread);
+    pid = std::to_string(pi.dwProcessId);
+  }
   ~Parent() { end(); CloseHandle(pi.hProcess); }
   Parent(const Parent &) = delete;
   Parent &operator=(const Parent &) = delete;
   void end() { TerminateProcess(pi.hProcess, 0); }
-  PROCESS_INFORMATION pi;
+  PROCESS_INFORMATION pi = {};
   std::string pid;
 };
 

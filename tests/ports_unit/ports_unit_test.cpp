@@ -131,13 +131,9 @@ TEST_F(Ports, ListingLine) {
   ASSERT_TRUE(echo && longer && big);
   auto *agent = static_cast<child_record *>(kiv_zalloc(sizeof(child_record), "test"));
   agent->pid = 4321;
-  port_record *p1 = addport(7, echo, START_AUTO);
-  port_record *p2 = addport(25, echo, START_AUTO);
   port_record *p3 = addport(110, longer, START_ON);
   port_record *p4 = addport(65535, echo, START_HOOK);
   port_record *p5 = addport(8, big, START_HOOK);
-  p1->agent = p2->agent = agent;
-  agent->links = 2;
   p3->flags = PORT_DISABLED;
   p3->until = UNTIL_ENABLED;
   p4->parent = OpenProcess(SYNCHRONIZE, FALSE, GetCurrentProcessId());
@@ -147,25 +143,23 @@ TEST_F(Ports, ListingLine) {
   p5->parent = OpenProcess(SYNCHRONIZE, FALSE, GetCurrentProcessId());
   p5->flags = PORT_DISABLED;
   p5->until = UNTIL_ENABLED;
-  agent->links = 3;
+  agent->links = 1;
   ASSERT_EQ(0, ssock_info(7, collect));
   std::string cut(LISTING_SIZE - 1 - 83, 'n');
   std::vector<std::string> expected = {
-      "    7  echo          Auto Agent=4321",
       "    8  " + cut + "   Hook Disable=2038-01-19_03:14 Parent=-1 Agent=4321",
-      "   25  echo          Auto Agent=4321",
       "  110  twelve-chars   On Disable=2038-01-19_03:14",
       "65535  echo          Hook Parent=99",
   };
   ASSERT_EQ(expected.size(), listing.size());
   for (size_t i = 0; i < expected.size(); i++) EXPECT_EQ(expected[i], listing[i]) << i;
-  EXPECT_LE(listing[1].size(), size_t(LISTING_SIZE - 1));
+  EXPECT_LE(listing[0].size(), size_t(LISTING_SIZE - 1));
   // East of UTC the largest time still gives a line, in local time.
   listing.clear();
   _putenv("TZ=XXX-14");
   _tzset();
   ssock_info(7, collect);
-  EXPECT_EQ("  110  twelve-chars   On Disable=2038-01-19_17:14", listing[3]);
+  EXPECT_EQ("  110  twelve-chars   On Disable=2038-01-19_17:14", listing[1]);
   _putenv("TZ=");
   _tzset();
 }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <regex>
 
 #include "ports/ssock.h"
@@ -37,16 +39,8 @@ struct recline {
 
 std::vector<recline> read_record(const std::string &path) {
   std::vector<recline> out;
-  HANDLE f = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                         nullptr, OPEN_EXISTING, 0, nullptr);
-  if (f == INVALID_HANDLE_VALUE)
-    return out;
-  std::string all;
-  char buffer[65536];
-  DWORD got;
-  while (ReadFile(f, buffer, sizeof buffer, &got, nullptr) && got)
-    all.append(buffer, got);
-  CloseHandle(f);
+  std::ifstream in(path, std::ios::binary);
+  std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   size_t start = 0, eol;
   // A line is complete only with its newline: the agent may be writing the rest now.
   while ((eol = all.find('\n', start)) != std::string::npos) {
@@ -286,18 +280,6 @@ DWORD exit_code(HANDLE process) {
     GetExitCodeProcess(process, &code);
   CloseHandle(process);
   return code;
-}
-
-PROCESS_INFORMATION start_process(const std::string &program) {
-  STARTUPINFOA si = {};
-  si.cb = sizeof si;
-  PROCESS_INFORMATION pi = {};
-  std::string line = program;
-  EXPECT_TRUE(CreateProcessA(nullptr, &line[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
-      << program << ": " << GetLastError();
-  if (pi.hThread)
-    CloseHandle(pi.hThread);
-  return pi;
 }
 
 void Ports::SetUp() {

@@ -96,8 +96,6 @@ HANDLE open_process(DWORD pid);
 // Waits up to 5 s for the process to end, closes the handle, returns its exit code
 // (STILL_ACTIVE if it did not end, 0xFFFFFFFF for a null handle).
 DWORD exit_code(HANDLE process);
-// A process that lives until killed (the test agent without a pipe), not inheriting.
-PROCESS_INFORMATION start_process(const std::string &program);
 
 struct Ports : ::testing::Test {
   void SetUp() override;

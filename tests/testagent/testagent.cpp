@@ -8,7 +8,6 @@
 //   -Q        exit at once, before reading the pipe
 //   -V        crash with an access violation at once
 //   -I        ignore "exit" and the closing of the pipe (the manager has to terminate it)
-//   -S<ms>    without -C (a global program or a hooking process): live this long
 //   -C<0x..>  the read end of the agent pipe, as the manager appends it
 //   -D<spec>  the manager's debug spec (recorded with the command line only)
 //   -W<path>  read nothing from the pipe until the file <path> exists (a slow agent)
@@ -223,7 +222,6 @@ int main(int argc, char **argv) {
   HANDLE pipe = nullptr;
   bool quit = false, violate = false;
   const char *gate = nullptr;
-  DWORD sleep_ms = LIFETIME_MS;
   for (int i = 1; i < argc; i++) {
     const char *a = argv[i];
     if (a[0] != '-' || !a[1])
@@ -233,7 +231,6 @@ int main(int argc, char **argv) {
       case 'Q': quit = true; break;
       case 'V': violate = true; break;
       case 'I': ignore_exit = true; break;
-      case 'S': sleep_ms = DWORD(atoi(a + 2)); break;
       case 'W': gate = a + 2; break;
       case 'C': pipe = reinterpret_cast<HANDLE>(uintptr_t(strtoull(a + 2, nullptr, 16))); break;
       default: break;
@@ -252,8 +249,8 @@ int main(int argc, char **argv) {
     crash();
   if (quit)
     leave(0);
-  if (!pipe) {
-    Sleep(sleep_ms < LIFETIME_MS ? sleep_ms : LIFETIME_MS);
+  if (!pipe) {  // a global program or a hooking process: lives until killed
+    Sleep(LIFETIME_MS);
     leave(0);
   }
   while (gate && GetFileAttributesA(gate) == INVALID_FILE_ATTRIBUTES && GetTickCount() - started < LIFETIME_MS)
