@@ -82,30 +82,6 @@ TEST_F(Reconfig, ServiceChangedHandsTheSocketToTheNewRecord) {
   EXPECT_EQ(3u, pipe_lines(b, agent_b).size());  // b's port alone
 }
 
-// auto -> on while an agent holds the port alone: that agent is told "exit"; the new
-// record rests for 10 seconds, then starts its own agent.
-TEST_F(Reconfig, StartModeChangedEndsTheAgentAndRestsTheNewRecord) {
-  std::string rec = record_path("mode");
-  unsigned port = svc_ports(1, "auto", agent_program(rec))[0];
-  ASSERT_EQ(0, ssock_reconfig());
-  DWORD old = start_agent_on(port, rec);
-  set_port(port, "on", "svc");
-  ASSERT_EQ(0, ssock_reconfig());
-  EXPECT_EQ(1, logged("New port disabled for 10 seconds"));
-  EXPECT_EQ(lines({line_of(port, "svc", "Auto") + " Agent=" + std::to_string(old),
-                   line_of(port, "svc", "On") + disable_of(now + 10)}),
-            listing());
-  ASSERT_TRUE(pump_until([&] { return listing().size() == 1; }));
-  EXPECT_EQ("exit", pipe_lines(rec, old).back());
-  EXPECT_EQ(lines({line_of(port, "svc", "On") + disable_of(now + 10)}), listing());
-  EXPECT_EQ(now + 10, wait_list().due);
-  advance(9);
-  EXPECT_EQ(1u, agents(rec).size());
-  advance(1);
-  ASSERT_TRUE(pump_until([&] { return ready(rec, 2); }));
-  EXPECT_EQ(lines({"-Ptcp::" + std::to_string(port), "--", "lifespan 86400"}), pipe_lines(rec, agents(rec).back()));
-}
-
 TEST_F(Reconfig, RemovedKeysMarkPortsForRemoval) {
   auto p = free_ports(2);
   std::string rec = record_path("gone");
