@@ -25,8 +25,6 @@ TEST_F(Control, DisableAndEnableWithTheListing) {
                    line_of(p[2], "on", "On") + " Agent=" + std::to_string(on_agent)}),
             listing());
 
-  for (auto op : {ssock_disable, ssock_enable})
-    EXPECT_EQ(KIV_ENOTFOUND, op(65535));
   EXPECT_EQ(KIV_EINTERNAL, ssock_callback(wait_list().count));  // past the wait list
 
   // Idle port: off until enabled, then listening again at once.
@@ -58,78 +56,46 @@ TEST_F(Control, DisableAndEnableWithTheListing) {
   ASSERT_TRUE(pump_until([&] { return ready(on, 2); }));
 }
 
-// A disable by command outlives an exception exit of the agent that held the port.
-TEST_F(Control, DisabledPortStaysDisabledWhenItsAgentCrashes) {
-  std::string rec = record_path("crashing");
-  unsigned port = svc_ports(1, "auto", agent_program(rec, "-I"))[0];  // stays after its pipe closes
-  ASSERT_EQ(0, ssock_reconfig());
-  SOCKET client = connect_to(port);
-  ASSERT_TRUE(pump_until([&] { return ready(rec); }));
-  DWORD agent = agents(rec)[0];
-  ASSERT_EQ("agent " + std::to_string(agent) + " port " + std::to_string(port), read_line(client));
-  ASSERT_EQ(0, ssock_disable(int(port)));
-  ASSERT_TRUE(pump_until([&] { return has_text(rec, "remove tcp::" + std::to_string(port), agent); }));
-  send_text(client, "crash");
-  closesocket(client);
-  ASSERT_TRUE(pump_until([&] { return logged("caused exeption") == 1; }));
-  std::string forever = disable_of(0x7FFFFFFF);
-  EXPECT_EQ(lines({line_of(port, "svc", "Auto") + forever}), listing());
-  advance(3);
-  EXPECT_EQ(lines({line_of(port, "svc", "Auto") + forever}), listing());
-  EXPECT_EQ(0u, wait_list().count);
-}
-
 using Shutdown = Ports;
 
-TEST_F(Shutdown, AgentsThatExitInTimeAreNotTerminated) {
-  auto p = free_ports(3);
+// Agents that exit in time are not terminated. Nothing is listened on or started during
+// shutdown, even a port whose rest ended just before it, and a program it kills is waited
+// for like an agent.
+TEST_F(Shutdown, AgentsAreToldAndWaitedForAndNothingStarts) {
+  auto p = free_ports(5);
   std::string a = record_path("a"), b = record_path("b"), job = record_path("job");
   set_service("a", agent_program(a));
   set_service("b", agent_program(b));
+  set_service("svc", "C:\\never\\started.exe");
   set_port(p[0], "auto", "a");
   set_port(p[1], "auto", "a");
   set_port(p[2], "auto", "b");
+  set_port(p[3], "auto", "svc");
+  set_port(p[4], "auto", "svc");
+  set_global("a_dead", "on", "C:\\no\\such\\program.exe");
   set_global("job", "on", agent_program(job));
+  SOCKET blocker = block_port(p[3]);
   ASSERT_EQ(0, ssock_reconfig());
+  closesocket(blocker);
+  ASSERT_EQ(1, logged("Failed to listen to port " + std::to_string(p[3])));
   DWORD agent_a = start_agent_on(p[0], a), agent_b = start_agent_on(p[2], b);
   ASSERT_TRUE(pump_until([&] { return !agents(job).empty(); }));
+  now += 900;  // the rest is over, and no pass has run since
+  logs.clear();
   cleaned_up = true;
   ASSERT_EQ(0, ssock_cleanup());
   EXPECT_EQ(1, logged("Closing the shop"));
-  EXPECT_EQ(1, logged("Waiting for 3 children"));
+  EXPECT_EQ(1, logged("Waiting for 3 children")) << testing::PrintToString(logs);
   EXPECT_EQ(0, logged("timeout"));
   EXPECT_EQ(0, logged("terminated"));
+  EXPECT_EQ(0, logged("Listening on port")) << testing::PrintToString(logs);
+  EXPECT_EQ(0, logged("started"));
   EXPECT_EQ(1, logged("Prog job/" + std::to_string(agents(job)[0]) + " killed"));
   lines got = pipe_lines(a, agent_a);
   ASSERT_LE(2u, got.size());
   EXPECT_EQ("remove tcp::" + std::to_string(p[0]), got[got.size() - 2]);  // every port but the last
   EXPECT_EQ("exit", got.back());
   EXPECT_EQ("exit", pipe_lines(b, agent_b).back());
-}
-
-// During shutdown nothing is listened on or started, even a port whose rest ended just
-// before it, and a program it kills is waited for like an agent.
-TEST_F(Shutdown, StartsNothingAndWaitsForWhatItKills) {
-  auto p = free_ports(2);
-  set_service("svc", "C:\\never\\started.exe");
-  set_port(p[0], "auto", "svc");
-  set_port(p[1], "auto", "svc");
-  std::string job = record_path("job");
-  set_global("a_dead", "on", "C:\\no\\such\\program.exe");
-  set_global("b_live", "on", agent_program(job));
-  SOCKET blocker = block_port(p[0]);
-  ASSERT_EQ(0, ssock_reconfig());
-  closesocket(blocker);
-  ASSERT_EQ(1, logged("Failed to listen to port " + std::to_string(p[0])));
-  ASSERT_TRUE(pump_until([&] { return !agents(job).empty(); }));
-  now += 900;  // the rest is over, and no pass has run since
-  logs.clear();
-  cleaned_up = true;
-  ASSERT_EQ(0, ssock_cleanup());
-  EXPECT_EQ(0, logged("Listening on port")) << testing::PrintToString(logs);
-  EXPECT_EQ(0, logged("started"));
-  EXPECT_EQ(1, logged("Prog b_live/" + std::to_string(agents(job)[0]) + " killed"));
-  EXPECT_EQ(1, logged("Waiting for 1 children")) << testing::PrintToString(logs);
 }
 
 // The one real wait of the suite: an agent that ignores "exit" is terminated after 5 s.
@@ -160,16 +126,11 @@ TEST_F(Scale, ThousandPortsKeepAnExactWaitList) {
   for (unsigned i = 0; i < p.size(); i++)
     set_port(p[i], "auto", ("k" + std::to_string(i % 10)).c_str());
   ASSERT_EQ(0, ssock_reconfig());
-  waitlist w = wait_list();
-  EXPECT_EQ(1000u, w.count);
-  EXPECT_EQ(1000u, w.events);
+  EXPECT_EQ(waits(1000), waits());
   EXPECT_EQ(1000u, listing().size());
   DWORD agent = start_agent_on(p[999], rec);
   EXPECT_EQ(102u, pipe_lines(rec, agent).size());  // 100 port lines, "--", "lifespan"
-  w = wait_list();
-  EXPECT_EQ(901u, w.count);
-  EXPECT_EQ(900u, w.events);
-  EXPECT_EQ(std::vector<DWORD>{agent}, w.pids);
+  EXPECT_EQ(waits(900, {agent}), waits());
 }
 
 }  // namespace

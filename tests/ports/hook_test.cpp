@@ -8,16 +8,22 @@
 namespace porttest {
 namespace {
 
-// A process that lives until killed (a minute at most), as a hooked port's parent; killed
-// when the case ends, whatever its outcome.
+// A process that lives until killed (the test agent without a pipe, not inheriting), as a
+// hooked port's parent; killed when the case ends, whatever its outcome.
 struct Parent {
-  explicit Parent(const char *name = "parent-process")
-      : pi(start_process(agent_program(record_path(name), "-S60000"))), pid(std::to_string(pi.dwProcessId)) {}
+  explicit Parent(const char *name = "parent-process") {
+    STARTUPINFOA si = {};
+    si.cb = sizeof si;
+    std::string line = agent_program(record_path(name));
+    EXPECT_TRUE(CreateProcessA(nullptr, &line[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) << line;
+    CloseHandle(pi.hThread);
+    pid = std::to_string(pi.dwProcessId);
+  }
   ~Parent() { end(); CloseHandle(pi.hProcess); }
   Parent(const Parent &) = delete;
   Parent &operator=(const Parent &) = delete;
   void end() { TerminateProcess(pi.hProcess, 0); }
-  PROCESS_INFORMATION pi;
+  PROCESS_INFORMATION pi = {};
   std::string pid;
 };
 
@@ -47,22 +53,14 @@ TEST_F(Hook, HookedPortWithoutParentServesOnlyItselfAndGoesOnRemove) {
   EXPECT_EQ(lines({line_of(hooked, "svc", "Hook"), line_of(other, "svc", "Auto")}), listing());
   EXPECT_EQ(2u, wait_list().events);
 
-  SOCKET client = connect_to(hooked);
-  ASSERT_TRUE(pump_until([&] { return ready(rec); }));
-  DWORD pid = agents(rec)[0];
-  EXPECT_EQ("agent " + std::to_string(pid) + " port " + std::to_string(hooked), read_line(client));
-  closesocket(client);
-  lines got = pipe_lines(rec, pid);
-  ASSERT_EQ(3u, got.size()) << testing::PrintToString(got);  // the hooked port alone
-  EXPECT_EQ("-Ptcp::" + std::to_string(hooked) + "@", got[0].substr(0, 8 + std::to_string(hooked).size()));
-  EXPECT_EQ(program + " -D3 x y", before_pipe(cmd_of(rec)));
+  DWORD pid = start_agent_on(hooked, rec);
+  EXPECT_EQ(lines({"-Ptcp::" + std::to_string(hooked) + "@<496>", "--", "lifespan 86400"}), pipe_lines(rec, pid));
+  EXPECT_EQ(program + " -D3 x y", launch_line(rec));
   // Held by its agent across a reconfiguration: the agent only hears "reconfig".
   ASSERT_EQ(0, ssock_reconfig());
   ASSERT_TRUE(pump_until([&] { return pipe_lines(rec, pid).size() == 4; }));
   EXPECT_EQ("reconfig", pipe_lines(rec, pid).back());
-  waitlist w = wait_list();
-  EXPECT_EQ(1u, w.events);
-  EXPECT_EQ(std::vector<DWORD>{pid}, w.pids);
+  EXPECT_EQ(waits(1, {pid}), waits());
 
   // Its only port removed: the agent is told "exit" and the record goes with the agent.
   ASSERT_EQ(0, ssock_remove(int(hooked)));
@@ -70,7 +68,7 @@ TEST_F(Hook, HookedPortWithoutParentServesOnlyItselfAndGoesOnRemove) {
   ASSERT_TRUE(pump_until([&] { return listing().size() == 1; }));
   EXPECT_EQ("exit", pipe_lines(rec, pid).back());
   EXPECT_EQ(lines({line_of(other, "svc", "Auto")}), listing());
-  EXPECT_EQ(1u, wait_list().count);
+  EXPECT_EQ(waits(1), waits());
 }
 
 TEST_F(Hook, HookedPortLivesAsLongAsItsParent) {
@@ -81,48 +79,33 @@ TEST_F(Hook, HookedPortLivesAsLongAsItsParent) {
   const std::string &pid = parent.pid;
 
   EXPECT_EQ(KIV_ESYS, ssock_add(int(p[1]), "0", nullptr));  // no such process
+  // Hooking again without a pid drops the parent.
+  ASSERT_EQ(0, ssock_add(int(p[1]), pid.c_str(), nullptr));
+  ASSERT_EQ(0, ssock_add(int(p[1]), nullptr, nullptr));
+  EXPECT_EQ(lines({line_of(p[1], "svc", "Hook")}), listing());
+  EXPECT_EQ(waits(1), waits());
+  ASSERT_EQ(0, ssock_remove(int(p[1])));
   ASSERT_EQ(0, ssock_add(int(p[0]), pid.c_str(), nullptr));
   ASSERT_EQ(0, ssock_reconfig());
   EXPECT_EQ(KIV_EBUSY, ssock_add(int(p[0]), stranger.pid.c_str(), nullptr));
   EXPECT_EQ(lines({line_of(p[0], "svc", "Hook") + " Parent=" + pid}), listing());
-  waitlist w = wait_list();
-  EXPECT_EQ(1u, w.events);
-  EXPECT_EQ(std::vector<DWORD>{parent.pi.dwProcessId}, w.pids);
+  EXPECT_EQ(waits(1, {parent.pi.dwProcessId}), waits());
 
   // The same parent hooks again: the new record takes over the handle and the socket.
   ASSERT_EQ(0, ssock_add(int(p[0]), pid.c_str(), "again"));
   EXPECT_EQ(lines({line_of(p[0], "svc", "Hook") + " Parent=" + pid}), listing());
-  w = wait_list();
-  EXPECT_EQ(1u, w.events);
-  EXPECT_EQ(std::vector<DWORD>{parent.pi.dwProcessId}, w.pids);
+  EXPECT_EQ(waits(1, {parent.pi.dwProcessId}), waits());
 
-  SOCKET client = connect_to(p[0]);
-  ASSERT_TRUE(pump_until([&] { return ready(rec); }));
-  DWORD agent = agents(rec)[0];
-  closesocket(client);
+  DWORD agent = start_agent_on(p[0], rec);
   EXPECT_EQ(lines({line_of(p[0], "svc", "Hook") + " Parent=" + pid + " Agent=" + std::to_string(agent)}), listing());
-  w = wait_list();
-  EXPECT_EQ(0u, w.events);
-  EXPECT_EQ(2u, w.pids.size());
+  EXPECT_EQ(waits(0, {agent, parent.pi.dwProcessId}), waits());
 
   // The parent dies: the agent is told "exit", the port goes once the agent has ended.
   parent.end();
   ASSERT_TRUE(pump_until([&] { return listing().empty(); }));
   EXPECT_EQ(1, logged("Parent for port " + std::to_string(p[0]) + " died"));
   EXPECT_EQ("exit", pipe_lines(rec, agent).back());
-  EXPECT_EQ(0u, wait_list().count);
-}
-
-TEST_F(Hook, HookingAgainWithoutPidDropsTheParent) {
-  unsigned port = svc_ports(1, "hook", agent_program(record_path("again")))[0];
-  ASSERT_EQ(0, ssock_reconfig());
-  Parent parent;
-  ASSERT_EQ(0, ssock_add(int(port), parent.pid.c_str(), nullptr));
-  ASSERT_EQ(0, ssock_add(int(port), nullptr, nullptr));
-  EXPECT_EQ(lines({line_of(port, "svc", "Hook")}), listing());
-  waitlist w = wait_list();
-  EXPECT_EQ(1u, w.events);
-  EXPECT_TRUE(w.pids.empty());
+  EXPECT_EQ(waits(0), waits());
 }
 
 // The same parent hooks a port again while an agent holds it: the old agent drops it
@@ -141,12 +124,10 @@ TEST_F(Hook, HookingAgainWhileHeldHandsTheSocketOver) {
   EXPECT_EQ("remove tcp::" + std::to_string(port), pipe_lines(rec, first).back());
   ASSERT_TRUE(pump_until([&] { return listing().size() == 1; }));
   EXPECT_EQ(lines({line_of(port, "svc", "Hook") + " Parent=" + pid}), listing());
-  waitlist w = wait_list();
-  EXPECT_EQ(1u, w.events);
-  EXPECT_EQ(std::vector<DWORD>{parent.pi.dwProcessId}, w.pids);
+  EXPECT_EQ(waits(1, {parent.pi.dwProcessId}), waits());
   DWORD second = start_agent_on(port, rec);
   EXPECT_NE(first, second);
-  EXPECT_EQ(program + " -D3 two", before_pipe(cmd_of(rec, second)));
+  EXPECT_EQ(program + " -D3 two", launch_line(rec, second));
 }
 
 // A hooked port resting after a failed bind goes for good when it is removed or its
@@ -169,10 +150,10 @@ TEST_F(Hook, RestingHookedPortIsFreedOnRemoveAndOnParentDeath) {
       ASSERT_EQ(0, ssock_remove(int(port)));
       EXPECT_EQ(lines(), listing());
     }
-    EXPECT_EQ(0u, wait_list().count);
+    EXPECT_EQ(waits(0), waits());
     advance(900);
     EXPECT_EQ(lines(), listing());
-    EXPECT_EQ(0u, wait_list().count);
+    EXPECT_EQ(waits(0), waits());
     restart_manager();
   }
 }
@@ -209,7 +190,7 @@ TEST_F(Hook, CommandLinePiecesAtAndPastTheirLimits) {
     SOCKET client = connect_to(port);
     if (c.launched) {
       ASSERT_TRUE(pump_until([&] { return ready(rec); }));
-      EXPECT_EQ(program + " -D3" + (extra.empty() ? "" : " " + extra), before_pipe(cmd_of(rec)));
+      EXPECT_EQ(program + " -D3" + (extra.empty() ? "" : " " + extra), launch_line(rec));
     } else {
       ASSERT_TRUE(pump_until([&] { return logged("Peer 127.0.0.1 on port " + std::to_string(port) + " killed") == 1; }));
       EXPECT_EQ(1, logged(c.refusal));
@@ -239,7 +220,7 @@ TEST_F(Hook, LongDebugSpecNeverOverrunsTheCommandLine) {
   ASSERT_TRUE(pump_until([&] { return ready(rec) || logged("killed") || logged("Failed to start agent"); }));
   closesocket(client);
   if (ready(rec)) {
-    std::string line = before_pipe(cmd_of(rec));
+    std::string line = launch_line(rec);
     EXPECT_EQ(program, line.substr(0, program.size()));
     std::string debug = line.substr(program.size());
     EXPECT_LE(3u, debug.size()) << line;

@@ -1,24 +1,11 @@
 // A connection's road from the listening port to the agent, "on" ports, and what the end
 // of an agent does to its ports.
-#include <regex>
-
 #include "ports/ssock.h"
 #include "tests/support/ports.h"
 #include "toolkit/runtime/error.h"
 
 namespace porttest {
 namespace {
-
-// The port lines of a launch, with the base64 text replaced by its length.
-lines shape(const lines &in) {
-  static const std::regex port_line("-Ptcp::(\\d+)@([A-Za-z0-9+/=]*)");
-  lines out;
-  for (auto &l : in) {
-    std::smatch m;
-    out.push_back(std::regex_match(l, m, port_line) ? "-Ptcp::" + m[1].str() + "@<" + std::to_string(m[2].length()) + ">" : l);
-  }
-  return out;
-}
 
 std::string at(unsigned port) { return "-Ptcp::" + std::to_string(port) + "@<496>"; }
 
@@ -30,10 +17,8 @@ TEST_F(Road, ConnectionStartsOneAgentWithEveryIdlePortOfItsService) {
   auto p = svc_ports(3, "auto", program);
   ASSERT_EQ(0, ssock_reconfig());
 
-  waitlist w = wait_list();
-  EXPECT_EQ(3u, w.count);
-  EXPECT_EQ(3u, w.events);
-  EXPECT_EQ(now + 86400, w.due);
+  EXPECT_EQ(waits(3), waits());
+  EXPECT_EQ(now + 86400, wait_list().due);
   EXPECT_EQ(lines({line_of(p[0], "svc", "Auto"), line_of(p[1], "svc", "Auto"), line_of(p[2], "svc", "Auto")}),
             listing());
 
@@ -43,21 +28,18 @@ TEST_F(Road, ConnectionStartsOneAgentWithEveryIdlePortOfItsService) {
   auto pids = agents(rec);
   ASSERT_EQ(1u, pids.size());
   DWORD pid = pids[0];
-  EXPECT_EQ(lines({at(p[1]), at(p[0]), at(p[2]), "--", "lifespan 86400"}), shape(pipe_lines(rec, pid)));
+  EXPECT_EQ(lines({at(p[1]), at(p[0]), at(p[2]), "--", "lifespan 86400"}), pipe_lines(rec, pid));
   for (unsigned port : {p[1], p[0], p[2]})
     EXPECT_TRUE(has_text(rec, "#socket " + std::to_string(port) + " ok", pid)) << port;
 
   // Program text, the manager's debug spec, then the inherited read end of the pipe.
-  EXPECT_EQ(program + " -D3", before_pipe(cmd_of(rec, pid)));
+  EXPECT_EQ(program + " -D3", launch_line(rec, pid));
 
   // The agent accepts the waiting connection on its own copy of the socket.
   EXPECT_EQ("agent " + std::to_string(pid) + " port " + std::to_string(p[1]), read_line(client));
   closesocket(client);
 
-  w = wait_list();
-  EXPECT_EQ(1u, w.count);
-  EXPECT_EQ(0u, w.events);
-  EXPECT_EQ(std::vector<DWORD>{pid}, w.pids);
+  EXPECT_EQ(waits(0, {pid}), waits());
   std::string agent = " Agent=" + std::to_string(pid);
   EXPECT_EQ(lines({line_of(p[0], "svc", "Auto") + agent, line_of(p[1], "svc", "Auto") + agent,
                    line_of(p[2], "svc", "Auto") + agent}),
@@ -65,43 +47,32 @@ TEST_F(Road, ConnectionStartsOneAgentWithEveryIdlePortOfItsService) {
   EXPECT_EQ(1, logged("Child " + std::to_string(pid) + " started for port " + std::to_string(p[1]) + " [svc, Auto]"));
 }
 
-// What the end of an agent that holds two ports does to them, by exit code.
+// What the end of an agent that holds two ports does to them, by exit code (an exception's
+// rest: OnPortKeepsOneAgentThatListensByItself).
 TEST_F(Road, AgentExitCodeDecidesWhatBecomesOfItsPorts) {
   struct {
     const char *request;     // sent to the agent by the client
     const char *died;        // the manager's log of the exit
-    bool disabled;           // the ports rest for 3 seconds
     const char *listen_log;  // how each port listens again ("%u" is the port)
     int listen_count;        // how often that line appears per port
   } cases[] = {
-      {"exit 0", "died with code 0", false, "Listening on port %u again", 1},
-      {"exit 3", "died with code 0x3", false, "Listening on port %u for svc", 2},
-      {"crash", "caused exeption 0xc0000005", true, "Listening on port %u for svc", 2},
+      {"exit 0", "died with code 0", "Listening on port %u again", 1},
+      {"exit 3", "died with code 0x3", "Listening on port %u for svc", 2},
   };
   for (auto &c : cases) {
     SCOPED_TRACE(c.request);
     std::string rec = record_path("exit");
     auto p = svc_ports(2, "auto", agent_program(rec));
     ASSERT_EQ(0, ssock_reconfig());
-    SOCKET client = connect_to(p[0]);
-    ASSERT_TRUE(pump_until([&] { return ready(rec, 1); }));
-    DWORD pid = agents(rec)[0];
-    ASSERT_EQ("agent " + std::to_string(pid) + " port " + std::to_string(p[0]), read_line(client));
+    SOCKET client;
+    DWORD pid = start_agent_on(p[0], rec, &client);
     send_text(client, c.request);
     closesocket(client);
     ASSERT_TRUE(pump_until([&] { return logged("Child " + std::to_string(pid) + " died") == 1; }));
     EXPECT_EQ(1, logged(c.died));
     EXPECT_EQ(0, logged("Link count"));
 
-    if (c.disabled) {
-      expect_rest(p, "svc", "Auto", now + 3);
-      advance(2);
-      EXPECT_EQ(0u, wait_list().count);
-      advance(1);
-    }
-    waitlist w = wait_list();
-    EXPECT_EQ(2u, w.events);
-    EXPECT_TRUE(w.pids.empty());
+    EXPECT_EQ(waits(2), waits());
     EXPECT_EQ(lines({line_of(p[0], "svc", "Auto"), line_of(p[1], "svc", "Auto")}), listing());
     for (unsigned port : p) {
       char text[64];
@@ -126,9 +97,7 @@ TEST_F(Road, OnPortKeepsOneAgentThatListensByItself) {
   std::string number = std::to_string(port);
   EXPECT_EQ(lines({"-Ptcp::" + number, "--", "lifespan 77"}), pipe_lines(rec, first));
   EXPECT_TRUE(has_text(rec, "#listen " + number + " ok", first));
-  waitlist w = wait_list();
-  EXPECT_EQ(std::vector<DWORD>{first}, w.pids);
-  EXPECT_EQ(0u, w.events);
+  EXPECT_EQ(waits(0, {first}), waits());
   EXPECT_EQ(lines({line_of(port, "On.Svc", "On") + " Agent=" + std::to_string(first)}), listing());
 
   // A non-zero exit: the pass starts the next agent at once.

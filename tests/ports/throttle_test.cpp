@@ -33,9 +33,9 @@ TEST_F(Throttle, FourteenthAgentWithinAMinuteDisablesTheServicesIdlePorts) {
   expect_rest(p, "svc", "Auto", now + 900);
 
   advance(899);
-  EXPECT_EQ(0u, wait_list().count);
+  EXPECT_EQ(waits(0), waits());
   advance(1);
-  EXPECT_EQ(2u, wait_list().events);
+  EXPECT_EQ(waits(2), waits());
 }
 
 // A global program that ends at once is started again by the pass that handles its end.
@@ -46,9 +46,8 @@ TEST_F(Throttle, EighthProgramStartWithinAMinuteRestsItForTenMinutes) {
   ASSERT_TRUE(pump_until([] { return logged("Too many prog started for job") == 1; }));
   EXPECT_EQ(7, logged("Started pid"));
   EXPECT_EQ(1, logged("Prog job disabled for 600 sec."));
-  waitlist w = wait_list();
-  EXPECT_EQ(0u, w.count);
-  EXPECT_EQ(now + 600, w.due);
+  EXPECT_EQ(waits(0), waits());
+  EXPECT_EQ(now + 600, wait_list().due);
   // Global programs get their command line only: no pipe, nothing inherited.
   for (DWORD pid : agents(rec))
     EXPECT_TRUE(has_text(rec, "#handles listening=0 sockets=0 pipes=0 other=0 own=0", pid)) << pid;

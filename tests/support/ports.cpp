@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <iterator>
+#include <regex>
 
 #include "ports/ssock.h"
 #include "toolkit/config/info.h"
@@ -27,6 +30,27 @@ void capture(const char *line) { logs.push_back(line); }
 int collect(int, const char *text, int length) {
   listed.emplace_back(text, size_t(length));
   return length;
+}
+
+struct recline {
+  DWORD pid;
+  std::string text;
+};
+
+std::vector<recline> read_record(const std::string &path) {
+  std::vector<recline> out;
+  std::ifstream in(path, std::ios::binary);
+  std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  size_t start = 0, eol;
+  // A line is complete only with its newline: the agent may be writing the rest now.
+  while ((eol = all.find('\n', start)) != std::string::npos) {
+    std::string line = all.substr(start, eol - start);
+    start = eol + 1;
+    size_t blank = line.find(' ');
+    if (blank != std::string::npos)
+      out.push_back({DWORD(strtoul(line.c_str(), nullptr, 10)), line.substr(blank + 1)});
+  }
+  return out;
 }
 
 void set_values(const std::string &subkey, std::initializer_list<std::pair<const char *, const char *>> values) {
@@ -75,30 +99,6 @@ std::string record_path(const std::string &name) {
   return path;
 }
 
-std::vector<recline> read_record(const std::string &path) {
-  std::vector<recline> out;
-  HANDLE f = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                         nullptr, OPEN_EXISTING, 0, nullptr);
-  if (f == INVALID_HANDLE_VALUE)
-    return out;
-  std::string all;
-  char buffer[65536];
-  DWORD got;
-  while (ReadFile(f, buffer, sizeof buffer, &got, nullptr) && got)
-    all.append(buffer, got);
-  CloseHandle(f);
-  size_t start = 0, eol;
-  // A line is complete only with its newline: the agent may be writing the rest now.
-  while ((eol = all.find('\n', start)) != std::string::npos) {
-    std::string line = all.substr(start, eol - start);
-    start = eol + 1;
-    size_t blank = line.find(' ');
-    if (blank != std::string::npos)
-      out.push_back({DWORD(strtoul(line.c_str(), nullptr, 10)), line.substr(blank + 1)});
-  }
-  return out;
-}
-
 lines texts(const std::string &path, DWORD pid) {
   lines out;
   for (auto &r : read_record(path))
@@ -128,10 +128,12 @@ bool ready(const std::string &record, size_t count) {
 }
 
 lines pipe_lines(const std::string &path, DWORD pid) {
+  static const std::regex port_line("(-Ptcp::\\d+@)([A-Za-z0-9+/=]*)");
   lines out;
+  std::smatch m;
   for (auto &t : texts(path, pid))
     if (t.empty() || t[0] != '#')
-      out.push_back(t);
+      out.push_back(std::regex_match(t, m, port_line) ? m[1].str() + "<" + std::to_string(m[2].length()) + ">" : t);
   return out;
 }
 
@@ -186,6 +188,14 @@ waitlist wait_list() {
   return w;
 }
 
+std::string waits(unsigned events, const std::vector<DWORD> &pids) {
+  return std::to_string(events) + " events, agents " + testing::PrintToString(pids);
+}
+std::string waits() {
+  waitlist w = wait_list();
+  return waits(w.events, w.pids);
+}
+
 lines listing() {
   listed.clear();
   EXPECT_EQ(0, ssock_info(7, collect));
@@ -198,14 +208,11 @@ std::string line_of(unsigned port, const std::string &service, const char *mode)
   return text;
 }
 
-std::string cmd_of(const std::string &record, DWORD pid) {
+std::string launch_line(const std::string &record, DWORD pid) {
+  std::string cmd;
   for (auto &t : texts(record, pid))
-    if (t.compare(0, 5, "#cmd ") == 0)
-      return t.substr(5);
-  return "";
-}
-
-std::string before_pipe(const std::string &cmd) {
+    if (t.compare(0, 5, "#cmd ") == 0 && cmd.empty())
+      cmd = t.substr(5);
   size_t c = cmd.rfind(" -C0x");
   if (c == std::string::npos || cmd.find_first_not_of("0123456789abcdef", c + 5) != std::string::npos)
     return "(no -C piece) " + cmd;
@@ -248,12 +255,15 @@ SOCKET block_port(unsigned port) {
   return s;
 }
 
-DWORD start_agent_on(unsigned port, const std::string &record) {
+DWORD start_agent_on(unsigned port, const std::string &record, SOCKET *keep) {
   size_t before = agents(record).size();
   SOCKET client = connect_to(port);
   bool ok = pump_until([&] { return ready(record, before + 1); });
   std::string hello = ok ? read_line(client) : "";
-  closesocket(client);
+  if (keep)
+    *keep = client;
+  else
+    closesocket(client);
   EXPECT_TRUE(ok) << port;
   DWORD pid = ok ? agents(record).back() : 0;
   EXPECT_EQ("agent " + std::to_string(pid) + " port " + std::to_string(port), hello);
@@ -270,18 +280,6 @@ DWORD exit_code(HANDLE process) {
     GetExitCodeProcess(process, &code);
   CloseHandle(process);
   return code;
-}
-
-PROCESS_INFORMATION start_process(const std::string &program) {
-  STARTUPINFOA si = {};
-  si.cb = sizeof si;
-  PROCESS_INFORMATION pi = {};
-  std::string line = program;
-  EXPECT_TRUE(CreateProcessA(nullptr, &line[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
-      << program << ": " << GetLastError();
-  if (pi.hThread)
-    CloseHandle(pi.hThread);
-  return pi;
 }
 
 void Ports::SetUp() {

@@ -32,12 +32,6 @@ void remove_key(const std::string &subkey);  // e.g. "tcp\\s1234"
 std::string agent_program(const std::string &record, const std::string &options = "");
 // A fresh record file path (under the temporary folder; removed by the fixture).
 std::string record_path(const std::string &name);
-// One record line: the agent's pid and its text.
-struct recline {
-  DWORD pid;
-  std::string text;
-};
-std::vector<recline> read_record(const std::string &path);
 // The texts recorded by pid (0: by every agent), in order.
 lines texts(const std::string &path, DWORD pid = 0);
 // The pids in the order of their first line.
@@ -45,11 +39,10 @@ std::vector<DWORD> agents(const std::string &path);
 bool has_text(const std::string &path, const std::string &text, DWORD pid = 0);
 // At least `count` agents have read their start-up lines and serve (recorded "#ready").
 bool ready(const std::string &record, size_t count = 1);
-// The command line the agent recorded ("" if none), and that line without its " -C0x<hex>"
-// piece, which must end it.
-std::string cmd_of(const std::string &record, DWORD pid = 0);
-std::string before_pipe(const std::string &cmd);
-// Only the agent lines, without the agent's own "#" lines.
+// The command line the agent recorded, without the " -C0x<hex>" piece that must end it.
+std::string launch_line(const std::string &record, DWORD pid = 0);
+// Only the agent lines, without the agent's own "#" lines; a handed-over socket's base64
+// text is given by its length ("-Ptcp::80@<496>").
 lines pipe_lines(const std::string &path, DWORD pid);
 
 // Captured log lines (level 3 and reports), each without its terminator.
@@ -71,6 +64,9 @@ struct waitlist {
   time_t due = 0;
 };
 waitlist wait_list();
+// What the wait list holds, "<events> events, agents [pids]": the list now, and as expected.
+std::string waits();
+std::string waits(unsigned events, const std::vector<DWORD> &pids = {});
 lines listing();
 // The listing line's fixed part: "%5d  %-11s  " and " <mode>".
 std::string line_of(unsigned port, const std::string &service, const char *mode);
@@ -93,15 +89,13 @@ using kt::connect_to;
 using kt::read_line;
 using kt::send_text;
 // Connects to port and pumps until a new agent of `record` has started and greeted the
-// client; returns its pid (0 on failure). The client is closed.
-DWORD start_agent_on(unsigned port, const std::string &record);
+// client; returns its pid (0 on failure). The client is closed, or handed to `keep`.
+DWORD start_agent_on(unsigned port, const std::string &record, SOCKET *keep = nullptr);
 // A handle to wait for the process and read its exit code.
 HANDLE open_process(DWORD pid);
 // Waits up to 5 s for the process to end, closes the handle, returns its exit code
 // (STILL_ACTIVE if it did not end, 0xFFFFFFFF for a null handle).
 DWORD exit_code(HANDLE process);
-// A process that lives until killed (the test agent without a pipe), not inheriting.
-PROCESS_INFORMATION start_process(const std::string &program);
 
 struct Ports : ::testing::Test {
   void SetUp() override;

@@ -5,19 +5,16 @@
 // arguments, are ignored):
 //   -F<path>  record file: every record line is appended as "<pid> <text>\n", one write
 //             per line, so several agents can share one file and a test can poll it
-//   -E<n>     exit code for "exit", for the closing of the pipe and for -Q (default 0)
 //   -Q        exit at once, before reading the pipe
 //   -V        crash with an access violation at once
 //   -I        ignore "exit" and the closing of the pipe (the manager has to terminate it)
-//   -S<ms>    without -C (a global program or a hooking process): live this long
 //   -C<0x..>  the read end of the agent pipe, as the manager appends it
 //   -D<spec>  the manager's debug spec (recorded with the command line only)
 //   -W<path>  read nothing from the pipe until the file <path> exists (a slow agent)
 // Record lines it writes itself start with "#": "#cmd <command line>", "#handles
 // listening=L sockets=S pipes=P other=X own=O" (what it inherited), "#socket <port> ok|failed <e>"
 // (a handed-over socket rebuilt), "#listen <port> ok|failed <e>" (an "on" port),
-// "#ready", "#accepted <port>", "#closed <port>", "#eof", "#ignored", "#exit <code>",
-// "#crash". Every pipe line is recorded verbatim without its CR LF.
+// "#ready", "#closed <port>", "#eof", "#ignored", "#exit <code>", "#crash". Every pipe line is recorded verbatim without its CR LF.
 // A client that connects receives "agent <pid> port <port>\r\n"; if it then sends
 // "exit <n>" and closes, the agent exits with n; "crash" makes it crash.
 // Whatever happens, the agent ends by itself after LIFETIME_MS so that a failed test
@@ -43,7 +40,6 @@ constexpr DWORD LIFETIME_MS = 90000;
 static_assert(sizeof(WSAPROTOCOL_INFOA) == WIRE_INFO_SIZE, "the manager hands over the protocol information");
 
 HANDLE record_file = INVALID_HANDLE_VALUE;
-int exit_code = 0;
 bool ignore_exit = false;
 CRITICAL_SECTION lock;
 std::vector<unsigned> removals;  // ports the pipe thread asked the main loop to drop
@@ -76,11 +72,8 @@ LONG WINAPI end_on_exception(EXCEPTION_POINTERS *) { return EXCEPTION_EXECUTE_HA
 // What the process inherited: every valid small inheritable handle value other than the
 // standard handles and its own pipe is a socket (listening or not), a pipe, or anything
 // else (a file, an event, a process...).
-std::string found;  // the values behind a non-zero count of scan_handles, for a test's message
-
 std::string scan_handles(HANDLE own) {
   int listening = 0, sockets = 0, pipes = 0, others = 0, owned = 0;
-  std::string which;  // the values found, for a failing test's message
   HANDLE std_handles[] = {GetStdHandle(STD_INPUT_HANDLE), GetStdHandle(STD_OUTPUT_HANDLE),
                           GetStdHandle(STD_ERROR_HANDLE)};
   for (uintptr_t v = 4; v < 0x4000; v += 4) {
@@ -97,23 +90,14 @@ std::string scan_handles(HANDLE own) {
     if (h == std_handles[0] || h == std_handles[1] || h == std_handles[2] || !(flags & HANDLE_FLAG_INHERIT))
       continue;
     int accepting = 0, length = sizeof accepting;
-    char value[32];
-    if (getsockopt(SOCKET(v), SOL_SOCKET, SO_ACCEPTCONN, reinterpret_cast<char *>(&accepting), &length) == 0) {
+    if (getsockopt(SOCKET(v), SOL_SOCKET, SO_ACCEPTCONN, reinterpret_cast<char *>(&accepting), &length) == 0)
       accepting ? listening++ : sockets++;
-      snprintf(value, sizeof value, " %#x:%s", unsigned(v), accepting ? "listening" : "socket");
-    } else if (GetFileType(h) == FILE_TYPE_PIPE) {
-      pipes++;
-      snprintf(value, sizeof value, " %#x:pipe", unsigned(v));
-    } else {
-      others++;
-      snprintf(value, sizeof value, " %#x:type %lu", unsigned(v), static_cast<unsigned long>(GetFileType(h)));
-    }
-    which += value;
+    else
+      GetFileType(h) == FILE_TYPE_PIPE ? pipes++ : others++;
   }
   char text[128];
   snprintf(text, sizeof text, "#handles listening=%d sockets=%d pipes=%d other=%d own=%d", listening,
            sockets, pipes, others, owned);
-  found = which;
   return text;
 }
 
@@ -148,7 +132,7 @@ DWORD WINAPI pipe_thread(void *) {
     record(line);
     if (line == WIRE_EXIT) {
       if (!ignore_exit)
-        leave(exit_code);
+        leave(0);
       record("#ignored");
     } else if (line.compare(0, strlen(WIRE_REMOVE), WIRE_REMOVE) == 0) {
       EnterCriticalSection(&lock);
@@ -158,7 +142,7 @@ DWORD WINAPI pipe_thread(void *) {
   }
   record("#eof");
   if (!ignore_exit)
-    leave(exit_code);
+    leave(0);
   return 0;
 }
 
@@ -208,7 +192,6 @@ void serve(const port_socket &ps) {
   SOCKET client = accept(ps.sock, nullptr, nullptr);
   if (client == INVALID_SOCKET)
     return;
-  record("#accepted " + std::to_string(ps.port));
   std::string hello = "agent " + std::to_string(GetCurrentProcessId()) + " port " + std::to_string(ps.port) + "\r\n";
   send(client, hello.data(), int(hello.size()), 0);
   DWORD timeout = 3000;
@@ -239,18 +222,15 @@ int main(int argc, char **argv) {
   HANDLE pipe = nullptr;
   bool quit = false, violate = false;
   const char *gate = nullptr;
-  DWORD sleep_ms = LIFETIME_MS;
   for (int i = 1; i < argc; i++) {
     const char *a = argv[i];
     if (a[0] != '-' || !a[1])
       continue;
     switch (a[1]) {
       case 'F': file = a + 2; break;
-      case 'E': exit_code = atoi(a + 2); break;
       case 'Q': quit = true; break;
       case 'V': violate = true; break;
       case 'I': ignore_exit = true; break;
-      case 'S': sleep_ms = DWORD(atoi(a + 2)); break;
       case 'W': gate = a + 2; break;
       case 'C': pipe = reinterpret_cast<HANDLE>(uintptr_t(strtoull(a + 2, nullptr, 16))); break;
       default: break;
@@ -265,15 +245,13 @@ int main(int argc, char **argv) {
                               nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
   record("#cmd " + std::string(GetCommandLineA()));
   record(inherited);
-  if (!found.empty())
-    record("#found" + found);
   if (violate)
     crash();
   if (quit)
-    leave(exit_code);
-  if (!pipe) {
-    Sleep(sleep_ms < LIFETIME_MS ? sleep_ms : LIFETIME_MS);
-    leave(exit_code);
+    leave(0);
+  if (!pipe) {  // a global program or a hooking process: lives until killed
+    Sleep(LIFETIME_MS);
+    leave(0);
   }
   while (gate && GetFileAttributesA(gate) == INVALID_FILE_ATTRIBUTES && GetTickCount() - started < LIFETIME_MS)
     Sleep(20);
@@ -300,7 +278,7 @@ int main(int argc, char **argv) {
   }
   if (!started_up) {
     record("#eof");
-    leave(exit_code);
+    leave(0);
   }
   record("#ready");
   CreateThread(nullptr, 0, pipe_thread, nullptr, 0, nullptr);
@@ -334,5 +312,5 @@ int main(int argc, char **argv) {
         serve(ps);
   }
   record("#timeout");
-  leave(exit_code);
+  leave(0);
 }
