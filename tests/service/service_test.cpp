@@ -188,7 +188,6 @@ class Service : public ::testing::Test {
 };
 
 TEST_F(Service, StartStopStatesAndExitCodes) {
-
   ASSERT_TRUE(m.start());
   ASSERT_TRUE(m.state_is(SERVICE_RUNNING)) << m.status().dwCurrentState;
   SERVICE_STATUS st = m.status();
@@ -220,6 +219,16 @@ TEST_F(Service, StartStopStatesAndExitCodes) {
   }
   ASSERT_TRUE(m.state_is(SERVICE_STOPPED));
   EXPECT_EQ(m.status().dwWin32ExitCode, 0u);
+  ASSERT_TRUE(no_kivd_process());
+
+  // -U stops a running service before it removes it.
+  ASSERT_TRUE(m.start());
+  ASSERT_TRUE(m.state_is(SERVICE_RUNNING));
+  std::string out = run("-U", &code);
+  EXPECT_EQ(out.rfind("Stopping service ..", 0), 0u) << out;
+  EXPECT_NE(out.find(" OK\nService deleted\n"), std::string::npos) << out;
+  EXPECT_EQ(code, 0u);
+  EXPECT_TRUE(kt::poll([&] { return !m.installed(); }));
   EXPECT_TRUE(no_kivd_process());
 }
 
@@ -274,17 +283,6 @@ TEST_F(Service, FailedInitializeStopsWith1066AndItsCode) {
   SERVICE_STATUS st = m.status();
   EXPECT_EQ(st.dwWin32ExitCode, static_cast<DWORD>(ERROR_SERVICE_SPECIFIC_ERROR));
   EXPECT_EQ(static_cast<int>(st.dwServiceSpecificExitCode), KIV_ESYS);
-}
-
-TEST_F(Service, UninstallStopsARunningService) {
-  ASSERT_TRUE(m.start());
-  ASSERT_TRUE(m.state_is(SERVICE_RUNNING));
-  std::string out = run("-U", &code);
-  EXPECT_EQ(out.rfind("Stopping service ..", 0), 0u) << out;
-  EXPECT_NE(out.find(" OK\nService deleted\n"), std::string::npos) << out;
-  EXPECT_EQ(code, 0u);
-  EXPECT_TRUE(kt::poll([&] { return !m.installed(); }));
-  EXPECT_TRUE(no_kivd_process());
 }
 
 TEST(PipeSecurity, SystemAndAdministratorsOnly) {
