@@ -11,32 +11,15 @@ namespace {
 using replies = std::vector<std::string>;
 
 // One kivd with an auto port and a hook port of one service whose program does not
-// exist (nothing here connects to them), for the protocol's reply texts.
-class Console : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    reg = new kt::registry;
-    std::vector<int> ports = kt::free_ports(2);
-    autoport = ports[0];
-    hookport = ports[1];
-    reg->service("svc", "C:\\no\\such\\agent.exe");
-    reg->port(autoport, "auto", "svc");
-    reg->port(hookport, "hook", "svc");
-    daemon = new kt::kivd("-D3");
-  }
-  static void TearDownTestSuite() {
-    delete daemon;
-    delete reg;
-  }
-  static kt::registry *reg;
-  static kt::kivd *daemon;
-  static int autoport, hookport;
-};
-kt::registry *Console::reg;
-kt::kivd *Console::daemon;
-int Console::autoport, Console::hookport;
-
-TEST_F(Console, EveryCommandAndReply) {
+// exist (nothing here connects to them): the protocol's reply texts, then "quit".
+TEST(Console, EveryCommandAndReply) {
+  kt::registry reg;
+  std::vector<int> ports = kt::free_ports(2);
+  int autoport = ports[0], hookport = ports[1];
+  reg.service("svc", "C:\\no\\such\\agent.exe");
+  reg.port(autoport, "auto", "svc");
+  reg.port(hookport, "hook", "svc");
+  kt::kivd daemon("-D3");
   std::string a = std::to_string(autoport), h = std::to_string(hookport);
   std::string listing = kt::port_line(autoport, "svc", "Auto");
   struct {
@@ -46,6 +29,11 @@ TEST_F(Console, EveryCommandAndReply) {
       {"Info me", {"!", "My UserName: " + kt::user_name(), "."}},
       {"ls", {"!", listing, "."}},
       {"reconfig", {"+"}},
+      // Blank lines get no reply: the next reply on the pipe belongs to the next command.
+      {"", {}},
+      {" ", {}},
+      {"\t \t", {}},
+      {"\"\"", {}},
       {"update", {"+"}},
       {"quit\n", {"-Unknown command"}},
       {"lsx", {"-Unknown command"}},  // no prefix of a command is taken for it
@@ -75,80 +63,23 @@ TEST_F(Console, EveryCommandAndReply) {
       {"ls" + std::string(510, ' '), {"!", listing, "."}},
       {"ls" + std::string(511, ' '), {"-Message too long"}},
   };
-  kt::client c;
-  for (auto &k : cases) EXPECT_EQ(c.command(k.line), k.want) << "sent: [" << k.line.substr(0, 60) << "]";
-  EXPECT_TRUE(daemon->log_has("cmd: \"lsx\""));
-}
-
-TEST_F(Console, DisabledPortIsListedWithItsDate) {
-  kt::client c;
-  EXPECT_EQ(c.command("disable " + std::to_string(autoport)), replies{"+"});
-  replies ls = c.command("ls");
-  ASSERT_EQ(ls.size(), 3u);
-  EXPECT_EQ(ls[1].rfind(kt::port_line(autoport, "svc", "Auto Disable="), 0), 0u) << ls[1];
-  EXPECT_EQ(c.command("enable " + std::to_string(autoport)), replies{"+"});
-}
-
-TEST_F(Console, BlankLinesGetNoReply) {
-  kt::client c;
-  for (const char *blank : {"", " ", "\t \t", "\"\""}) {
-    ASSERT_TRUE(c.send(blank));
-    // The next reply on this pipe belongs to the next command.
-    EXPECT_EQ(c.command("update"), replies{"+"}) << "after [" << blank << "]";
-  }
-}
-
-TEST_F(Console, QuitHangsUpAndOnlyCapitalQStops) {
   {
     kt::client c;
-    ASSERT_TRUE(c.send("quit"));
-    EXPECT_TRUE(c.hung_up());
+    for (auto &k : cases) {
+      if (k.want.empty()) ASSERT_TRUE(c.send(k.line));
+      else EXPECT_EQ(c.command(k.line), k.want) << "sent: [" << k.line.substr(0, 60) << "]";
+    }
   }
-  {
+  EXPECT_TRUE(daemon.log_has("cmd: \"lsx\""));
+  // "quit" hangs up; only a capital -Q stops kivd.
+  for (const char *quit : {"quit", "QUIT -q"}) {
     kt::client c;
-    ASSERT_TRUE(c.send("QUIT -q"));
-    EXPECT_TRUE(c.hung_up());
+    ASSERT_TRUE(c.send(quit));
+    EXPECT_TRUE(c.hung_up()) << quit;
   }
   kt::client c;
   EXPECT_EQ(c.command("update"), replies{"+"});
-  EXPECT_FALSE(daemon->wait(0));
-}
-
-TEST_F(Console, TwoClientsAtOnceAThirdFindsThePipeBusy) {
-  kt::client a, b;
-  ASSERT_NE(a.h, INVALID_HANDLE_VALUE);
-  ASSERT_NE(b.h, INVALID_HANDLE_VALUE);
-  kt::client third(false, 0);
-  EXPECT_EQ(third.h, INVALID_HANDLE_VALUE);
-  EXPECT_EQ(third.error, static_cast<DWORD>(ERROR_PIPE_BUSY));
-  // An oversized message from one client does not disturb the other.
-  ASSERT_TRUE(a.send(std::string(700, 'a')));
-  EXPECT_EQ(b.command("remove 7"), replies{"-Failed with code -4"});
-  EXPECT_EQ(a.receive(), "-Message too long");
-  EXPECT_EQ(a.command("update"), replies{"+"});
-}
-
-TEST_F(Console, AClientThatVanishesWithRepliesQueued) {
-  {
-    kt::client c;
-    // Far more reply bytes than the pipe's buffer holds, never read.
-    for (int i = 0; i < 200; i++) ASSERT_TRUE(c.send("info"));
-  }
-  kt::client next;  // its first message is the greeting, nothing of the other's
-  EXPECT_EQ(next.command("update"), replies{"+"});
-  EXPECT_FALSE(daemon->wait(0));
-}
-
-TEST(ConsoleEnd, QuitWithCapitalQEndsKivd) {
-  kt::registry reg;
-  kt::kivd d("-D3");
-  {
-    kt::client c;
-    ASSERT_TRUE(c.send("Quit -Q"));
-  }
-  ASSERT_TRUE(d.wait(20000));
-  EXPECT_EQ(d.exit_code(), 0u);
-  EXPECT_TRUE(d.log_has("RIP!", 0));
+  EXPECT_FALSE(daemon.wait(0));
 }
 
 TEST(ConsoleEnd, NoOptionsAndOnlyBRunInTheForeground) {
@@ -163,43 +94,35 @@ TEST(ConsoleEnd, NoOptionsAndOnlyBRunInTheForeground) {
   }
 }
 
-// A lone port whose agent cannot start is off for 3 seconds; with no handle left to wait
-// on, the loop must still wake when that time is up and listen again, and the timer's
-// "update" sends nothing to a connected client. A client that keeps the loop busy with
-// commands faster than its wait can time out must not keep the port off either.
-TEST(ConsoleEnd, ALonePortComesBackAfterItsDisable) {
-  for (bool busy : {false, true}) {
-    SCOPED_TRACE(busy ? "client sending commands all along" : "quiet");
-    kt::registry reg;
-    int port = kt::free_port();
-    reg.service("lone", "C:\\no\\such\\agent.exe");
-    reg.port(port, "auto", "lone");
-    kt::kivd d("-D3");
-    std::string listening = "Listening on port " + std::to_string(port);
-    ASSERT_TRUE(d.log_has(listening));
-    kt::client watcher;
-    SOCKET s = kt::connect_to(port);
-    ASSERT_NE(s, INVALID_SOCKET);
-    EXPECT_TRUE(d.log_has("Port " + std::to_string(port) + " disabled for 3 seconds"));
-    EXPECT_TRUE(d.log_has("Waiting ... ("));
-    EXPECT_TRUE(kt::poll(
-        [&] {
-          if (busy) watcher.command("info");
-          return d.log_count(listening) >= 2;
-        },
-        30000))
-        << d.err();
-    closesocket(s);
-    EXPECT_EQ(watcher.command("info").front(), "!");
-    SOCKET again = kt::connect_to(port);
-    EXPECT_NE(again, INVALID_SOCKET);
-    closesocket(again);
-  }
+// A lone port whose agent cannot start is off for 3 seconds. A client that keeps the loop
+// busy with commands faster than its wait can time out must not keep the port off, and
+// the timer's "update" sends nothing to that client.
+TEST(ConsoleEnd, ABusyClientDoesNotKeepALonePortOff) {
+  kt::registry reg;
+  int port = kt::free_port();
+  reg.service("lone", "C:\\no\\such\\agent.exe");
+  reg.port(port, "auto", "lone");
+  kt::kivd d("-D3");
+  std::string listening = "Listening on port " + std::to_string(port) + " for";
+  ASSERT_TRUE(d.log_has(listening));
+  kt::client busy;
+  SOCKET s = kt::connect_to(port);
+  ASSERT_NE(s, INVALID_SOCKET);
+  EXPECT_TRUE(d.log_has("Port " + std::to_string(port) + " disabled for 3 seconds"));
+  EXPECT_TRUE(d.log_has("Waiting ... ("));
+  EXPECT_TRUE(kt::poll([&] { busy.command("info"); return d.log_count(listening) >= 2; }, 30000)) << d.err();
+  closesocket(s);
+  EXPECT_EQ(busy.command("info").front(), "!");
+  SOCKET again = kt::connect_to(port);
+  EXPECT_NE(again, INVALID_SOCKET);
+  closesocket(again);
 }
 
 // A port at rest after a failed launch leaves n handles of the port manager, and `die`
 // sits at index n. At n = 258 that index is also the platform's time-out code: the rest's
-// end must run the timer, not stop kivd. One kivd, the count set by disabling ports.
+// end must run the timer, not stop kivd; at n = 0 the loop waits on nothing but `die` and
+// the pipe and must still wake when the rest is up. One kivd, the count set by disabling
+// ports.
 TEST(ConsoleEnd, TheTimerIsNeverTakenForStopAtAnyHandleCount) {
   constexpr int IDLE = 260;
   kt::registry reg;
@@ -214,7 +137,7 @@ TEST(ConsoleEnd, TheTimerIsNeverTakenForStopAtAnyHandleCount) {
   ASSERT_TRUE(kt::poll([&] { return d.log_count("Listening on port ") >= IDLE + 1; }, 60000));
   kt::client c;
   int disabled = 0;
-  for (int handles : {260, 259, 258, 257}) {
+  for (int handles : {260, 259, 258, 257, 0}) {
     SCOPED_TRACE(std::to_string(handles) + " port-manager handles while the port rests");
     while (IDLE - disabled > handles)
       ASSERT_EQ(c.command("disable " + std::to_string(ports[disabled++])), replies{"+"});
@@ -226,6 +149,8 @@ TEST(ConsoleEnd, TheTimerIsNeverTakenForStopAtAnyHandleCount) {
     ASSERT_EQ(WaitForSingleObject(d.h, 0), static_cast<DWORD>(WAIT_TIMEOUT)) << d.err();
   }
   EXPECT_EQ(d.log_count("RIP!"), 0);
+  d.quit();
+  EXPECT_EQ(d.log_count("RIP!"), 1);
 }
 
 // A client that reads a long listing slowly, each message well within the loop's wait,

@@ -51,22 +51,6 @@ TEST(Kivctl, RepliesAndExitCodes) {
     EXPECT_EQ(r.code, c.code) << "kivctl " << c.args;
   }
   EXPECT_EQ(kivctl("--version").out, std::string("kivctl ") + KIV_VERSION + "\n");
-  // Every executable carries the version, read back from its resource.
-  for (const std::string &exe : {kt::kivd_exe(), kt::kivctl_exe(), kt::build_dir() + "\\agent\\echo-agent.exe"}) {
-    DWORD ignored = 0, size = GetFileVersionInfoSizeA(exe.c_str(), &ignored);
-    ASSERT_GT(size, 0u) << exe;
-    std::vector<char> info(size);
-    ASSERT_TRUE(GetFileVersionInfoA(exe.c_str(), 0, size, info.data())) << exe;
-    for (auto [name, want] : {std::pair<const char *, std::string>{"FileVersion", KIV_VERSION},
-                              {"ProductVersion", KIV_VERSION}, {"CompanyName", "Orvane"},
-                              {"ProductName", "kivd"}}) {
-      char *value = nullptr;
-      UINT length = 0;
-      std::string key = std::string("\\StringFileInfo\\040904B0\\") + name;
-      ASSERT_TRUE(VerQueryValueA(info.data(), key.c_str(), reinterpret_cast<void **>(&value), &length)) << exe << " " << name;
-      EXPECT_EQ(std::string(value), want) << exe << " " << name;
-    }
-  }
   // Status at a glance, for people and for scripts.
   EXPECT_EQ(kivctl("status").out, "service:  not installed\nkivd:     running, pid " + std::to_string(d.pid) +
                                       "\nports:    1 (idle 1, serving 0, disabled 0, hooked 0)\n");
@@ -74,10 +58,7 @@ TEST(Kivctl, RepliesAndExitCodes) {
     kj::reader r(kivctl("--json status").out);
     kj::value st = r.parse();
     ASSERT_TRUE(r.ok());
-    EXPECT_FALSE(st["installed"].boolean);
-    EXPECT_TRUE(st["running"].boolean);
-    EXPECT_EQ(st["pid"].number, d.pid);
-    EXPECT_EQ(st["ports"]["total"].number, 1);
+    EXPECT_FALSE(st["installed"].boolean);  // installed and running: dist_test.cpp
     EXPECT_EQ(st["ports"]["idle"].number, 1);
   }
   // For scripts: JSON, read back.
@@ -86,10 +67,7 @@ TEST(Kivctl, RepliesAndExitCodes) {
   kj::value v = listed.parse();
   ASSERT_TRUE(listed.ok()) << j.out;
   ASSERT_EQ(v.items.size(), 1u) << j.out;
-  EXPECT_EQ(v.items[0]["port"].number, port);
-  EXPECT_EQ(v.items[0]["service"].text, "svc");
-  EXPECT_EQ(v.items[0]["state"].text, "idle");
-  EXPECT_EQ(v.items[0]["agent"].kind, kj::value::NUL);
+  EXPECT_EQ(v.items[0]["port"].number, port);  // the fields: listing_test.cpp
   for (auto [args, ok, code] : {std::tuple{"--json update", true, 0u}, {"--json remove 7", false, 1u}}) {
     j = kivctl(args);
     kj::reader r(j.out);
@@ -106,34 +84,14 @@ TEST(Kivctl, RepliesAndExitCodes) {
   result r = kivctl("--raw", "update\n\n  \t\nremove 7\r\nls\n");
   EXPECT_EQ(r.out, "+\n-Failed with code -4\n" + listing);
   EXPECT_EQ(r.code, 0u);
-  r = kivctl("--raw", "update\nquit\nupdate\n");
+  r = kivctl("--raw", "update\n\"QUIT\" -x\nupdate\n");  // kivd hangs up: kivctl ends
   EXPECT_EQ(r.out, "+\n");
   EXPECT_EQ(r.code, 0u);
-  r = kivctl("--raw", "update\n" + std::string(5000, 'x') + "\nupdate\n");
-  EXPECT_EQ(r.out, "+\n-Message too long\n+\n");
-
-  // kivctl splits a line as the server does: no wait for a reply that cannot come, a
-  // hang-up where quit is meant, the "-" reply where the server refuses the line.
-  std::string words20 = "quit";
-  for (int i = 0; i < 19; i++) words20 += " w";
-  std::string words21 = words20 + " w";
-  struct {
-    std::string input, out;
-    DWORD code;
-  } lines[] = {
-      {"\"\"\nupdate\n", "+\n", 0},
-      {"\"quit\"\nupdate\n", "", 0},
-      {"QUIT\nupdate\n", "", 0},
-      {"Quit -x\nupdate\n", "", 0},
-      {words20 + "\nupdate\n", "", 0},
-      {words21 + "\n", "-Too many words\n", 1},
-      {"quit " + std::string(600, 'x') + "\n", "-Message too long\n", 1},
-  };
-  for (auto &c : lines) {
-    result l = kivctl("--raw", c.input);
-    EXPECT_EQ(l.out, c.out) << c.input;
-    EXPECT_EQ(l.code, c.code) << c.input << l.err;
-  }
+  // What kivd answers a line is the client's own rule (answer_test.cpp); the exit code is
+  // the last command's.
+  r = kivctl("--raw", "update\n" + std::string(5000, 'x') + "\nupdate\nquit " + std::string(600, 'x') + "\n");
+  EXPECT_EQ(r.out, "+\n-Message too long\n+\n-Message too long\n");
+  EXPECT_EQ(r.code, 1u);
 
   // A busy pipe is waited for.
   {
