@@ -7,7 +7,8 @@
 #include "lib/heap.h"
 #include "lib/wire.h"
 
-static_assert(sizeof(WSAPROTOCOL_INFOA) == WIRE_INFO_SIZE, "the manager hands over the protocol information");
+static_assert(sizeof(WSAPROTOCOL_INFOA) == WIRE_INFO_SIZE,
+              "the manager hands over the protocol information");
 static_assert(KIVAGENT_MAXLINE >= WIRE_PORT_LINE_MAX, "a port line for port 65535 must fit");
 
 // Shared by the agent's thread and the reader thread; the last of the two to let go
@@ -40,7 +41,8 @@ static void push(kivagent_state *s, const kivagent_event &ev) {
   EnterCriticalSection(&s->lock);
   if (s->count == s->cap) {
     unsigned cap = s->cap ? s->cap * 2 : 16;
-    auto *q = static_cast<kivagent_event *>(xrealloc(nullptr, cap * sizeof(kivagent_event), nullptr));
+    auto *q =
+        static_cast<kivagent_event *>(xrealloc(nullptr, cap * sizeof(kivagent_event), nullptr));
     if (q) {
       for (unsigned i = 0; i < s->count; i++) q[i] = s->queue[(s->head + i) % s->cap];
       xfree(s->queue);
@@ -91,8 +93,10 @@ static int read_raw_line(kivagent_state *s, char *line) {
         line[len] = '\0';
         return over ? KIVAGENT_EOVERFLOW : static_cast<int>(len);
       }
-      if (len < KIVAGENT_MAXLINE) line[len++] = c;
-      else over = true;
+      if (len < KIVAGENT_MAXLINE)
+        line[len++] = c;
+      else
+        over = true;
     }
     DWORD got = 0;
     BOOL ok = ReadFile(s->pipe, s->buf, sizeof s->buf, &got, nullptr);
@@ -133,7 +137,9 @@ static int read_line(kivagent_state *s, char *line) {
   return n;
 }
 
-static bool starts(const char *line, const char *word) { return strncmp(line, word, strlen(word)) == 0; }
+static bool starts(const char *line, const char *word) {
+  return strncmp(line, word, strlen(word)) == 0;
+}
 
 static int set_mode(SOCKET sock, unsigned flags) {
   u_long nonblocking = (flags & KIVAGENT_NONBLOCKING) ? 1 : 0;
@@ -163,10 +169,12 @@ static void port_line(kivagent *a, const char *line, unsigned flags) {
   if (at) {
     WSAPROTOCOL_INFOA info;
     int textlen = static_cast<int>(strlen(at + 1));
-    if (textlen != WIRE_INFO_TEXT || b64_decode(at + 1, textlen, &info, sizeof info) != int(sizeof info))
+    if (textlen != WIRE_INFO_TEXT ||
+        b64_decode(at + 1, textlen, &info, sizeof info) != int(sizeof info))
       return push_error(s, KIVAGENT_EINVAL, port, line);
     // With the flags the manager made it with, as a duplicated socket must be rebuilt.
-    sock = WSASocketA(FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, &info, 0, WIRE_SOCKET_FLAGS);
+    sock = WSASocketA(FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, &info, 0,
+                      WIRE_SOCKET_FLAGS);
     if (sock == INVALID_SOCKET) return push_error(s, KIVAGENT_ESYS, port, line);
     // Agents start programs of their own; none of them is to inherit a listening socket.
     SetHandleInformation(reinterpret_cast<HANDLE>(sock), HANDLE_FLAG_INHERIT, 0);
@@ -188,8 +196,10 @@ static bool command_line(kivagent_state *s, const char *line) {
   } else if (starts(line, WIRE_REMOVE)) {
     const char *number = line + strlen(WIRE_REMOVE);
     unsigned port = parse_port(number, strlen(number));
-    if (port) push_kind(s, KIVAGENT_REMOVE, port);
-    else push_error(s, KIVAGENT_EINVAL, 0, line);
+    if (port)
+      push_kind(s, KIVAGENT_REMOVE, port);
+    else
+      push_error(s, KIVAGENT_EINVAL, 0, line);
   } else {
     return false;
   }
@@ -216,8 +226,10 @@ static DWORD WINAPI reader(void *arg) {
   for (;;) {
     int n = read_line(s, line);
     if (n == KIVAGENT_EOF) break;
-    if (n < 0) push_error(s, n, 0, line);
-    else if (!command_line(s, line)) push_error(s, KIVAGENT_EINVAL, 0, line);
+    if (n < 0)
+      push_error(s, n, 0, line);
+    else if (!command_line(s, line))
+      push_error(s, KIVAGENT_EINVAL, 0, line);
   }
   push_kind(s, KIVAGENT_CLOSED, 0);
   release(s);
@@ -232,10 +244,14 @@ static uintptr_t parse_handle(const char *text) {
   for (; *text; text++) {
     char c = *text;
     unsigned d;
-    if (c >= '0' && c <= '9') d = unsigned(c - '0');
-    else if (c >= 'a' && c <= 'f') d = unsigned(c - 'a' + 10);
-    else if (c >= 'A' && c <= 'F') d = unsigned(c - 'A' + 10);
-    else return 0;
+    if (c >= '0' && c <= '9')
+      d = unsigned(c - '0');
+    else if (c >= 'a' && c <= 'f')
+      d = unsigned(c - 'a' + 10);
+    else if (c >= 'A' && c <= 'F')
+      d = unsigned(c - 'A' + 10);
+    else
+      return 0;
     v = v * 16 + d;
   }
   return v;
@@ -248,8 +264,10 @@ int kivagent_start(kivagent *a, int argc, char **argv, unsigned flags) {
   const char *pipearg = nullptr;
   for (int i = 1; i < argc && argv && argv[i]; i++) {
     // The manager writes -C last; fixed or extra arguments before it are the agent's own.
-    if (starts(argv[i], "-C")) pipearg = argv[i] + 2;
-    else if (starts(argv[i], "-D") && !a->debug) a->debug = argv[i] + 2;
+    if (starts(argv[i], "-C"))
+      pipearg = argv[i] + 2;
+    else if (starts(argv[i], "-D") && !a->debug)
+      a->debug = argv[i] + 2;
   }
   uintptr_t value = pipearg ? parse_handle(pipearg) : 0;
   HANDLE pipe = reinterpret_cast<HANDLE>(value);
@@ -285,7 +303,8 @@ int kivagent_start(kivagent *a, int argc, char **argv, unsigned flags) {
       port_line(a, line, flags);
     } else if (starts(line, WIRE_LIFESPAN)) {
       // An unreadable lifespan keeps the manager's own default; the start-up ends anyway.
-      if (!parse_lifespan(line + strlen(WIRE_LIFESPAN), &a->lifespan)) push_error(s, KIVAGENT_EINVAL, 0, line);
+      if (!parse_lifespan(line + strlen(WIRE_LIFESPAN), &a->lifespan))
+        push_error(s, KIVAGENT_EINVAL, 0, line);
       break;
     } else if (strcmp(line, WIRE_END_PORTS) != 0 && !command_line(s, line)) {
       push_error(s, KIVAGENT_EINVAL, 0, line);
@@ -293,7 +312,8 @@ int kivagent_start(kivagent *a, int argc, char **argv, unsigned flags) {
   }
 
   InterlockedIncrement(&s->refs);
-  s->thread = CreateThread(nullptr, 64 * 1024, reader, s, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+  s->thread =
+      CreateThread(nullptr, 64 * 1024, reader, s, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
   if (!s->thread) {
     InterlockedDecrement(&s->refs);
     return KIVAGENT_ESYS;

@@ -24,13 +24,13 @@ extern "C" {
 /* Results: 0 or one of these (the same numbers as the port manager's own codes). */
 #define KIVAGENT_OK 0
 #define KIVAGENT_ENOMEM (-2)
-#define KIVAGENT_EOF (-6)       /* the pipe closed before the start-up was complete */
-#define KIVAGENT_EINVAL (-7)    /* a garbled line, or no usable -C on the command line */
+#define KIVAGENT_EOF (-6)        /* the pipe closed before the start-up was complete */
+#define KIVAGENT_EINVAL (-7)     /* a garbled line, or no usable -C on the command line */
 #define KIVAGENT_EOVERFLOW (-10) /* a line longer than KIVAGENT_MAXLINE */
-#define KIVAGENT_ESYS (-12)     /* a system call failed */
+#define KIVAGENT_ESYS (-12)      /* a system call failed */
 
 /* Flags of kivagent_start: the mode of every handed-over socket. */
-#define KIVAGENT_BLOCKING 0u     /* the default */
+#define KIVAGENT_BLOCKING 0u /* the default */
 #define KIVAGENT_NONBLOCKING 1u
 
 /* The longest line accepted, terminator excluded; a port line for port 65535 has 509. */
@@ -39,37 +39,37 @@ extern "C" {
 #define KIVAGENT_DEFAULT_LIFESPAN 86400ul
 
 struct kivagent_port {
-  unsigned port;   /* 1..65535 */
-  SOCKET sock;     /* the handed-over listening socket; INVALID_SOCKET for an "on" port,
+  unsigned port; /* 1..65535 */
+  SOCKET sock;   /* the handed-over listening socket; INVALID_SOCKET for an "on" port,
                       where the agent may store the socket it opens itself (see
                       kivagent_listen): kivagent_drop and kivagent_end close it too */
 };
 
 enum kivagent_kind {
-  KIVAGENT_NONE = 0,   /* nothing pending */
-  KIVAGENT_REMOVE,     /* "remove tcp::<port>": stop serving port, close your copy */
-  KIVAGENT_EXIT,       /* "exit": end now (the manager terminates agents after 5 s) */
-  KIVAGENT_RECONFIG,   /* "reconfig": the configuration was read again */
-  KIVAGENT_CLOSED,     /* the pipe closed: the manager has no more use for this agent */
-  KIVAGENT_ERROR       /* a line that could not be used; code and line say why */
+  KIVAGENT_NONE = 0, /* nothing pending */
+  KIVAGENT_REMOVE,   /* "remove tcp::<port>": stop serving port, close your copy */
+  KIVAGENT_EXIT,     /* "exit": end now (the manager terminates agents after 5 s) */
+  KIVAGENT_RECONFIG, /* "reconfig": the configuration was read again */
+  KIVAGENT_CLOSED,   /* the pipe closed: the manager has no more use for this agent */
+  KIVAGENT_ERROR     /* a line that could not be used; code and line say why */
 };
 
 struct kivagent_event {
   enum kivagent_kind kind;
-  unsigned port;   /* KIVAGENT_REMOVE; KIVAGENT_ERROR when the line named a valid port */
-  int code;        /* KIVAGENT_ERROR: KIVAGENT_EINVAL, KIVAGENT_EOVERFLOW or KIVAGENT_ESYS */
-  char line[80];   /* KIVAGENT_ERROR: the start of the line, cut, zero-terminated */
+  unsigned port; /* KIVAGENT_REMOVE; KIVAGENT_ERROR when the line named a valid port */
+  int code;      /* KIVAGENT_ERROR: KIVAGENT_EINVAL, KIVAGENT_EOVERFLOW or KIVAGENT_ESYS */
+  char line[80]; /* KIVAGENT_ERROR: the start of the line, cut, zero-terminated */
 };
 
 struct kivagent_state;
 
 struct kivagent {
-  struct kivagent_port *ports;  /* nports entries in the order of the port lines */
+  struct kivagent_port *ports; /* nports entries in the order of the port lines */
   unsigned nports;
-  unsigned long lifespan;       /* seconds without a client after which the agent may end */
-  const char *debug;            /* the text of the first argument beginning with -D (the
+  unsigned long lifespan; /* seconds without a client after which the agent may end */
+  const char *debug;      /* the text of the first argument beginning with -D (the
                                    manager's debug spec), in argv; or NULL */
-  HANDLE event;                 /* manual reset; signalled while kivagent_next has events */
+  HANDLE event;           /* manual reset; signalled while kivagent_next has events */
   struct kivagent_state *state;
 };
 

@@ -31,7 +31,8 @@ struct foldequal {
   bool operator()(const std::string &a, const std::string &b) const {
     if (a.size() != b.size()) return false;
     for (size_t i = 0; i < a.size(); i++)
-      if (fold(static_cast<unsigned char>(a[i])) != fold(static_cast<unsigned char>(b[i]))) return false;
+      if (fold(static_cast<unsigned char>(a[i])) != fold(static_cast<unsigned char>(b[i])))
+        return false;
     return true;
   }
 };
@@ -63,7 +64,8 @@ kiv_memdb *filled(const keyset &ks, int flags) {
   kiv_memdbopt(db, MEMDB_NOCASE | flags, 0);
   for (size_t i = 0; i < ks.keys.size(); i++) {
     kiv_memdbrec r{static_cast<int32_t>(ks.keys[i].size()), const_cast<char *>(ks.keys[i].data()),
-                   static_cast<int32_t>(ks.values[i].size()), const_cast<char *>(ks.values[i].data())};
+                   static_cast<int32_t>(ks.values[i].size()),
+                   const_cast<char *>(ks.values[i].data())};
     kiv_memdbfunc(MEMDB_PUT, &r, db);
   }
   return db;
@@ -156,8 +158,10 @@ class recorder : public benchmark::ConsoleReporter {
 
 int main(int argc, char **argv) {
   const char *names[] = {"MemdbPut", "MapPut", "MemdbGet", "MapGet", "MemdbGetCopy", "MapGetCopy"};
-  benchmark::internal::Function *fns[] = {MemdbPut, MapPut, MemdbGet, MapGet, MemdbGetCopy, MapGetCopy};
-  for (int i = 0; i < 6; i++) benchmark::RegisterBenchmark(names[i], fns[i])->Arg(1000)->Arg(10000)->Arg(100000);
+  benchmark::internal::Function *fns[] = {MemdbPut, MapPut,       MemdbGet,
+                                          MapGet,   MemdbGetCopy, MapGetCopy};
+  for (int i = 0; i < 6; i++)
+    benchmark::RegisterBenchmark(names[i], fns[i])->Arg(1000)->Arg(10000)->Arg(100000);
   benchmark::Initialize(&argc, argv);
   recorder rep;
   benchmark::RunSpecifiedBenchmarks(&rep);
@@ -167,7 +171,8 @@ int main(int argc, char **argv) {
       return y > 0 ? x / y : 0.0;
     };
     printf("%6s keys: GET memdb/unordered_map %.2f (with copies %.2f), PUT %.2f\n", n,
-           ratio("MemdbGet", "MapGet"), ratio("MemdbGetCopy", "MapGetCopy"), ratio("MemdbPut", "MapPut"));
+           ratio("MemdbGet", "MapGet"), ratio("MemdbGetCopy", "MapGetCopy"),
+           ratio("MemdbPut", "MapPut"));
   }
   benchmark::Shutdown();
   return 0;

@@ -27,20 +27,20 @@ const char *opaque(const char *format) {
 
 // One pair of benchmarks per format: the same call with either formatter. Every pair
 // passes at least one argument (the literal one an unused 0) to keep the macro plain.
-#define PAIR(name, format, ...)                                                           \
-  void BM_xsnprintf_##name(benchmark::State &state) {                                     \
-    for (auto _ : state) {                                                                \
+#define PAIR(name, format, ...)                                                                \
+  void BM_xsnprintf_##name(benchmark::State &state) {                                          \
+    for (auto _ : state) {                                                                     \
       benchmark::DoNotOptimize(xsnprintf(buffer, sizeof buffer, opaque(format), __VA_ARGS__)); \
-      benchmark::ClobberMemory();                                                         \
-    }                                                                                     \
-  }                                                                                       \
-  void BM_snprintf_##name(benchmark::State &state) {                                      \
-    for (auto _ : state) {                                                                \
-      benchmark::DoNotOptimize(snprintf(buffer, sizeof buffer, opaque(format), __VA_ARGS__)); \
-      benchmark::ClobberMemory();                                                         \
-    }                                                                                     \
-  }                                                                                       \
-  BENCHMARK(BM_xsnprintf_##name);                                                         \
+      benchmark::ClobberMemory();                                                              \
+    }                                                                                          \
+  }                                                                                            \
+  void BM_snprintf_##name(benchmark::State &state) {                                           \
+    for (auto _ : state) {                                                                     \
+      benchmark::DoNotOptimize(snprintf(buffer, sizeof buffer, opaque(format), __VA_ARGS__));  \
+      benchmark::ClobberMemory();                                                              \
+    }                                                                                          \
+  }                                                                                            \
+  BENCHMARK(BM_xsnprintf_##name);                                                              \
   BENCHMARK(BM_snprintf_##name);
 
 PAIR(literal, "ssock.ssock_update", 0)

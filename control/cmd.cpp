@@ -25,8 +25,8 @@ struct command {
   handler run;
 };
 const command table[] = {
-    {"quit", cmd_quit},     {"info", cmd_info},       {"reconfig", cmd_reconfig},
-    {"update", cmd_update}, {"add", cmd_add},         {"remove", cmd_remove},
+    {"quit", cmd_quit},       {"info", cmd_info},     {"reconfig", cmd_reconfig},
+    {"update", cmd_update},   {"add", cmd_add},       {"remove", cmd_remove},
     {"disable", cmd_disable}, {"enable", cmd_enable}, {"ls", cmd_ls},
 };
 

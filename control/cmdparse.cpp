@@ -14,9 +14,12 @@ int cmd_addargs(int argc, char **argv, int *port, const char **pid, dstr *extra)
   *pid = nullptr;
   kiv_optind = -1;
   for (int c; (c = kiv_getopt(argc, argv, "i:p:")) != -1;) {
-    if (c == 'p') *port = atoi(kiv_optarg);
-    else if (c == 'i') *pid = kiv_optarg;
-    else if (c == '?') return KIV_EINVAL;
+    if (c == 'p')
+      *port = atoi(kiv_optarg);
+    else if (c == 'i')
+      *pid = kiv_optarg;
+    else if (c == '?')
+      return KIV_EINVAL;
   }
   if (*port == 0) return KIV_EINVAL;
   // The words come from one line of at most CMD_LINE bytes: the joined text is no longer.

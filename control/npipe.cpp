@@ -276,8 +276,7 @@ int npipe_read(int pipe, char *buffer, int size, int *connected) {
     in->state = NPIPE_CONNECTED;
     if (kiv_loglevel >= 3) {
       char status[NPIPE_MAXINSTANCES + 1];
-      for (int k = 0; k < ninstances; k++)
-        status[k] = " LC"[instances[k].state];
+      for (int k = 0; k < ninstances; k++) status[k] = " LC"[instances[k].state];
       status[ninstances] = '\0';
       kiv_log(nullptr, tag, "%d -> CONNECTED  [%s]", i, status);
     }

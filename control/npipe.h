@@ -5,7 +5,7 @@
 #include <windows.h>
 
 constexpr int NPIPE_MAXINSTANCES = 16;
-constexpr int NPIPE_BUFSIZE = 1024;    // read buffer per instance, platform buffer sizes
+constexpr int NPIPE_BUFSIZE = 1024;     // read buffer per instance, platform buffer sizes
 constexpr DWORD NPIPE_TIMEOUT = 10000;  // the pipe's default wait time for clients (ms)
 // Replies queued for one client that does not read them, at most: twice the listing of
 // every port number there is (65,534 lines of at most 256 bytes, with "!" and ".").
@@ -14,7 +14,7 @@ constexpr long long NPIPE_QUEUE_BYTES = 2LL * 65536 * 256;
 
 // Instance states.
 constexpr int NPIPE_UNUSED = 0;
-constexpr int NPIPE_LISTEN = 1;   // waiting for a client, or connected but not yet greeted
+constexpr int NPIPE_LISTEN = 1;  // waiting for a client, or connected but not yet greeted
 constexpr int NPIPE_CONNECTED = 2;
 
 // The form of the platform's multiple-event wait (WSAWaitForMultipleEvents, mwait_any).

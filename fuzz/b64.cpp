@@ -14,10 +14,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   char *out = static_cast<char *>(malloc(room));  // exact: ASan sees overruns
   uint8_t *back = static_cast<uint8_t *>(malloc(size + 1));
   int n = b64_encode(bytes, count, out);
-  check(n == static_cast<int>(room - 1) && out[n] == '\0' && b64_decode(out, n, back, count) == count &&
-        memcmp(back, bytes, size) == 0);
+  check(n == static_cast<int>(room - 1) && out[n] == '\0' &&
+        b64_decode(out, n, back, count) == count && memcmp(back, bytes, size) == 0);
   check(kiv_b64encode(bytes, count, out) == n);
-  check(!count || b64_decode(out, n, back, count - 1) == -1);  // one byte short: refused, not overrun
+  check(!count ||
+        b64_decode(out, n, back, count - 1) == -1);  // one byte short: refused, not overrun
   // The input as text: whatever decodes is the encoder's own form, so it encodes back
   // to the very same characters.
   int decoded = b64_decode(reinterpret_cast<const char *>(bytes), count, back, count);

@@ -14,7 +14,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   memcpy(line, data, size);
   line[size] = '\0';
   size_t length = strlen(line);
-  struct { char *vector[CMD_MAXWORDS], *guard; } v = {};
+  struct {
+    char *vector[CMD_MAXWORDS], *guard;
+  } v = {};
   int n = cmd_split(line, v.vector);
   check(n >= 1 && n <= CMD_MAXWORDS + 1 && !v.guard);
   for (int i = 0; i < std::min(n, CMD_MAXWORDS); i++)

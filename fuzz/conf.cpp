@@ -11,16 +11,20 @@ namespace {
 
 const char PREFIX[] = ".fuzz";
 
-bool namechar(char c) { return isalnum(static_cast<unsigned char>(c)) || (c && strchr("._- /@%&:+~*\t", c)); }
+bool namechar(char c) {
+  return isalnum(static_cast<unsigned char>(c)) || (c && strchr("._- /@%&:+~*\t", c));
+}
 
 // What the parser hands on must be a rewritten name: allowed characters only, no empty
 // component, no blank beside a dot, and a value exactly for the letter 's'.
 int store(const char *name, const char *value, const char *prefix, int letter) {
-  check(name && prefix == PREFIX && (letter == 's') == (value != nullptr) && (letter == 's' || letter == 0));
+  check(name && prefix == PREFIX && (letter == 's') == (value != nullptr) &&
+        (letter == 's' || letter == 0));
   size_t n = strlen(name);
   check(n && name[0] != '.' && name[n - 1] != '.');
   for (size_t i = 0; i < n; i++) {
-    bool blank = name[i] == ' ' || name[i] == '\t', nextblank = name[i + 1] == ' ' || name[i + 1] == '\t';
+    bool blank = name[i] == ' ' || name[i] == '\t',
+         nextblank = name[i + 1] == ' ' || name[i + 1] == '\t';
     check(namechar(name[i]) && !(name[i] == '.' && (name[i + 1] == '.' || nextblank)) &&
           !(blank && name[i + 1] == '.'));
   }

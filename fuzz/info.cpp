@@ -18,7 +18,8 @@ fz::input in;
 std::string makepath(int s) {
   static const char *parts[] = {"a", "B", "c", "A", "b", "dd", "D", "ab"};
   std::string path = (in.byte() & 1 ? ".f" : ".F") + std::to_string(s);
-  for (int depth = in.byte() % 4; depth > 0; depth--) path += std::string(".") + parts[in.byte() % 8];
+  for (int depth = in.byte() % 4; depth > 0; depth--)
+    path += std::string(".") + parts[in.byte() % 8];
   return path;
 }
 int record(const char *path, const char *text, void *) {
@@ -30,7 +31,8 @@ std::filesystem::path dir;
 bool setup() {
   int rc = kivinfo_init(0);
   check(rc == 0 || rc == KIV_EBUSY);
-  dir = std::filesystem::temp_directory_path() / ("kivinfo-fuzz-" + std::to_string(kiv_processid()));
+  dir =
+      std::filesystem::temp_directory_path() / ("kivinfo-fuzz-" + std::to_string(kiv_processid()));
   std::filesystem::create_directories(dir);
   std::atexit([] { std::filesystem::remove_all(dir); });
   return true;
@@ -48,7 +50,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     char *out = nullptr;
     switch (op % 5) {
       case 0: {  // attach a file: a known first section, then raw bytes
-        std::string file = (dir / ("f" + std::to_string(s) + ".cfg")).string(), value = std::to_string(in.byte());
+        std::string file = (dir / ("f" + std::to_string(s) + ".cfg")).string(),
+                    value = std::to_string(in.byte());
         FILE *f = fopen(file.c_str(), "wb");
         check(f != nullptr);
         std::string raw = in.bytes(48);
@@ -64,11 +67,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         check(rc == 0 ? out != nullptr : out == nullptr);
         break;
       }
-      case 2: kivinfo_walk(path.c_str(), record, nullptr); break;
-      case 3: check(kivinfo_set(path.c_str(), "x", KIVINFO_RESERVED) == KIV_ENOTSUPP); break;
+      case 2:
+        kivinfo_walk(path.c_str(), record, nullptr);
+        break;
+      case 3:
+        check(kivinfo_set(path.c_str(), "x", KIVINFO_RESERVED) == KIV_ENOTSUPP);
+        break;
       default: {
         std::string text = in.bytes(16);
-        check(kivinfo_fixname(&text[0]) == &text[0] && std::string(text.c_str()).find('.') == std::string::npos);
+        check(kivinfo_fixname(&text[0]) == &text[0] &&
+              std::string(text.c_str()).find('.') == std::string::npos);
       }
     }
     xfree(out);

@@ -26,7 +26,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   kiv_context ctx{42, 0, nullptr};
   for (int s : {0, 1, 2, 3, 7, 16, 64, 300, KIV_LOGLINE}) {
     memset(buffer, 0x5A, sizeof buffer);
-    int n = kiv_logprefix(buffer, s, (s & 1) ? &ctx : nullptr, "ssock.ssock_update", s % 5, -(s % 40));
+    int n =
+        kiv_logprefix(buffer, s, (s & 1) ? &ctx : nullptr, "ssock.ssock_update", s % 5, -(s % 40));
     check(n >= 0 && n <= s);
     check(std::all_of(buffer + s, buffer + sizeof buffer, [](char c) { return c == 0x5A; }));
   }

@@ -28,7 +28,8 @@ std::string text(int base, int spread, const char *alphabet) {
 }
 std::string key() { return text(1, 4, "aAbB.\xC4\xE4z"); }
 int call(kiv_memdb *db, int op, const std::string &k, const std::string &d, kiv_memdbrec *r) {
-  *r = {int32_t(k.size()), const_cast<char *>(k.data()), int32_t(d.size()), const_cast<char *>(d.data())};
+  *r = {int32_t(k.size()), const_cast<char *>(k.data()), int32_t(d.size()),
+        const_cast<char *>(d.data())};
   return kiv_memdbfunc(op, r, db);
 }
 
@@ -39,17 +40,26 @@ void step(kiv_memdb *db, int op, std::string k) {
   bool found = it != model.end();
   kiv_memdbrec r;
   switch (op) {
-    case 0: case 3: check(call(db, MEMDB_DEL, k, "", &r) == (found ? 0 : KIV_ENOTFOUND)); model.erase(f); break;
-    case 1: check(call(db, MEMDB_PUT, k, d, &r) == 0); model[f] = d; break;
+    case 0:
+    case 3:
+      check(call(db, MEMDB_DEL, k, "", &r) == (found ? 0 : KIV_ENOTFOUND));
+      model.erase(f);
+      break;
+    case 1:
+      check(call(db, MEMDB_PUT, k, d, &r) == 0);
+      model[f] = d;
+      break;
     case 2: {
       int rc = call(db, MEMDB_GET, k, "", &r);
-      check(!found ? rc == KIV_ENOTFOUND : rc == 0 && std::string(static_cast<char *>(r.data), r.datalen) == it->second);
+      check(!found ? rc == KIV_ENOTFOUND
+                   : rc == 0 && std::string(static_cast<char *>(r.data), r.datalen) == it->second);
       if (rc == 0) xfree(r.data);
       break;
     }
     default: {
       int rc = call(db, MEMDB_MATCH, k, d, &r);
-      check(!found ? rc == KIV_ENOTFOUND : rc == (d.empty() || d == it->second ? int(it->second.size()) : KIV_EBUSY));
+      check(!found ? rc == KIV_ENOTFOUND
+                   : rc == (d.empty() || d == it->second ? int(it->second.size()) : KIV_EBUSY));
     }
   }
 }
@@ -75,8 +85,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   model.clear();
   while (in.more()) {
     int op = in.byte() % 6, stop = 1 + in.byte() % 16;
-    if (op == 5) check(kiv_memdbwalk(db, walker, &stop) == (stop ? 0 : 7));
-    else step(db, op, key());
+    if (op == 5)
+      check(kiv_memdbwalk(db, walker, &stop) == (stop ? 0 : 7));
+    else
+      step(db, op, key());
     check(db->count == int32_t(model.size()));
   }
   check(kiv_memdbfree(db) == 0);

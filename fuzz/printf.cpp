@@ -15,9 +15,9 @@ namespace {
 const char PATTERN[] = "ISLN";
 constexpr int SLOTS = 16;
 
-#define ARGS(i, s, l, n)                                                                           \
-  i[0], s[1], l[2], n + 3, i[4], s[5], l[6], n + 7, i[8], s[9], l[10], n + 11, i[12], s[13], l[14], \
-      n + 15
+#define ARGS(i, s, l, n)                                                                     \
+  i[0], s[1], l[2], n + 3, i[4], s[5], l[6], n + 7, i[8], s[9], l[10], n + 11, i[12], s[13], \
+      l[14], n + 15
 
 // Formats into the record when there is one, else into `size` bytes of the buffer.
 int format(dstr *rec, char *buffer, unsigned size, const char *f, ...) {
@@ -33,9 +33,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   fz::input in;
   in.start(data, size);
   static const char *const texts[] = {"", "a", "kivd", "Listening on port", "\xe9t\xe9", nullptr};
-  static const char *const convs[3][10] = {{"d", "i", "u", "x", "X", "o", "c", "hd", "hu", "hx"},
-                                           {"s", "p", "s", "p", "s", "p", "s", "p", "s", "p"},
-                                           {"ld", "li", "lu", "lx", "lX", "lo", "D", "U", "O", "lld"}};
+  static const char *const convs[3][10] = {
+      {"d", "i", "u", "x", "X", "o", "c", "hd", "hu", "hx"},
+      {"s", "p", "s", "p", "s", "p", "s", "p", "s", "p"},
+      {"ld", "li", "lu", "lx", "lX", "lo", "D", "U", "O", "lld"}};
   int i[SLOTS] = {};
   const char *s[SLOTS] = {};
   long l[SLOTS] = {};
@@ -92,7 +93,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     check(format(nullptr, buffer, cut, f.c_str(), ARGS(i, s, l, counts[1])) == total);
     check(memcmp(counts[0], counts[1], sizeof counts[0]) == 0);
     size_t stored = cut ? std::min<size_t>(t, cut - 1) : 0;
-    check(cut ? memcmp(buffer, rec.buffer, stored) == 0 && buffer[stored] == '\0' : buffer[0] == 'X');
+    check(cut ? memcmp(buffer, rec.buffer, stored) == 0 && buffer[stored] == '\0'
+              : buffer[0] == 'X');
     free(buffer);
   }
   dstr_free(&rec, 0);

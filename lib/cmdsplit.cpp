@@ -34,4 +34,3 @@ int cmd_split(char *line, char **vector) {
   *out = '\0';
   return count;
 }
-

@@ -167,8 +167,15 @@ int dstr_vformat(dstr *out, int limit, const char *format, va_list args) {
             precision = read_number(p);
           }
           break;
-        case '1': case '2': case '3': case '4': case '5':
-        case '6': case '7': case '8': case '9':
+        case '1':
+        case '2':
+        case '3':
+        case '4':
+        case '5':
+        case '6':
+        case '7':
+        case '8':
+        case '9':
           width = read_number(p);
           break;
         case 'h':

@@ -7,7 +7,8 @@
 struct xfoldmap {
   unsigned char map[256];
   constexpr xfoldmap() : map() {
-    for (int c = 0; c < 256; c++) map[c] = static_cast<unsigned char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
+    for (int c = 0; c < 256; c++)
+      map[c] = static_cast<unsigned char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
   }
 };
 inline constexpr xfoldmap xfoldtable{};

@@ -16,15 +16,37 @@ int unescape(char *text) {
     if (c == '\0') break;  // a lone trailing backslash is dropped
     from++;
     switch (c) {
-      case 'a': c = 7; break;
-      case 'b': c = 8; break;
-      case 'e': c = 27; break;
-      case 'f': c = 12; break;
-      case 'n': c = 10; break;
-      case 'r': c = 13; break;
-      case 't': c = 9; break;
-      case '0': case '1': case '2': case '3': case '4':
-      case '5': case '6': case '7': case '8': case '9': {
+      case 'a':
+        c = 7;
+        break;
+      case 'b':
+        c = 8;
+        break;
+      case 'e':
+        c = 27;
+        break;
+      case 'f':
+        c = 12;
+        break;
+      case 'n':
+        c = 10;
+        break;
+      case 'r':
+        c = 13;
+        break;
+      case 't':
+        c = 9;
+        break;
+      case '0':
+      case '1':
+      case '2':
+      case '3':
+      case '4':
+      case '5':
+      case '6':
+      case '7':
+      case '8':
+      case '9': {
         // Weighted by 8 although 8 and 9 are accepted: \19 is 1*8+9 = 17.
         unsigned value = static_cast<unsigned>(c - '0');
         for (int i = 0; i < 2 && *from >= '0' && *from <= '9'; i++)

@@ -7,12 +7,12 @@
 
 // Agent commands, one per line, each ended by CR LF. At start-up: one port line per
 // port, WIRE_END_PORTS, then the lifespan line; afterwards any of remove, exit, reconfig.
-#define WIRE_PORT "-Ptcp::"                    // starts every port line
-#define WIRE_PORT_HANDOVER WIRE_PORT "%u@%s"   // port, base64 of the protocol information
-#define WIRE_PORT_ON WIRE_PORT "%u"            // an "on" port: the agent listens itself
+#define WIRE_PORT "-Ptcp::"                   // starts every port line
+#define WIRE_PORT_HANDOVER WIRE_PORT "%u@%s"  // port, base64 of the protocol information
+#define WIRE_PORT_ON WIRE_PORT "%u"           // an "on" port: the agent listens itself
 #define WIRE_END_PORTS "--"
-#define WIRE_LIFESPAN "lifespan "              // followed by the seconds
-#define WIRE_REMOVE "remove tcp::"             // followed by the port
+#define WIRE_LIFESPAN "lifespan "   // followed by the seconds
+#define WIRE_REMOVE "remove tcp::"  // followed by the port
 #define WIRE_EXIT "exit"
 #define WIRE_RECONFIG "reconfig"
 

@@ -141,7 +141,7 @@ void close_socket(port_record *p);
 // and the hooking process's handle and drops the port from its service's count.
 void free_port(port_record *p);
 void free_service(service_record *s);
-void free_prog(prog_record *g);  // its process handle too, when it still has one
+void free_prog(prog_record *g);    // its process handle too, when it still has one
 void free_child(child_record *c);  // its process handle and its pipe, when open
 
 // Control operations (operations.cpp).
@@ -160,8 +160,8 @@ int start_agent(port_record *p);
 // Starts command_line plus " -C<read end>"; the new process inherits the read end of a
 // fresh pipe of pipe_size bytes (and the standard handles, nothing else); the write end
 // goes to *pipe. 0, KIV_ESYS, KIV_ENOMEM.
-int start_child(const char *application, const char *command_line, DWORD pipe_size,
-                HANDLE *process, DWORD *pid, HANDLE *pipe);
+int start_child(const char *application, const char *command_line, DWORD pipe_size, HANDLE *process,
+                DWORD *pid, HANDLE *pipe);
 int start_prog(prog_record *pg);  // 0, KIV_EINVAL (throttled), KIV_ESYS
 // Writes one agent command and CR LF; nothing once the child's pipe is closed.
 void sendcmd(child_record *c, const char *format, ...) KIV_PRINTF(2, 3);

@@ -15,7 +15,8 @@
 #include "toolkit/runtime/memory.h"
 #include "toolkit/runtime/scoped_win.h"
 
-static_assert(sizeof(WSAPROTOCOL_INFOA) == WIRE_INFO_SIZE, "agents decode the protocol information");
+static_assert(sizeof(WSAPROTOCOL_INFOA) == WIRE_INFO_SIZE,
+              "agents decode the protocol information");
 
 namespace {
 
@@ -86,12 +87,14 @@ struct agent_startup {
     info.StartupInfo.hStdError = GetStdHandle(STD_ERROR_HANDLE);
     int n = 0;
     inherit[n++] = pipe;
-    for (HANDLE h : {info.StartupInfo.hStdInput, info.StartupInfo.hStdOutput, info.StartupInfo.hStdError}) {
+    for (HANDLE h :
+         {info.StartupInfo.hStdInput, info.StartupInfo.hStdOutput, info.StartupInfo.hStdError}) {
       DWORD flags = 0;
       bool seen = false;
       for (int i = 0; i < n; i++) seen |= inherit[i] == h;
       // Only an inheritable handle may be listed; a console's or an absent one is not.
-      if (!seen && GetHandleInformation(h, &flags) && (flags & HANDLE_FLAG_INHERIT)) inherit[n++] = h;
+      if (!seen && GetHandleInformation(h, &flags) && (flags & HANDLE_FLAG_INHERIT))
+        inherit[n++] = h;
     }
     SIZE_T size = sizeof list;
     auto *attributes = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(list);
@@ -119,8 +122,8 @@ HANDLE agent_job() {
     job = CreateJobObjectA(nullptr, nullptr);
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
     limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
-    if (job && !SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits,
-                                        sizeof limits)) {
+    if (job &&
+        !SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits)) {
       CloseHandle(job);
       job = nullptr;
     }
@@ -134,9 +137,8 @@ HANDLE agent_job() {
 void join_job_and_run(const PROCESS_INFORMATION &info, const char *tag) {
   HANDLE job = agent_job();
   if (!job || !AssignProcessToJobObject(job, info.hProcess))
-    kiv_logerror(nullptr, tag, KIV_SEV_WARNING, KIV_ESYS,
-                 "Process %d runs outside kivd's job [%d]", static_cast<int>(info.dwProcessId),
-                 static_cast<int>(GetLastError()));
+    kiv_logerror(nullptr, tag, KIV_SEV_WARNING, KIV_ESYS, "Process %d runs outside kivd's job [%d]",
+                 static_cast<int>(info.dwProcessId), static_cast<int>(GetLastError()));
   ResumeThread(info.hThread);
 }
 
@@ -177,8 +179,9 @@ int start_agent(port_record *p) {
   char fixed[CMDLINE_SIZE];
   char *line = agent_command_line(svc->program, kiv_logspec(), p->extra_args, fixed);
   auto *c = static_cast<child_record *>(kiv_zalloc(sizeof(child_record), TAG));
-  int rc = line && c ? start_child(nullptr, line, agent_pipe_size(p), &c->process, &c->pid, &c->pipe)
-                     : KIV_ENOMEM;
+  int rc = line && c
+               ? start_child(nullptr, line, agent_pipe_size(p), &c->process, &c->pid, &c->pipe)
+               : KIV_ENOMEM;
   if (line != fixed) xfree(line);
   if (rc != 0) {
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, rc, "Failed to start agent for service %s. Code = %d",
@@ -187,7 +190,7 @@ int start_agent(port_record *p) {
     return rc;
   }
   KIV_LOG(3, TAG, "Child %d started for port %d [%s, %s]", static_cast<int>(c->pid), p->port,
-            svc->name, START_NAMES[p->start]);
+          svc->name, START_NAMES[p->start]);
   if (p->start == START_ON) {
     sendcmd(c, WIRE_PORT_ON, static_cast<unsigned>(p->port));
     p->agent = c;
@@ -208,7 +211,7 @@ int start_agent(port_record *p) {
       WSAEventSelect(q->sock, q->event, 0);
       if (!handover(q, c, b64)) {
         KIV_LOG(2, TAG, "Failed to WSADuplicateSocket() for port %d, Error %d", q->port,
-                  WSAGetLastError());
+                WSAGetLastError());
         WSAEventSelect(q->sock, q->event, FD_ACCEPT);
         continue;
       }
@@ -229,8 +232,8 @@ int start_agent(port_record *p) {
   return 0;
 }
 
-int start_child(const char *application, const char *command_line, DWORD pipe_size, HANDLE *process, DWORD *pid,
-                HANDLE *pipe) {
+int start_child(const char *application, const char *command_line, DWORD pipe_size, HANDLE *process,
+                DWORD *pid, HANDLE *pipe) {
   static const char TAG[] = "ssock.start_child";
   *pipe = nullptr;
   *process = nullptr;

@@ -40,8 +40,7 @@ int tcpnode_cb(const char *path, const char *value, void *) {
   if (!svc) return 0;  // a name too long for its paths, logged by addservice
   svc->refs++;
   if (!svc->program) {
-    KIV_LOG(1, TAG, "No program for service %s. %d not added", svc->name,
-              static_cast<int>(number));
+    KIV_LOG(1, TAG, "No program for service %s. %d not added", svc->name, static_cast<int>(number));
     return 0;
   }
   port_record *p = find_port(static_cast<int>(number));

@@ -259,7 +259,7 @@ int process_event(unsigned index, HANDLE h) {
     if (g->process != h) continue;
     DWORD code = exit_code(h);
     KIV_LOG(3, CALLBACK_TAG, "Prog %s/%d died with code %#x", g->name, static_cast<int>(g->pid),
-              static_cast<unsigned>(code));
+            static_cast<unsigned>(code));
     CloseHandle(g->process);
     g->process = nullptr;
     if (code >= EXIT_EXCEPTION) {
@@ -293,7 +293,7 @@ int process_event(unsigned index, HANDLE h) {
   }
   DWORD code = exit_code(h);
   KIV_LOG(3, CALLBACK_TAG, "Child %d died with code %#x", static_cast<int>(c->pid),
-            static_cast<unsigned>(code));
+          static_cast<unsigned>(code));
   if (code >= EXIT_EXCEPTION)
     kiv_logerror(nullptr, CALLBACK_TAG, KIV_SEV_WARNING, KIV_EINVAL, "Child %d caused exeption %#x",
                  static_cast<int>(c->pid), static_cast<unsigned>(code));
@@ -314,8 +314,7 @@ int process_event(unsigned index, HANDLE h) {
     }
   }
   if (c->links != 0)
-    KIV_LOG(1, CALLBACK_TAG, "Link count for %d is %d (!= 0)", static_cast<int>(c->pid),
-              c->links);
+    KIV_LOG(1, CALLBACK_TAG, "Link count for %d is %d (!= 0)", static_cast<int>(c->pid), c->links);
   free_child(c);
   ssock_update();
   return 0;

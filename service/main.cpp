@@ -10,9 +10,12 @@ int main(int argc, char **argv) {
   bool service = false;
   kiv_optind = 0;
   for (int c; (c = kiv_getopt(argc, argv, "D:SBIU")) != -1;) {
-    if (c == 'D') debugspec = kiv_optarg;
-    else if (c == 'S') service = true;
-    else if (c == 'I' || c == 'U') action = c;
+    if (c == 'D')
+      debugspec = kiv_optarg;
+    else if (c == 'S')
+      service = true;
+    else if (c == 'I' || c == 'U')
+      action = c;
   }
   if (debugspec) kiv_logconfig(debugspec);
   if (action) return install_service(action, debugspec);

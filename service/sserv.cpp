@@ -151,8 +151,8 @@ int install(SC_HANDLE manager, const char *debugspec) {
   }
   scoped_service service(CreateServiceA(manager, SSERV_NAME, SSERV_DISPLAY, ALL_SERVICE,
                                         SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START,
-                                        SERVICE_ERROR_NORMAL, cmdline, nullptr, nullptr,
-                                        nullptr, nullptr, nullptr));
+                                        SERVICE_ERROR_NORMAL, cmdline, nullptr, nullptr, nullptr,
+                                        nullptr, nullptr));
   if (!service.get()) {
     printf("Failed to Create Service. Error %d\n", static_cast<int>(GetLastError()));
     return 1;
@@ -177,9 +177,9 @@ int install_cmdline(char *buffer, int size, const char *exe, const char *debugsp
   // Unquoted, "C:\Program Files\kivd\kivd.exe" would let the system start C:\Program.exe
   // as the system account: a path with a blank is quoted.
   const char *quote = strpbrk(exe, " \t") ? "\"" : "";
-  int n = debugspec ? xsnprintf(buffer, size, "%s%s%s -S -D%s;>c:/kivd.txt", quote, exe, quote,
-                                debugspec)
-                    : xsnprintf(buffer, size, "%s%s%s -S", quote, exe, quote);
+  int n = debugspec
+              ? xsnprintf(buffer, size, "%s%s%s -S -D%s;>c:/kivd.txt", quote, exe, quote, debugspec)
+              : xsnprintf(buffer, size, "%s%s%s -S", quote, exe, quote);
   if (n < 0 || n >= size) {
     if (size > 0) buffer[0] = '\0';
     return KIV_EOVERFLOW;

@@ -7,9 +7,9 @@
 
 #include <ctime>
 
-extern const char SSERV_NAME[];     // WIRE_SERVICE (lib/wire.h)
-extern const char SSERV_DISPLAY[];  // "Varnel Agent Port Manager"
-extern const char SSERV_PIPE[];     // WIRE_PIPE (lib/wire.h)
+extern const char SSERV_NAME[];         // WIRE_SERVICE (lib/wire.h)
+extern const char SSERV_DISPLAY[];      // "Varnel Agent Port Manager"
+extern const char SSERV_PIPE[];         // WIRE_PIPE (lib/wire.h)
 extern const char SSERV_DESCRIPTION[];  // what the service manager shows about the service
 // Recovery set at install: restart after each of these (ms) for the first, second and
 // later failures; the failure count starts afresh after a day without one.

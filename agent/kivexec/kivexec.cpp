@@ -33,12 +33,12 @@ namespace {
 
 struct options {
   unsigned max = 40;
-  unsigned per_ip = 0;         // 0: no limit
+  unsigned per_ip = 0;  // 0: no limit
   DWORD timeout_ms = INFINITE;
   DWORD grace_ms = 10000;
   bool stderr_too = false;
-  std::string program;         // for messages
-  std::string command_line;    // PROGRAM and its arguments, quoted for CreateProcess
+  std::string program;       // for messages
+  std::string command_line;  // PROGRAM and its arguments, quoted for CreateProcess
 };
 options opt;
 
@@ -97,7 +97,8 @@ bool parse(int argc, char **argv) {
     bool known = strcmp(name, "--max") == 0 || strcmp(name, "--per-ip") == 0 ||
                  strcmp(name, "--timeout") == 0 || strcmp(name, "--grace") == 0;
     if (!known) {
-      fprintf(stderr, "kivexec: unknown option %s (--max, --per-ip, --timeout, --grace, --stderr)\n", name);
+      fprintf(stderr,
+              "kivexec: unknown option %s (--max, --per-ip, --timeout, --grace, --stderr)\n", name);
       return false;
     }
     if (i + 1 >= end || strcmp(argv[i + 1], "--") == 0) {
@@ -107,17 +108,23 @@ bool parse(int argc, char **argv) {
     const char *value = argv[++i];
     bool seconds = strcmp(name, "--timeout") == 0 || strcmp(name, "--grace") == 0;
     // Seconds up to a day of milliseconds' worth that a DWORD holds; counts up to 100,000.
-    if (!number(value, strcmp(name, "--per-ip") == 0 || seconds ? 0 : 1, seconds ? 4000000 : 100000, &v)) {
+    if (!number(value, strcmp(name, "--per-ip") == 0 || seconds ? 0 : 1, seconds ? 4000000 : 100000,
+                &v)) {
       fprintf(stderr, "kivexec: %s %s: not a number in range\n", name, value);
       return false;
     }
-    if (strcmp(name, "--max") == 0) opt.max = static_cast<unsigned>(v);
-    else if (strcmp(name, "--per-ip") == 0) opt.per_ip = static_cast<unsigned>(v);
-    else if (strcmp(name, "--timeout") == 0) opt.timeout_ms = v ? static_cast<DWORD>(v * 1000) : INFINITE;
-    else opt.grace_ms = static_cast<DWORD>(v * 1000);
+    if (strcmp(name, "--max") == 0)
+      opt.max = static_cast<unsigned>(v);
+    else if (strcmp(name, "--per-ip") == 0)
+      opt.per_ip = static_cast<unsigned>(v);
+    else if (strcmp(name, "--timeout") == 0)
+      opt.timeout_ms = v ? static_cast<DWORD>(v * 1000) : INFINITE;
+    else
+      opt.grace_ms = static_cast<DWORD>(v * 1000);
   }
   if (i >= end) {
-    fprintf(stderr, "kivexec: no \"--\" before the program (kivexec [options] -- PROGRAM [ARGS...])\n");
+    fprintf(stderr,
+            "kivexec: no \"--\" before the program (kivexec [options] -- PROGRAM [ARGS...])\n");
     return false;
   }
   if (i + 1 >= end) {
@@ -145,8 +152,8 @@ HANDLE changed;                 // auto reset: a program ended, the lifespan is 
 std::vector<std::string> base_environment;
 
 bool connection_name(const char *name) {
-  static const char *const names[] = {"TCPREMOTEIP=", "TCPREMOTEPORT=", "TCPLOCALIP=",
-                                      "TCPLOCALPORT=", "PROTO="};
+  static const char *const names[] = {
+      "TCPREMOTEIP=", "TCPREMOTEPORT=", "TCPLOCALIP=", "TCPLOCALPORT=", "PROTO="};
   for (const char *n : names)
     if (_strnicmp(name, n, strlen(n)) == 0) return true;
   return false;
@@ -188,7 +195,8 @@ std::string remote_address(SOCKET s) {
   int size = sizeof a;
   char host[NI_MAXHOST];
   if (getpeername(s, reinterpret_cast<sockaddr *>(&a), &size) != 0 ||
-      getnameinfo(reinterpret_cast<sockaddr *>(&a), size, host, sizeof host, nullptr, 0, NI_NUMERICHOST) != 0)
+      getnameinfo(reinterpret_cast<sockaddr *>(&a), size, host, sizeof host, nullptr, 0,
+                  NI_NUMERICHOST) != 0)
     return "?";
   return host;
 }
@@ -238,7 +246,9 @@ void start_program(SOCKET c, const std::string &address) {
   HANDLE err = opt.stderr_too ? h : GetStdHandle(STD_ERROR_HANDLE);
   HANDLE inherit[2] = {h, err};
   DWORD flags = 0;
-  int n = (err != h && err && GetHandleInformation(err, &flags) && (flags & HANDLE_FLAG_INHERIT)) ? 2 : 1;
+  int n = (err != h && err && GetHandleInformation(err, &flags) && (flags & HANDLE_FLAG_INHERIT))
+              ? 2
+              : 1;
   SetHandleInformation(h, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
 
   // Only the connection (and standard error) is inherited, whatever else this process
@@ -377,7 +387,8 @@ int main(int argc, char **argv) {
   WSADATA wsa;
   if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return 2;
   InitializeCriticalSection(&lock);
-  slots = CreateSemaphoreA(nullptr, static_cast<LONG>(opt.max), static_cast<LONG>(opt.max), nullptr);
+  slots =
+      CreateSemaphoreA(nullptr, static_cast<LONG>(opt.max), static_cast<LONG>(opt.max), nullptr);
   stopping = CreateEventA(nullptr, TRUE, FALSE, nullptr);
   changed = CreateEventA(nullptr, FALSE, FALSE, nullptr);
   if (!slots || !stopping || !changed) return 2;

@@ -42,8 +42,8 @@ int main() {
   std::sort(warms.begin(), warms.end());
   double cold_med = colds[LAUNCHES / 2], warm_med = warms[LAUNCHES / 2];
   printf("cold launch baseline (minimal launcher), %d launches:\n", LAUNCHES);
-  printf("  connect -> first echoed byte, new agent : median %7.2f ms, min %7.2f, max %7.2f\n", cold_med * 1e3,
-         colds.front() * 1e3, colds.back() * 1e3);
+  printf("  connect -> first echoed byte, new agent : median %7.2f ms, min %7.2f, max %7.2f\n",
+         cold_med * 1e3, colds.front() * 1e3, colds.back() * 1e3);
   printf("  same to the running agent               : median %7.3f ms\n", warm_med * 1e3);
   printf("  ratio cold/running                      : %7.1f\n", cold_med / warm_med);
   return 0;

@@ -22,7 +22,8 @@ bool one_connection(unsigned port) {
     return false;
   }
   bool ok = echoes(c, "x");
-  if (!ok) fprintf(stderr, "bench_agent_held: no echo on port %u: error %d\n", port, WSAGetLastError());
+  if (!ok)
+    fprintf(stderr, "bench_agent_held: no echo on port %u: error %d\n", port, WSAGetLastError());
   closesocket(c);
   return ok;
 }
@@ -51,7 +52,8 @@ bool start(bool held, launched *l, unsigned *port, SOCKET *orig) {
   }
   if (!launch(echo_agent_exe(), l)) return false;
   std::string line = held ? handover_line(*orig, *port, l->pid) : "-Ptcp::" + std::to_string(*port);
-  if (line.empty() || !send_line(l->pipe, line) || !send_line(l->pipe, "--") || !send_line(l->pipe, "lifespan 600"))
+  if (line.empty() || !send_line(l->pipe, line) || !send_line(l->pipe, "--") ||
+      !send_line(l->pipe, "lifespan 600"))
     return false;
   // An "on" port listens once the agent has started: wait for it, up to 20 s.
   for (int i = 0; i < 400; i++) {
@@ -101,10 +103,13 @@ int main() {
   }
   for (int k = 0; k < 2; k++) stop(&agents[k], origs[k]);
   std::sort(ratios.begin(), ratios.end());
-  printf("held port: %d batches of %d connections each (connect, 1 byte echoed, close), alternating:\n", ROUNDS, BATCH);
+  printf(
+      "held port: %d batches of %d connections each (connect, 1 byte echoed, close), "
+      "alternating:\n",
+      ROUNDS, BATCH);
   printf("  handed-over socket : %8.1f connections/s\n", ROUNDS * BATCH / total[0]);
   printf("  agent's own socket : %8.1f connections/s\n", ROUNDS * BATCH / total[1]);
-  printf("  ratio held/own     : %8.3f median of the batches (min %.3f, max %.3f; goal >= 0.98)\n", median(ratios),
-         ratios.front(), ratios.back());
+  printf("  ratio held/own     : %8.3f median of the batches (min %.3f, max %.3f; goal >= 0.98)\n",
+         median(ratios), ratios.front(), ratios.back());
   return 0;
 }

@@ -79,7 +79,9 @@ void bench_two_clients() {
 double cpu_ms(HANDLE process) {
   FILETIME c, e, k, u;
   GetProcessTimes(process, &c, &e, &k, &u);
-  auto ms = [](FILETIME f) { return (static_cast<double>(f.dwHighDateTime) * 4294967296.0 + f.dwLowDateTime) / 1e4; };
+  auto ms = [](FILETIME f) {
+    return (static_cast<double>(f.dwHighDateTime) * 4294967296.0 + f.dwLowDateTime) / 1e4;
+  };
   return ms(k) + ms(u);
 }
 

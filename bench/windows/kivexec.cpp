@@ -78,8 +78,7 @@ double first_byte_ms(int port) {
   char buf[256];
   int n = recv(s, buf, 1, 0);
   double ms = kt::now_ms() - begin;
-  while (recv(s, buf, sizeof buf, 0) > 0) {
-  }
+  while (recv(s, buf, sizeof buf, 0) > 0) {}
   closesocket(s);
   return n == 1 ? ms : -1;
 }
@@ -128,16 +127,20 @@ int main() {
   CloseHandle(CreateThread(nullptr, 0, minimal_launcher, reinterpret_cast<void *>(l), 0, nullptr));
   first_byte_ms(base_port);  // warm-up
   double base = median_first_byte(base_port), through = median_first_byte(port);
-  printf("connect -> first byte, median of %d: minimal launcher %.1f ms, kivexec %.1f ms, ratio %.3f (goal <= 1.10)\n",
-         ROUNDS, base, through, through / base);
+  printf(
+      "connect -> first byte, median of %d: minimal launcher %.1f ms, kivexec %.1f ms, ratio %.3f "
+      "(goal <= 1.10)\n",
+      ROUNDS, base, through, through / base);
   closesocket(l);
 
   int echo_port;
   SOCKET e = listening(&echo_port);
   CloseHandle(CreateThread(nullptr, 0, direct_echo, reinterpret_cast<void *>(e), 0, nullptr));
   double direct = throughput(echo_port), program = throughput(port);
-  printf("bytes through one connection, %d MB: direct echo %.1f MB/s, kivexec's program %.1f MB/s, ratio %.3f\n",
-         BULK >> 20, direct, program, program / direct);
+  printf(
+      "bytes through one connection, %d MB: direct echo %.1f MB/s, kivexec's program %.1f MB/s, "
+      "ratio %.3f\n",
+      BULK >> 20, direct, program, program / direct);
   closesocket(e);
   d.quit();
   return 0;

@@ -38,7 +38,8 @@ double managed_launch(unsigned port) {
   SOCKET c = connect_to(port);
   if (c == INVALID_SOCKET) return -1;
   // The main loop's wait and dispatch, up to the moment the agent holds the port.
-  bool handed = porttest::pump_until([&] { return ssock_waitset(&handles, &due) == 1 && handles[0] != idle; }, 20000);
+  bool handed = porttest::pump_until(
+      [&] { return ssock_waitset(&handles, &due) == 1 && handles[0] != idle; }, 20000);
   bool ok = handed && echoes(c, "x");
   double t1 = seconds_now();
   closesocket(c);
@@ -61,9 +62,7 @@ double baseline_launch() {
   return t;
 }
 
-void clear_config() {
-  RegDeleteTreeA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Orvane\\Agents");
-}
+void clear_config() { RegDeleteTreeA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Orvane\\Agents"); }
 
 struct figures {
   std::vector<double> times;
@@ -101,13 +100,15 @@ int main() {
   }
   std::sort(managed.times.begin(), managed.times.end());
   std::sort(baseline.times.begin(), baseline.times.end());
-  printf("cold launch, connect -> first echoed byte from a new echo agent, %d launches each:\n", LAUNCHES);
+  printf("cold launch, connect -> first echoed byte from a new echo agent, %d launches each:\n",
+         LAUNCHES);
   printf("  %-32s  %9s  %9s  %9s\n", "", "median ms", "min ms", "max ms");
   for (auto &row : {std::make_pair("through the port manager", &managed),
                     std::make_pair("minimal launcher (baseline)", &baseline)})
-    printf("  %-32s  %9.2f  %9.2f  %9.2f\n", row.first, row.second->median() * 1e3, row.second->times.front() * 1e3,
-           row.second->times.back() * 1e3);
-  printf("  ratio of the medians, manager / baseline: %.3fx (goal <= 1.10x); of the minima: %.3fx\n",
-         managed.median() / baseline.median(), managed.times.front() / baseline.times.front());
+    printf("  %-32s  %9.2f  %9.2f  %9.2f\n", row.first, row.second->median() * 1e3,
+           row.second->times.front() * 1e3, row.second->times.back() * 1e3);
+  printf(
+      "  ratio of the medians, manager / baseline: %.3fx (goal <= 1.10x); of the minima: %.3fx\n",
+      managed.median() / baseline.median(), managed.times.front() / baseline.times.front());
   return 0;
 }

@@ -77,23 +77,24 @@ int main() {
       return 1;
     }
     rows.push_back({n, median_of([] { ssock_update(); }), median_of([] { ssock_reconfig(); }),
-                    median_of(read_registry),
-                    median_of([] { ssock_info(0, discard); })});
+                    median_of(read_registry), median_of([] { ssock_info(0, discard); })});
     ssock_cleanup();
     ssock_reset();
   }
   clear_config();
 
   printf("port manager with idle listening ports, median of %d calls:\n", ROUNDS);
-  printf("  %6s  %12s  %12s  %14s  %12s\n", "ports", "update ms", "reconfig ms", "(registry ms)", "info ms");
+  printf("  %6s  %12s  %12s  %14s  %12s\n", "ports", "update ms", "reconfig ms", "(registry ms)",
+         "info ms");
   for (auto &r : rows)
-    printf("  %6u  %12.3f  %12.3f  %14.3f  %12.3f\n", r.ports, r.update * 1e3, r.reconfig * 1e3, r.read * 1e3,
-           r.info * 1e3);
+    printf("  %6u  %12.3f  %12.3f  %14.3f  %12.3f\n", r.ports, r.update * 1e3, r.reconfig * 1e3,
+           r.read * 1e3, r.info * 1e3);
   printf("  growth for each tenfold of ports (linear: 10x):\n");
   for (size_t i = 1; i < rows.size(); i++)
-    printf("  %6s  %11.1fx  %11.1fx  %13.1fx  %11.1fx   (%u -> %u)\n", "", rows[i].update / rows[i - 1].update,
-           rows[i].reconfig / rows[i - 1].reconfig, rows[i].read / rows[i - 1].read, rows[i].info / rows[i - 1].info,
-           rows[i - 1].ports, rows[i].ports);
+    printf("  %6s  %11.1fx  %11.1fx  %13.1fx  %11.1fx   (%u -> %u)\n", "",
+           rows[i].update / rows[i - 1].update, rows[i].reconfig / rows[i - 1].reconfig,
+           rows[i].read / rows[i - 1].read, rows[i].info / rows[i - 1].info, rows[i - 1].ports,
+           rows[i].ports);
   printf("  1,000 ports, one supervision pass: %.3f ms (goal < 10 ms)\n", rows.back().update * 1e3);
   return 0;
 }

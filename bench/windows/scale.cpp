@@ -71,7 +71,8 @@ bool measure(int nports, int nagents, figures *f) {
   }
   size_t elements = 0;
   f->ls_ms = round_trip(&c, "ls", &elements);
-  if (elements != size_t(nports + 3)) fprintf(stderr, "bench_scale: ls gave %zu elements\n", elements);
+  if (elements != size_t(nports + 3))
+    fprintf(stderr, "bench_scale: ls gave %zu elements\n", elements);
   f->reconfig_ms = round_trip(&c, "reconfig", &elements);
   bool ok = kt::usage_of(d.pid, &f->use);
   c.close();
@@ -139,32 +140,40 @@ burst_result burst(int port, int count) {
 int main() {
   const int sizes[][2] = {{10, 10}, {100, 100}, {1000, 300}};
   std::vector<figures> all;
-  printf("%6s %7s %11s %8s %12s %11s %8s\n", "ports", "agents", "startup ms", "ls ms", "reconfig ms", "private KB", "handles");
+  printf("%6s %7s %11s %8s %12s %11s %8s\n", "ports", "agents", "startup ms", "ls ms",
+         "reconfig ms", "private KB", "handles");
   for (auto &size : sizes) {
     figures f;
     if (!measure(size[0], size[1], &f)) {
       fprintf(stderr, "bench_scale: the run with %d ports failed\n", size[0]);
       return 1;
     }
-    printf("%6d %7d %11.0f %8.2f %12.2f %11zu %8lu\n", f.ports, f.agents, f.startup_ms, f.ls_ms, f.reconfig_ms,
-           f.use.private_bytes / 1024, static_cast<unsigned long>(f.use.handles));
+    printf("%6d %7d %11.0f %8.2f %12.2f %11zu %8lu\n", f.ports, f.agents, f.startup_ms, f.ls_ms,
+           f.reconfig_ms, f.use.private_bytes / 1024, static_cast<unsigned long>(f.use.handles));
     fflush(stdout);
     all.push_back(f);
   }
   printf("growth from one size to the next (linear would be the ports' and agents' growth):\n");
   for (size_t i = 1; i < all.size(); i++) {
     const figures &a = all[i - 1], &b = all[i];
-    printf("  %d -> %d ports (x%.0f), %d -> %d agents (x%.0f): startup x%.1f, ls x%.1f, reconfig x%.1f, "
-           "private bytes x%.1f, handles x%.1f\n",
-           a.ports, b.ports, double(b.ports) / a.ports, a.agents, b.agents, double(b.agents) / a.agents,
-           b.startup_ms / a.startup_ms, b.ls_ms / a.ls_ms, b.reconfig_ms / a.reconfig_ms,
-           double(b.use.private_bytes) / double(a.use.private_bytes), double(b.use.handles) / a.use.handles);
+    printf(
+        "  %d -> %d ports (x%.0f), %d -> %d agents (x%.0f): startup x%.1f, ls x%.1f, reconfig "
+        "x%.1f, "
+        "private bytes x%.1f, handles x%.1f\n",
+        a.ports, b.ports, double(b.ports) / a.ports, a.agents, b.agents,
+        double(b.agents) / a.agents, b.startup_ms / a.startup_ms, b.ls_ms / a.ls_ms,
+        b.reconfig_ms / a.reconfig_ms, double(b.use.private_bytes) / double(a.use.private_bytes),
+        double(b.use.handles) / a.use.handles);
   }
   const figures &hundred = all[1], &thousand = all[2];
-  printf("goal: ls of 1,000 ports %.2f ms against 1.5 x ten at 100 ports %.2f ms: %s\n", thousand.ls_ms,
-         15 * hundred.ls_ms, thousand.ls_ms < 15 * hundred.ls_ms ? "met" : "missed");
-  printf("goal: no-change reconfig at 1,000 ports %.2f ms against 1.5 x ten at 100 ports %.2f ms: %s\n",
-         thousand.reconfig_ms, 15 * hundred.reconfig_ms, thousand.reconfig_ms < 15 * hundred.reconfig_ms ? "met" : "missed");
+  printf("goal: ls of 1,000 ports %.2f ms against 1.5 x ten at 100 ports %.2f ms: %s\n",
+         thousand.ls_ms, 15 * hundred.ls_ms,
+         thousand.ls_ms < 15 * hundred.ls_ms ? "met" : "missed");
+  printf(
+      "goal: no-change reconfig at 1,000 ports %.2f ms against 1.5 x ten at 100 ports %.2f ms: "
+      "%s\n",
+      thousand.reconfig_ms, 15 * hundred.reconfig_ms,
+      thousand.reconfig_ms < 15 * hundred.reconfig_ms ? "met" : "missed");
 
   // The burst: the held (auto) port first, so its figure includes the agent's cold launch.
   kt::registry reg;
@@ -177,8 +186,10 @@ int main() {
   if (!kt::poll([&] { return kt::echoes(ports[1]); }, 60000)) return 1;
   burst_result held = burst(ports[0], BURST), own = burst(ports[1], BURST);
   printf("burst of %d clients, served within a minute (failed), time to the last served:\n", BURST);
-  printf("  auto port through kivd:          %4d (%d) %6.0f ms\n", held.served, held.failed, held.last_ms);
-  printf("  the agent listening by itself:   %4d (%d) %6.0f ms\n", own.served, own.failed, own.last_ms);
+  printf("  auto port through kivd:          %4d (%d) %6.0f ms\n", held.served, held.failed,
+         held.last_ms);
+  printf("  the agent listening by itself:   %4d (%d) %6.0f ms\n", own.served, own.failed,
+         own.last_ms);
   d.quit();
   return 0;
 }

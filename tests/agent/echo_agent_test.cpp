@@ -62,11 +62,13 @@ SOCKET connect_when(unsigned port) {
 
 // True once connections to port are refused, polling up to the deadline.
 bool refused_soon(unsigned port) {
-  return poll([&] {
-    SOCKET c = connect_to(port);
-    if (c != INVALID_SOCKET) closesocket(c);
-    return c == INVALID_SOCKET;
-  }, DEADLINE_MS);
+  return poll(
+      [&] {
+        SOCKET c = connect_to(port);
+        if (c != INVALID_SOCKET) closesocket(c);
+        return c == INVALID_SOCKET;
+      },
+      DEADLINE_MS);
 }
 
 bool serves(unsigned port, const std::string &text) {
@@ -81,9 +83,18 @@ bool serves(unsigned port, const std::string &text) {
 // Garbled lines, during the start-up (between "--" and "lifespan") and after it, and
 // "reconfig" disturb nothing; "exit" ends it with 0 while a client is connected.
 TEST(EchoAgent, ServesHandedAndOnPortsWithClientsAtOnce) {
-  const std::vector<std::string> garbled = {
-      "-Ptcp::0", "-Ptcp::70000", "-Ptcp::5@" + std::string(496, '*'), "-Ptcp::5@QUJD", "hello", "",
-      std::string(3000, 'x'), "lifespan", "exit now", "remove tcp::", "remove tcp::99999", "--"};
+  const std::vector<std::string> garbled = {"-Ptcp::0",
+                                            "-Ptcp::70000",
+                                            "-Ptcp::5@" + std::string(496, '*'),
+                                            "-Ptcp::5@QUJD",
+                                            "hello",
+                                            "",
+                                            std::string(3000, 'x'),
+                                            "lifespan",
+                                            "exit now",
+                                            "remove tcp::",
+                                            "remove tcp::99999",
+                                            "--"};
   echo_run run;
   std::vector<unsigned> ports = listen_n(&run, 2);
   unsigned on = free_port();

@@ -14,8 +14,9 @@
 #include "toolkit/runtime/error.h"
 
 // Agents see the same result numbers as the port manager's own log lines.
-static_assert(KIVAGENT_ENOMEM == KIV_ENOMEM && KIVAGENT_EOF == KIV_EOF && KIVAGENT_EINVAL == KIV_EINVAL &&
-                  KIVAGENT_EOVERFLOW == KIV_EOVERFLOW && KIVAGENT_ESYS == KIV_ESYS,
+static_assert(KIVAGENT_ENOMEM == KIV_ENOMEM && KIVAGENT_EOF == KIV_EOF &&
+                  KIVAGENT_EINVAL == KIV_EINVAL && KIVAGENT_EOVERFLOW == KIV_EOVERFLOW &&
+                  KIVAGENT_ESYS == KIV_ESYS,
               "kivagent's codes are the toolkit's");
 
 using namespace kt;
@@ -45,7 +46,8 @@ int start(kivagent *a, feed *f, const std::vector<std::string> &lines, unsigned 
   if (!CreatePipe(&rd, &f->wr, nullptr, 0)) return -100;
   SetHandleInformation(rd, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);  // as an agent inherits it
   char pipearg[32];
-  snprintf(pipearg, sizeof pipearg, "-C%#x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(rd)));
+  snprintf(pipearg, sizeof pipearg, "-C%#x",
+           static_cast<unsigned>(reinterpret_cast<uintptr_t>(rd)));
   f->args = args;
   f->args.insert(f->args.begin(), "agent.exe");
   f->args.push_back(pipearg);
@@ -67,7 +69,8 @@ int start(kivagent *a, feed *f, const std::vector<std::string> &lines, unsigned 
 kivagent_event next_event(kivagent *a) {
   kivagent_event ev;
   ULONGLONG end = GetTickCount64() + DEADLINE_MS;
-  while (!kivagent_next(a, &ev) && GetTickCount64() < end) WaitForSingleObject(a->event, DEADLINE_MS);
+  while (!kivagent_next(a, &ev) && GetTickCount64() < end)
+    WaitForSingleObject(a->event, DEADLINE_MS);
   return ev;
 }
 
@@ -93,8 +96,8 @@ TEST(KivAgent, StartUpRebuildsHandedOverSocketsInOrder) {
   ASSERT_FALSE(l1.empty() || l2.empty());
   kivagent a;
   feed f;
-  ASSERT_EQ(0, start(&a, &f, {l2, "-Ptcp::" + std::to_string(on), l1, "--", "lifespan 7"}, KIVAGENT_BLOCKING,
-                     {"-x", "-D3;ssock;>c:/kivd.txt", "extra"}));
+  ASSERT_EQ(0, start(&a, &f, {l2, "-Ptcp::" + std::to_string(on), l1, "--", "lifespan 7"},
+                     KIVAGENT_BLOCKING, {"-x", "-D3;ssock;>c:/kivd.txt", "extra"}));
   ASSERT_EQ(3u, a.nports);
   EXPECT_EQ(p2, a.ports[0].port);
   EXPECT_EQ(on, a.ports[1].port);
@@ -119,7 +122,8 @@ TEST(KivAgent, StartUpRebuildsHandedOverSocketsInOrder) {
   for (unsigned i : {0u, 2u}) {
     DWORD inherit = 1;
     EXPECT_TRUE(GetHandleInformation(reinterpret_cast<HANDLE>(a.ports[i].sock), &inherit)) << i;
-    EXPECT_EQ(0u, inherit & HANDLE_FLAG_INHERIT) << "a handed-over socket must not pass to the agent's children";
+    EXPECT_EQ(0u, inherit & HANDLE_FLAG_INHERIT)
+        << "a handed-over socket must not pass to the agent's children";
   }
   closesocket(orig1);
   closesocket(orig2);
@@ -182,7 +186,8 @@ TEST(KivAgent, GarbledLinesBecomeErrorEvents) {
       {true, "-Ptcp::4001@" + std::string(496, '!'), KIVAGENT_EINVAL, 4001},
       {true, "-Ptcp::4001@" + b64_of(371, 7), KIVAGENT_EINVAL, 4001},
       {true, "-Ptcp::4001@" + b64_of(373, 7), KIVAGENT_EINVAL, 4001},
-      {true, "-Ptcp::4001@" + b64_of(372, 0), KIVAGENT_ESYS, 4001},  // well formed, describes no socket
+      {true, "-Ptcp::4001@" + b64_of(372, 0), KIVAGENT_ESYS,
+       4001},  // well formed, describes no socket
       {true, "-Ptcp::4001@", KIVAGENT_EINVAL, 4001},
       {true, "-ptcp::4001", KIVAGENT_EINVAL, 0},
       {true, "hello", KIVAGENT_EINVAL, 0},
@@ -224,7 +229,8 @@ TEST(KivAgent, GarbledLinesBecomeErrorEvents) {
     EXPECT_EQ(KIVAGENT_ERROR, ev.kind);
     EXPECT_EQ(c.code, ev.code);
     EXPECT_EQ(c.port, ev.port);
-    EXPECT_EQ(c.line.substr(0, std::min<size_t>(strlen(c.line.c_str()), sizeof ev.line - 1)), ev.line);
+    EXPECT_EQ(c.line.substr(0, std::min<size_t>(strlen(c.line.c_str()), sizeof ev.line - 1)),
+              ev.line);
     // Later lines are still read.
     EXPECT_EQ(KIVAGENT_RECONFIG, next_event(&a).kind);
     EXPECT_EQ(KIVAGENT_CLOSED, next_event(&a).kind);
@@ -235,10 +241,15 @@ TEST(KivAgent, GarbledLinesBecomeErrorEvents) {
 TEST(KivAgent, CommandsArriveAsEventsWithoutBlocking) {
   kivagent a;
   feed f;
-  ASSERT_EQ(0, start(&a, &f, {"-Ptcp::4000", "-Ptcp::65535", "--", "lifespan 86400"}, KIVAGENT_BLOCKING));
+  ASSERT_EQ(
+      0, start(&a, &f, {"-Ptcp::4000", "-Ptcp::65535", "--", "lifespan 86400"}, KIVAGENT_BLOCKING));
   kivagent_event ev;
   EXPECT_EQ(0, kivagent_next(&a, &ev)) << "nothing is pending, and asking does not wait";
-  struct { std::string line; kivagent_kind kind; unsigned port; } cases[] = {
+  struct {
+    std::string line;
+    kivagent_kind kind;
+    unsigned port;
+  } cases[] = {
       {"reconfig", KIVAGENT_RECONFIG, 0},
       {"remove tcp::4000", KIVAGENT_REMOVE, 4000},
       {"remove tcp::65535", KIVAGENT_REMOVE, 65535},
@@ -258,7 +269,8 @@ TEST(KivAgent, CommandsArriveAsEventsWithoutBlocking) {
   // kept, in order, as the queue grows.
   auto removes = [&](unsigned from, unsigned to) {
     std::string text;
-    for (unsigned port = from; port <= to; port++) text += "remove tcp::" + std::to_string(port) + "\r\n";
+    for (unsigned port = from; port <= to; port++)
+      text += "remove tcp::" + std::to_string(port) + "\r\n";
     DWORD put;
     ASSERT_TRUE(WriteFile(f.wr, text.data(), DWORD(text.size()), &put, nullptr));
   };
@@ -295,7 +307,8 @@ TEST(KivAgent, CommandLineAndEarlyEnd) {
   // A handle that is not a pipe.
   HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
   char notpipe[32];
-  snprintf(notpipe, sizeof notpipe, "-C%#x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(ev)));
+  snprintf(notpipe, sizeof notpipe, "-C%#x",
+           static_cast<unsigned>(reinterpret_cast<uintptr_t>(ev)));
   char *argv[] = {prog, notpipe, nullptr};
   EXPECT_EQ(KIVAGENT_EINVAL, kivagent_start(&a, 2, argv, 0));
   CloseHandle(ev);

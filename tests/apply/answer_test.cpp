@@ -12,11 +12,21 @@ TEST(Answer, LinesAsTheServerTakesThem) {
   std::string twenty = "quit", many;  // "quit" and 19 words; with one more, too many
   for (int i = 0; i < 19; i++) twenty += " w";
   many = twenty + " w";
-  struct { std::string line; answer expected; } cases[] = {
-      {"ls", answer::reply},     {"", answer::none},           {"\"\" ls", answer::none},
-      {"quit", answer::hangup},  {"QuIt -Q", answer::hangup},  {"qUIT", answer::hangup},
-      {"quitx", answer::reply},  {twenty, answer::hangup},     {many, answer::reply},
-      {"\"\" " + many, answer::none}, {"quit " + std::string(507, 'x'), answer::hangup},
+  struct {
+    std::string line;
+    answer expected;
+  } cases[] = {
+      {"ls", answer::reply},
+      {"", answer::none},
+      {"\"\" ls", answer::none},
+      {"quit", answer::hangup},
+      {"QuIt -Q", answer::hangup},
+      {"qUIT", answer::hangup},
+      {"quitx", answer::reply},
+      {twenty, answer::hangup},
+      {many, answer::reply},
+      {"\"\" " + many, answer::none},
+      {"quit " + std::string(507, 'x'), answer::hangup},
       {"quit " + std::string(508, 'x'), answer::reply},  // 513 bytes: too long
   };
   for (auto &c : cases)

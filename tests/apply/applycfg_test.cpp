@@ -26,15 +26,23 @@ outcome read_text(const std::string &text, applycfg *cfg) {
 const std::string SVC = "services.e:\n\tprogram = x\n";  // two lines
 
 TEST(ApplyCfg, RefusesWithTheLineAndTheMessage) {
-  struct { std::string text, error; } cases[] = {
+  struct {
+    std::string text, error;
+  } cases[] = {
       // The parser's own refusals (its table: conf_test.cpp) come through unchanged.
-      {"port = 25\n", "1: \":\" expected"}, {SVC + "\tdescription = \"open\n", "3: missing end quote"},
+      {"port = 25\n", "1: \":\" expected"},
+      {SVC + "\tdescription = \"open\n", "3: missing end quote"},
       // Port keys: one spelling of a number from 1 to 65534.
-      {SVC + "\n# comment\ntcp.s0:\n\tstart = auto\n\tservice = e\n", "5: bad port s0 (s and a number from 1 to 65534)"},
-      {SVC + "tcp.s65535:\n\tstart = auto\n\tservice = e\n", "3: bad port s65535 (s and a number from 1 to 65534)"},
-      {SVC + "tcp.s025:\n\tstart = auto\n\tservice = e\n", "3: bad port s025 (s and a number from 1 to 65534)"},
-      {SVC + "tcp.p25:\n\tstart = auto\n\tservice = e\n", "3: bad port p25 (s and a number from 1 to 65534)"},
-      {SVC + "tcp.s25x:\n\tstart = auto\n\tservice = e\n", "3: bad port s25x (s and a number from 1 to 65534)"},
+      {SVC + "\n# comment\ntcp.s0:\n\tstart = auto\n\tservice = e\n",
+       "5: bad port s0 (s and a number from 1 to 65534)"},
+      {SVC + "tcp.s65535:\n\tstart = auto\n\tservice = e\n",
+       "3: bad port s65535 (s and a number from 1 to 65534)"},
+      {SVC + "tcp.s025:\n\tstart = auto\n\tservice = e\n",
+       "3: bad port s025 (s and a number from 1 to 65534)"},
+      {SVC + "tcp.p25:\n\tstart = auto\n\tservice = e\n",
+       "3: bad port p25 (s and a number from 1 to 65534)"},
+      {SVC + "tcp.s25x:\n\tstart = auto\n\tservice = e\n",
+       "3: bad port s25x (s and a number from 1 to 65534)"},
       // A port needs a start mode the port manager knows and a service that is given.
       {SVC + "tcp.s25:\n\tstart = auto\n", "3: port 25 has no service"},
       {SVC + "tcp.s25:\n\tstart = auto\n\tservice =\n", "5: port 25 has no service"},
@@ -47,8 +55,10 @@ TEST(ApplyCfg, RefusesWithTheLineAndTheMessage) {
       {"services.e:\n\tprogram =\n", "2: service e has no program"},
       {SVC + "\tlifespan = 1d\n", "3: lifespan 1d of service e is not a number of seconds"},
       {"global.start.g:\n\tstart = on\n", "1: global program g has no program"},
-      {"global.start.g:\n\tprogram = p\n\tstart = yes\n", "3: unknown start mode yes for global program g"},
-      {"services." + std::string(234, 'n') + ":\n\tprogram = x\n", "1: name too long (234 characters, at most 233)"},
+      {"global.start.g:\n\tprogram = p\n\tstart = yes\n",
+       "3: unknown start mode yes for global program g"},
+      {"services." + std::string(234, 'n') + ":\n\tprogram = x\n",
+       "1: name too long (234 characters, at most 233)"},
       // Anything else is refused rather than written where nothing reads it.
       {SVC + "\tprogam = y\n", "3: unknown value progam in services.e"},
       {SVC + "tcp:\n\tx = 1\n", "4: unknown value x in tcp"},
@@ -57,10 +67,12 @@ TEST(ApplyCfg, RefusesWithTheLineAndTheMessage) {
       {"\tx = 1\n", "1: unknown entry x"},
       {SVC + "\tPROGRAM = y\n", "3: value services.e.PROGRAM given twice"},
       // Lines are counted with CR LF ends and without a final line feed alike.
-      {"services.e:\r\n\tprogram = x\r\n\r\ntcp.s25:\r\n\tstart = bad\r\n\tservice = e\r\n", "5: unknown start mode bad for port 25"},
+      {"services.e:\r\n\tprogram = x\r\n\r\ntcp.s25:\r\n\tstart = bad\r\n\tservice = e\r\n",
+       "5: unknown start mode bad for port 25"},
       {SVC + "tcp.s25:\n\tservice = e\n\tstart = bad", "5: unknown start mode bad for port 25"},
       // The first fault by line wins, whatever the order of keys.
-      {"tcp.s25:\n\tstart = auto\nservices.e:\n\tprogram = x\n\tbogus = 1\n", "1: port 25 has no service"},
+      {"tcp.s25:\n\tstart = auto\nservices.e:\n\tprogram = x\n\tbogus = 1\n",
+       "1: port 25 has no service"},
   };
   for (auto &c : cases) {
     applycfg cfg;
@@ -72,14 +84,18 @@ TEST(ApplyCfg, RefusesWithTheLineAndTheMessage) {
 }
 
 TEST(ApplyCfg, TakesWhatThePortManagerReads) {
-  struct { std::string text; } cases[] = {
+  struct {
+    std::string text;
+  } cases[] = {
       {""},
       {"# nothing\n\n"},
       // The port manager finds the service at ".services.<name>" with "." made "_",
       // letter case ignored.
       {"services.Mail_Relay:\n\tprogram = x\ntcp.S25:\n\tstart = on\n\tservice = mail.relay\n"},
-      {SVC + "tcp.s1:\n\tstart = hook\n\tservice = e\ntcp.s65534:\n\tstart = auto\n\tservice = E\n"},
-      {"global.start.a:\n\tprogram = p\n\tstart = ON\nglobal.start.b:\n\tprogram = p\n\tstart = off\n"
+      {SVC +
+       "tcp.s1:\n\tstart = hook\n\tservice = e\ntcp.s65534:\n\tstart = auto\n\tservice = E\n"},
+      {"global.start.a:\n\tprogram = p\n\tstart = ON\nglobal.start.b:\n\tprogram = p\n\tstart = "
+       "off\n"
        "global.start.c:\n\tprogram = p\n"},
       {"global.start." + std::string(233, 'n') + ":\n\tprogram = x\n"},
       {"services:\nservices.e:\n\tprogram = x\n\tlifespan = 60\n\tdescription = \"\"\n"},
@@ -90,7 +106,10 @@ TEST(ApplyCfg, TakesWhatThePortManagerReads) {
     EXPECT_EQ(o.rc, 0) << c.text << " -> " << o.error;
   }
   applycfg cfg;
-  ASSERT_EQ(read_text("tcp.s25:\n\tService = Echo\n\tstart = on\nservices.Echo:\n\tProgram = a b\n", &cfg).rc, 0);
+  ASSERT_EQ(
+      read_text("tcp.s25:\n\tService = Echo\n\tstart = on\nservices.Echo:\n\tProgram = a b\n", &cfg)
+          .rc,
+      0);
   // Value names are written as the port manager names them; key names as the file has them.
   EXPECT_EQ(cfg.keys.at("services.echo").name, "services.Echo");
   EXPECT_EQ(cfg.keys.at("services.echo").values.at("program").name, "program");
@@ -111,11 +130,19 @@ std::string joined(const std::vector<std::string> &lines) {
 }
 
 TEST(ApplyCfg, DiffNamesWhatIsAddedChangedAndRemoved) {
-  applycfg old = model({{"tcp.s25", nullptr}, {"tcp.s25.start", "auto"}, {"tcp.s25.service", "e"},
-                        {"services.e.program", "x"}, {"services.e.description", "d"},
-                        {"global.start", nullptr}, {"tcp.s9", nullptr}});
-  applycfg next = model({{"tcp.s25.start", "on"}, {"TCP.S25.SERVICE", "e"}, {"services.e.program", "x"},
-                         {"services.e.lifespan", "60"}, {"tcp.s26.start", "auto"}, {"tcp.s26.service", "e"}});
+  applycfg old = model({{"tcp.s25", nullptr},
+                        {"tcp.s25.start", "auto"},
+                        {"tcp.s25.service", "e"},
+                        {"services.e.program", "x"},
+                        {"services.e.description", "d"},
+                        {"global.start", nullptr},
+                        {"tcp.s9", nullptr}});
+  applycfg next = model({{"tcp.s25.start", "on"},
+                         {"TCP.S25.SERVICE", "e"},
+                         {"services.e.program", "x"},
+                         {"services.e.lifespan", "60"},
+                         {"tcp.s26.start", "auto"},
+                         {"tcp.s26.service", "e"}});
   EXPECT_EQ(joined(applycfg_diff(old, next)),
             "remove services.e.description\n"
             "add services.e.lifespan = 60\n"
@@ -126,8 +153,9 @@ TEST(ApplyCfg, DiffNamesWhatIsAddedChangedAndRemoved) {
   // Keys without values (the folders, an emptied port) mean nothing to the port manager.
   EXPECT_EQ(joined(applycfg_diff(model({{"tcp", nullptr}, {"tcp.s9", nullptr}}), applycfg{})), "");
   // Letter case of a text is meaning ("Auto" is not "auto").
-  EXPECT_EQ(joined(applycfg_diff(model({{"tcp.s1.start", "auto"}}), model({{"tcp.s1.start", "Auto"}}))),
-            "change tcp.s1.start = Auto (was auto)\n");
+  EXPECT_EQ(
+      joined(applycfg_diff(model({{"tcp.s1.start", "auto"}}), model({{"tcp.s1.start", "Auto"}}))),
+      "change tcp.s1.start = Auto (was auto)\n");
 }
 
 TEST(ApplyCfg, ExportReadsBackAsTheSameConfiguration) {
@@ -154,7 +182,8 @@ TEST(ApplyCfg, ExportReadsBackAsTheSameConfiguration) {
   });
   std::vector<std::string> skipped;
   std::string text = applycfg_export(reg, &skipped);
-  EXPECT_EQ(joined(skipped), "other.key.v\nservices.a=b.program\ntcp.v\ntcp.sx.start\ntcp.s11.foo\n");
+  EXPECT_EQ(joined(skipped),
+            "other.key.v\nservices.a=b.program\ntcp.v\ntcp.sx.start\ntcp.s11.foo\n");
   // Ports come in number order after the services and global programs.
   EXPECT_LT(text.find("services.e:"), text.find("global.start.g:"));
   EXPECT_LT(text.find("global.start.g:"), text.find("tcp.s8:"));
@@ -164,7 +193,8 @@ TEST(ApplyCfg, ExportReadsBackAsTheSameConfiguration) {
   applycfg back;
   outcome o = read_text(text, &back);
   ASSERT_EQ(o.rc, 0) << o.error << "\n" << text;
-  for (const char *gone : {"tcp.s11.foo", "tcp.sx.start", "services.a=b.program", "other.key.v", "tcp.v"}) {
+  for (const char *gone :
+       {"tcp.s11.foo", "tcp.sx.start", "services.a=b.program", "other.key.v", "tcp.v"}) {
     std::string name = gone;
     size_t dot = name.rfind('.');
     reg.keys.erase(name.substr(0, dot));

@@ -38,7 +38,9 @@ class reader {
  private:
   // The next character after blanks, or 0 at the end.
   char peek() {
-    while (at_ < s_.size() && (s_[at_] == ' ' || s_[at_] == '\n' || s_[at_] == '\r' || s_[at_] == '\t')) at_++;
+    while (at_ < s_.size() &&
+           (s_[at_] == ' ' || s_[at_] == '\n' || s_[at_] == '\r' || s_[at_] == '\t'))
+      at_++;
     return at_ < s_.size() ? s_[at_] : 0;
   }
   bool eat(char c) { return peek() == c && ++at_; }

@@ -19,7 +19,8 @@ TEST(Listing, LinesBecomeFieldsAndAState) {
   } rows[] = {
       {" 7007  echo          Auto", 7007, "echo", "auto", 0, 0, "idle"},
       {"   25  mail          On Agent=412", 25, "mail", "on", 412, 0, "serving (pid 412)"},
-      {"65534  a-much-longer-name   Auto Agent=9", 65534, "a-much-longer-name", "auto", 9, 0, "serving (pid 9)"},
+      {"65534  a-much-longer-name   Auto Agent=9", 65534, "a-much-longer-name", "auto", 9, 0,
+       "serving (pid 9)"},
       {" 7008  two words     Auto", 7008, "two words", "auto", 0, 0, "idle"},
       {" 7009  hooked        Hook Parent=77 Agent=78", 7009, "hooked", "hook", 78, 77,
        "serving (pid 78), hooked by pid 77"},
@@ -62,7 +63,8 @@ TEST(Listing, TableAlignsItsColumnsUnderAHeader) {
 TEST(Listing, JsonReadsBackWithTypedFields) {
   listed_port a, b, c;
   ASSERT_TRUE(parse_listing_line(" 7007  say \"hi\"\\     Hook Parent=3 Agent=12", FOREVER, &a));
-  ASSERT_TRUE(parse_listing_line(" 7010  echo          Auto Disable=2026-11-24_22:10", FOREVER, &b));
+  ASSERT_TRUE(
+      parse_listing_line(" 7010  echo          Auto Disable=2026-11-24_22:10", FOREVER, &b));
   ASSERT_TRUE(parse_listing_line(" 7011  echo          On Disable=2038-01-19_03:14", FOREVER, &c));
   kj::reader r(listing_json({a, b, c}));
   kj::value v = r.parse();
@@ -84,7 +86,8 @@ TEST(Listing, JsonReadsBackWithTypedFields) {
   EXPECT_TRUE(v.items[2]["until_enabled"].boolean);
   EXPECT_EQ(v.items[2]["until_enabled"].kind, kj::value::BOOL);
 
-  for (auto [reply, ok, error] : {std::tuple{"+", true, ""}, {"-Failed with code -4", false, "Failed with code -4"},
+  for (auto [reply, ok, error] : {std::tuple{"+", true, ""},
+                                  {"-Failed with code -4", false, "Failed with code -4"},
                                   {"-\x01 odd", false, "\x01 odd"}}) {
     kj::reader rr(reply_json(reply));
     kj::value o = rr.parse();

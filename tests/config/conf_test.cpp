@@ -20,7 +20,9 @@ TEST(Conf, ParsesLinesOrGivesTheLineAndTheText) {
   } cases[] = {
       {"# only\n\n   \n\t# comments\n", "", ""},
       {"g:\n  port = 25\n  b = \"two\\tparts\"\nt.s25:\n\tservice = smtp\n",
-       "g|(null)|.P|0;g.port|25|.P|s;g.b|two\tparts|.P|s;t.s25|(null)|.P|0;t.s25.service|smtp|.P|s;", ""},
+       "g|(null)|.P|0;g.port|25|.P|s;g.b|two\tparts|.P|s;t.s25|(null)|.P|0;t.s25.service|smtp|.P|"
+       "s;",
+       ""},
       {"  x = 1\nb: whatever\n  z.w = 3\n", "x|1|.P|s;b|(null)|.P|0;b.z.w|3|.P|s;", ""},
       {"  key =\n  k2 = \"\"\n  k3 = \"\n", "key||.P|s;k2||.P|s;k3||.P|s;", ""},
       {"  k =   padded  \t\n  q = \"  w  \"  \n", "k|padded|.P|s;q|  w  |.P|s;", ""},
@@ -55,7 +57,8 @@ TEST(Conf, ParsesLinesOrGivesTheLineAndTheText) {
 TEST(Conf, ReadFile) {
   EXPECT_EQ(KIV_EACCES, kivconf_readfile(".P", "/nonexistent/kivconf/none.cfg", record));
   EXPECT_EQ(0, kivconf_readfile(".m", tempfile("conf.cfg", "sec:\n  k = v\n").c_str(), record));
-  EXPECT_EQ(KIV_EFTYPE, kivconf_readfile(".m", tempfile("conf.cfg", "sec:\n  broken\n").c_str(), record));
+  EXPECT_EQ(KIV_EFTYPE,
+            kivconf_readfile(".m", tempfile("conf.cfg", "sec:\n  broken\n").c_str(), record));
 }
 
 // The parser with the heap failing at every point in turn: a refusal ends the parse with
@@ -63,8 +66,8 @@ TEST(Conf, ReadFile) {
 // made before it is one the complete parse makes too, and nothing leaks.
 TEST(ConfOutOfMemory, ParseStopsCleanlyAtEveryRefusal) {
   std::string text = "# agents\nglobal:\n  port = 25\n  name = \"two\\tparts\"\n  long = " +
-                     std::string(200, 'L') + "\nt.s25:\r\n\tservice = smtp\n" + std::string(40, 's') +
-                     ":\n  " + std::string(60, 'n') + " = v\n";
+                     std::string(200, 'L') + "\nt.s25:\r\n\tservice = smtp\n" +
+                     std::string(40, 's') + ":\n  " + std::string(60, 'n') + " = v\n";
   std::string path = tempfile("conf.cfg", text);
   calls.clear();
   FILE *f = fopen(path.c_str(), "r");

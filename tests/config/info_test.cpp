@@ -76,7 +76,8 @@ TEST_F(Info, CaseInsensitiveLookupsStoredCaseInWalks) {
 // True when another thread completes a lookup: the tree's lock is free.
 bool otherthreadproceeds(const std::string &name, const std::string &want) {
   auto result = std::async(std::launch::async, [name] { return get(name); });
-  return result.wait_for(std::chrono::seconds(10)) == std::future_status::ready && result.get() == want;
+  return result.wait_for(std::chrono::seconds(10)) == std::future_status::ready &&
+         result.get() == want;
 }
 
 TEST_F(Info, SetKindsAndRefusalsLeaveTheLockFree) {
@@ -86,8 +87,10 @@ TEST_F(Info, SetKindsAndRefusalsLeaveTheLockFree) {
     int kind, expect;
     bool removed;  // the old subtree is gone afterwards
   } cases[] = {
-      {".t5", KIVINFO_RESERVED, KIV_ENOTSUPP, true}, {".t5", 3, KIV_EINVAL, true},
-      {"t5", KIVINFO_FILE, KIV_EINVAL, false},       {".", KIVINFO_FILE, KIV_ENOPARENT, false},
+      {".t5", KIVINFO_RESERVED, KIV_ENOTSUPP, true},
+      {".t5", 3, KIV_EINVAL, true},
+      {"t5", KIVINFO_FILE, KIV_EINVAL, false},
+      {".", KIVINFO_FILE, KIV_ENOPARENT, false},
       {".t5.none.deeper", KIVINFO_FILE, KIV_ENOPARENT, false},
   };
   for (auto &c : cases) {
@@ -119,11 +122,14 @@ std::string lastline;
 void capture(const char *line) { lastline = line; }
 
 TEST_F(Info, LookupLogLinesAtLevelFive) {
-  std::string f = tempfile("t8.cfg", "s:\n  v20 = 01234567890123456789\n  v21 = 012345678901234567890\n");
+  std::string f =
+      tempfile("t8.cfg", "s:\n  v20 = 01234567890123456789\n  v21 = 012345678901234567890\n");
   ASSERT_EQ(kivinfo_set(".t8", f.c_str(), KIVINFO_FILE), 0);
   kiv_logsink = capture;
   kiv_loglevel = 5;
-  struct { const char *name, *logged; } cases[] = {
+  struct {
+    const char *name, *logged;
+  } cases[] = {
       {".t8.s.v20", "\".t8.s.v20\" == \"01234567890123456789\""},
       {".t8.s.v21", "\".t8.s.v21\" == \"01234567890123456789\" ..."},
       {".t8.none", "not found: \".t8.none\""},
@@ -131,9 +137,11 @@ TEST_F(Info, LookupLogLinesAtLevelFive) {
   for (auto &c : cases) {
     lastline.clear();
     get(c.name);
-    while (!lastline.empty() && (lastline.back() == '\n' || lastline.back() == '\r')) lastline.pop_back();
+    while (!lastline.empty() && (lastline.back() == '\n' || lastline.back() == '\r'))
+      lastline.pop_back();
     EXPECT_NE(lastline.find("kivinfo_get"), std::string::npos) << lastline;
-    EXPECT_EQ(lastline.substr(lastline.size() - std::min(lastline.size(), strlen(c.logged))), c.logged);
+    EXPECT_EQ(lastline.substr(lastline.size() - std::min(lastline.size(), strlen(c.logged))),
+              c.logged);
   }
   kiv_logreset();
 }
@@ -153,10 +161,13 @@ TEST_F(Info, RelativeNamesFollowTheSearchList) {
   char one[] = ".t9.one", two[] = ".t9.two", top[] = ".t9";
   char *both[] = {one, two, nullptr}, *topfirst[] = {top, one, nullptr}, *none[] = {nullptr};
   kiv_context ctx{0, 0, both}, ctxtop{0, 0, topfirst}, ctxnone{0, 0, none}, ctxnull{0, 0, nullptr};
-  struct { kiv_context *ctx; const char *name, *expect; } cases[] = {
-      {&ctx, "x", "1"},           {&ctx, "y", "22"},           {&ctx, "z", "#-4"},
-      {&ctx, ".t9.two.x", "2"},   {&ctxtop, "x", "1"},         {&ctxtop, "one", "#-4"},
-      {&ctxtop, "one.x", "1"},    {nullptr, "x", "#-7"},       {&ctxnone, "x", "#-7"},
+  struct {
+    kiv_context *ctx;
+    const char *name, *expect;
+  } cases[] = {
+      {&ctx, "x", "1"},         {&ctx, "y", "22"},     {&ctx, "z", "#-4"},
+      {&ctx, ".t9.two.x", "2"}, {&ctxtop, "x", "1"},   {&ctxtop, "one", "#-4"},
+      {&ctxtop, "one.x", "1"},  {nullptr, "x", "#-7"}, {&ctxnone, "x", "#-7"},
       {&ctxnull, "x", "#-7"},
   };
   char *list2[] = {two, top, nullptr};
@@ -178,17 +189,23 @@ TEST_F(Info, RelativeNamesFollowTheSearchList) {
 // A file source's name gets ".cfg" unless its text from the last "." on is exactly
 // ".cfg". Each file exists only under the name expected, so a wrong name fails the read.
 TEST_F(Info, FileSourceNamesEndInCfg) {
-  struct { const char *source, *stored; } cases[] = {
-      {"agents", "agents.cfg"},          {"agents.cfg", "agents.cfg"},
-      {"agents.CFG", "agents.CFG.cfg"},  {"agents.cfgx", "agents.cfgx.cfg"},
-      {"v.d/agents", "v.d/agents.cfg"},  {"v.cfg/agents", "v.cfg/agents.cfg"},
+  struct {
+    const char *source, *stored;
+  } cases[] = {
+      {"agents", "agents.cfg"},
+      {"agents.cfg", "agents.cfg"},
+      {"agents.CFG", "agents.CFG.cfg"},
+      {"agents.cfgx", "agents.cfgx.cfg"},
+      {"v.d/agents", "v.d/agents.cfg"},
+      {"v.cfg/agents", "v.cfg/agents.cfg"},
       {"agents.cfg.cfg", "agents.cfg.cfg"},
   };
   for (auto &c : cases) {
     fs::create_directories(testdir() / "v.d");
     fs::create_directories(testdir() / "v.cfg");
     std::string stored = tempfile(c.stored, "s:\n  k = v\n");
-    ASSERT_EQ(kivinfo_set(".t10", (testdir() / c.source).string().c_str(), KIVINFO_FILE), 0) << c.source;
+    ASSERT_EQ(kivinfo_set(".t10", (testdir() / c.source).string().c_str(), KIVINFO_FILE), 0)
+        << c.source;
     EXPECT_EQ(get(".t10.s.k"), "v") << c.source;
     EXPECT_EQ(walk(".t10"), (list{".t10.s.k=v", ".t10.s=", ".t10=" + stored})) << c.source;
     fs::remove(stored);
@@ -199,52 +216,57 @@ TEST_F(Info, FileSourceNamesEndInCfg) {
 // clean code, and afterwards the tree reads, finds and walks the source as if nothing
 // had happened (a failed read leaves the source unread, so it is read again).
 TEST(InfoOutOfMemory, EveryOperationLeavesAUsableTree) {
-  std::string f = tempfile("oom.cfg", "s:\n  k = value\n  long = " + std::string(100, 'L') + "\nt.u:\n  k = 2\n");
+  std::string f = tempfile(
+      "oom.cfg", "s:\n  k = value\n  long = " + std::string(100, 'L') + "\nt.u:\n  k = 2\n");
   char s[] = ".oom.s", *searchlist[] = {s, nullptr};
   kiv_context ctx{0, 0, searchlist};
-  list full = {".oom.s.k=value", ".oom.s.long=" + std::string(100, 'L'), ".oom.s=", ".oom.t.u.k=2",
-               ".oom.t.u=", ".oom.t=", ".oom=" + f};
+  list full = {".oom.s.k=value", ".oom.s.long=" + std::string(100, 'L'),
+               ".oom.s=",        ".oom.t.u.k=2",
+               ".oom.t.u=",      ".oom.t=",
+               ".oom=" + f};
   auto clean = [](int rc, std::initializer_list<int> allowed) {
     return std::find(allowed.begin(), allowed.end(), rc) != allowed.end();
   };
-  int points = failpoints("info tree: init, attach, lookups (absolute, relative), walk", [&](int n) {
-    xheap_failafter(n);
-    int rc = kivinfo_init(0);
-    EXPECT_TRUE(clean(rc, {0, KIV_EBUSY, KIV_ENOMEM})) << rc;
-    if (rc == KIV_ENOMEM) {
-      xheap_failafter(-1);
-      char *out = nullptr;
-      EXPECT_EQ(kivinfo_get(nullptr, ".", &out), KIV_ENOTREADY);  // still absent
-      return false;
-    }
-    bool complete = true;
-    rc = kivinfo_set(".oom", f.c_str(), KIVINFO_FILE);
-    EXPECT_TRUE(clean(rc, {0, KIV_ENOMEM})) << rc;
-    complete = complete && rc == 0;
-    for (const char *name : {".oom.s.k", "k", ".oom.t.u.k"}) {
-      char *out = nullptr;
-      // A read that fails for want of memory is a failed read: EINTERNAL for a lookup.
-      rc = kivinfo_get(name[0] == '.' ? nullptr : &ctx, name, &out);
-      EXPECT_TRUE(clean(rc, {0, KIV_ENOMEM, KIV_EINTERNAL, KIV_ENOTFOUND})) << name << " " << rc;
-      if (rc == KIV_ENOTFOUND) {
-        EXPECT_FALSE(complete) << name;  // only when the attachment failed
-      }
-      complete = complete && rc == 0;
-      xfree(out);
-    }
-    list seen;
-    rc = kivinfo_walk(".oom", record, &seen);
-    // The reader turns a refused allocation into a parse failure: EFTYPE.
-    EXPECT_TRUE(clean(rc, {0, KIV_ENOMEM, KIV_EFTYPE})) << rc;
-    std::sort(seen.begin(), seen.end());
-    complete = complete && rc == 0 && seen == full;
-    xheap_failafter(-1);
-    EXPECT_EQ(kivinfo_set(".oom", f.c_str(), KIVINFO_FILE), 0);
-    EXPECT_EQ(get(".oom.t.u.k"), "2");
-    EXPECT_EQ(walk(".oom"), full);
-    kivinfo_set(".oom", "gone", KIVINFO_RESERVED);  // the subtree goes; the tree stays
-    return complete;
-  });
+  int points =
+      failpoints("info tree: init, attach, lookups (absolute, relative), walk", [&](int n) {
+        xheap_failafter(n);
+        int rc = kivinfo_init(0);
+        EXPECT_TRUE(clean(rc, {0, KIV_EBUSY, KIV_ENOMEM})) << rc;
+        if (rc == KIV_ENOMEM) {
+          xheap_failafter(-1);
+          char *out = nullptr;
+          EXPECT_EQ(kivinfo_get(nullptr, ".", &out), KIV_ENOTREADY);  // still absent
+          return false;
+        }
+        bool complete = true;
+        rc = kivinfo_set(".oom", f.c_str(), KIVINFO_FILE);
+        EXPECT_TRUE(clean(rc, {0, KIV_ENOMEM})) << rc;
+        complete = complete && rc == 0;
+        for (const char *name : {".oom.s.k", "k", ".oom.t.u.k"}) {
+          char *out = nullptr;
+          // A read that fails for want of memory is a failed read: EINTERNAL for a lookup.
+          rc = kivinfo_get(name[0] == '.' ? nullptr : &ctx, name, &out);
+          EXPECT_TRUE(clean(rc, {0, KIV_ENOMEM, KIV_EINTERNAL, KIV_ENOTFOUND}))
+              << name << " " << rc;
+          if (rc == KIV_ENOTFOUND) {
+            EXPECT_FALSE(complete) << name;  // only when the attachment failed
+          }
+          complete = complete && rc == 0;
+          xfree(out);
+        }
+        list seen;
+        rc = kivinfo_walk(".oom", record, &seen);
+        // The reader turns a refused allocation into a parse failure: EFTYPE.
+        EXPECT_TRUE(clean(rc, {0, KIV_ENOMEM, KIV_EFTYPE})) << rc;
+        std::sort(seen.begin(), seen.end());
+        complete = complete && rc == 0 && seen == full;
+        xheap_failafter(-1);
+        EXPECT_EQ(kivinfo_set(".oom", f.c_str(), KIVINFO_FILE), 0);
+        EXPECT_EQ(get(".oom.t.u.k"), "2");
+        EXPECT_EQ(walk(".oom"), full);
+        kivinfo_set(".oom", "gone", KIVINFO_RESERVED);  // the subtree goes; the tree stays
+        return complete;
+      });
   EXPECT_GE(points, 30);
 }
 

@@ -40,14 +40,17 @@ class Memdb : public ::testing::Test {
 // Points into key and data: both must outlive the record.
 kiv_memdbrec rec(const std::string &key, const std::string *data = nullptr) {
   kiv_memdbrec r{static_cast<int32_t>(key.size()), const_cast<char *>(key.data()), 0, nullptr};
-  if (data) r = {r.keylen, r.key, static_cast<int32_t>(data->size()), const_cast<char *>(data->data())};
+  if (data)
+    r = {r.keylen, r.key, static_cast<int32_t>(data->size()), const_cast<char *>(data->data())};
   return r;
 }
 int op(kiv_memdb *db, int what, const std::string &key, const std::string *data = nullptr) {
   kiv_memdbrec r = rec(key, data);
   return kiv_memdbfunc(what, &r, db);
 }
-int put(kiv_memdb *db, const std::string &key, const std::string &data) { return op(db, MEMDB_PUT, key, &data); }
+int put(kiv_memdb *db, const std::string &key, const std::string &data) {
+  return op(db, MEMDB_PUT, key, &data);
+}
 // The data as text, or "#<code>" on failure.
 std::string get(kiv_memdb *db, const std::string &key) {
   kiv_memdbrec r = rec(key);
@@ -116,7 +119,8 @@ int walker(kiv_memdb *db, kiv_memdbrec *r, void *arg) {
 
 TEST_F(Memdb, WalkVisitsEachLiveEntryOnce) {
   kiv_memdb *db = make(8, 100);
-  for (int i = 0; i < 20; i++) ASSERT_EQ(put(db, (i % 2 ? "o" : "e") + std::to_string(10 + i), "v"), 0);
+  for (int i = 0; i < 20; i++)
+    ASSERT_EQ(put(db, (i % 2 ? "o" : "e") + std::to_string(10 + i), "v"), 0);
   walkstate st;
   EXPECT_EQ(kiv_memdbwalk(db, walker, &st), 0);
   EXPECT_EQ(st.visits, 19);
@@ -186,7 +190,10 @@ TEST_F(Memdb, FreeFunctionTakesDisposalAndBytesStayRight) {
 // TOUCH renews an entry at every successful lookup; without it the first stamp counts.
 TEST_F(Memdb, TouchRenewsOnLookup) {
   // second: the lookup 180 s after the store, 90 s after the first
-  struct { int flags; const char *second; } cases[] = {{MEMDB_TOUCH, "v"}, {0, "#-11"}};
+  struct {
+    int flags;
+    const char *second;
+  } cases[] = {{MEMDB_TOUCH, "v"}, {0, "#-11"}};
   for (auto &c : cases) {
     kiv_memdb *db = make(8, 100, c.flags);
     ASSERT_EQ(put(db, "k", "v"), 0);
@@ -201,10 +208,18 @@ TEST_F(Memdb, TouchRenewsOnLookup) {
 // nothing. With FREEFUNC the argument is the function and no ceiling is read.
 TEST_F(Memdb, CeilingRange) {
   kiv_memdb *db = make(8, 100);
-  struct { int flags; long long arg; bool refused; int32_t ceiling; } cases[] = {
-      {MEMDB_MAXBYTES, -1, true, 0}, {MEMDB_MAXBYTES, INT_MIN, true, 0},
-      {MEMDB_MAXBYTES, static_cast<long long>(INT32_MAX) + 1, true, 0}, {MEMDB_MAXBYTES, INT32_MAX, false, INT32_MAX},
-      {MEMDB_MAXBYTES, 0, false, 0}, {MEMDB_MAXBYTES, 77, false, 77}, {MEMDB_MAXBYTES | MEMDB_FREEFUNC, -1, false, 77}};
+  struct {
+    int flags;
+    long long arg;
+    bool refused;
+    int32_t ceiling;
+  } cases[] = {{MEMDB_MAXBYTES, -1, true, 0},
+               {MEMDB_MAXBYTES, INT_MIN, true, 0},
+               {MEMDB_MAXBYTES, static_cast<long long>(INT32_MAX) + 1, true, 0},
+               {MEMDB_MAXBYTES, INT32_MAX, false, INT32_MAX},
+               {MEMDB_MAXBYTES, 0, false, 0},
+               {MEMDB_MAXBYTES, 77, false, 77},
+               {MEMDB_MAXBYTES | MEMDB_FREEFUNC, -1, false, 77}};
   for (auto &c : cases) {
     int before = kiv_memdbopt(db, -1, 0);
     int rc = kiv_memdbopt(db, c.flags, static_cast<intptr_t>(c.arg));

@@ -27,16 +27,22 @@ int record(const char *name, const char *value, const char *prefix, int letter) 
                   (letter ? char(letter) : '0'));
   return stopat && strcmp(stopat, name) == 0 ? 42 : 0;
 }
-size_t indexof(const std::string &c) { return std::find(calls.begin(), calls.end(), c) - calls.begin(); }
+size_t indexof(const std::string &c) {
+  return std::find(calls.begin(), calls.end(), c) - calls.begin();
+}
 
 std::string subkey = "Software\\kivd-test-" + std::to_string(GetCurrentProcessId()) + "-" +
-                     std::to_string(GetTickCount()), regpath = "HKEY_CURRENT_USER\\" + subkey;
+                     std::to_string(GetTickCount()),
+            regpath = "HKEY_CURRENT_USER\\" + subkey;
 
 void set(const std::string &path, const char *name, DWORD type, const void *data, DWORD size) {
   HKEY key = nullptr;
-  ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExA(HKEY_CURRENT_USER, (subkey + path).c_str(), 0, nullptr, 0,
-                                           KEY_ALL_ACCESS, nullptr, &key, nullptr)) << path;
-  EXPECT_EQ(ERROR_SUCCESS, RegSetValueExA(key, name, 0, type, static_cast<const BYTE *>(data), size)) << name;
+  ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExA(HKEY_CURRENT_USER, (subkey + path).c_str(), 0, nullptr,
+                                           0, KEY_ALL_ACCESS, nullptr, &key, nullptr))
+      << path;
+  EXPECT_EQ(ERROR_SUCCESS,
+            RegSetValueExA(key, name, 0, type, static_cast<const BYTE *>(data), size))
+      << name;
   RegCloseKey(key);
 }
 void setsz(const std::string &path, const char *name, const char *text) {
@@ -55,15 +61,18 @@ struct W32conf : ::testing::Test {
     setsz("\\nest\\inner", "deep", "z");
     setsz("\\onlydefault", "", "d");
   }
-  static void TearDownTestSuite() { EXPECT_EQ(ERROR_SUCCESS, RegDeleteTreeA(HKEY_CURRENT_USER, subkey.c_str())); }
+  static void TearDownTestSuite() {
+    EXPECT_EQ(ERROR_SUCCESS, RegDeleteTreeA(HKEY_CURRENT_USER, subkey.c_str()));
+  }
   void SetUp() override { calls.clear(), stopat = nullptr; }
 };
 
 TEST_F(W32conf, CopiesValuesAndSubkeysInOrder) {
   ASSERT_EQ(0, kivconf_readreg(".t", regpath.c_str(), record));
-  list expected = {".t str=0123456789/s", ".t a_b=dotted/s", ".t dneg=-1/d", ".t =default/s",
-                   ".t nest=(null)/0", ".t.nest inner=(null)/0", ".t.nest.inner deep=z/s",
-                   ".t onlydefault=(null)/0"};  // a default value alone is not copied
+  list expected = {
+      ".t str=0123456789/s",    ".t a_b=dotted/s",        ".t dneg=-1/d",
+      ".t =default/s",          ".t nest=(null)/0",       ".t.nest inner=(null)/0",
+      ".t.nest.inner deep=z/s", ".t onlydefault=(null)/0"};  // a default value alone is not copied
   list got = calls;
   std::sort(expected.begin(), expected.end());
   std::sort(got.begin(), got.end());

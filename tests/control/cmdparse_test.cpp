@@ -21,32 +21,58 @@ std::string words(int from, int to, const char *tail = "") {
 // The count, and the words the vector holds (at most CMD_MAXWORDS); a guard behind the
 // vector must stay untouched.
 TEST(CmdSplit, Table) {
-  struct { std::string line; int count; std::vector<std::string> words; const char *last = "w19"; } cases[] = {
-      {"ls", 1, {"ls"}}, {"  \tls", 1, {"ls"}}, {"", 1, {""}}, {" \t  ", 1, {""}},
-      {"disable 25", 2, {"disable", "25"}}, {"a\tb", 2, {"a", "b"}}, {"a  \t b", 2, {"a", "b"}},
-      {"a ", 2, {"a", ""}}, {"a \t", 2, {"a", ""}}, {"\"a b\" c", 2, {"a b", "c"}},
-      {"ab\"c d\"e", 1, {"abc de"}}, {"\"\"", 1, {""}}, {"a \"\" b", 3, {"a", "", "b"}},
-      {"a\\ b", 1, {"a b"}}, {"a\\\\b", 1, {"a\\b"}}, {"a\\\"b", 1, {"a\"b"}}, {"\"a\\\"b\"", 1, {"a\"b"}},
-      {"\"in\\\\side\"", 1, {"in\\side"}}, {"end\\", 1, {"end"}}, {"quit\n", 1, {"quit\n"}},
+  struct {
+    std::string line;
+    int count;
+    std::vector<std::string> words;
+    const char *last = "w19";
+  } cases[] = {
+      {"ls", 1, {"ls"}},
+      {"  \tls", 1, {"ls"}},
+      {"", 1, {""}},
+      {" \t  ", 1, {""}},
+      {"disable 25", 2, {"disable", "25"}},
+      {"a\tb", 2, {"a", "b"}},
+      {"a  \t b", 2, {"a", "b"}},
+      {"a ", 2, {"a", ""}},
+      {"a \t", 2, {"a", ""}},
+      {"\"a b\" c", 2, {"a b", "c"}},
+      {"ab\"c d\"e", 1, {"abc de"}},
+      {"\"\"", 1, {""}},
+      {"a \"\" b", 3, {"a", "", "b"}},
+      {"a\\ b", 1, {"a b"}},
+      {"a\\\\b", 1, {"a\\b"}},
+      {"a\\\"b", 1, {"a\"b"}},
+      {"\"a\\\"b\"", 1, {"a\"b"}},
+      {"\"in\\\\side\"", 1, {"in\\side"}},
+      {"end\\", 1, {"end"}},
+      {"quit\n", 1, {"quit\n"}},
       {"\"unmatched rest  of\tline", 1, {"unmatched rest  of\tline"}},
       {"add -p 99 -- \"x y\" -v", 6, {"add", "-p", "99", "--", "x y", "-v"}},
       {std::string(CMD_LINE, ' '), 1, {""}},  // the longest line, blanks only
       // Exactly as many words as the vector holds; one more (a trailing blank starts an
       // empty one) is refused, the vector holding the first ones.
-      {words(0, 20), 20, {}}, {words(0, 20, " "), 21, {}}, {words(0, 21), 21, {}},
-      {words(0, 19, " \"w19 x\""), 20, {}, "w19 x"}, {words(0, 19, " w19\\ x"), 20, {}, "w19 x"},
-      {words(0, 20, " \"\""), 21, {}}, {words(0, 23), 21, {}},
+      {words(0, 20), 20, {}},
+      {words(0, 20, " "), 21, {}},
+      {words(0, 21), 21, {}},
+      {words(0, 19, " \"w19 x\""), 20, {}, "w19 x"},
+      {words(0, 19, " w19\\ x"), 20, {}, "w19 x"},
+      {words(0, 20, " \"\""), 21, {}},
+      {words(0, 23), 21, {}},
   };
   for (auto &c : cases) {
     char line[CMD_LINE + 1];
     snprintf(line, sizeof line, "%s", c.line.c_str());
-    struct { char *vector[CMD_MAXWORDS], *guard[4]; } v = {};
+    struct {
+      char *vector[CMD_MAXWORDS], *guard[4];
+    } v = {};
     int n = cmd_split(line, v.vector);
     EXPECT_EQ(c.count, n) << "line: [" << c.line << "]";
     std::vector<std::string> got(v.vector, v.vector + std::min(n, CMD_MAXWORDS));
     if (c.words.empty()) {  // the long rows: w0 ... w19, the last one as the line has it
       ASSERT_EQ(CMD_MAXWORDS, static_cast<int>(got.size())) << c.line;
-      for (int i = 0; i < CMD_MAXWORDS - 1; i++) EXPECT_EQ("w" + std::to_string(i), got[i]) << c.line;
+      for (int i = 0; i < CMD_MAXWORDS - 1; i++)
+        EXPECT_EQ("w" + std::to_string(i), got[i]) << c.line;
       EXPECT_EQ(c.last, got.back()) << c.line;
     } else {
       EXPECT_EQ(c.words, got) << "line: [" << c.line << "]";
@@ -62,13 +88,18 @@ TEST(CmdAddArgs, Table) {
     int port;
     const char *pid, *extra;
   } cases[] = {
-      {"add", KIV_EINVAL, 0, nullptr, ""}, {"add -p 0", KIV_EINVAL, 0, nullptr, ""},
-      {"add -p x", KIV_EINVAL, 0, nullptr, ""}, {"add -i 5", KIV_EINVAL, 0, "5", ""},
-      {"add -x -p 99", KIV_EINVAL, 0, nullptr, ""}, {"add -p 99 -x", KIV_EINVAL, 99, nullptr, ""},
-      {"add -p 99", 0, 99, nullptr, ""}, {"add -p99abc", 0, 99, nullptr, ""},
+      {"add", KIV_EINVAL, 0, nullptr, ""},
+      {"add -p 0", KIV_EINVAL, 0, nullptr, ""},
+      {"add -p x", KIV_EINVAL, 0, nullptr, ""},
+      {"add -i 5", KIV_EINVAL, 0, "5", ""},
+      {"add -x -p 99", KIV_EINVAL, 0, nullptr, ""},
+      {"add -p 99 -x", KIV_EINVAL, 99, nullptr, ""},
+      {"add -p 99", 0, 99, nullptr, ""},
+      {"add -p99abc", 0, 99, nullptr, ""},
       {"add -p 1 -p 99", 0, 99, nullptr, ""},
       {"add -p 99 -i", 0, 99, nullptr, ""},  // a value-less option at the end is ignored
-      {"add -p 99 -- prog -v", 2, 99, nullptr, "prog -v"}, {"add -p 99 prog -v", 2, 99, nullptr, "prog -v"},
+      {"add -p 99 -- prog -v", 2, 99, nullptr, "prog -v"},
+      {"add -p 99 prog -v", 2, 99, nullptr, "prog -v"},
       {"add -p 99 -i 1234 -- \"a b\"  c", 2, 99, "1234", "a b c"},
       {"add -i 1 -i 77 -p 5 -- -x", 1, 5, "77", "-x"},
       {"add -p 9 -- a\\ b \"c\\\"\" d e f g h i j k l m n o p q", 16, 9, nullptr,

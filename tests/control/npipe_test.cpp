@@ -27,7 +27,8 @@ void server() {
 struct client {
   HANDLE h;
   client() {
-    h = CreateFileA(pipe_name().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    h = CreateFileA(pipe_name().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0,
+                    nullptr);
     DWORD mode = PIPE_READMODE_MESSAGE;
     if (h != INVALID_HANDLE_VALUE) SetNamedPipeHandleState(h, &mode, nullptr, nullptr);
   }
@@ -38,7 +39,8 @@ struct client {
   }
   void send(const std::string &m) {
     DWORD put = 0;
-    ASSERT_TRUE(WriteFile(h, m.data(), static_cast<DWORD>(m.size()), &put, nullptr)) << GetLastError();
+    ASSERT_TRUE(WriteFile(h, m.data(), static_cast<DWORD>(m.size()), &put, nullptr))
+        << GetLastError();
   }
   std::string receive() {
     std::string out;
@@ -48,7 +50,8 @@ struct client {
       BOOL ok = ReadFile(h, buf, sizeof buf, &got, nullptr);
       out.append(buf, got);
       if (ok) return out;
-      if (GetLastError() != ERROR_MORE_DATA) return "<error " + std::to_string(GetLastError()) + ">";
+      if (GetLastError() != ERROR_MORE_DATA)
+        return "<error " + std::to_string(GetLastError()) + ">";
     }
   }
 };
@@ -226,7 +229,8 @@ TEST(Npipe, TwoClientsAtOnceAndTheStatusLine) {
   }
   EXPECT_EQ(got, 2);
   // A third client finds every instance busy.
-  HANDLE third = CreateFileA(pipe_name().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+  HANDLE third = CreateFileA(pipe_name().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                             OPEN_EXISTING, 0, nullptr);
   EXPECT_EQ(third, INVALID_HANDLE_VALUE);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_PIPE_BUSY));
   npipe_close(pa);

@@ -33,11 +33,13 @@ struct service_view {
 service_view query() {
   service_view v;
   SC_HANDLE scm = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT);
-  SC_HANDLE s = scm ? OpenServiceA(scm, SSERV_NAME, SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG) : nullptr;
+  SC_HANDLE s =
+      scm ? OpenServiceA(scm, SSERV_NAME, SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG) : nullptr;
   if (s) {
     SERVICE_STATUS_PROCESS st = {};
     DWORD need = 0;
-    if (QueryServiceStatusEx(s, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE *>(&st), sizeof st, &need)) {
+    if (QueryServiceStatusEx(s, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE *>(&st), sizeof st,
+                             &need)) {
       v.state = st.dwCurrentState;
       v.pid = st.dwProcessId;
     }
@@ -45,7 +47,8 @@ service_view query() {
     if (QueryServiceConfigA(s, reinterpret_cast<QUERY_SERVICE_CONFIGA *>(buf.data()), 8192, &need))
       v.cmdline = reinterpret_cast<QUERY_SERVICE_CONFIGA *>(buf.data())->lpBinaryPathName;
     auto *d = reinterpret_cast<SERVICE_DESCRIPTIONA *>(buf.data());
-    if (QueryServiceConfig2A(s, SERVICE_CONFIG_DESCRIPTION, reinterpret_cast<BYTE *>(buf.data()), 8192, &need) &&
+    if (QueryServiceConfig2A(s, SERVICE_CONFIG_DESCRIPTION, reinterpret_cast<BYTE *>(buf.data()),
+                             8192, &need) &&
         d->lpDescription)
       v.description = d->lpDescription;
     CloseServiceHandle(s);
@@ -75,7 +78,8 @@ void stop_service() {
   if (s) ControlService(s, SERVICE_CONTROL_STOP, &st);
   if (s) CloseServiceHandle(s);
   if (scm) CloseServiceHandle(scm);
-  EXPECT_TRUE(kt::poll([] { return query().state != SERVICE_RUNNING && !kivd_process_left(); }, 30000));
+  EXPECT_TRUE(
+      kt::poll([] { return query().state != SERVICE_RUNNING && !kivd_process_left(); }, 30000));
 }
 
 std::string file_version(const std::string &exe, const char *name) {
@@ -105,7 +109,9 @@ void expect_serving(const std::string &dir, const char *version, int port) {
     EXPECT_EQ(file_version(dir + "\\" + exe, "ProductName"), "kivd") << exe;
   }
   std::string kivctl = "\"" + dir + "\\kivctl.exe\"";
-  ASSERT_TRUE(kt::poll([&] { return kt::run(kivctl + " --json status").out.find("\"running\":true") != std::string::npos; }));
+  ASSERT_TRUE(kt::poll([&] {
+    return kt::run(kivctl + " --json status").out.find("\"running\":true") != std::string::npos;
+  }));
   kj::reader r(kt::run(kivctl + " --json status").out);
   kj::value st = r.parse();
   ASSERT_TRUE(r.ok());
@@ -146,8 +152,11 @@ TEST(Package, InstallUpgradeAndRemoveKeepTheConfiguration) {
   EXPECT_FALSE(kivd_process_left());
   EXPECT_EQ(GetFileAttributesA(dir.c_str()), INVALID_FILE_ATTRIBUTES) << dir;
   HKEY key;
-  ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, ("SOFTWARE\\Orvane\\Agents\\tcp\\s" + std::to_string(port)).c_str(),
-                          0, KEY_READ, &key), ERROR_SUCCESS) << "the configuration was touched";
+  ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE,
+                          ("SOFTWARE\\Orvane\\Agents\\tcp\\s" + std::to_string(port)).c_str(), 0,
+                          KEY_READ, &key),
+            ERROR_SUCCESS)
+      << "the configuration was touched";
   RegCloseKey(key);
 }
 

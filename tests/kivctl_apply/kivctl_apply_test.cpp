@@ -27,7 +27,8 @@ struct cfgfile {
   explicit cfgfile(const std::string &text, const char *name = "apply") {
     char dir[MAX_PATH];
     GetTempPathA(sizeof dir, dir);
-    path = std::string(dir) + "kivctl_" + name + "_" + std::to_string(GetCurrentProcessId()) + ".cfg";
+    path =
+        std::string(dir) + "kivctl_" + name + "_" + std::to_string(GetCurrentProcessId()) + ".cfg";
     std::ofstream(path, std::ios::binary) << text;
   }
   ~cfgfile() { DeleteFileA(path.c_str()); }
@@ -48,13 +49,15 @@ struct clean_registry : kt::registry {
 
 bool key_exists(const char *name) {
   HKEY k;
-  if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, (std::string(PARENT) + "\\" + name).c_str(), 0, KEY_READ, &k) != ERROR_SUCCESS)
+  if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, (std::string(PARENT) + "\\" + name).c_str(), 0, KEY_READ,
+                    &k) != ERROR_SUCCESS)
     return false;
   RegCloseKey(k);
   return true;
 }
 
-std::string ports_file(const std::vector<int> &ports, const char *program = "C:\\no\\such\\agent.exe") {
+std::string ports_file(const std::vector<int> &ports,
+                       const char *program = "C:\\no\\such\\agent.exe") {
   std::string text = "services.svc:\n\tprogram = " + std::string(program) + "\n";
   for (int p : ports) text += "tcp.s" + std::to_string(p) + ":\n\tstart = auto\n\tservice = svc\n";
   return text;
@@ -71,11 +74,12 @@ std::set<int> listed() {
 
 TEST(KivctlApply, DryRunApplyExportAndNoOp) {
   clean_registry reg;
-  cfgfile first("# two ports of one agent\n"
-                "services.echo:\n\tprogram = C:\\agents\\echo.exe -v\n\tdescription = \" padded \"\n"
-                "tcp.s7101:\n\tstart = auto\n\tservice = echo\n"
-                "tcp.S7102:\n\tstart = on\n\tservice = Echo\n"
-                "global.start.tick:\n\tstart = ON\n\tprogram = tick.exe\n");
+  cfgfile first(
+      "# two ports of one agent\n"
+      "services.echo:\n\tprogram = C:\\agents\\echo.exe -v\n\tdescription = \" padded \"\n"
+      "tcp.s7101:\n\tstart = auto\n\tservice = echo\n"
+      "tcp.S7102:\n\tstart = on\n\tservice = Echo\n"
+      "global.start.tick:\n\tstart = ON\n\tprogram = tick.exe\n");
   const std::string adds =
       "add global.start.tick.program = tick.exe\n"
       "add global.start.tick.start = ON\n"
@@ -87,7 +91,7 @@ TEST(KivctlApply, DryRunApplyExportAndNoOp) {
       "add tcp.S7102.start = on\n";
   result r = kivctl("apply --dry-run " + first.arg());
   EXPECT_EQ(r.out, adds);
-  EXPECT_EQ(r.code, 3u) << r.err;  // would change
+  EXPECT_EQ(r.code, 3u) << r.err;      // would change
   EXPECT_FALSE(key_exists("Agents"));  // a dry run writes nothing
 
   r = kivctl("apply " + first.arg());  // no kivd running: not an error
@@ -100,7 +104,8 @@ TEST(KivctlApply, DryRunApplyExportAndNoOp) {
 
   // export then apply changes nothing: export says what the registry holds.
   const std::string exported = kivctl("export").out;
-  EXPECT_NE(exported.find("tcp.S7102:\n\tservice = Echo\n\tstart = on\n"), std::string::npos) << exported;
+  EXPECT_NE(exported.find("tcp.S7102:\n\tservice = Echo\n\tstart = on\n"), std::string::npos)
+      << exported;
   cfgfile again(exported, "again");
   r = kivctl("apply " + again.arg());
   EXPECT_EQ(r.out, "");
@@ -112,11 +117,17 @@ TEST(KivctlApply, DryRunApplyExportAndNoOp) {
   r = kivctl("export");
   EXPECT_EQ(r.out, exported);
   EXPECT_EQ(r.err, "kivctl: not exported: tcp.s7101.note\n");
-  cfgfile second("services.echo:\n\tprogram = C:\\agents\\echo2.exe\n"
-                 "tcp.s7101:\n\tstart = auto\n\tservice = echo\n", "second");
+  cfgfile second(
+      "services.echo:\n\tprogram = C:\\agents\\echo2.exe\n"
+      "tcp.s7101:\n\tstart = auto\n\tservice = echo\n",
+      "second");
   r = kivctl("apply " + second.arg());
-  EXPECT_NE(r.out.find("change services.echo.program = C:\\agents\\echo2.exe (was C:\\agents\\echo.exe -v)\n"
-                       "remove tcp.s7101.note\n"), std::string::npos) << r.out;
+  EXPECT_NE(
+      r.out.find(
+          "change services.echo.program = C:\\agents\\echo2.exe (was C:\\agents\\echo.exe -v)\n"
+          "remove tcp.s7101.note\n"),
+      std::string::npos)
+      << r.out;
   EXPECT_EQ(r.code, 3u) << r.err;
   EXPECT_EQ(kivctl("export").err, "");
   EXPECT_EQ(kivctl("apply --dry-run " + second.arg()).code, 0u);

@@ -52,7 +52,8 @@ int processes_named(const char *exe) {
   PROCESSENTRY32 e = {};
   e.dwSize = sizeof e;
   int n = 0;
-  for (BOOL more = Process32First(snap, &e); more; more = Process32Next(snap, &e)) n += _stricmp(e.szExeFile, exe) == 0;
+  for (BOOL more = Process32First(snap, &e); more; more = Process32Next(snap, &e))
+    n += _stricmp(e.szExeFile, exe) == 0;
   CloseHandle(snap);
   return n;
 }
@@ -68,7 +69,8 @@ unsigned short local_port(SOCKET s) {
 // the line, and inherits the connection and nothing else.
 TEST(Kivexec, TheConnectionIsTheProgramsInputAndOutput) {
   kt::registry reg;
-  int port = kt::free_port(), other = kt::free_port(), err = kt::free_port(), quiet = kt::free_port();
+  int port = kt::free_port(), other = kt::free_port(), err = kt::free_port(),
+      quiet = kt::free_port();
   configure(reg, "exec", port, "", UPCASE + " env");
   configure(reg, "hold", other, "", UPCASE + " handles");
   configure(reg, "err", err, "--stderr", UPCASE + " stderr");
@@ -107,7 +109,8 @@ TEST(Kivexec, TheConnectionIsTheProgramsInputAndOutput) {
   for (int i = 0; i < 20; i++)
     clients.emplace_back([&, i] { answers[i] = ask(other, "client " + std::to_string(i), 60000); });
   for (auto &t : clients) t.join();
-  for (int i = 0; i < 20; i++) EXPECT_EQ(answers[i], "handles=0\nCLIENT " + std::to_string(i) + "END\n") << i;
+  for (int i = 0; i < 20; i++)
+    EXPECT_EQ(answers[i], "handles=0\nCLIENT " + std::to_string(i) + "END\n") << i;
 }
 
 // --max holds a connection in the backlog until a program ends; --per-ip closes the
@@ -154,7 +157,8 @@ TEST(Kivexec, Limits) {
 // be started closes its connection; the next one is tried again.
 TEST(Kivexec, EndsWithItsPortsAndRefusesClearly) {
   kt::registry reg;
-  int port = kt::free_port(), other = kt::free_port(), missing = kt::free_port(), brief = kt::free_port();
+  int port = kt::free_port(), other = kt::free_port(), missing = kt::free_port(),
+      brief = kt::free_port();
   configure(reg, "brief", brief, "", UPCASE);
   reg.set("services\\brief", "lifespan", "1");
   configure(reg, "exec", port, "--grace 1", UPCASE + " hang");
@@ -183,8 +187,9 @@ TEST(Kivexec, EndsWithItsPortsAndRefusesClearly) {
     EXPECT_TRUE(kt::poll([] { return processes_named("upcase.exe") == 1; }));
 
     for (int i = 0; i < 2; i++) EXPECT_EQ(ask(missing, "x"), "") << i;
-    EXPECT_TRUE(kt::poll([&] { return d.log_count("kivexec: cannot start C:\\no\\such\\program.exe: error 2") == 2; }))
-        << d.err();
+    EXPECT_TRUE(kt::poll([&] {
+      return d.log_count("kivexec: cannot start C:\\no\\such\\program.exe: error 2") == 2;
+    })) << d.err();
     c.close();
     d.quit();
     for (SOCKET s : open) closesocket(s);
@@ -203,7 +208,8 @@ TEST(Kivexec, RefusesBadCommandLines) {
       {"--max -- x", "kivexec: --max needs a value\n"},
       {"--max 0 -- x", "kivexec: --max 0: not a number in range\n"},
       {"--timeout 1x -- x", "kivexec: --timeout 1x: not a number in range\n"},
-      {"--bogus -- x", "kivexec: unknown option --bogus (--max, --per-ip, --timeout, --grace, --stderr)\n"},
+      {"--bogus -- x",
+       "kivexec: unknown option --bogus (--max, --per-ip, --timeout, --grace, --stderr)\n"},
   };
   for (auto &r : rows) {
     kt::ran got = kt::run("\"" + KIVEXEC + "\" " + r.args);

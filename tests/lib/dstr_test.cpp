@@ -16,15 +16,36 @@ int call(dstr *rec, char *buffer, unsigned size, const char *format, ...);  // p
 // The status word is set to 0 exactly when xrealloc hands back no block; callers that
 // test it after a series of copies rely on success leaving it alone.
 TEST(Heap, StatusWordIsClearedOnlyWhenNoBlockComesBack) {
-  struct { const char *what; void *(*call)(int *status); int status; bool block; } cases[] = {
+  struct {
+    const char *what;
+    void *(*call)(int *status);
+    int status;
+    bool block;
+  } cases[] = {
       {"allocation", [](int *st) { return xrealloc(nullptr, 8, st); }, 7, true},
-      {"refused allocation", [](int *st) { xheap_failafter(0); return xrealloc(nullptr, 8, st); }, 0, false},
-      {"size 0 releases", [](int *st) { return xrealloc(xrealloc(nullptr, 8, nullptr), 0, st); }, 0, false},
+      {"refused allocation",
+       [](int *st) {
+         xheap_failafter(0);
+         return xrealloc(nullptr, 8, st);
+       },
+       0, false},
+      {"size 0 releases", [](int *st) { return xrealloc(xrealloc(nullptr, 8, nullptr), 0, st); }, 0,
+       false},
       {"text copy", [](int *st) { return static_cast<void *>(xstrdup("abc", st)); }, 7, true},
-      {"refused text copy", [](int *st) { xheap_failafter(0); return static_cast<void *>(xstrdup("abc", st)); }, 0, false},
+      {"refused text copy",
+       [](int *st) {
+         xheap_failafter(0);
+         return static_cast<void *>(xstrdup("abc", st));
+       },
+       0, false},
       {"no text", [](int *st) { return static_cast<void *>(xstrdup(nullptr, st)); }, 7, false},
       {"byte copy", [](int *st) { return memdup("abc", 3, st); }, 7, true},
-      {"refused byte copy", [](int *st) { xheap_failafter(0); return memdup("abc", 3, st); }, 0, false},
+      {"refused byte copy",
+       [](int *st) {
+         xheap_failafter(0);
+         return memdup("abc", 3, st);
+       },
+       0, false},
       {"no bytes", [](int *st) { return memdup("abc", 0, st); }, 7, false},
   };
   for (const auto &c : cases) {
@@ -55,8 +76,10 @@ TEST(Dstr, AppendGrowsToTwiceTheNeedOrRefuses) {
 }
 
 TEST(Dstr, TruncateShrinksOnlyLargeBuffersCutShort) {
-  struct { int to, length, capacity; } cases[] = {{10, 10, 256},    {500, 500, 4096},   {255, 255, 256},
-                                                  {256, 256, 4096}, {3000, 2000, 4096}, {-5, 0, 256}};
+  struct {
+    int to, length, capacity;
+  } cases[] = {{10, 10, 256},    {500, 500, 4096},   {255, 255, 256},
+               {256, 256, 4096}, {3000, 2000, 4096}, {-5, 0, 256}};
   for (const auto &c : cases) {
     dstr rec = {0, 0, 0, nullptr};
     dstr_append(&rec, std::string(2047, 'x').c_str(), -1);
@@ -75,7 +98,8 @@ TEST(OutOfMemory, Dstr) {
     if (!rec) return false;  // the record or its buffer was refused: nothing may stay
     std::string want;
     bool complete = true;
-    for (const std::string &text : {std::string("abc"), std::string(40, 'x'), std::string(3000, 'y')}) {
+    for (const std::string &text :
+         {std::string("abc"), std::string(40, 'x'), std::string(3000, 'y')}) {
       int r = dstr_append(rec, text.c_str(), -1);
       if (r >= 0) {
         want += text;
@@ -151,7 +175,8 @@ std::vector<std::string> lines_of(const std::string &content, bool resume = fals
     xheap_failafter(0);
     EXPECT_EQ(nullptr, dfgets(f, &rec));
     EXPECT_FALSE(feof(f));
-    EXPECT_EQ(content.substr(lines[0].size() + 1, static_cast<size_t>(rec.capacity - 1)), rec.buffer);
+    EXPECT_EQ(content.substr(lines[0].size() + 1, static_cast<size_t>(rec.capacity - 1)),
+              rec.buffer);
     EXPECT_EQ(nullptr, dfgets(f, &rec));  // still refused: nothing is lost either
     xheap_failafter(-1);
   }
@@ -163,9 +188,16 @@ std::vector<std::string> lines_of(const std::string &content, bool resume = fals
 TEST(Dfgets, Lines) {
   std::string longline;
   for (int i = 0; i < 100; i++) longline += static_cast<char>('A' + i % 26);
-  struct { std::string content; std::vector<std::string> lines; bool resume = false; } cases[] = {
-      {"", {}}, {"one\ntwo", {"one", "two"}}, {"\n\n", {"", ""}}, {"a\r\nb\r\n", {"a\r", "b\r"}},
-      {std::string(100000, 'L') + "\nend\n", {std::string(100000, 'L'), "end"}},
-      {"short\n" + longline + "\nend", {"short", longline, "end"}, true}};
-  for (const auto &c : cases) EXPECT_EQ(c.lines, lines_of(c.content, c.resume)) << c.content.substr(0, 20);
+  struct {
+    std::string content;
+    std::vector<std::string> lines;
+    bool resume = false;
+  } cases[] = {{"", {}},
+               {"one\ntwo", {"one", "two"}},
+               {"\n\n", {"", ""}},
+               {"a\r\nb\r\n", {"a\r", "b\r"}},
+               {std::string(100000, 'L') + "\nend\n", {std::string(100000, 'L'), "end"}},
+               {"short\n" + longline + "\nend", {"short", longline, "end"}, true}};
+  for (const auto &c : cases)
+    EXPECT_EQ(c.lines, lines_of(c.content, c.resume)) << c.content.substr(0, 20);
 }

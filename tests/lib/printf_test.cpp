@@ -28,11 +28,14 @@ std::string fmt(const char *format, A... args) {
 }
 
 TEST(Printf, ConversionTable) {
-  struct { std::string got, want; } cases[] = {
+  struct {
+    std::string got, want;
+  } cases[] = {
       {fmt("%5d|%-5d|%05d|%.3d|%05.3d|%-05d|%020d", 42, 42, -42, 7, 7, 3, -1),
        "   42|42   |-0042|007|  007|3    |-0000000000000000001"},
       {fmt("%+d|% d|%+ d|% +d|%+d", 5, 5, 5, 5, -5), "+5| 5|+5|+5|-5"},
-      {fmt("%#x|%#x|%#X|%#08x|%#o|%#o|%#.0o", 255, 0, 255, 255, 8, 0, 0), "0xff|0|0XFF|0x0000ff|010|0|0"},
+      {fmt("%#x|%#x|%#X|%#08x|%#o|%#o|%#.0o", 255, 0, 255, 255, 8, 0, 0),
+       "0xff|0|0XFF|0x0000ff|010|0|0"},
       {fmt("%.0d|%5.0d|%.0s|%.2s|%s|%.3s", 0, 0, "abc", "abc", nullptr, nullptr),
        "|     ||ab|(null)|(nu"},
       {fmt("%5s|%-5s|%05s", "ab", "cd", "ab"), "   ab|cd   |000ab"},
@@ -43,7 +46,8 @@ TEST(Printf, ConversionTable) {
        "-2147483648 2147483647 4294967295 DEADBEEF 10"},
       {fmt("%D %U %O", -3L, 4UL, 8UL), "-3 4 10"},
       // Long conversions take the value modulo 2^32, as 32-bit Windows longs do.
-      {fmt("%ld %D", static_cast<long>(0x100000005LL), static_cast<long>(0x180000000LL)), "5 -2147483648"},
+      {fmt("%ld %D", static_cast<long>(0x100000005LL), static_cast<long>(0x180000000LL)),
+       "5 -2147483648"},
       {fmt("%lu %lx %O %ld", -1UL, -1UL, -1UL, -1L), "4294967295 ffffffff 37777777777 -1"},
       {fmt("%*d|%*d|%.*d|%.*d", 4, 1, -4, 1, 3, 1, -1, 2), "   1|1   |001|2"},
       // The precision counts the sign and the hex prefix as part of the field.
@@ -74,8 +78,12 @@ TEST(Printf, AgreesWithTheCLibrary) {
 // Bounded output is the unbounded output cut, nothing written past the size: the fuzz
 // target, for widths up to 40; here the widths it does not reach.
 TEST(Printf, CutOutputKeepsInsideTheBuffer) {
-  struct { const char *format; int total; const char *stored; } cases[] = {
-      {"%1000000d", 1000000, "       "}, {"x%99999999999dy", INT_MAX, "x      "}};  // widths saturate
+  struct {
+    const char *format;
+    int total;
+    const char *stored;
+  } cases[] = {{"%1000000d", 1000000, "       "},
+               {"x%99999999999dy", INT_MAX, "x      "}};  // widths saturate
   char buffer[64];
   for (const auto &c : cases) {
     memset(buffer, 'X', sizeof buffer);

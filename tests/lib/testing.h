@@ -37,7 +37,8 @@ inline std::filesystem::path testdir() {
 struct testdir_cleanup : ::testing::Environment {
   void TearDown() override { std::filesystem::remove_all(testdir()); }
 };
-inline ::testing::Environment *const testdir_cleaner = ::testing::AddGlobalTestEnvironment(new testdir_cleanup);
+inline ::testing::Environment *const testdir_cleaner =
+    ::testing::AddGlobalTestEnvironment(new testdir_cleanup);
 
 // Writes exactly these bytes to the file `name` (folders made as needed) under the
 // process's folder; returns its path.

@@ -11,7 +11,12 @@
 TEST(Base64, TableBothWays) {
   // text <-> bytes: every accepted text is also what the encoder writes for its bytes;
   // result -1 is a refused text.
-  struct { const char *in; int room; std::string out; int result; } cases[] = {
+  struct {
+    const char *in;
+    int room;
+    std::string out;
+    int result;
+  } cases[] = {
       {"", 8, "", 0},
       {"Zg==", 8, "f", 1},
       {"Zm8=", 8, "fo", 2},
@@ -23,19 +28,21 @@ TEST(Base64, TableBothWays) {
       {"Zm9vYmFy", 6, "foobar", 6},  // exactly the room
       {"Zm9vYmFy", 5, "", -1},       // one byte too many
       {"Zg==", 0, "", -1},
-      {"Zm9", 8, "", -1},            // not a multiple of 4
+      {"Zm9", 8, "", -1},  // not a multiple of 4
       {"Zm9vY", 8, "", -1},
       {"Zm9v\n", 8, "", -1},
-      {"Zm 9", 8, "", -1},           // blank inside
-      {"Zm-v", 8, "", -1},           // URL alphabet is not ours
+      {"Zm 9", 8, "", -1},  // blank inside
+      {"Zm-v", 8, "", -1},  // URL alphabet is not ours
       {"Zm_v", 8, "", -1},
-      {"Z===", 8, "", -1},           // three pads
+      {"Z===", 8, "", -1},  // three pads
       {"====", 8, "", -1},
-      {"Zg=a", 8, "", -1},           // pad before data
-      {"Zg==Zm9v", 8, "", -1},       // pad in a group that is not the last
-      {"Zh==", 8, "", -1},           // bits under the padding
+      {"Zg=a", 8, "", -1},      // pad before data
+      {"Zg==Zm9v", 8, "", -1},  // pad in a group that is not the last
+      {"Zh==", 8, "", -1},      // bits under the padding
       {"Zm9=", 8, "", -1},
-      {"\xc3\xa9" "ab", 8, "", -1},   // bytes above 127
+      {"\xc3\xa9"
+       "ab",
+       8, "", -1},  // bytes above 127
   };
   for (const auto &c : cases) {
     unsigned char out[16];
@@ -53,7 +60,8 @@ TEST(Base64, TableBothWays) {
     memset(text, 'X', sizeof text);
     int t = b64_encode(c.out.data(), static_cast<int>(c.out.size()), text);
     ASSERT_TRUE(t >= 0 && t < 30) << t;
-    EXPECT_EQ(std::string(c.in) + '\0' + 'X', std::string(text, static_cast<size_t>(t) + 2));  // nothing past the zero
+    EXPECT_EQ(std::string(c.in) + '\0' + 'X',
+              std::string(text, static_cast<size_t>(t) + 2));  // nothing past the zero
   }
 }
 
@@ -74,14 +82,29 @@ TEST(Base64, RefusedArguments) {
 TEST(Unescape, RefusesNoText) { EXPECT_EQ(-1, unescape(nullptr)); }
 
 TEST(Strcase, FoldsOnlyAsciiLettersAndAnswersTheFoldedDifference) {
-  struct { const char *a, *b; size_t count; int result; } cases[] = {
-      {"Port", "pORT", 4, 0},       {"abc", "abd", 2, 0},         {"abc", "abd", 3, -1},
-      {"a", "B", 1, -1},            {"[", "a", 1, 91 - 97},       {"A", "[", 1, 97 - 91},
-      {"@", "`", 1, 64 - 96},       {"Z", "z", 1, 0},             {"[", "{", 1, 91 - 123},
-      {"\xC4", "\xE4", 1, 0xC4 - 0xE4}, {"\xC4", "a", 1, 0xC4 - 97}, {"x", "y", 0, 0},
-      {"", "", 5, 0},               {"ab", "abc", 5, -'c'},       {"abc", "AB", 5, 'c'},
+  struct {
+    const char *a, *b;
+    size_t count;
+    int result;
+  } cases[] = {
+      {"Port", "pORT", 4, 0},
+      {"abc", "abd", 2, 0},
+      {"abc", "abd", 3, -1},
+      {"a", "B", 1, -1},
+      {"[", "a", 1, 91 - 97},
+      {"A", "[", 1, 97 - 91},
+      {"@", "`", 1, 64 - 96},
+      {"Z", "z", 1, 0},
+      {"[", "{", 1, 91 - 123},
+      {"\xC4", "\xE4", 1, 0xC4 - 0xE4},
+      {"\xC4", "a", 1, 0xC4 - 97},
+      {"x", "y", 0, 0},
+      {"", "", 5, 0},
+      {"ab", "abc", 5, -'c'},
+      {"abc", "AB", 5, 'c'},
       {"ab\0x", "AB\0y", 4, 0},
   };
   for (const auto &c : cases)
-    EXPECT_EQ(c.result, xstrncasecmp(c.a, c.b, c.count)) << '"' << c.a << "\" \"" << c.b << "\" " << c.count;
+    EXPECT_EQ(c.result, xstrncasecmp(c.a, c.b, c.count))
+        << '"' << c.a << "\" \"" << c.b << "\" " << c.count;
 }

@@ -21,7 +21,8 @@ TEST_F(Control, DisableAndEnableWithTheListing) {
   ASSERT_TRUE(pump_until([&] { return ready(on); }));
   DWORD agent = start_agent_on(p[1], held), on_agent = agents(on)[0];
   std::string forever = disable_of(0x7FFFFFFF);
-  EXPECT_EQ(lines({line_of(p[0], "idle", "Auto"), line_of(p[1], "held", "Auto") + " Agent=" + std::to_string(agent),
+  EXPECT_EQ(lines({line_of(p[0], "idle", "Auto"),
+                   line_of(p[1], "held", "Auto") + " Agent=" + std::to_string(agent),
                    line_of(p[2], "on", "On") + " Agent=" + std::to_string(on_agent)}),
             listing());
 
@@ -121,8 +122,7 @@ TEST_F(Scale, ThousandPortsKeepAnExactWaitList) {
   auto p = free_ports(1000);
   ASSERT_EQ(1000u, p.size());
   std::string rec = record_path("many");
-  for (int s = 0; s < 10; s++)
-    set_service("k" + std::to_string(s), agent_program(rec));
+  for (int s = 0; s < 10; s++) set_service("k" + std::to_string(s), agent_program(rec));
   for (unsigned i = 0; i < p.size(); i++)
     set_port(p[i], "auto", ("k" + std::to_string(i % 10)).c_str());
   ASSERT_EQ(0, ssock_reconfig());

@@ -15,11 +15,16 @@ struct Parent {
     STARTUPINFOA si = {};
     si.cb = sizeof si;
     std::string line = agent_program(record_path(name));
-    EXPECT_TRUE(CreateProcessA(nullptr, &line[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) << line;
+    EXPECT_TRUE(
+        CreateProcessA(nullptr, &line[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
+        << line;
     CloseHandle(pi.hThread);
     pid = std::to_string(pi.dwProcessId);
   }
-  ~Parent() { end(); CloseHandle(pi.hProcess); }
+  ~Parent() {
+    end();
+    CloseHandle(pi.hProcess);
+  }
   Parent(const Parent &) = delete;
   Parent &operator=(const Parent &) = delete;
   void end() { TerminateProcess(pi.hProcess, 0); }
@@ -40,8 +45,8 @@ TEST_F(Hook, HookedPortWithoutParentServesOnlyItselfAndGoesOnRemove) {
   ASSERT_EQ(0, ssock_reconfig());
   EXPECT_EQ(lines({line_of(other, "svc", "Auto")}), listing());  // reconfiguration never hooks
 
-  EXPECT_EQ(KIV_ECONFIG, ssock_add(other, nullptr, nullptr));   // configured "auto"
-  for (int number : {0, 65535, 70000})                            // never configured
+  EXPECT_EQ(KIV_ECONFIG, ssock_add(other, nullptr, nullptr));  // configured "auto"
+  for (int number : {0, 65535, 70000})                         // never configured
     EXPECT_EQ(KIV_ECONFIG, ssock_add(number, nullptr, nullptr)) << number;
   EXPECT_EQ(KIV_ECONFIG, ssock_remove(other));
   for (auto op : {ssock_remove, ssock_disable, ssock_enable})  // not hooked yet: no record
@@ -54,7 +59,8 @@ TEST_F(Hook, HookedPortWithoutParentServesOnlyItselfAndGoesOnRemove) {
   EXPECT_EQ(2u, wait_list().events);
 
   DWORD pid = start_agent_on(hooked, rec);
-  EXPECT_EQ(lines({"-Ptcp::" + std::to_string(hooked) + "@<496>", "--", "lifespan 86400"}), pipe_lines(rec, pid));
+  EXPECT_EQ(lines({"-Ptcp::" + std::to_string(hooked) + "@<496>", "--", "lifespan 86400"}),
+            pipe_lines(rec, pid));
   EXPECT_EQ(program + " -D3 x y", launch_line(rec));
   // Held by its agent across a reconfiguration: the agent only hears "reconfig".
   ASSERT_EQ(0, ssock_reconfig());
@@ -97,7 +103,9 @@ TEST_F(Hook, HookedPortLivesAsLongAsItsParent) {
   EXPECT_EQ(waits(1, {parent.pi.dwProcessId}), waits());
 
   DWORD agent = start_agent_on(p[0], rec);
-  EXPECT_EQ(lines({line_of(p[0], "svc", "Hook") + " Parent=" + pid + " Agent=" + std::to_string(agent)}), listing());
+  EXPECT_EQ(
+      lines({line_of(p[0], "svc", "Hook") + " Parent=" + pid + " Agent=" + std::to_string(agent)}),
+      listing());
   EXPECT_EQ(waits(0, {agent, parent.pi.dwProcessId}), waits());
 
   // The parent dies: the agent is told "exit", the port goes once the agent has ended.
@@ -141,7 +149,9 @@ TEST_F(Hook, RestingHookedPortIsFreedOnRemoveAndOnParentDeath) {
     ASSERT_EQ(0, ssock_reconfig());
     Parent parent;
     ASSERT_EQ(0, ssock_add(int(port), parent.pid.c_str(), nullptr));
-    EXPECT_EQ(lines({line_of(port, "svc", "Hook") + disable_of(now + 900) + " Parent=" + parent.pid}), listing());
+    EXPECT_EQ(
+        lines({line_of(port, "svc", "Hook") + disable_of(now + 900) + " Parent=" + parent.pid}),
+        listing());
     closesocket(blocker);
     if (by_parent) {
       parent.end();
@@ -192,7 +202,9 @@ TEST_F(Hook, CommandLinePiecesAtAndPastTheirLimits) {
       ASSERT_TRUE(pump_until([&] { return ready(rec); }));
       EXPECT_EQ(program + " -D3" + (extra.empty() ? "" : " " + extra), launch_line(rec));
     } else {
-      ASSERT_TRUE(pump_until([&] { return logged("Peer 127.0.0.1 on port " + std::to_string(port) + " killed") == 1; }));
+      ASSERT_TRUE(pump_until([&] {
+        return logged("Peer 127.0.0.1 on port " + std::to_string(port) + " killed") == 1;
+      }));
       EXPECT_EQ(1, logged(c.refusal));
       EXPECT_EQ("", read_line(client));  // accepted and closed
       EXPECT_EQ(1u, wait_list().events);
@@ -217,7 +229,8 @@ TEST_F(Hook, LongDebugSpecNeverOverrunsTheCommandLine) {
   set_port(port, "auto", "svc");
   ASSERT_EQ(0, ssock_reconfig());
   SOCKET client = connect_to(port);
-  ASSERT_TRUE(pump_until([&] { return ready(rec) || logged("killed") || logged("Failed to start agent"); }));
+  ASSERT_TRUE(pump_until(
+      [&] { return ready(rec) || logged("killed") || logged("Failed to start agent"); }));
   closesocket(client);
   if (ready(rec)) {
     std::string line = launch_line(rec);
@@ -226,7 +239,8 @@ TEST_F(Hook, LongDebugSpecNeverOverrunsTheCommandLine) {
     EXPECT_LE(3u, debug.size()) << line;
     EXPECT_EQ(debug, (" -D" + spec).substr(0, debug.size()));  // the debug spec, cut at most
   }
-  EXPECT_EQ(lines({line_of(port, "svc", "Auto") + (ready(rec) ? " Agent=" + std::to_string(agents(rec)[0]) : "")}),
+  EXPECT_EQ(lines({line_of(port, "svc", "Auto") +
+                   (ready(rec) ? " Agent=" + std::to_string(agents(rec)[0]) : "")}),
             listing());
 }
 

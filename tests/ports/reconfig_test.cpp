@@ -8,7 +8,9 @@
 namespace porttest {
 namespace {
 
-size_t count_of(const lines &all, const std::string &text) { return size_t(std::count(all.begin(), all.end(), text)); }
+size_t count_of(const lines &all, const std::string &text) {
+  return size_t(std::count(all.begin(), all.end(), text));
+}
 
 using Reconfig = Ports;
 
@@ -37,19 +39,19 @@ TEST_F(Reconfig, SamePortCountSendsOneReconfigToEachAgent) {
     ASSERT_EQ(0, ssock_reconfig());
     EXPECT_EQ(0, logged("sending reconfig"));  // the first run has nothing to tell
     DWORD agent_a = start_agent_on(p[0], a), agent_b = start_agent_on(p[2], b);
-    if (c.remove_one)
-      remove_key("tcp\\s" + std::to_string(p[1]));
-    if (c.add_one)
-      set_port(p[3], "auto", "c");
+    if (c.remove_one) remove_key("tcp\\s" + std::to_string(p[1]));
+    if (c.add_one) set_port(p[3], "auto", "c");
     ASSERT_EQ(0, ssock_reconfig());
     EXPECT_EQ(c.told, logged("No port removed/added sending reconfig"));
     if (c.told) {
-      ASSERT_TRUE(pump_until([&] { return has_text(a, "reconfig", agent_a) && has_text(b, "reconfig", agent_b); }));
+      ASSERT_TRUE(pump_until(
+          [&] { return has_text(a, "reconfig", agent_a) && has_text(b, "reconfig", agent_b); }));
       EXPECT_EQ(1u, count_of(pipe_lines(a, agent_a), "reconfig"));
       EXPECT_EQ(1u, count_of(pipe_lines(b, agent_b), "reconfig"));
     }
     if (c.remove_one) {
-      ASSERT_TRUE(pump_until([&] { return has_text(a, "remove tcp::" + std::to_string(p[1]), agent_a); }));
+      ASSERT_TRUE(
+          pump_until([&] { return has_text(a, "remove tcp::" + std::to_string(p[1]), agent_a); }));
     }
     EXPECT_EQ(size_t(3 + c.add_one - c.remove_one), listing().size());
     restart_manager();
@@ -71,7 +73,8 @@ TEST_F(Reconfig, ServiceChangedHandsTheSocketToTheNewRecord) {
   ASSERT_EQ(0, ssock_reconfig());
   EXPECT_EQ(1, logged("Old port " + std::to_string(p[0]) + " [a] marked for removal"));
   EXPECT_EQ(0, logged("Listening on port " + std::to_string(p[0]) + " for b"));  // no new socket
-  EXPECT_EQ(lines({line_of(p[0], "b", "Auto"), line_of(p[1], "a", "Auto") + " Agent=" + std::to_string(agent_a)}),
+  EXPECT_EQ(lines({line_of(p[0], "b", "Auto"),
+                   line_of(p[1], "a", "Auto") + " Agent=" + std::to_string(agent_a)}),
             listing());
   EXPECT_EQ(waits(1, {agent_a}), waits());
   std::string number = std::to_string(p[0]);
@@ -94,8 +97,7 @@ TEST_F(Reconfig, RemovedKeysMarkPortsForRemoval) {
   remove_key("tcp\\s" + std::to_string(p[0]));
   remove_key("tcp\\s" + std::to_string(p[1]));
   ASSERT_EQ(0, ssock_reconfig());
-  for (unsigned port : p)
-    EXPECT_EQ(1, logged("Port " + std::to_string(port) + " no longer used"));
+  for (unsigned port : p) EXPECT_EQ(1, logged("Port " + std::to_string(port) + " no longer used"));
   EXPECT_EQ(1, logged("Service idle no longer used"));
   // The held port waits, told, for its agent; the pipe closed after "remove".
   EXPECT_EQ(lines({line_of(p[1], "held", "Auto") + " Agent=" + std::to_string(agent)}), listing());

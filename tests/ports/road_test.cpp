@@ -19,7 +19,8 @@ TEST_F(Road, ConnectionStartsOneAgentWithEveryIdlePortOfItsService) {
 
   EXPECT_EQ(waits(3), waits());
   EXPECT_EQ(now + 86400, wait_list().due);
-  EXPECT_EQ(lines({line_of(p[0], "svc", "Auto"), line_of(p[1], "svc", "Auto"), line_of(p[2], "svc", "Auto")}),
+  EXPECT_EQ(lines({line_of(p[0], "svc", "Auto"), line_of(p[1], "svc", "Auto"),
+                   line_of(p[2], "svc", "Auto")}),
             listing());
 
   // The middle port has the connection: it comes first, then the others in port order.
@@ -44,7 +45,8 @@ TEST_F(Road, ConnectionStartsOneAgentWithEveryIdlePortOfItsService) {
   EXPECT_EQ(lines({line_of(p[0], "svc", "Auto") + agent, line_of(p[1], "svc", "Auto") + agent,
                    line_of(p[2], "svc", "Auto") + agent}),
             listing());
-  EXPECT_EQ(1, logged("Child " + std::to_string(pid) + " started for port " + std::to_string(p[1]) + " [svc, Auto]"));
+  EXPECT_EQ(1, logged("Child " + std::to_string(pid) + " started for port " + std::to_string(p[1]) +
+                      " [svc, Auto]"));
 }
 
 // What the end of an agent that holds two ports does to them, by exit code (an exception's
@@ -114,7 +116,8 @@ TEST_F(Road, OnPortKeepsOneAgentThatListensByItself) {
   EXPECT_EQ("agent " + std::to_string(second) + " port " + number, read_line(client));
   send_text(client, "crash");
   closesocket(client);
-  ASSERT_TRUE(pump_until([&] { return logged("Child " + std::to_string(second) + " caused exeption") == 1; }));
+  ASSERT_TRUE(pump_until(
+      [&] { return logged("Child " + std::to_string(second) + " caused exeption") == 1; }));
   expect_rest({port}, "On.Svc", "On", now + 3);
   advance(2);
   EXPECT_EQ(2u, agents(rec).size());

@@ -18,7 +18,8 @@ TEST_F(Throttle, FourteenthAgentWithinAMinuteDisablesTheServicesIdlePorts) {
     SOCKET client = connect_to(p[0]);
     ASSERT_TRUE(pump_until([&] { return logged("[svc, Auto]") == launch; })) << launch;
     ASSERT_TRUE(pump_until([&] { return agents(rec).size() == size_t(launch); })) << launch;
-    ASSERT_EQ("agent " + std::to_string(agents(rec).back()) + " port " + std::to_string(p[0]), read_line(client));
+    ASSERT_EQ("agent " + std::to_string(agents(rec).back()) + " port " + std::to_string(p[0]),
+              read_line(client));
     send_text(client, "exit 0");
     closesocket(client);
     ASSERT_TRUE(pump_until([&] { return logged("died with code 0") == launch; })) << launch;
@@ -88,7 +89,7 @@ TEST_F(Throttle, ProgramNoLongerConfiguredIsKilledAndForgotten) {
   EXPECT_EQ(1, logged("Prog job no longer used"));
   EXPECT_EQ(1, logged("Prog job/" + std::to_string(pid) + " killed"));
   ASSERT_TRUE(pump_until([] { return wait_list().count == 0; }));
-  EXPECT_EQ(1u, exit_code(process));  // terminated
+  EXPECT_EQ(1u, exit_code(process));    // terminated
   EXPECT_EQ(1, logged("Started pid"));  // not started again
 }
 
@@ -115,7 +116,8 @@ TEST_F(Throttle, AgentThatCannotBeStartedRestsItsPortThreeSeconds) {
   unsigned port = svc_ports(1, "auto", "C:\\kivd-no-such-folder\\agent.exe")[0];
   ASSERT_EQ(0, ssock_reconfig());
   SOCKET client = connect_to(port);
-  ASSERT_TRUE(pump_until([] { return logged("Failed to start agent for service svc. Code = -12") == 1; }));
+  ASSERT_TRUE(
+      pump_until([] { return logged("Failed to start agent for service svc. Code = -12") == 1; }));
   closesocket(client);
   expect_rest({port}, "svc", "Auto", now + 3);
   advance(3);

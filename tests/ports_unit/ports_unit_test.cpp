@@ -252,8 +252,8 @@ HANDLE crashed_process() {
   STARTUPINFOA startup = {};
   startup.cb = sizeof startup;
   PROCESS_INFORMATION info = {};
-  EXPECT_TRUE(CreateProcessA(nullptr, &line[0], nullptr, nullptr, FALSE, CREATE_SUSPENDED,
-                             nullptr, nullptr, &startup, &info));
+  EXPECT_TRUE(CreateProcessA(nullptr, &line[0], nullptr, nullptr, FALSE, CREATE_SUSPENDED, nullptr,
+                             nullptr, &startup, &info));
   TerminateProcess(info.hProcess, 0xC0000005);
   WaitForSingleObject(info.hProcess, 10000);
   CloseHandle(info.hThread);
@@ -396,7 +396,8 @@ TEST_F(Ports, CleanupWaitsInGroups) {
       auto *c = static_cast<child_record *>(kiv_zalloc(sizeof(child_record), "test"));
       c->process = CreateEventA(nullptr, TRUE, i != r.running, nullptr);
       if (i == r.running)
-        DuplicateHandle(GetCurrentProcess(), c->process, GetCurrentProcess(), &late, 0, FALSE, DUPLICATE_SAME_ACCESS);
+        DuplicateHandle(GetCurrentProcess(), c->process, GetCurrentProcess(), &late, 0, FALSE,
+                        DUPLICATE_SAME_ACCESS);
       c->links = 1;
       addport(1000 + i, echo, START_AUTO)->agent = c;
     }

@@ -54,7 +54,9 @@ TEST(Faults, RegistryRootDeletedWhileRunningThenReconfig) {
   reg.service("idle", "\"" + kt::testagent_exe() + "\"");
   reg.port(ports[1], "auto", "idle");
   EXPECT_EQ(c.command("reconfig"), std::vector<std::string>{"+"});
-  EXPECT_TRUE(kt::poll([&] { return hello_on(ports[1]).find(" port " + std::to_string(ports[1])) != std::string::npos; }));
+  EXPECT_TRUE(kt::poll([&] {
+    return hello_on(ports[1]).find(" port " + std::to_string(ports[1])) != std::string::npos;
+  }));
   EXPECT_EQ(WaitForSingleObject(d.h, 0), WAIT_TIMEOUT);
 }
 
@@ -78,12 +80,12 @@ TEST(Faults, KivdKilledWhileAgentsHoldPorts) {
   std::vector<HANDLE> agents;
   {
     kt::kivd d("-D3");
-    for (int i = 0; i < 3; i++) ASSERT_TRUE(kt::poll([&] { return kt::echoes(ports[i]); })) << ports[i];
+    for (int i = 0; i < 3; i++)
+      ASSERT_TRUE(kt::poll([&] { return kt::echoes(ports[i]); })) << ports[i];
     ASSERT_NE(hello_on(ports[3]).find("agent "), std::string::npos);
     kt::client c;
     for (auto &line : kt::listed_ports(c.command("ls")))
-      if (unsigned pid = agent_of(line))
-        agents.push_back(OpenProcess(SYNCHRONIZE, FALSE, pid));
+      if (unsigned pid = agent_of(line)) agents.push_back(OpenProcess(SYNCHRONIZE, FALSE, pid));
     ASSERT_EQ(agents.size(), 4u);
     c.close();
     ASSERT_TRUE(TerminateProcess(d.h, 9));
@@ -95,7 +97,8 @@ TEST(Faults, KivdKilledWhileAgentsHoldPorts) {
   }
 
   kt::kivd d("-D3");
-  for (int i = 0; i < 3; i++) EXPECT_TRUE(kt::poll([&] { return kt::echoes(ports[i]); })) << ports[i];
+  for (int i = 0; i < 3; i++)
+    EXPECT_TRUE(kt::poll([&] { return kt::echoes(ports[i]); })) << ports[i];
   EXPECT_NE(hello_on(ports[3]).find("agent "), std::string::npos);
   EXPECT_EQ(d.log_count("Failed to listen"), 0) << d.err();
 }

@@ -33,9 +33,11 @@ struct faults {
 // The run's end: kivd still runs and holds no more than it held after warm-up (a little
 // slack for what the system itself keeps), the row of the summary table make soak prints,
 // and a clean end on "quit -Q".
-inline void finish(kt::kivd &d, const kt::usage &warm, const std::string &run, const std::string &figures) {
+inline void finish(kt::kivd &d, const kt::usage &warm, const std::string &run,
+                   const std::string &figures) {
   kt::usage end;
-  ASSERT_EQ(WaitForSingleObject(d.h, 0), static_cast<DWORD>(WAIT_TIMEOUT)) << "kivd ended during the " << run;
+  ASSERT_EQ(WaitForSingleObject(d.h, 0), static_cast<DWORD>(WAIT_TIMEOUT))
+      << "kivd ended during the " << run;
   ASSERT_TRUE(kt::usage_of(d.pid, &end));
   EXPECT_LE(end.handles, warm.handles + 10) << kt::describe(warm, end);
   EXPECT_LE(end.private_bytes, warm.private_bytes + 512 * 1024) << kt::describe(warm, end);

@@ -16,9 +16,9 @@
 
 namespace {
 
-constexpr int PORTS = 10;         // one service each: the start throttle counts per service
-constexpr int MAX_AGENTS = 10;    // per port and run, below the 13 launches a minute allows
-constexpr int END_KINDS = 3;      // exit 0, exit 3, access violation
+constexpr int PORTS = 10;       // one service each: the start throttle counts per service
+constexpr int MAX_AGENTS = 10;  // per port and run, below the 13 launches a minute allows
+constexpr int END_KINDS = 3;    // exit 0, exit 3, access violation
 
 struct tally : rel::faults {
   std::atomic<int> served{0}, refused{0}, dropped{0}, agents{0};
@@ -30,18 +30,22 @@ struct tally : rel::faults {
 // both are the rules, and the connection is tried again for as long as a rest takes.
 std::string served_by(int port, tally *t, bool retry) {
   std::string hello;
-  kt::poll([&] {
-    SOCKET s = kt::connect_to(port);
-    if (s == INVALID_SOCKET) {
-      t->refused++;
-    } else {
-      hello = kt::read_line(s);
-      closesocket(s);
-      if (hello.empty()) t->dropped++;
-    }
-    return !hello.empty() || !retry;
-  }, 20000);
-  if (hello.empty()) t->fault("port " + std::to_string(port) + (retry ? ": not served for 20 s" : ": not served at once"));
+  kt::poll(
+      [&] {
+        SOCKET s = kt::connect_to(port);
+        if (s == INVALID_SOCKET) {
+          t->refused++;
+        } else {
+          hello = kt::read_line(s);
+          closesocket(s);
+          if (hello.empty()) t->dropped++;
+        }
+        return !hello.empty() || !retry;
+      },
+      20000);
+  if (hello.empty())
+    t->fault("port " + std::to_string(port) +
+             (retry ? ": not served for 20 s" : ": not served at once"));
   return hello;
 }
 
@@ -54,7 +58,8 @@ void end_agent(int port, unsigned pid, const char *last, tally *t) {
   closesocket(s);  // the client closes first: no TIME_WAIT on the port kivd binds again
   t->served++;
   if (!agent || WaitForSingleObject(agent, 20000) != WAIT_OBJECT_0)
-    t->fault("port " + std::to_string(port) + ": agent " + std::to_string(pid) + " did not end on \"" + last + "\"");
+    t->fault("port " + std::to_string(port) + ": agent " + std::to_string(pid) +
+             " did not end on \"" + last + "\"");
   if (agent) CloseHandle(agent);
 }
 
@@ -73,7 +78,8 @@ void cycles(int index, int port, int from, int to, int per_agent, tally *t) {
         t->fault(tag + ": hello \"" + hello + "\"");
         return;
       }
-      if (i > 0 && now != pid) t->fault(tag + ": agent " + std::to_string(now) + " beside " + std::to_string(pid));
+      if (i > 0 && now != pid)
+        t->fault(tag + ": agent " + std::to_string(now) + " beside " + std::to_string(pid));
       pid = now;
       t->served++;
     }
@@ -143,7 +149,8 @@ TEST(Soak, ConnectionsAgentEndsAndNothingLeaks) {
   EXPECT_EQ(t.agents.load(), PORTS * (agents + 2));  // each run ends with an agent more
   EXPECT_GE(t.served.load(), n);
   char figures[256];
-  snprintf(figures, sizeof figures, "%d connections served, %d refused and %d dropped by the rules, %d agents, %.1f s",
+  snprintf(figures, sizeof figures,
+           "%d connections served, %d refused and %d dropped by the rules, %d agents, %.1f s",
            t.served.load(), t.refused.load(), t.dropped.load(), t.agents.load(), seconds);
   rel::finish(d, warm, "soak", figures);
 }

@@ -19,7 +19,8 @@ namespace {
 
 constexpr int CLIENTS = 3;
 constexpr int SESSION = 100;  // lines per connection; then the client makes room for the third
-const char *const COMMANDS[] = {"quit", "info", "reconfig", "update", "add", "remove", "disable", "enable", "ls"};
+const char *const COMMANDS[] = {"quit",   "info",    "reconfig", "update", "add",
+                                "remove", "disable", "enable",   "ls"};
 
 std::string oversized(std::mt19937 &rng) {
   return std::string(CMD_LINE + 1 + rng() % 2000, char('a' + rng() % 26));
@@ -30,7 +31,8 @@ std::string binary(std::mt19937 &rng) {
   return s;
 }
 std::string quotes_and_escapes(std::mt19937 &rng) {
-  static const char *const pieces[] = {"\"", "\\", "\\\\", "\\\"", "ls", "info", "update", " ", "\t", "x", "\"\""};
+  static const char *const pieces[] = {"\"",     "\\", "\\\\", "\\\"", "ls",  "info",
+                                       "update", " ",  "\t",   "x",    "\"\""};
   std::string s;
   for (int i = 0, n = 1 + rng() % 30; i < n; i++) s += pieces[rng() % 11];
   return s;
@@ -39,10 +41,18 @@ std::string word_soup(std::mt19937 &rng) {
   std::string s = COMMANDS[rng() % 9];
   for (int i = 0, n = rng() % 6; i < n; i++) {
     switch (rng() % 4) {
-      case 0: s += " " + std::to_string(int(rng() % 70000) - 1000); break;
-      case 1: s += " -" + std::string(1, char('a' + rng() % 26)); break;
-      case 2: s += " --"; break;
-      default: s += "\t\"q " + std::to_string(rng() % 100) + "\""; break;
+      case 0:
+        s += " " + std::to_string(int(rng() % 70000) - 1000);
+        break;
+      case 1:
+        s += " -" + std::string(1, char('a' + rng() % 26));
+        break;
+      case 2:
+        s += " --";
+        break;
+      default:
+        s += "\t\"q " + std::to_string(rng() % 100) + "\"";
+        break;
     }
   }
   return s;
@@ -50,7 +60,8 @@ std::string word_soup(std::mt19937 &rng) {
 std::string shown(const std::string &s) {
   std::string out;
   for (unsigned char ch : s.substr(0, 80)) {
-    if (ch >= 0x20 && ch < 0x7f) out += char(ch);
+    if (ch >= 0x20 && ch < 0x7f)
+      out += char(ch);
     else {
       char hex[8];
       snprintf(hex, sizeof hex, "\\x%02x", ch);
@@ -73,14 +84,18 @@ struct storm : rel::faults {
     if (want == answer::none) return true;
     std::vector<std::string> got{c->receive()};
     if (got[0] == "!")
-      while (got.size() < 1000 && got.back() != "." && got.back()[0] != '<') got.push_back(c->receive());
-    bool ok = got[0] == "+" || (got[0].size() > 1 && got[0][0] == '-') || (got[0] == "!" && got.back() == ".");
-    for (auto &m : got) ok = ok && m.find('\0') == std::string::npos && m.find('\n') == std::string::npos;
-    if (!ok) fault("line " + shown(line) + ": reply" + [&] {
-      std::string seen;
-      for (auto &m : got) seen += " " + shown(m);
-      return seen;
-    }());
+      while (got.size() < 1000 && got.back() != "." && got.back()[0] != '<')
+        got.push_back(c->receive());
+    bool ok = got[0] == "+" || (got[0].size() > 1 && got[0][0] == '-') ||
+              (got[0] == "!" && got.back() == ".");
+    for (auto &m : got)
+      ok = ok && m.find('\0') == std::string::npos && m.find('\n') == std::string::npos;
+    if (!ok)
+      fault("line " + shown(line) + ": reply" + [&] {
+        std::string seen;
+        for (auto &m : got) seen += " " + shown(m);
+        return seen;
+      }());
     return got.back()[0] != '<';
   }
 
@@ -97,7 +112,8 @@ struct storm : rel::faults {
       }
       bool open = true;
       for (int i = 0; i < SESSION && sent < count && open; i++, sent++) {
-        std::string (*make[])(std::mt19937 &) = {oversized, binary, quotes_and_escapes, word_soup, binary};
+        std::string (*make[])(std::mt19937 &) = {oversized, binary, quotes_and_escapes, word_soup,
+                                                 binary};
         std::string line = make[rng() % 5](rng);
         answer want = server_answer(line.data(), int(line.size()));
         if (!c.send(line)) {
@@ -107,7 +123,8 @@ struct storm : rel::faults {
         open = check(&c, line, want);
         hung += want == answer::hangup;
       }
-      if (open && c.command("update") != std::vector<std::string>{"+"}) fault("no answer to update");
+      if (open && c.command("update") != std::vector<std::string>{"+"})
+        fault("no answer to update");
     }
     std::lock_guard<std::mutex> g(lock);
     lines += sent;
@@ -116,7 +133,8 @@ struct storm : rel::faults {
 
   void run(int per_client, unsigned seed) {
     std::vector<std::thread> threads;
-    for (int i = 0; i < CLIENTS; i++) threads.emplace_back(&storm::client, this, seed + i, per_client);
+    for (int i = 0; i < CLIENTS; i++)
+      threads.emplace_back(&storm::client, this, seed + i, per_client);
     for (auto &t : threads) t.join();
   }
 };
@@ -144,8 +162,8 @@ TEST(Storm, ThreeClientsOfBadLines) {
     EXPECT_EQ(atoi(ls[1].c_str()), port) << ls[1];
   }
   char figures[256];
-  snprintf(figures, sizeof figures, "%d lines from %d clients, %d hang-ups, %.1f s", s.lines, CLIENTS, s.hang_ups,
-           seconds);
+  snprintf(figures, sizeof figures, "%d lines from %d clients, %d hang-ups, %.1f s", s.lines,
+           CLIENTS, s.hang_ups, seconds);
   rel::finish(d, warm, "control storm", figures);
 }
 

@@ -13,12 +13,17 @@ TEST(Error, TableEndsCodesOutsideItAndDistinctTexts) {
       EXPECT_STRNE(kiv_errname(a), kiv_errname(b)) << a << " " << b;
       EXPECT_STRNE(kiv_strerror(a), kiv_strerror(b)) << a << " " << b;
     }
-  struct { int code; const char *name, *message; } cases[] = {
+  struct {
+    int code;
+    const char *name, *message;
+  } cases[] = {
       {0, "OK", "OK"},
       {-1, "EINTERNAL", "Internal toolkit error"},
       {-31, "ENOPARENT", "Info node or value has no parent"},
-      {-32, "UNKNOWN", "Unknown error code"}, {-64, "UNKNOWN", "Unknown error code"},
-      {1, "UNKNOWN", "Unknown error code"},   {INT_MAX, "UNKNOWN", "Unknown error code"},
+      {-32, "UNKNOWN", "Unknown error code"},
+      {-64, "UNKNOWN", "Unknown error code"},
+      {1, "UNKNOWN", "Unknown error code"},
+      {INT_MAX, "UNKNOWN", "Unknown error code"},
       {INT_MIN, "UNKNOWN", "Unknown error code"},
   };
   for (const auto &c : cases) {

@@ -43,15 +43,17 @@ TEST(Init, RefusedVersionThenOnceOnly) {
   EXPECT_EQ(0xCAFEu, mine.first);
   EXPECT_EQ(KIV_INIT_NOSUB1, mine.flags);
   EXPECT_STREQ("non-exportable", kiv_flavour());
-  EXPECT_EQ(std::vector<std::string>{std::to_string(kiv_processid()) + " [*] kiv_init: non-exportable"},
-            captured);
+  EXPECT_EQ(
+      std::vector<std::string>{std::to_string(kiv_processid()) + " [*] kiv_init: non-exportable"},
+      captured);
   // Again: refused with its warning, even at level 0, and nothing changes.
   captured.clear();
   kiv_loglevel = 0;
   kiv_logconfig("=%f%(e%[C: ");
   EXPECT_EQ(KIV_EBUSY, kiv_init(nullptr));
   EXPECT_EQ(KIV_EBUSY, kiv_cinit(nullptr));
-  EXPECT_EQ(std::vector<std::string>(2, "kiv_init (Warning) [EBUSY]: called more than once"), captured);
+  EXPECT_EQ(std::vector<std::string>(2, "kiv_init (Warning) [EBUSY]: called more than once"),
+            captured);
   kiv_logreset();
 }
 
@@ -72,8 +74,8 @@ class Log : public ::testing::Test {
 };
 
 // The prefix written into exactly `size` characters, with a guard after them.
-static std::string prefix(int size, kiv_context *ctx = nullptr, const char *tag = TAG, int severity = 4,
-                          int code = 0) {
+static std::string prefix(int size, kiv_context *ctx = nullptr, const char *tag = TAG,
+                          int severity = 4, int code = 0) {
   std::vector<char> buffer(static_cast<size_t>(size) + 1, '#');
   int n = kiv_logprefix(buffer.data(), size, ctx, tag, severity, code);
   EXPECT_TRUE(n >= 0 && n <= size && buffer.back() == '#') << n << " of " << size;
@@ -83,17 +85,33 @@ static std::string prefix(int size, kiv_context *ctx = nullptr, const char *tag 
 TEST_F(Log, ModuleFilter) {
   std::string many = "3";  // a list longer than one block
   for (int i = 0; i < 20; i++) many += ";m" + std::to_string(i);
-  struct { std::string debugspec; const char *tag; int level, expected; } cases[] = {
-      {"3;ssock", "ssock.start_agent", 0, 1}, {"3;ssock", "ssock", 0, 1}, {"3;ssock", "ssockx.main", 0, 0},
-      {"3;ssoc", "ssock.start_agent", 0, 0}, {"3;ssock", nullptr, 0, 1}, {"3;ssock", "ssock.x", 4, 0},
-      {"3;ssock;sserv", "sserv.main", 0, 1}, {"3;!ntpipe;ssock", "ntpipe.r", 0, 0}, {"3;!ntpipe;ssock", "sserv.m", 0, 1},
-      {"3;!ssock;ssock", "ssock.x", 0, 0}, {"3;ssock.start_agent", "ssock.other", 0, 0}, {"3; ssock", "ssock.x", 0, 0},
-      {"3", "anything", 3, 1}, {"", "anything", 0, 1}, {many, "m19.f", 3, 1}, {many, "m20.f", 3, 0},
+  struct {
+    std::string debugspec;
+    const char *tag;
+    int level, expected;
+  } cases[] = {
+      {"3;ssock", "ssock.start_agent", 0, 1},
+      {"3;ssock", "ssock", 0, 1},
+      {"3;ssock", "ssockx.main", 0, 0},
+      {"3;ssoc", "ssock.start_agent", 0, 0},
+      {"3;ssock", nullptr, 0, 1},
+      {"3;ssock", "ssock.x", 4, 0},
+      {"3;ssock;sserv", "sserv.main", 0, 1},
+      {"3;!ntpipe;ssock", "ntpipe.r", 0, 0},
+      {"3;!ntpipe;ssock", "sserv.m", 0, 1},
+      {"3;!ssock;ssock", "ssock.x", 0, 0},
+      {"3;ssock.start_agent", "ssock.other", 0, 0},
+      {"3; ssock", "ssock.x", 0, 0},
+      {"3", "anything", 3, 1},
+      {"", "anything", 0, 1},
+      {many, "m19.f", 3, 1},
+      {many, "m20.f", 3, 0},
   };
   for (const auto &c : cases) {
     kiv_logreset();
     kiv_logconfig(c.debugspec.c_str());
-    EXPECT_EQ(c.expected, kiv_logcheck(c.level, c.tag)) << c.debugspec << " / " << (c.tag ? c.tag : "(null)");
+    EXPECT_EQ(c.expected, kiv_logcheck(c.level, c.tag))
+        << c.debugspec << " / " << (c.tag ? c.tag : "(null)");
   }
 }
 
@@ -107,29 +125,51 @@ TEST_F(Log, SpecItemsAndPrefixDirectives) {
     const char *tag = TAG;
     kiv_context *ctx = nullptr;
   } cases[] = {
-      {"", "1234 [*] ssock_update: "},      {"12", "1234 [*] ssock_update: ", 1},
-      {"3;;;9", "1234 [*] ssock_update: ", 9}, {"+t", "1234 [*] +00.00 ssock_update: "},
-      {"+x;4", "1234 [*] ssock_update: ", 4}, {"+t;=%l>", "ssock.ssock_update>"},
-      {"=%l>;+t", "1234 [*] +00.00 ssock_update: "}, {"3;=", "", 3}, {"=a;=b", "b"},
+      {"", "1234 [*] ssock_update: "},
+      {"12", "1234 [*] ssock_update: ", 1},
+      {"3;;;9", "1234 [*] ssock_update: ", 9},
+      {"+t", "1234 [*] +00.00 ssock_update: "},
+      {"+x;4", "1234 [*] ssock_update: ", 4},
+      {"+t;=%l>", "ssock.ssock_update>"},
+      {"=%l>;+t", "1234 [*] +00.00 ssock_update: "},
+      {"3;=", "", 3},
+      {"=a;=b", "b"},
       {">nowhere/kivd.txt;2", "1234 [*] ssock_update: ", 2},
       {"=%%|%p|<%n>|%s|%l|%f", "%|1234|<>|*|ssock.ssock_update|ssock_update"},
-      {"=%s", "7", 0, 4, 0, 256, TAG, &ctx}, {"=%f", "c", 0, 4, 0, 256, "a.b.c"},
+      {"=%s", "7", 0, 4, 0, 256, TAG, &ctx},
+      {"=%f", "c", 0, 4, 0, 256, "a.b.c"},
       {"=<%l%f>", "<>", 0, 4, 0, 256, nullptr},
-      {"=%e|", "Unknown|", 0, 0}, {"=%e|", "FATAL|", 0, 1}, {"=%e|", "Warning|", 0, 3}, {"=%e|", "Unknown|", 0, 5},
-      {"=%c|%C", "System error|ESYS", 0, 2, -12}, {"=%c|%C", "|", 0, 2}, {"=%q%9", "<%q?><%9?>"},
+      {"=%e|", "Unknown|", 0, 0},
+      {"=%e|", "FATAL|", 0, 1},
+      {"=%e|", "Warning|", 0, 3},
+      {"=%e|", "Unknown|", 0, 5},
+      {"=%c|%C", "System error|ESYS", 0, 2, -12},
+      {"=%c|%C", "|", 0, 2},
+      {"=%q%9", "<%q?><%9?>"},
       {"=%c|%C", "Unknown error code|UNKNOWN", 0, 2, -40},
       // brackets: a blank and the bracket around a value, nothing for an empty one
-      {"=%[c%{C", " [System error] {ESYS}", 0, 2, -12}, {"=%[c%{C", "", 0, 2}, {"=a%(eb", "ab"},
-      {"=%<p", " <1234>"}, {"=%({[e", " [FATAL]", 0, 1}, {"=%(%", " (%)"}, {"=%(x", " (<%x?>)"},
+      {"=%[c%{C", " [System error] {ESYS}", 0, 2, -12},
+      {"=%[c%{C", "", 0, 2},
+      {"=a%(eb", "ab"},
+      {"=%<p", " <1234>"},
+      {"=%({[e", " [FATAL]", 0, 1},
+      {"=%(%", " (%)"},
+      {"=%(x", " (<%x?>)"},
       // room: blank and opening bracket need more than two characters, the closing one
-      {"=%(e", " (ERROR", 0, 2, 0, 7}, {"=%(e", " (E", 0, 2, 0, 3}, {"=%(e", "ER", 0, 2, 0, 2},
-      {"=abc", "", 0, 4, 0, 0}, {"=ab%[<", "ab"}, {"=a\\nb\\t|\\\\|\\x\\", "a\nb\t|\\|\\x\\"}, {"=\\%p", "%p"},
+      {"=%(e", " (ERROR", 0, 2, 0, 7},
+      {"=%(e", " (E", 0, 2, 0, 3},
+      {"=%(e", "ER", 0, 2, 0, 2},
+      {"=abc", "", 0, 4, 0, 0},
+      {"=ab%[<", "ab"},
+      {"=a\\nb\\t|\\\\|\\x\\", "a\nb\t|\\|\\x\\"},
+      {"=\\%p", "%p"},
   };
   for (const auto &c : cases) {
     fresh();
     kiv_logconfig(c.debugspec);
     EXPECT_EQ(c.level, kiv_loglevel) << c.debugspec;
-    EXPECT_EQ(c.expected, prefix(c.size, c.ctx, c.tag, c.severity, c.code)) << c.debugspec << " size " << c.size;
+    EXPECT_EQ(c.expected, prefix(c.size, c.ctx, c.tag, c.severity, c.code))
+        << c.debugspec << " size " << c.size;
   }
 }
 
@@ -138,9 +178,13 @@ TEST_F(Log, TimeSincePreviousLine) {
   kiv_setclock(nullptr, testticks);
   kiv_logconfig("=%t");
   kiv_context ctx{1, 0, nullptr};  // keeps its own previous time
-  struct { uint32_t step; kiv_context *ctx; const char *expected; } cases[] = {
-      {5000, nullptr, "00.00"}, {125500, nullptr, "25.50"}, {9, nullptr, "00.00"}, {1230, nullptr, "01.23"},
-      {0, &ctx, "00.00"},       {2000, &ctx, "02.00"},      {0, nullptr, "02.00"}};
+  struct {
+    uint32_t step;
+    kiv_context *ctx;
+    const char *expected;
+  } cases[] = {{5000, nullptr, "00.00"}, {125500, nullptr, "25.50"}, {9, nullptr, "00.00"},
+               {1230, nullptr, "01.23"}, {0, &ctx, "00.00"},         {2000, &ctx, "02.00"},
+               {0, nullptr, "02.00"}};
   for (const auto &c : cases) {
     ticks += c.step;
     EXPECT_EQ(c.expected, prefix(256, c.ctx)) << ticks;
@@ -163,9 +207,10 @@ TEST_F(Log, LevelsTemplatesAndLongLines) {
 }
 
 TEST_F(Log, AllocatorReportsFailuresUnderTheCallersTag) {
-  struct { const char *tag, *expected; } cases[] = {
-      {"ntpipe.npipe_write", "1234 [*] npipe_write: failed to allocate 64 bytes"},
-      {nullptr, "1234 [*] kiv_alloc: failed to allocate 64 bytes"}};
+  struct {
+    const char *tag, *expected;
+  } cases[] = {{"ntpipe.npipe_write", "1234 [*] npipe_write: failed to allocate 64 bytes"},
+               {nullptr, "1234 [*] kiv_alloc: failed to allocate 64 bytes"}};
   for (const auto &c : cases) {
     captured.clear();
     xheap_failafter(0);
@@ -186,9 +231,10 @@ TEST_F(Log, AllocatorReportsFailuresUnderTheCallersTag) {
   EXPECT_STREQ("kept", p);
   EXPECT_EQ(nullptr, kiv_realloc(p, 0, "ssock.grow"));
   kiv_allocfail("memdb.store", 3000000000u);  // the size as %d, as the report has it
-  EXPECT_EQ((std::vector<std::string>{" (FATAL) [ENOMEM] grow: failed to allocate 1048576 bytes",
-                                      " (FATAL) [ENOMEM] store: failed to allocate -1294967296 bytes"}),
-            captured);
+  EXPECT_EQ(
+      (std::vector<std::string>{" (FATAL) [ENOMEM] grow: failed to allocate 1048576 bytes",
+                                " (FATAL) [ENOMEM] store: failed to allocate -1294967296 bytes"}),
+      captured);
 }
 
 TEST_F(Log, FileSinkIsOpenedLazilyAndRetried) {
@@ -223,7 +269,9 @@ static void slowsink(const char *line) {
 TEST_F(Log, TwoThreadsWriteWholeLines) {
   kiv_logsink = slowsink;
   kiv_logconfig("3;=");
-  auto writer = [](char who) { for (int i = 0; i < 200; i++) kiv_log(nullptr, "t.w", "%c-line-%03d", who, i); };
+  auto writer = [](char who) {
+    for (int i = 0; i < 200; i++) kiv_log(nullptr, "t.w", "%c-line-%03d", who, i);
+  };
   std::thread a(writer, 'a'), b(writer, 'b');
   a.join();
   b.join();
@@ -256,7 +304,7 @@ TEST_F(Log, EmptyFormatWritesASeparatorAndAReportItsPrefix) {
   ASSERT_TRUE(kiv_localtime(fixedtime(), &local));
   char when[64];
   strftime(when, sizeof when, "%b %d %H:%M:%S", &local);
-  const char *none = nullptr, *empty = "";  // variables: the compiler checks literal formats
+  const char *none = nullptr, *empty = "";       // variables: the compiler checks literal formats
   std::string longprefix(KIV_LOGLINE - 8, 'p');  // leaves room for 7 characters
   kiv_logconfig("3;=%f: ");
   kiv_log(nullptr, "a.sep", "%s", "");  // an empty text is not an empty format
@@ -267,8 +315,11 @@ TEST_F(Log, EmptyFormatWritesASeparatorAndAReportItsPrefix) {
   kiv_logconfig(("3;=" + longprefix).c_str());
   kiv_log(nullptr, "a.sep", empty);
   kiv_setclock(nullptr, nullptr);
-  std::vector<std::string> expected = {"sep: ", std::string("sep: ========== ") + when,
-                                       std::string("sep: ========== ") + when, "rep: ", "rep: ",
+  std::vector<std::string> expected = {"sep: ",
+                                       std::string("sep: ========== ") + when,
+                                       std::string("sep: ========== ") + when,
+                                       "rep: ",
+                                       "rep: ",
                                        longprefix + "======="};
   EXPECT_EQ(expected, captured);
 }
@@ -307,7 +358,8 @@ TEST_F(Log, OutOfMemoryDropsItemsAndKeepsTheLogWhole) {
       EXPECT_EQ(spec, kiv_logspec());
     }
     int included = 0;
-    for (int i = 0; i < 20; i++) included += kiv_logcheck(0, ("m" + std::to_string(i) + ".f").c_str());
+    for (int i = 0; i < 20; i++)
+      included += kiv_logcheck(0, ("m" + std::to_string(i) + ".f").c_str());
     complete = complete && included == 20 && kiv_logcheck(0, "other.f") == 0;
     std::string p = prefix(256);
     EXPECT_TRUE(p == "ssock_update: " || p == "1234 [*] ssock_update: ") << p;

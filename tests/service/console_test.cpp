@@ -54,8 +54,9 @@ TEST(Console, EveryCommandAndReply) {
       {"Enable\t" + a, {"+"}},
       {"ADD -p " + h + " -- prog \"two words\" -v", {"+"}},
       // The listing is in port order.
-      {"ls", hookport < autoport ? replies{"!", kt::port_line(hookport, "svc", "Hook"), listing, "."}
-                                 : replies{"!", listing, kt::port_line(hookport, "svc", "Hook"), "."}},
+      {"ls", hookport < autoport
+                 ? replies{"!", kt::port_line(hookport, "svc", "Hook"), listing, "."}
+                 : replies{"!", listing, kt::port_line(hookport, "svc", "Hook"), "."}},
       {"disable " + h, {"-Failed with code -24"}},
       {"remove " + h, {"+"}},
       {"w1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21", {"-Too many words"}},
@@ -66,8 +67,10 @@ TEST(Console, EveryCommandAndReply) {
   {
     kt::client c;
     for (auto &k : cases) {
-      if (k.want.empty()) ASSERT_TRUE(c.send(k.line));
-      else EXPECT_EQ(c.command(k.line), k.want) << "sent: [" << k.line.substr(0, 60) << "]";
+      if (k.want.empty())
+        ASSERT_TRUE(c.send(k.line));
+      else
+        EXPECT_EQ(c.command(k.line), k.want) << "sent: [" << k.line.substr(0, 60) << "]";
     }
   }
   EXPECT_TRUE(daemon.log_has("cmd: \"lsx\""));
@@ -110,7 +113,13 @@ TEST(ConsoleEnd, ABusyClientDoesNotKeepALonePortOff) {
   ASSERT_NE(s, INVALID_SOCKET);
   EXPECT_TRUE(d.log_has("Port " + std::to_string(port) + " disabled for 3 seconds"));
   EXPECT_TRUE(d.log_has("Waiting ... ("));
-  EXPECT_TRUE(kt::poll([&] { busy.command("info"); return d.log_count(listening) >= 2; }, 30000)) << d.err();
+  EXPECT_TRUE(kt::poll(
+      [&] {
+        busy.command("info");
+        return d.log_count(listening) >= 2;
+      },
+      30000))
+      << d.err();
   closesocket(s);
   EXPECT_EQ(busy.command("info").front(), "!");
   SOCKET again = kt::connect_to(port);

@@ -38,11 +38,13 @@ TEST(Kivctl, RepliesAndExitCodes) {
       {"--raw quit", "", "", 0},
       // For people: no framing, a table, errors on standard error.
       {"update", "", "", 0},
-      {"ls", "PORT   SERVICE  MODE  STATE\n" + std::string(number) + "  svc      auto  idle\n", "", 0},
+      {"ls", "PORT   SERVICE  MODE  STATE\n" + std::string(number) + "  svc      auto  idle\n", "",
+       0},
       {"info", "My UserName: " + kt::user_name() + "\n", "", 0},
       {"remove 7", "", "kivctl: Failed with code -4\n", 1},
       {"--bogus ls", "", "kivctl: unknown option --bogus (--raw, --json, --version)\n", 1},
-      {"status --json", "", "kivctl: status takes no words (options go first: kivctl --json status)\n", 1},
+      {"status --json", "",
+       "kivctl: status takes no words (options go first: kivctl --json status)\n", 1},
   };
   for (auto &c : cases) {
     result r = kivctl(c.args);
@@ -52,7 +54,8 @@ TEST(Kivctl, RepliesAndExitCodes) {
   }
   EXPECT_EQ(kivctl("--version").out, std::string("kivctl ") + KIV_VERSION + "\n");
   // Status at a glance, for people and for scripts.
-  EXPECT_EQ(kivctl("status").out, "service:  not installed\nkivd:     running, pid " + std::to_string(d.pid) +
+  EXPECT_EQ(kivctl("status").out, "service:  not installed\nkivd:     running, pid " +
+                                      std::to_string(d.pid) +
                                       "\nports:    1 (idle 1, serving 0, disabled 0, hooked 0)\n");
   {
     kj::reader r(kivctl("--json status").out);
@@ -68,7 +71,8 @@ TEST(Kivctl, RepliesAndExitCodes) {
   ASSERT_TRUE(listed.ok()) << j.out;
   ASSERT_EQ(v.items.size(), 1u) << j.out;
   EXPECT_EQ(v.items[0]["port"].number, port);  // the fields: listing_test.cpp
-  for (auto [args, ok, code] : {std::tuple{"--json update", true, 0u}, {"--json remove 7", false, 1u}}) {
+  for (auto [args, ok, code] :
+       {std::tuple{"--json update", true, 0u}, {"--json remove 7", false, 1u}}) {
     j = kivctl(args);
     kj::reader r(j.out);
     kj::value o = r.parse();
@@ -89,7 +93,8 @@ TEST(Kivctl, RepliesAndExitCodes) {
   EXPECT_EQ(r.code, 0u);
   // What kivd answers a line is the client's own rule (answer_test.cpp); the exit code is
   // the last command's.
-  r = kivctl("--raw", "update\n" + std::string(5000, 'x') + "\nupdate\nquit " + std::string(600, 'x') + "\n");
+  r = kivctl("--raw", "update\n" + std::string(5000, 'x') + "\nupdate\nquit " +
+                          std::string(600, 'x') + "\n");
   EXPECT_EQ(r.out, "+\n-Message too long\n+\n-Message too long\n");
   EXPECT_EQ(r.code, 1u);
 

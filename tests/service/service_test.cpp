@@ -20,7 +20,8 @@ struct manager {
     if (scm) CloseServiceHandle(scm);
   }
   // Runs f on the service opened for access; false when it cannot be opened or f fails.
-  template <class F> bool with(DWORD access, F f) {
+  template <class F>
+  bool with(DWORD access, F f) {
     SC_HANDLE s = OpenServiceA(scm, "vesk_kivd", access);
     bool ok = s && f(s);
     if (s) CloseServiceHandle(s);
@@ -37,7 +38,10 @@ struct manager {
     buf.assign(8192, 0);
     auto *c = reinterpret_cast<QUERY_SERVICE_CONFIGA *>(buf.data());
     DWORD need = 0;
-    return with(SERVICE_QUERY_CONFIG, [&](SC_HANDLE s) { return QueryServiceConfigA(s, c, 8192, &need); }) ? c : nullptr;
+    return with(SERVICE_QUERY_CONFIG,
+                [&](SC_HANDLE s) { return QueryServiceConfigA(s, c, 8192, &need); })
+               ? c
+               : nullptr;
   }
   // QueryServiceConfig2A(level) into buf: 0, or the manager's error.
   DWORD config2(DWORD level, std::vector<char> &buf) {
@@ -50,10 +54,13 @@ struct manager {
     });
     return error;
   }
-  bool start() { return with(SERVICE_START, [](SC_HANDLE s) { return StartServiceA(s, 0, nullptr); }); }
+  bool start() {
+    return with(SERVICE_START, [](SC_HANDLE s) { return StartServiceA(s, 0, nullptr); });
+  }
   bool control(DWORD code) {
     SERVICE_STATUS st;
-    return with(SERVICE_STOP | SERVICE_INTERROGATE, [&](SC_HANDLE s) { return ControlService(s, code, &st); });
+    return with(SERVICE_STOP | SERVICE_INTERROGATE,
+                [&](SC_HANDLE s) { return ControlService(s, code, &st); });
   }
   bool state_is(DWORD state, int ms = 30000) {
     return kt::poll([&] { return status().dwCurrentState == state; }, ms);
@@ -208,8 +215,10 @@ TEST_F(Service, StartStopStatesAndExitCodes) {
   EXPECT_EQ(st.dwServiceSpecificExitCode, 0u);
   ASSERT_TRUE(no_kivd_process());
   // The pipe went with the service.
-  EXPECT_TRUE(kt::poll([] { return !WaitNamedPipeA("\\\\.\\pipe\\vesk_kivd", NMPWAIT_NOWAIT) &&
-                                   GetLastError() == ERROR_FILE_NOT_FOUND; }));
+  EXPECT_TRUE(kt::poll([] {
+    return !WaitNamedPipeA("\\\\.\\pipe\\vesk_kivd", NMPWAIT_NOWAIT) &&
+           GetLastError() == ERROR_FILE_NOT_FOUND;
+  }));
 
   // "quit -Q" ends a running service as well.
   ASSERT_TRUE(m.start());
@@ -240,7 +249,8 @@ TEST_F(Service, AStopDuringStartUpStartsNothingMoreAndNeverReportsRunning) {
   ASSERT_NE(kt::testagent_exe(), "");
   char dir[MAX_PATH];
   GetTempPathA(sizeof dir, dir);
-  std::string record = std::string(dir) + "kivd_early_stop_" + std::to_string(GetCurrentProcessId()) + ".txt";
+  std::string record =
+      std::string(dir) + "kivd_early_stop_" + std::to_string(GetCurrentProcessId()) + ".txt";
   DeleteFileA(record.c_str());
   constexpr int N = 60;
   std::vector<int> ports = kt::free_ports(N);
@@ -251,14 +261,20 @@ TEST_F(Service, AStopDuringStartUpStartsNothingMoreAndNeverReportsRunning) {
   }
   ASSERT_TRUE(m.start());
   // The stop goes out while the service still reports start pending.
-  ASSERT_TRUE(kt::poll([&] { return m.control(SERVICE_CONTROL_STOP) ||
-                                    m.status().dwCurrentState != SERVICE_START_PENDING; }, 10000));
+  ASSERT_TRUE(kt::poll(
+      [&] {
+        return m.control(SERVICE_CONTROL_STOP) ||
+               m.status().dwCurrentState != SERVICE_START_PENDING;
+      },
+      10000));
   std::vector<DWORD> states;
-  kt::poll([&] {
-    DWORD state = m.status().dwCurrentState;
-    if (states.empty() || states.back() != state) states.push_back(state);
-    return state == SERVICE_STOPPED;
-  }, 60000);
+  kt::poll(
+      [&] {
+        DWORD state = m.status().dwCurrentState;
+        if (states.empty() || states.back() != state) states.push_back(state);
+        return state == SERVICE_STOPPED;
+      },
+      60000);
   ASSERT_EQ(states.back(), static_cast<DWORD>(SERVICE_STOPPED)) << testing::PrintToString(states);
   bool pending = false;
   for (DWORD state : states) {
@@ -293,8 +309,8 @@ TEST(PipeSecurity, SystemAndAdministratorsOnly) {
   ASSERT_NE(c.h, INVALID_HANDLE_VALUE);
   PACL dacl = nullptr;
   PSECURITY_DESCRIPTOR sd = nullptr;
-  ASSERT_EQ(GetSecurityInfo(c.h, SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl,
-                            nullptr, &sd),
+  ASSERT_EQ(GetSecurityInfo(c.h, SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr,
+                            &dacl, nullptr, &sd),
             static_cast<DWORD>(ERROR_SUCCESS));
   ASSERT_NE(dacl, nullptr);
   std::vector<std::string> sids;
@@ -307,8 +323,9 @@ TEST(PipeSecurity, SystemAndAdministratorsOnly) {
     sids.push_back(text ? text : "?");
     LocalFree(text);
     // Generic read and write, or what they map to for a pipe.
-    EXPECT_TRUE(ace->Mask == 0xC0000000u || (ace->Mask & (FILE_GENERIC_READ | FILE_GENERIC_WRITE)) ==
-                                                 (FILE_GENERIC_READ | FILE_GENERIC_WRITE))
+    EXPECT_TRUE(ace->Mask == 0xC0000000u ||
+                (ace->Mask & (FILE_GENERIC_READ | FILE_GENERIC_WRITE)) ==
+                    (FILE_GENERIC_READ | FILE_GENERIC_WRITE))
         << std::hex << ace->Mask;
   }
   EXPECT_EQ(sids, (std::vector<std::string>{"S-1-5-18", "S-1-5-32-544"}));

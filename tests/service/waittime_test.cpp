@@ -13,12 +13,12 @@ TEST(WaitTime, Rules) {
     time_t due;
     int seconds;
   } cases[] = {
-      {now + 3, 4},                  // due + 1
+      {now + 3, 4},  // due + 1
       {now + 10, 11},
       {now + 1, 2},
-      {now, 6},                      // overdue: 5 + 1
+      {now, 6},  // overdue: 5 + 1
       {now - 100, 6},
-      {now + 86400, 86401},          // the port manager's horizon when nothing is due
+      {now + 86400, 86401},  // the port manager's horizon when nothing is due
       {now + SSERV_WEEK - 1, SSERV_WEEK},
       {now + SSERV_WEEK, SSERV_WEEK},  // never longer than a week
       {now + 400000000, SSERV_WEEK},
@@ -44,7 +44,8 @@ TEST(WaitTime, AFailingWaitStillSeesDieAndDoesNotSpin) {
   GetThreadTimes(GetCurrentThread(), &created, &ended, &kernel1, &user1);
   auto ms = [](FILETIME a, FILETIME b) {
     return ((ULONGLONG(b.dwHighDateTime) << 32 | b.dwLowDateTime) -
-            (ULONGLONG(a.dwHighDateTime) << 32 | a.dwLowDateTime)) / 10000;
+            (ULONGLONG(a.dwHighDateTime) << 32 | a.dwLowDateTime)) /
+           10000;
   };
   EXPECT_LT(ms(user0, user1) + ms(kernel0, kernel1), 200u) << "busy while waiting";
   SetEvent(h[99]);  // `die`, the last handle
@@ -66,7 +67,13 @@ TEST(EarlyStopDeathTest, AStopBeforeDieExistsEndsTheLoopAtOnce) {
   EXPECT_EXIT(
       {
         // Without the remembered stop the loop would wait a day: give up long before.
-        CreateThread(nullptr, 0, [](void *) -> DWORD { Sleep(20000); ExitProcess(4); }, nullptr, 0, nullptr);
+        CreateThread(
+            nullptr, 0,
+            [](void *) -> DWORD {
+              Sleep(20000);
+              ExitProcess(4);
+            },
+            nullptr, 0, nullptr);
         stop_service();
         if (initialize() != 0) exit(2);
         exit(run_service() == 0 ? 7 : 3);

@@ -53,9 +53,11 @@ std::vector<recline> read_record(const std::string &path) {
   return out;
 }
 
-void set_values(const std::string &subkey, std::initializer_list<std::pair<const char *, const char *>> values) {
+void set_values(const std::string &subkey,
+                std::initializer_list<std::pair<const char *, const char *>> values) {
   for (auto &v : values) {
-    if (v.second && !kt::set_value(subkey, v.first, v.second)) ADD_FAILURE() << subkey << " " << v.first;
+    if (v.second && !kt::set_value(subkey, v.first, v.second))
+      ADD_FAILURE() << subkey << " " << v.first;
   }
 }
 
@@ -84,7 +86,9 @@ void set_global(const std::string &name, const char *start, const std::string &p
   set_values("global\\start\\" + name, {{"start", start}, {"program", program.c_str()}});
 }
 void remove_key(const std::string &subkey) {
-  EXPECT_EQ(ERROR_SUCCESS, RegDeleteTreeA(HKEY_LOCAL_MACHINE, (std::string(ROOT) + "\\" + subkey).c_str())) << subkey;
+  EXPECT_EQ(ERROR_SUCCESS,
+            RegDeleteTreeA(HKEY_LOCAL_MACHINE, (std::string(ROOT) + "\\" + subkey).c_str()))
+      << subkey;
 }
 
 std::string agent_program(const std::string &record, const std::string &options) {
@@ -102,16 +106,14 @@ std::string record_path(const std::string &name) {
 lines texts(const std::string &path, DWORD pid) {
   lines out;
   for (auto &r : read_record(path))
-    if (!pid || r.pid == pid)
-      out.push_back(r.text);
+    if (!pid || r.pid == pid) out.push_back(r.text);
   return out;
 }
 
 std::vector<DWORD> agents(const std::string &path) {
   std::vector<DWORD> out;
   for (auto &r : read_record(path))
-    if (std::find(out.begin(), out.end(), r.pid) == out.end())
-      out.push_back(r.pid);
+    if (std::find(out.begin(), out.end(), r.pid) == out.end()) out.push_back(r.pid);
   return out;
 }
 
@@ -122,8 +124,7 @@ bool has_text(const std::string &path, const std::string &text, DWORD pid) {
 
 bool ready(const std::string &record, size_t count) {
   size_t n = 0;
-  for (auto &r : read_record(record))
-    n += r.text == "#ready";
+  for (auto &r : read_record(record)) n += r.text == "#ready";
   return n >= count;
 }
 
@@ -133,20 +134,22 @@ lines pipe_lines(const std::string &path, DWORD pid) {
   std::smatch m;
   for (auto &t : texts(path, pid))
     if (t.empty() || t[0] != '#')
-      out.push_back(std::regex_match(t, m, port_line) ? m[1].str() + "<" + std::to_string(m[2].length()) + ">" : t);
+      out.push_back(std::regex_match(t, m, port_line)
+                        ? m[1].str() + "<" + std::to_string(m[2].length()) + ">"
+                        : t);
   return out;
 }
 
 int logged(const std::string &needle) {
-  return int(std::count_if(logs.begin(), logs.end(),
-                           [&](const std::string &l) { return l.find(needle) != std::string::npos; }));
+  return int(std::count_if(logs.begin(), logs.end(), [&](const std::string &l) {
+    return l.find(needle) != std::string::npos;
+  }));
 }
 
 bool pump_until(const std::function<bool()> &done, DWORD timeout_ms) {
   DWORD start = GetTickCount();
   while (!done()) {
-    if (GetTickCount() - start > timeout_ms)
-      return false;
+    if (GetTickCount() - start > timeout_ms) return false;
     HANDLE *handles = nullptr;
     time_t due;
     unsigned n = ssock_waitset(&handles, &due);
@@ -156,8 +159,7 @@ bool pump_until(const std::function<bool()> &done, DWORD timeout_ms) {
     }
     // The loop's own wait, at any count: one signalled entry is served at a time.
     DWORD r = mwait_any(n, handles, FALSE, 20, FALSE);
-    if (r < n)
-      ssock_callback(r);
+    if (r < n) ssock_callback(r);
   }
   return true;
 }
@@ -211,10 +213,10 @@ std::string line_of(unsigned port, const std::string &service, const char *mode)
 std::string launch_line(const std::string &record, DWORD pid) {
   std::string cmd;
   for (auto &t : texts(record, pid))
-    if (t.compare(0, 5, "#cmd ") == 0 && cmd.empty())
-      cmd = t.substr(5);
+    if (t.compare(0, 5, "#cmd ") == 0 && cmd.empty()) cmd = t.substr(5);
   size_t c = cmd.rfind(" -C0x");
-  if (c == std::string::npos || cmd.find_first_not_of("0123456789abcdef", c + 5) != std::string::npos)
+  if (c == std::string::npos ||
+      cmd.find_first_not_of("0123456789abcdef", c + 5) != std::string::npos)
     return "(no -C piece) " + cmd;
   return cmd.substr(0, c);
 }
@@ -226,7 +228,8 @@ std::vector<unsigned> svc_ports(unsigned count, const char *mode, const std::str
   return ports;
 }
 
-void expect_rest(const std::vector<unsigned> &ports, const std::string &service, const char *mode, time_t until) {
+void expect_rest(const std::vector<unsigned> &ports, const std::string &service, const char *mode,
+                 time_t until) {
   lines expected;
   for (unsigned port : ports) expected.push_back(line_of(port, service, mode) + disable_of(until));
   EXPECT_EQ(expected, listing());
@@ -239,8 +242,8 @@ std::string disable_of(time_t t) {
   struct tm *local = localtime(&t);
   char text[64] = " Disable=?";
   if (local)
-    snprintf(text, sizeof text, " Disable=%d-%02d-%02d_%02d:%02d", local->tm_year + 1900, local->tm_mon + 1,
-             local->tm_mday, local->tm_hour, local->tm_min);
+    snprintf(text, sizeof text, " Disable=%d-%02d-%02d_%02d:%02d", local->tm_year + 1900,
+             local->tm_mon + 1, local->tm_mday, local->tm_hour, local->tm_min);
   return text;
 }
 
@@ -270,14 +273,14 @@ DWORD start_agent_on(unsigned port, const std::string &record, SOCKET *keep) {
   return pid;
 }
 
-HANDLE open_process(DWORD pid) { return OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid); }
+HANDLE open_process(DWORD pid) {
+  return OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid);
+}
 
 DWORD exit_code(HANDLE process) {
-  if (!process)
-    return 0xFFFFFFFF;
+  if (!process) return 0xFFFFFFFF;
   DWORD code = STILL_ACTIVE;
-  if (WaitForSingleObject(process, 5000) == WAIT_OBJECT_0)
-    GetExitCodeProcess(process, &code);
+  if (WaitForSingleObject(process, 5000) == WAIT_OBJECT_0) GetExitCodeProcess(process, &code);
   CloseHandle(process);
   return code;
 }
@@ -292,8 +295,7 @@ void Ports::SetUp() {
 }
 
 void Ports::restart_manager() {
-  if (!cleaned_up)
-    ssock_cleanup();
+  if (!cleaned_up) ssock_cleanup();
   ssock_reset();
   cleaned_up = false;
   logs.clear();
@@ -304,8 +306,7 @@ void Ports::TearDown() {
   restart_manager();
   kiv_logreset();
   kiv_setclock(nullptr, nullptr);
-  for (auto &f : record_files)
-    DeleteFileA(f.c_str());
+  for (auto &f : record_files) DeleteFileA(f.c_str());
   record_files.clear();
 }
 

@@ -24,7 +24,8 @@ constexpr time_t START_TIME = 1800000000;
 
 // Registry under HKEY_LOCAL_MACHINE\SOFTWARE\Orvane\Agents. A null value is left out.
 void set_port(unsigned port, const char *start, const char *service);
-void set_service(const std::string &name, const std::string &program, const char *lifespan = nullptr);
+void set_service(const std::string &name, const std::string &program,
+                 const char *lifespan = nullptr);
 void set_global(const std::string &name, const char *start, const std::string &program);
 void remove_key(const std::string &subkey);  // e.g. "tcp\\s1234"
 
@@ -59,8 +60,8 @@ void advance(time_t seconds);
 
 struct waitlist {
   unsigned count = 0;
-  unsigned events = 0;        // entries that are not process handles
-  std::vector<DWORD> pids;    // process ids of the process handles, in list order
+  unsigned events = 0;      // entries that are not process handles
+  std::vector<DWORD> pids;  // process ids of the process handles, in list order
   time_t due = 0;
 };
 waitlist wait_list();
@@ -78,7 +79,8 @@ std::string disable_of(time_t t);
 std::vector<unsigned> svc_ports(unsigned count, const char *mode, const std::string &program);
 // The ports of `service` rest until `until`: listed in `mode` with that disable, nothing
 // but the timer in the wait list.
-void expect_rest(const std::vector<unsigned> &ports, const std::string &service, const char *mode, time_t until);
+void expect_rest(const std::vector<unsigned> &ports, const std::string &service, const char *mode,
+                 time_t until);
 
 // Ports free on loopback right now, ascending.
 std::vector<unsigned> free_ports(unsigned count);

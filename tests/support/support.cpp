@@ -35,7 +35,8 @@ struct winsock {
 // A TCP socket no agent inherits, and the loopback address with port.
 SOCKET loopback_socket(unsigned port, sockaddr_in &a) {
   SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  if (s != INVALID_SOCKET) SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
+  if (s != INVALID_SOCKET)
+    SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
   a = sockaddr_in{};
   a.sin_family = AF_INET;
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -62,7 +63,8 @@ HANDLE inheritable_file(const std::string &name, bool write) {
 bool start(std::string line, STARTUPINFOA *si, HANDLE *process, DWORD *pid) {
   PROCESS_INFORMATION pi;
   si->cb = sizeof *si;
-  if (!CreateProcessA(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, si, &pi)) return false;
+  if (!CreateProcessA(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, si, &pi))
+    return false;
   CloseHandle(pi.hThread);
   *process = pi.hProcess;
   *pid = pi.dwProcessId;
@@ -76,7 +78,8 @@ std::string build_dir() {
   std::string dir(path, GetModuleFileNameA(nullptr, path, sizeof path));
   for (int up = 0; up < 5; up++) {
     dir = dir.substr(0, dir.find_last_of('\\'));
-    if (GetFileAttributesA((dir + "\\service\\kivd.exe").c_str()) != INVALID_FILE_ATTRIBUTES) return dir;
+    if (GetFileAttributesA((dir + "\\service\\kivd.exe").c_str()) != INVALID_FILE_ATTRIBUTES)
+      return dir;
   }
   return dir;
 }
@@ -100,8 +103,9 @@ bool set_value(const std::string &key, const std::string &value, const std::stri
   if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &k,
                       nullptr) != ERROR_SUCCESS)
     return false;
-  bool ok = RegSetValueExA(k, value.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE *>(text.c_str()),
-                           static_cast<DWORD>(text.size() + 1)) == ERROR_SUCCESS;
+  bool ok =
+      RegSetValueExA(k, value.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE *>(text.c_str()),
+                     static_cast<DWORD>(text.size() + 1)) == ERROR_SUCCESS;
   RegCloseKey(k);
   return ok;
 }
@@ -186,10 +190,13 @@ std::string read_line(SOCKET s, int ms) {
   return line;
 }
 
-void send_text(SOCKET s, const std::string &text) { send(s, text.data(), static_cast<int>(text.size()), 0); }
+void send_text(SOCKET s, const std::string &text) {
+  send(s, text.data(), static_cast<int>(text.size()), 0);
+}
 
 bool echoes(SOCKET c, const std::string &text) {
-  if (send(c, text.data(), static_cast<int>(text.size()), 0) != static_cast<int>(text.size())) return false;
+  if (send(c, text.data(), static_cast<int>(text.size()), 0) != static_cast<int>(text.size()))
+    return false;
   std::string back;
   char buf[512];
   while (back.size() < text.size()) {
@@ -228,7 +235,8 @@ process::process(const std::string &cmdline, const std::string &input) {
   CloseHandle(out);
   CloseHandle(err);
   if (in != INVALID_HANDLE_VALUE) CloseHandle(in);
-  if (!in_file.empty()) DeleteFileA(in_file.c_str());  // shared for deletion: gone when the child closes it
+  if (!in_file.empty())
+    DeleteFileA(in_file.c_str());  // shared for deletion: gone when the child closes it
 }
 
 process::~process() {
@@ -269,7 +277,8 @@ ran run(const std::string &cmdline, const std::string &input) {
 
 kivd::kivd(const std::string &options) : process("\"" + kivd_exe() + "\" " + options) {
   // Ready when the control pipe exists.
-  poll([] { return WaitNamedPipeA(PIPE, NMPWAIT_NOWAIT) || GetLastError() == ERROR_SEM_TIMEOUT; }, 20000);
+  poll([] { return WaitNamedPipeA(PIPE, NMPWAIT_NOWAIT) || GetLastError() == ERROR_SEM_TIMEOUT; },
+       20000);
 }
 
 kivd::~kivd() {
@@ -312,7 +321,8 @@ client::client(bool greet, int ms) {
         return !greet || receive() == "KIVD v0.1";
       },
       ms);
-  if (greet && h != INVALID_HANDLE_VALUE && !PeekNamedPipe(h, nullptr, 0, nullptr, nullptr, nullptr))
+  if (greet && h != INVALID_HANDLE_VALUE &&
+      !PeekNamedPipe(h, nullptr, 0, nullptr, nullptr, nullptr))
     close();
 }
 
@@ -349,7 +359,8 @@ std::string client::receive() {
     if (!ReadFile(h, buf, sizeof buf, nullptr, ov) && GetLastError() == ERROR_IO_PENDING &&
         WaitForSingleObject(ov->hEvent, IO_MS) != WAIT_OBJECT_0) {
       CancelIoEx(h, ov);
-      if (WaitForSingleObject(ov->hEvent, 2000) != WAIT_OBJECT_0) return "<timeout, read left pending>";
+      if (WaitForSingleObject(ov->hEvent, 2000) != WAIT_OBJECT_0)
+        return "<timeout, read left pending>";
       GetOverlappedResult(h, ov, &got, FALSE);
       out = "<timeout>";
       break;
@@ -404,7 +415,9 @@ std::vector<std::string> listed_ports(const std::vector<std::string> &reply) {
 }
 
 double now_ms() {
-  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now().time_since_epoch()).count();
+  return std::chrono::duration<double, std::milli>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
 }
 
 namespace {
@@ -428,14 +441,15 @@ constexpr LONG STATUS_INFO_LENGTH_MISMATCH = LONG(0xC0000004);
 
 DWORD handles_in_table(DWORD pid) {
   using query = LONG(WINAPI *)(ULONG, PVOID, ULONG, PULONG);
-  auto q = reinterpret_cast<query>(
-      reinterpret_cast<void *>(GetProcAddress(GetModuleHandleA("ntdll.dll"), "NtQuerySystemInformation")));
+  auto q = reinterpret_cast<query>(reinterpret_cast<void *>(
+      GetProcAddress(GetModuleHandleA("ntdll.dll"), "NtQuerySystemInformation")));
   if (!q) return 0;
   std::vector<char> buffer(1 << 18);
   LONG status;
   ULONG need = 0;
-  while ((status = q(SYSTEM_EXTENDED_HANDLE_INFORMATION, buffer.data(), ULONG(buffer.size()), &need)) ==
-             STATUS_INFO_LENGTH_MISMATCH && buffer.size() < (64u << 20))
+  while ((status = q(SYSTEM_EXTENDED_HANDLE_INFORMATION, buffer.data(), ULONG(buffer.size()),
+                     &need)) == STATUS_INFO_LENGTH_MISMATCH &&
+         buffer.size() < (64u << 20))
     buffer.resize(buffer.size() * 2);
   if (status != 0) return 0;
   auto *table = reinterpret_cast<handle_table *>(buffer.data());
@@ -452,7 +466,8 @@ bool usage_of(DWORD pid, usage *out) {
   PROCESS_MEMORY_COUNTERS_EX counters = {};
   counters.cb = sizeof counters;
   bool ok = GetProcessHandleCount(h, &out->handles) &&
-            GetProcessMemoryInfo(h, reinterpret_cast<PROCESS_MEMORY_COUNTERS *>(&counters), sizeof counters);
+            GetProcessMemoryInfo(h, reinterpret_cast<PROCESS_MEMORY_COUNTERS *>(&counters),
+                                 sizeof counters);
   CloseHandle(h);
   if (!ok) return false;
   if (out->handles == 0) out->handles = handles_in_table(pid);
@@ -467,7 +482,6 @@ std::string describe(const usage &before, const usage &after) {
          ", private KB " + std::to_string(before.private_bytes / 1024) + " -> " +
          std::to_string(after.private_bytes / 1024);
 }
-
 
 bool launch(const std::string &cmdline, launched *out) {
   *out = launched{};
@@ -487,7 +501,8 @@ bool launch(const std::string &cmdline, launched *out) {
 bool send_line(HANDLE pipe, const std::string &line) {
   std::string text = line + "\r\n";
   DWORD put = 0;
-  return WriteFile(pipe, text.data(), static_cast<DWORD>(text.size()), &put, nullptr) && put == text.size();
+  return WriteFile(pipe, text.data(), static_cast<DWORD>(text.size()), &put, nullptr) &&
+         put == text.size();
 }
 
 std::string handover_line(SOCKET sock, unsigned port, DWORD pid) {

@@ -30,7 +30,9 @@ void remove_root();
 struct registry {
   registry() { remove_root(); }
   ~registry() { remove_root(); }
-  void set(const std::string &key, const std::string &value, const std::string &text) { set_value(key, value, text); }
+  void set(const std::string &key, const std::string &value, const std::string &text) {
+    set_value(key, value, text);
+  }
   void port(int port, const char *start, const char *service);
   void service(const char *name, const std::string &program);
 };

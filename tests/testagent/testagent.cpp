@@ -37,7 +37,8 @@
 namespace {
 
 constexpr DWORD LIFETIME_MS = 90000;
-static_assert(sizeof(WSAPROTOCOL_INFOA) == WIRE_INFO_SIZE, "the manager hands over the protocol information");
+static_assert(sizeof(WSAPROTOCOL_INFOA) == WIRE_INFO_SIZE,
+              "the manager hands over the protocol information");
 
 HANDLE record_file = INVALID_HANDLE_VALUE;
 bool ignore_exit = false;
@@ -45,8 +46,7 @@ CRITICAL_SECTION lock;
 std::vector<unsigned> removals;  // ports the pipe thread asked the main loop to drop
 
 void record(const std::string &text) {
-  if (record_file == INVALID_HANDLE_VALUE)
-    return;
+  if (record_file == INVALID_HANDLE_VALUE) return;
   std::string line = std::to_string(GetCurrentProcessId()) + " " + text + "\n";
   DWORD written;
   WriteFile(record_file, line.data(), DWORD(line.size()), &written, nullptr);
@@ -79,25 +79,26 @@ std::string scan_handles(HANDLE own) {
   for (uintptr_t v = 4; v < 0x4000; v += 4) {
     HANDLE h = reinterpret_cast<HANDLE>(v);
     DWORD flags;
-    if (!GetHandleInformation(h, &flags))
-      continue;
+    if (!GetHandleInformation(h, &flags)) continue;
     if (own && h == own) {
       owned++;
       continue;
     }
     // An inherited handle keeps its inheritance flag; handles the runtime opened in this
     // process (Wine keeps some pipes of its own) have it clear and are not counted.
-    if (h == std_handles[0] || h == std_handles[1] || h == std_handles[2] || !(flags & HANDLE_FLAG_INHERIT))
+    if (h == std_handles[0] || h == std_handles[1] || h == std_handles[2] ||
+        !(flags & HANDLE_FLAG_INHERIT))
       continue;
     int accepting = 0, length = sizeof accepting;
-    if (getsockopt(SOCKET(v), SOL_SOCKET, SO_ACCEPTCONN, reinterpret_cast<char *>(&accepting), &length) == 0)
+    if (getsockopt(SOCKET(v), SOL_SOCKET, SO_ACCEPTCONN, reinterpret_cast<char *>(&accepting),
+                   &length) == 0)
       accepting ? listening++ : sockets++;
     else
       GetFileType(h) == FILE_TYPE_PIPE ? pipes++ : others++;
   }
   char text[128];
-  snprintf(text, sizeof text, "#handles listening=%d sockets=%d pipes=%d other=%d own=%d", listening,
-           sockets, pipes, others, owned);
+  snprintf(text, sizeof text, "#handles listening=%d sockets=%d pipes=%d other=%d own=%d",
+           listening, sockets, pipes, others, owned);
   return text;
 }
 
@@ -111,14 +112,12 @@ struct line_reader {
       if (eol != std::string::npos) {
         line = pending.substr(0, eol);
         pending.erase(0, eol + 1);
-        if (!line.empty() && line.back() == '\r')
-          line.pop_back();
+        if (!line.empty() && line.back() == '\r') line.pop_back();
         return true;
       }
       char buffer[1024];
       DWORD got = 0;
-      if (!ReadFile(pipe, buffer, sizeof buffer, &got, nullptr) || got == 0)
-        return false;
+      if (!ReadFile(pipe, buffer, sizeof buffer, &got, nullptr) || got == 0) return false;
       pending.append(buffer, got);
     }
   }
@@ -131,8 +130,7 @@ DWORD WINAPI pipe_thread(void *) {
   while (reader.next(line)) {
     record(line);
     if (line == WIRE_EXIT) {
-      if (!ignore_exit)
-        leave(0);
+      if (!ignore_exit) leave(0);
       record("#ignored");
     } else if (line.compare(0, strlen(WIRE_REMOVE), WIRE_REMOVE) == 0) {
       EnterCriticalSection(&lock);
@@ -141,8 +139,7 @@ DWORD WINAPI pipe_thread(void *) {
     }
   }
   record("#eof");
-  if (!ignore_exit)
-    leave(0);
+  if (!ignore_exit) leave(0);
   return 0;
 }
 
@@ -180,8 +177,7 @@ SOCKET listen_self(unsigned port, int &error) {
   if (s == INVALID_SOCKET || bind(s, reinterpret_cast<sockaddr *>(&address), sizeof address) ||
       listen(s, 10)) {
     error = WSAGetLastError();
-    if (s != INVALID_SOCKET)
-      closesocket(s);
+    if (s != INVALID_SOCKET) closesocket(s);
     return INVALID_SOCKET;
   }
   SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
@@ -190,9 +186,9 @@ SOCKET listen_self(unsigned port, int &error) {
 
 void serve(const port_socket &ps) {
   SOCKET client = accept(ps.sock, nullptr, nullptr);
-  if (client == INVALID_SOCKET)
-    return;
-  std::string hello = "agent " + std::to_string(GetCurrentProcessId()) + " port " + std::to_string(ps.port) + "\r\n";
+  if (client == INVALID_SOCKET) return;
+  std::string hello = "agent " + std::to_string(GetCurrentProcessId()) + " port " +
+                      std::to_string(ps.port) + "\r\n";
   send(client, hello.data(), int(hello.size()), 0);
   DWORD timeout = 3000;
   setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char *>(&timeout), sizeof timeout);
@@ -203,13 +199,10 @@ void serve(const port_socket &ps) {
   // The client closes first, so the port is not left with a connection in TIME_WAIT
   // (under Wine that would make the manager's next bind of the port fail).
   if (exit_request || crash_request)
-    while (recv(client, rest, sizeof rest, 0) > 0) {
-    }
+    while (recv(client, rest, sizeof rest, 0) > 0) {}
   closesocket(client);
-  if (exit_request)
-    leave(atoi(request + 5));
-  if (crash_request)
-    crash();
+  if (exit_request) leave(atoi(request + 5));
+  if (crash_request) crash();
 }
 
 }  // namespace
@@ -224,16 +217,28 @@ int main(int argc, char **argv) {
   const char *gate = nullptr;
   for (int i = 1; i < argc; i++) {
     const char *a = argv[i];
-    if (a[0] != '-' || !a[1])
-      continue;
+    if (a[0] != '-' || !a[1]) continue;
     switch (a[1]) {
-      case 'F': file = a + 2; break;
-      case 'Q': quit = true; break;
-      case 'V': violate = true; break;
-      case 'I': ignore_exit = true; break;
-      case 'W': gate = a + 2; break;
-      case 'C': pipe = reinterpret_cast<HANDLE>(uintptr_t(strtoull(a + 2, nullptr, 16))); break;
-      default: break;
+      case 'F':
+        file = a + 2;
+        break;
+      case 'Q':
+        quit = true;
+        break;
+      case 'V':
+        violate = true;
+        break;
+      case 'I':
+        ignore_exit = true;
+        break;
+      case 'W':
+        gate = a + 2;
+        break;
+      case 'C':
+        pipe = reinterpret_cast<HANDLE>(uintptr_t(strtoull(a + 2, nullptr, 16)));
+        break;
+      default:
+        break;
     }
   }
   WSADATA wsa;
@@ -241,19 +246,19 @@ int main(int argc, char **argv) {
   // Scanned before this process opens anything of its own.
   std::string inherited = scan_handles(pipe);
   if (file)
-    record_file = CreateFileA(file, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                              nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    record_file =
+        CreateFileA(file, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                    nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
   record("#cmd " + std::string(GetCommandLineA()));
   record(inherited);
-  if (violate)
-    crash();
-  if (quit)
-    leave(0);
+  if (violate) crash();
+  if (quit) leave(0);
   if (!pipe) {  // a global program or a hooking process: lives until killed
     Sleep(LIFETIME_MS);
     leave(0);
   }
-  while (gate && GetFileAttributesA(gate) == INVALID_FILE_ATTRIBUTES && GetTickCount() - started < LIFETIME_MS)
+  while (gate && GetFileAttributesA(gate) == INVALID_FILE_ATTRIBUTES &&
+         GetTickCount() - started < LIFETIME_MS)
     Sleep(20);
 
   // Start-up lines, up to "lifespan".
@@ -265,16 +270,16 @@ int main(int argc, char **argv) {
   while (!started_up && reader.next(line)) {
     record(line);
     started_up = line.compare(0, strlen(WIRE_LIFESPAN), WIRE_LIFESPAN) == 0;
-    if (line.compare(0, strlen(WIRE_PORT), WIRE_PORT) != 0)
-      continue;
+    if (line.compare(0, strlen(WIRE_PORT), WIRE_PORT) != 0) continue;
     unsigned port = unsigned(atoi(line.c_str() + strlen(WIRE_PORT)));
     size_t at = line.find('@');
     int error = 0;
-    SOCKET s = at == std::string::npos ? listen_self(port, error) : rebuild(line.substr(at + 1), error);
+    SOCKET s =
+        at == std::string::npos ? listen_self(port, error) : rebuild(line.substr(at + 1), error);
     const char *what = at == std::string::npos ? "#listen " : "#socket ";
-    record(what + std::to_string(port) + (s == INVALID_SOCKET ? " failed " + std::to_string(error) : " ok"));
-    if (s != INVALID_SOCKET)
-      sockets.push_back({port, s});
+    record(what + std::to_string(port) +
+           (s == INVALID_SOCKET ? " failed " + std::to_string(error) : " ok"));
+    if (s != INVALID_SOCKET) sockets.push_back({port, s});
   }
   if (!started_up) {
     record("#eof");
@@ -305,11 +310,9 @@ int main(int argc, char **argv) {
       Sleep(50);
       continue;
     }
-    if (select(0, &readable, nullptr, nullptr, &tick) <= 0)
-      continue;
+    if (select(0, &readable, nullptr, nullptr, &tick) <= 0) continue;
     for (const port_socket &ps : sockets)
-      if (FD_ISSET(ps.sock, &readable))
-        serve(ps);
+      if (FD_ISSET(ps.sock, &readable)) serve(ps);
   }
   record("#timeout");
   leave(0);

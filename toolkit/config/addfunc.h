@@ -5,5 +5,4 @@
 // prefix: an absolute tree path or null; letter: 's' or 'd' for a value, 0 for a node.
 // Returns 0 to go on; a non-zero result is the reader's failure (the registry loader
 // stops on it; the text parser ignores it).
-using kiv_addfunc = int (*)(const char *name, const char *value, const char *prefix,
-                            int letter);
+using kiv_addfunc = int (*)(const char *name, const char *value, const char *prefix, int letter);

@@ -41,7 +41,7 @@ char *trimend(char *start, char *end) {
 // Both growable texts of one parse, released on every way out.
 struct parsestate {
   dstr line{};
-  dstr name{};  // "<section>.<name>" for an assignment inside a section
+  dstr name{};               // "<section>.<name>" for an assignment inside a section
   size_t sectionlength = 0;  // the current section and its dot at the start of name
   ~parsestate() {
     dstr_free(&line, 0);
@@ -135,8 +135,7 @@ int kivconf_parse_lines(FILE *stream, kivconf_linefunc function, void *context, 
   if (!stream || !function) return KIV_EINTERNAL;
   const sink add{function, context};
   parsestate st;
-  if (!dstr_init(&st.line) || !dstr_init(&st.name))
-    return conf_error(error, 0, "out of memory");
+  if (!dstr_init(&st.line) || !dstr_init(&st.name)) return conf_error(error, 0, "out of memory");
   // A line is taken up to its first zero byte, if it holds one: the rest of it cannot
   // be part of a name or a value.
   int lineno = 1;

@@ -32,7 +32,9 @@ class infolock {
 };
 
 // A heap block for a text of size bytes.
-char *textblock(size_t size, const char *tag) { return static_cast<char *>(kiv_allocsize(size, tag)); }
+char *textblock(size_t size, const char *tag) {
+  return static_cast<char *>(kiv_allocsize(size, tag));
+}
 
 // A growable list of heap paths, released with release().
 struct pathlist {
@@ -135,7 +137,9 @@ int removeone(kiv_memdb *db, kiv_memdbrec *rec, void *arg) {
 }
 
 // Removes every entry at or below path. KIV_EBUSY inside a walk of the tree.
-int removesubtree(const char *path) { return kiv_memdbwalk(tree, removeone, const_cast<char *>(path)); }
+int removesubtree(const char *path) {
+  return kiv_memdbwalk(tree, removeone, const_cast<char *>(path));
+}
 
 // Where findsources looks: the lists for at or above path and at or below it (either
 // may be null). The path itself, when a source, goes into both.
@@ -189,7 +193,8 @@ int loadsources(const pathlist &list) {
       xfree(rec.data);
       return KIV_ENOMEM;
     }
-    rc = letter == 'x' ? kivconf_readfile(path, text, addfunc) : kivconf_readreg(path, text, addfunc);
+    rc = letter == 'x' ? kivconf_readfile(path, text, addfunc)
+                       : kivconf_readreg(path, text, addfunc);
     xfree(text);
     if (rc != 0) {
       xfree(rec.data);

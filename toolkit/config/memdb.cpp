@@ -48,7 +48,9 @@ bool samekey(const kiv_memdbrec &a, const unsigned char *key, int32_t keylen, bo
   return true;
 }
 
-uint32_t bucketof(const kiv_memdb *db, uint32_t h) { return h % static_cast<uint32_t>(db->nbuckets); }
+uint32_t bucketof(const kiv_memdb *db, uint32_t h) {
+  return h % static_cast<uint32_t>(db->nbuckets);
+}
 
 // The first equal entry of the chain. Entries marked deleted during a walk are skipped:
 // once deleted, a key stays gone even while its entry waits to be unlinked.
@@ -159,7 +161,8 @@ int put(kiv_memdb *db, kiv_memdbrec *rec, uint32_t bucket) {
       return KIV_ENOMEM;
     }
     e->rec.key = kiv_alloc(static_cast<unsigned>(rec->keylen), TAG);
-    if (e->rec.key && rec->datalen > 0) e->rec.data = kiv_alloc(static_cast<unsigned>(rec->datalen), TAG);
+    if (e->rec.key && rec->datalen > 0)
+      e->rec.data = kiv_alloc(static_cast<unsigned>(rec->datalen), TAG);
     if (!e->rec.key || (rec->datalen > 0 && !e->rec.data)) {
       xfree(e->rec.key);
       xfree(e);

@@ -35,13 +35,13 @@ struct kiv_memdb {
 };
 
 // Options (kiv_memdbopt).
-constexpr int MEMDB_TOUCH = 1;        // a successful GET renews the time stamp
-constexpr int MEMDB_NOCOPYOUT = 2;    // GET hands out the stored data pointer
-constexpr int MEMDB_NOCOPYIN = 4;     // PUT keeps the caller's pointers
-constexpr int MEMDB_FREEFUNC = 8;     // disposal calls the free function
-constexpr int MEMDB_NOCASE = 16;      // keys hash and compare with ASCII case folding
-constexpr int MEMDB_MAXBYTES = 32;    // the option argument is the byte ceiling
-constexpr int MEMDB_WALKING = 0x4000; // internal: a walk is running
+constexpr int MEMDB_TOUCH = 1;         // a successful GET renews the time stamp
+constexpr int MEMDB_NOCOPYOUT = 2;     // GET hands out the stored data pointer
+constexpr int MEMDB_NOCOPYIN = 4;      // PUT keeps the caller's pointers
+constexpr int MEMDB_FREEFUNC = 8;      // disposal calls the free function
+constexpr int MEMDB_NOCASE = 16;       // keys hash and compare with ASCII case folding
+constexpr int MEMDB_MAXBYTES = 32;     // the option argument is the byte ceiling
+constexpr int MEMDB_WALKING = 0x4000;  // internal: a walk is running
 
 constexpr uint32_t ENTRY_FOREIGN = 0x1000;  // key and data belong to the caller
 constexpr uint32_t ENTRY_DELETED = 0x2000;  // deleted during a walk, unlinked by it

@@ -12,12 +12,13 @@
 #include "toolkit/runtime/log.h"
 #include "toolkit/runtime/memory.h"
 
-static_assert(sizeof(unsigned long) == sizeof(DWORD), "the key operations pass DWORDs as unsigned long");
+static_assert(sizeof(unsigned long) == sizeof(DWORD),
+              "the key operations pass DWORDs as unsigned long");
 
 namespace {
 
-constexpr unsigned long ACCESS_READ = 0x20019;        // KEY_READ
-constexpr unsigned long ACCESS_READWRITE = 0x2001f;   // KEY_READ | KEY_WRITE
+constexpr unsigned long ACCESS_READ = 0x20019;       // KEY_READ
+constexpr unsigned long ACCESS_READWRITE = 0x2001f;  // KEY_READ | KEY_WRITE
 static_assert(ACCESS_READ == KEY_READ && ACCESS_READWRITE == (KEY_READ | KEY_WRITE),
               "access rights as the platform defines them");
 constexpr size_t ROOTNAME_MAX = 99;
@@ -115,7 +116,8 @@ int kivconf_openkey(const char *path, const char *mode, kivconf_key **out) {
     return rc;
   }
   HKEY handle;
-  if (RegOpenKeyExA(static_cast<HKEY>(key->root), key->subkey, 0, access, &handle) != ERROR_SUCCESS) {
+  if (RegOpenKeyExA(static_cast<HKEY>(key->root), key->subkey, 0, access, &handle) !=
+      ERROR_SUCCESS) {
     kivconf_closekey(key);
     return KIV_EACCES;
   }
@@ -134,8 +136,8 @@ void kivconf_closekey(kivconf_key *key) {
 int kivconf_enumkey(kivconf_key *key, unsigned long index, char *name, unsigned long size) {
   if (!key || !name) return KIV_EINVAL;
   DWORD namesize = size;
-  LONG rc = RegEnumKeyExA(static_cast<HKEY>(key->handle), index, name, &namesize, nullptr,
-                          nullptr, nullptr, nullptr);
+  LONG rc = RegEnumKeyExA(static_cast<HKEY>(key->handle), index, name, &namesize, nullptr, nullptr,
+                          nullptr, nullptr);
   if (rc == ERROR_NO_MORE_ITEMS) return KIV_ENOMORE;
   return rc == ERROR_SUCCESS ? 0 : KIV_EACCES;
 }
@@ -186,8 +188,8 @@ int kivconf_readreg(const char *prefix, const char *regpath, kiv_addfunc add) {
   // A lone default value gives a longest name of 0, and so reports no values at all.
   for (DWORD index = 0; maxvaluename != 0; index++) {
     unsigned long type, length;
-    if (kivconf_enumvalue(st.key, index, st.valuename, maxvaluename + 1, st.data, datasize,
-                          &type, &length))
+    if (kivconf_enumvalue(st.key, index, st.valuename, maxvaluename + 1, st.data, datasize, &type,
+                          &length))
       break;
     dots_to_underscores(st.valuename);
     char number[16];

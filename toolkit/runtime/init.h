@@ -5,12 +5,12 @@
 
 // Six 32-bit words in this order.
 struct kiv_initrec {
-  uint32_t first;        // carried through by kiv_cinit, not read by kiv_init
-  uint32_t flags;        // KIV_INIT_NOSUB1, KIV_INIT_NOSUB2, KIV_INIT_POLICY
-  uint32_t version;      // requested interface version, 0 for any; 5 on return
-  uint32_t revision;     // requested revision; 0 on return
-  uint32_t policymarker; // must equal KIV_POLICY_MARKER for policyhook to be taken
-  uint32_t policyhook;   // which policy function: KIV_POLICY_NONEXPORTABLE
+  uint32_t first;         // carried through by kiv_cinit, not read by kiv_init
+  uint32_t flags;         // KIV_INIT_NOSUB1, KIV_INIT_NOSUB2, KIV_INIT_POLICY
+  uint32_t version;       // requested interface version, 0 for any; 5 on return
+  uint32_t revision;      // requested revision; 0 on return
+  uint32_t policymarker;  // must equal KIV_POLICY_MARKER for policyhook to be taken
+  uint32_t policyhook;    // which policy function: KIV_POLICY_NONEXPORTABLE
 };
 // A 32-bit word cannot carry a 64-bit function pointer, so the record names the policy
 // function by number and kiv_init looks the function up.

@@ -28,13 +28,13 @@ struct module {
   int excluded;  // 1 for a "!" item
 };
 
-module *modules;   // ended by an entry with a null name; null when the debug spec names none
-int nmodules;      // entries in use, the terminator not counted
-int modcapacity;   // entries the block is known to hold, terminator included
-char *prefix;      // the template; null means KIV_LOGPREFIX
-char *filename;    // set by the ">" item
-char *keptspec;    // copy of the last debug spec, handed on to agents
-FILE *stream;      // the open log file; null while lines go to standard error
+module *modules;       // ended by an entry with a null name; null when the debug spec names none
+int nmodules;          // entries in use, the terminator not counted
+int modcapacity;       // entries the block is known to hold, terminator included
+char *prefix;          // the template; null means KIV_LOGPREFIX
+char *filename;        // set by the ">" item
+char *keptspec;        // copy of the last debug spec, handed on to agents
+FILE *stream;          // the open log file; null while lines go to standard error
 const char *progname;  // printed by %n; nothing in this system sets it
 uint32_t prevtime;     // hundredths of a second of the previous %t line
 long pidcache;
@@ -110,10 +110,14 @@ bool isbracket(char c) { return c == '(' || c == '[' || c == '{' || c == '<'; }
 
 char closing(char open) {
   switch (open) {
-    case '(': return ')';
-    case '[': return ']';
-    case '{': return '}';
-    default: return '>';
+    case '(':
+      return ')';
+    case '[':
+      return ']';
+    case '{':
+      return '}';
+    default:
+      return '>';
   }
 }
 
@@ -198,13 +202,27 @@ int kiv_logprefix(char *buffer, int size, kiv_context *ctx, const char *tag, int
     char c = *t++;
     if (c == '\\') {
       switch (*t) {
-        case 'n': buffer[n++] = '\n'; t++; break;
-        case 't': buffer[n++] = '\t'; t++; break;
-        case '\\': buffer[n++] = '\\'; t++; break;
+        case 'n':
+          buffer[n++] = '\n';
+          t++;
+          break;
+        case 't':
+          buffer[n++] = '\t';
+          t++;
+          break;
+        case '\\':
+          buffer[n++] = '\\';
+          t++;
+          break;
         // A backslash escapes the percent sign: a literal "%", as escapes usually mean.
-        case '%': buffer[n++] = '%'; t++; break;
+        case '%':
+          buffer[n++] = '%';
+          t++;
+          break;
         // Any other character is read normally after the backslash.
-        default: buffer[n++] = '\\'; break;
+        default:
+          buffer[n++] = '\\';
+          break;
       }
       continue;
     }
@@ -316,8 +334,8 @@ void kiv_log(kiv_context *ctx, const char *tag, const char *format, ...) {
   kiv_logwrite(line);
 }
 
-void kiv_vlogerror(kiv_context *ctx, const char *tag, int severity, int code,
-                   const char *format, va_list args) {
+void kiv_vlogerror(kiv_context *ctx, const char *tag, int severity, int code, const char *format,
+                   va_list args) {
   char line[KIV_LOGLINE];
   int n = kiv_logprefix(line, KIV_LOGLINE, ctx, tag, severity, code);
   if (n < KIV_LOGLINE) {
@@ -328,8 +346,8 @@ void kiv_vlogerror(kiv_context *ctx, const char *tag, int severity, int code,
   kiv_logwrite(line);
 }
 
-void kiv_logerror(kiv_context *ctx, const char *tag, int severity, int code,
-                  const char *format, ...) {
+void kiv_logerror(kiv_context *ctx, const char *tag, int severity, int code, const char *format,
+                  ...) {
   va_list args;
   va_start(args, format);
   kiv_vlogerror(ctx, tag, severity, code, format, args);

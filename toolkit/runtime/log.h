@@ -24,7 +24,7 @@ constexpr int KIV_SEV_ERROR = 2;
 constexpr int KIV_SEV_WARNING = 3;
 constexpr int KIV_SEV_DEBUG = 4;  // kiv_log lines
 
-constexpr int KIV_LOGLINE = 2048;  // a line holds at most KIV_LOGLINE - 1 characters
+constexpr int KIV_LOGLINE = 2048;   // a line holds at most KIV_LOGLINE - 1 characters
 extern const char KIV_LOGPREFIX[];  // "%p %n[%s] %f: "
 
 // The output function; kiv_logtofile unless a test replaces it.
@@ -45,10 +45,10 @@ void kiv_log(kiv_context *ctx, const char *tag, const char *format, ...) KIV_PRI
 // A failure report, written at every level (only a negative level stops it): the prefix
 // with severity and code, then the formatted text; a null or empty format writes the
 // prefix alone.
-void kiv_logerror(kiv_context *ctx, const char *tag, int severity, int code,
-                  const char *format, ...) KIV_PRINTF(5, 6);
-void kiv_vlogerror(kiv_context *ctx, const char *tag, int severity, int code,
-                   const char *format, va_list args);
+void kiv_logerror(kiv_context *ctx, const char *tag, int severity, int code, const char *format,
+                  ...) KIV_PRINTF(5, 6);
+void kiv_vlogerror(kiv_context *ctx, const char *tag, int severity, int code, const char *format,
+                   va_list args);
 // 1 when a line of that level and tag passes the level and the module list.
 int kiv_logcheck(int level, const char *tag);
 // Writes the prefix of one line into buffer; returns the characters written (at most

@@ -22,9 +22,9 @@ struct helper {
 
 helper **helpers;
 DWORD nhelpers, capacity;
-HANDLE cancel;  // manual-reset; set to end every helper's wait
-HANDLE woke;    // manual-reset; set by any helper whose wait returned
-HANDLE idle;    // manual-reset; set by the last helper of a round to finish
+HANDLE cancel;       // manual-reset; set to end every helper's wait
+HANDLE woke;         // manual-reset; set by any helper whose wait returned
+HANDLE idle;         // manual-reset; set by the last helper of a round to finish
 volatile LONG busy;  // helpers of the current round still waiting
 
 DWORD WINAPI helper_main(void *arg) {

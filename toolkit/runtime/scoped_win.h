@@ -70,7 +70,7 @@ struct kiv_local_traits {
   static void close(HLOCAL h) { LocalFree(h); }
 };
 
-using scoped_handle = kiv_scoped<kiv_handle_traits>;   // processes, pipes, events, files
-using scoped_key = kiv_scoped<kiv_key_traits>;         // registry keys
-using scoped_service = kiv_scoped<kiv_service_traits>; // service manager handles
-using scoped_local = kiv_scoped<kiv_local_traits>;     // what the system allocated for us
+using scoped_handle = kiv_scoped<kiv_handle_traits>;    // processes, pipes, events, files
+using scoped_key = kiv_scoped<kiv_key_traits>;          // registry keys
+using scoped_service = kiv_scoped<kiv_service_traits>;  // service manager handles
+using scoped_local = kiv_scoped<kiv_local_traits>;      // what the system allocated for us

@@ -41,7 +41,8 @@ const char MARKER[] = "kivctl.apply";  // in Agents.new: "complete" once every v
 const char COMPLETE[] = "complete";
 
 int registry_fail(const char *what, const std::string &name, LONG error) {
-  fprintf(stderr, "kivctl: %s HKEY_LOCAL_MACHINE\\%s: error %ld\n", what, name.c_str(), static_cast<long>(error));
+  fprintf(stderr, "kivctl: %s HKEY_LOCAL_MACHINE\\%s: error %ld\n", what, name.c_str(),
+          static_cast<long>(error));
   return 2;
 }
 
@@ -96,8 +97,8 @@ using rename_fn = LONG(WINAPI *)(HKEY, LPCWSTR, LPCWSTR);
 // RegRenameKey is exported by advapi32 from Windows Vista on but not declared by every
 // SDK: it is looked up once.
 LONG rename_key(HKEY parent, const char *from, const char *to) {
-  static rename_fn rename = reinterpret_cast<rename_fn>(
-      reinterpret_cast<void (*)()>(GetProcAddress(GetModuleHandleA("advapi32.dll"), "RegRenameKey")));
+  static rename_fn rename = reinterpret_cast<rename_fn>(reinterpret_cast<void (*)()>(
+      GetProcAddress(GetModuleHandleA("advapi32.dll"), "RegRenameKey")));
   if (!rename) return ERROR_CALL_NOT_IMPLEMENTED;
   std::wstring wfrom(from, from + strlen(from)), wto(to, to + strlen(to));
   return rename(parent, wfrom.c_str(), wto.c_str());
@@ -114,7 +115,8 @@ bool staging_complete(HKEY parent) {
   DWORD size = sizeof text - 1, type = 0;
   scoped_key k;
   if (RegOpenKeyExA(parent, STAGING, 0, KEY_READ, k.put()) != ERROR_SUCCESS) return false;
-  return RegQueryValueExA(k.get(), MARKER, nullptr, &type, reinterpret_cast<BYTE *>(text), &size) == ERROR_SUCCESS &&
+  return RegQueryValueExA(k.get(), MARKER, nullptr, &type, reinterpret_cast<BYTE *>(text), &size) ==
+             ERROR_SUCCESS &&
          type == REG_SZ && strcmp(text, COMPLETE) == 0;
 }
 
@@ -124,26 +126,31 @@ bool staging_complete(HKEY parent) {
 int recover(HKEY parent, bool *restored) {
   *restored = false;
   if (!key_exists(parent, LIVE)) {
-    const char *from = staging_complete(parent) ? STAGING : key_exists(parent, RETIRED) ? RETIRED : nullptr;
+    const char *from = staging_complete(parent)      ? STAGING
+                       : key_exists(parent, RETIRED) ? RETIRED
+                                                     : nullptr;
     if (from) {
       LONG rc = rename_key(parent, from, LIVE);
-      if (rc != ERROR_SUCCESS) return registry_fail("cannot restore", std::string(PARENT) + "\\" + LIVE, rc);
+      if (rc != ERROR_SUCCESS)
+        return registry_fail("cannot restore", std::string(PARENT) + "\\" + LIVE, rc);
       *restored = true;
       fprintf(stderr, "kivctl: finished an interrupted apply (from %s)\n", from);
     }
   }
   for (const char *name : {STAGING, RETIRED}) {
     LONG rc = delete_tree(parent, name);
-    if (rc != ERROR_SUCCESS) return registry_fail("cannot delete", std::string(PARENT) + "\\" + name, rc);
+    if (rc != ERROR_SUCCESS)
+      return registry_fail("cannot delete", std::string(PARENT) + "\\" + name, rc);
   }
   return 0;
 }
 
 int write_staging(HKEY parent, const applycfg &cfg) {
   scoped_key staging;
-  LONG rc = RegCreateKeyExA(parent, STAGING, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_READ | KEY_WRITE,
-                            nullptr, staging.put(), nullptr);
-  if (rc != ERROR_SUCCESS) return registry_fail("cannot create", std::string(PARENT) + "\\" + STAGING, rc);
+  LONG rc = RegCreateKeyExA(parent, STAGING, 0, nullptr, REG_OPTION_NON_VOLATILE,
+                            KEY_READ | KEY_WRITE, nullptr, staging.put(), nullptr);
+  if (rc != ERROR_SUCCESS)
+    return registry_fail("cannot create", std::string(PARENT) + "\\" + STAGING, rc);
   for (const auto &entry : cfg.keys) {
     const applycfg_key &key = entry.second;
     if (key.values.empty()) continue;
@@ -151,18 +158,25 @@ int write_staging(HKEY parent, const applycfg &cfg) {
     for (char &c : sub)
       if (c == '.') c = '\\';
     scoped_key k;
-    rc = RegCreateKeyExA(staging.get(), sub.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_WRITE, nullptr, k.put(), nullptr);
-    if (rc != ERROR_SUCCESS) return registry_fail("cannot create", std::string(PARENT) + "\\" + STAGING + "\\" + sub, rc);
+    rc = RegCreateKeyExA(staging.get(), sub.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_WRITE,
+                         nullptr, k.put(), nullptr);
+    if (rc != ERROR_SUCCESS)
+      return registry_fail("cannot create", std::string(PARENT) + "\\" + STAGING + "\\" + sub, rc);
     for (const auto &v : key.values) {
-      rc = RegSetValueExA(k.get(), v.second.name.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE *>(v.second.text.c_str()),
+      rc = RegSetValueExA(k.get(), v.second.name.c_str(), 0, REG_SZ,
+                          reinterpret_cast<const BYTE *>(v.second.text.c_str()),
                           static_cast<DWORD>(v.second.text.size() + 1));
       if (rc != ERROR_SUCCESS)
-        return registry_fail("cannot write", std::string(PARENT) + "\\" + STAGING + "\\" + sub + " " + v.second.name, rc);
+        return registry_fail(
+            "cannot write", std::string(PARENT) + "\\" + STAGING + "\\" + sub + " " + v.second.name,
+            rc);
     }
   }
   step_done(1);
-  rc = RegSetValueExA(staging.get(), MARKER, 0, REG_SZ, reinterpret_cast<const BYTE *>(COMPLETE), sizeof COMPLETE);
-  if (rc != ERROR_SUCCESS) return registry_fail("cannot mark", std::string(PARENT) + "\\" + STAGING, rc);
+  rc = RegSetValueExA(staging.get(), MARKER, 0, REG_SZ, reinterpret_cast<const BYTE *>(COMPLETE),
+                      sizeof COMPLETE);
+  if (rc != ERROR_SUCCESS)
+    return registry_fail("cannot mark", std::string(PARENT) + "\\" + STAGING, rc);
   step_done(2);
   return 0;
 }
@@ -171,16 +185,20 @@ int swap_in(HKEY parent) {
   LONG rc = ERROR_SUCCESS;
   if (key_exists(parent, LIVE)) {
     rc = rename_key(parent, LIVE, RETIRED);
-    if (rc != ERROR_SUCCESS) return registry_fail("cannot rename", std::string(PARENT) + "\\" + LIVE, rc);
+    if (rc != ERROR_SUCCESS)
+      return registry_fail("cannot rename", std::string(PARENT) + "\\" + LIVE, rc);
   }
   step_done(3);
   rc = rename_key(parent, STAGING, LIVE);
-  if (rc != ERROR_SUCCESS) return registry_fail("cannot rename", std::string(PARENT) + "\\" + STAGING, rc);
+  if (rc != ERROR_SUCCESS)
+    return registry_fail("cannot rename", std::string(PARENT) + "\\" + STAGING, rc);
   step_done(4);
   rc = delete_tree(parent, RETIRED);
-  if (rc != ERROR_SUCCESS) return registry_fail("cannot delete", std::string(PARENT) + "\\" + RETIRED, rc);
+  if (rc != ERROR_SUCCESS)
+    return registry_fail("cannot delete", std::string(PARENT) + "\\" + RETIRED, rc);
   scoped_key live;
-  if (RegOpenKeyExA(parent, LIVE, 0, KEY_WRITE, live.put()) == ERROR_SUCCESS) RegDeleteValueA(live.get(), MARKER);
+  if (RegOpenKeyExA(parent, LIVE, 0, KEY_WRITE, live.put()) == ERROR_SUCCESS)
+    RegDeleteValueA(live.get(), MARKER);
   step_done(5);
   return 0;
 }
@@ -237,7 +255,8 @@ int kivctl_apply(int argc, char **argv) {
   if (dry) return changes.empty() ? 0 : KIVCTL_CHANGED;
   // kivd may have read the registry while Agents was missing: a restore is told to it.
   if (changes.empty() && !restored) return 0;
-  if (!changes.empty() && ((rc = write_staging(parent.get(), next)) || (rc = swap_in(parent.get()))))
+  if (!changes.empty() &&
+      ((rc = write_staging(parent.get(), next)) || (rc = swap_in(parent.get()))))
     return rc;
   rc = kivctl_reconfig();
   return rc ? rc : KIVCTL_CHANGED;
@@ -254,6 +273,7 @@ int kivctl_export(int argc, char **) {
   std::string text = applycfg_export(cfg, &skipped);
   fwrite(text.data(), 1, text.size(), stdout);
   fflush(stdout);
-  for (const std::string &name : skipped) fprintf(stderr, "kivctl: not exported: %s\n", name.c_str());
+  for (const std::string &name : skipped)
+    fprintf(stderr, "kivctl: not exported: %s\n", name.c_str());
   return 0;
 }

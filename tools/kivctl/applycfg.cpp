@@ -51,10 +51,14 @@ const char *const PROGRAM_VALUES[] = {"start", "program", nullptr};
 
 const char *const *values_of(shape s) {
   switch (s) {
-    case shape::PORT: return PORT_VALUES;
-    case shape::SERVICE: return SERVICE_VALUES;
-    case shape::PROGRAM: return PROGRAM_VALUES;
-    default: return nullptr;
+    case shape::PORT:
+      return PORT_VALUES;
+    case shape::SERVICE:
+      return SERVICE_VALUES;
+    case shape::PROGRAM:
+      return PROGRAM_VALUES;
+    default:
+      return nullptr;
   }
 }
 
@@ -132,9 +136,11 @@ void check(const applycfg &cfg, faults *f) {
       continue;
     }
     for (const auto &v : key.values)
-      if (!known_value(s, v.first)) f->add(v.second.line, "unknown value " + v.second.name + " in " + key.name);
-    if (s != shape::NODE && name.size() > APPLYCFG_NAME_MAX) f->add(key.line, "name too long (" + std::to_string(name.size()) + " characters, at most " +
-                          std::to_string(APPLYCFG_NAME_MAX) + ")");
+      if (!known_value(s, v.first))
+        f->add(v.second.line, "unknown value " + v.second.name + " in " + key.name);
+    if (s != shape::NODE && name.size() > APPLYCFG_NAME_MAX)
+      f->add(key.line, "name too long (" + std::to_string(name.size()) + " characters, at most " +
+                           std::to_string(APPLYCFG_NAME_MAX) + ")");
     if (s == shape::PORT) {
       int port = port_number(name);
       if (!port) {
@@ -153,14 +159,17 @@ void check(const applycfg &cfg, faults *f) {
       } else {
         auto it = cfg.keys.find("services." + service_lookup_name(service->text));
         if (it == cfg.keys.end())
-          f->add(service->line, "service " + service->text + " of port " + number + " is not given");
+          f->add(service->line,
+                 "service " + service->text + " of port " + number + " is not given");
       }
     } else if (s == shape::SERVICE) {
       const applycfg_value *program = value_of(key, "program");
-      if (!program || program->text.empty()) f->add(program ? program->line : key.line, "service " + name + " has no program");
+      if (!program || program->text.empty())
+        f->add(program ? program->line : key.line, "service " + name + " has no program");
       const applycfg_value *lifespan = value_of(key, "lifespan");
       if (lifespan && !all_digits(lifespan->text))
-        f->add(lifespan->line, "lifespan " + lifespan->text + " of service " + name + " is not a number of seconds");
+        f->add(lifespan->line, "lifespan " + lifespan->text + " of service " + name +
+                                   " is not a number of seconds");
     } else if (s == shape::PROGRAM) {
       const applycfg_value *program = value_of(key, "program");
       if (!program || program->text.empty())
@@ -201,7 +210,9 @@ std::string octal(unsigned char c) {
   return out;
 }
 
-bool white(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\f' || c == '\v' || c == '\n'; }
+bool white(char c) {
+  return c == ' ' || c == '\t' || c == '\r' || c == '\f' || c == '\v' || c == '\n';
+}
 
 // The value as the parser will read it back: unquoted when that is literal (no blank
 // at either end, no leading quote, no control character), else quoted with escapes.
@@ -303,7 +314,8 @@ std::vector<std::string> applycfg_diff(const applycfg &old, const applycfg &next
       else if (!now)
         lines.push_back("remove " + a.name + "." + was->name);
       else if (was->text != now->text)
-        lines.push_back("change " + b.name + "." + now->name + " = " + now->text + " (was " + was->text + ")");
+        lines.push_back("change " + b.name + "." + now->name + " = " + now->text + " (was " +
+                        was->text + ")");
     }
   }
   return lines;
@@ -338,7 +350,9 @@ std::string applycfg_export(const applycfg &cfg, std::vector<std::string> *skipp
   auto section = [&](const applycfg_key &key, shape s) {
     std::string name;
     last_component(key.name, &name);
-    const char *kind = s == shape::PORT ? "tcp." : s == shape::SERVICE ? "services." : "global.start.";
+    const char *kind = s == shape::PORT      ? "tcp."
+                       : s == shape::SERVICE ? "services."
+                                             : "global.start.";
     std::string body;
     for (const auto &v : key.values) {
       if (!known_value(s, v.first)) {

@@ -42,7 +42,8 @@ int fail(const char *what, DWORD error) {
 // default time-out. With absent_ok, a pipe that does not exist gives -1 without a report.
 int open_pipe(scoped_handle *pipe, bool absent_ok = false, bool quiet = false) {
   for (;;) {
-    pipe->reset(CreateFileA(PIPE, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    pipe->reset(
+        CreateFileA(PIPE, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
     if (pipe->valid()) break;
     DWORD e = GetLastError();
     if (absent_ok && e == ERROR_FILE_NOT_FOUND) return -1;
@@ -140,7 +141,8 @@ void print_reply(output mode, const std::string &word, const std::vector<std::st
     ports.push_back(p);
   }
   if (_stricmp(word.c_str(), "ls") == 0 && ports.size() == inner.size()) {
-    printf("%s", mode == output::json ? (listing_json(ports) + "\n").c_str() : listing_table(ports).c_str());
+    printf("%s", mode == output::json ? (listing_json(ports) + "\n").c_str()
+                                      : listing_table(ports).c_str());
   } else if (mode == output::json) {
     std::string out = "[";
     for (size_t i = 0; i < inner.size(); i++) out += (i ? "," : "") + json_string(inner[i]);
@@ -193,8 +195,9 @@ int send_command(HANDLE pipe, const char *line, int length, output mode) {
 }
 
 const char *state_name(DWORD state) {
-  static const char *const names[] = {"unknown", "stopped", "start pending", "stop pending",
-                                      "running", "continue pending", "pause pending", "paused"};
+  static const char *const names[] = {"unknown",       "stopped", "start pending",
+                                      "stop pending",  "running", "continue pending",
+                                      "pause pending", "paused"};
   return state < sizeof names / sizeof names[0] ? names[state] : "unknown";
 }
 
@@ -204,12 +207,14 @@ int status(output mode) {
   bool installed = false;
   DWORD state = 0, service_pid = 0;
   scoped_service scm(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT));
-  scoped_service svc(scm.valid() ? OpenServiceA(scm.get(), WIRE_SERVICE, SERVICE_QUERY_STATUS) : nullptr);
+  scoped_service svc(scm.valid() ? OpenServiceA(scm.get(), WIRE_SERVICE, SERVICE_QUERY_STATUS)
+                                 : nullptr);
   if (svc.valid()) {
     installed = true;
     SERVICE_STATUS_PROCESS st = {};
     DWORD need = 0;
-    if (QueryServiceStatusEx(svc.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE *>(&st), sizeof st, &need)) {
+    if (QueryServiceStatusEx(svc.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE *>(&st),
+                             sizeof st, &need)) {
       state = st.dwCurrentState;
       service_pid = st.dwProcessId;
     }
@@ -222,7 +227,8 @@ int status(output mode) {
     if (!GetNamedPipeServerProcessId(pipe.get(), &pid)) pid = service_pid;
     dstr greeting;
     dstr_init(&greeting);
-    answering = read_message(pipe.get(), &greeting) == 0 && exchange(pipe.get(), "ls", 2, &elements) == 0;
+    answering =
+        read_message(pipe.get(), &greeting) == 0 && exchange(pipe.get(), "ls", 2, &elements) == 0;
     dstr_free(&greeting, 0);
   }
   int counts[4] = {};  // idle, serving, disabled, hooked
@@ -237,7 +243,8 @@ int status(output mode) {
   }
   if (mode == output::json) {
     printf("{\"installed\":%s,\"state\":%s,\"running\":%s,\"pid\":%s,\"ports\":",
-           installed ? "true" : "false", installed ? json_string(state_name(state)).c_str() : "null",
+           installed ? "true" : "false",
+           installed ? json_string(state_name(state)).c_str() : "null",
            answering ? "true" : "false", answering && pid ? std::to_string(pid).c_str() : "null");
     if (answering)
       printf("{\"total\":%d,\"idle\":%d,\"serving\":%d,\"disabled\":%d,\"hooked\":%d}}\n", total,
@@ -246,11 +253,12 @@ int status(output mode) {
       printf("null}\n");
     return 0;
   }
-  printf("service:  %s\n", installed ? (std::string("installed, ") + state_name(state)).c_str() : "not installed");
+  printf("service:  %s\n",
+         installed ? (std::string("installed, ") + state_name(state)).c_str() : "not installed");
   if (answering)
     printf("kivd:     running%s\nports:    %d (idle %d, serving %d, disabled %d, hooked %d)\n",
-           pid ? (", pid " + std::to_string(pid)).c_str() : "", total, counts[0], counts[1], counts[2],
-           counts[3]);
+           pid ? (", pid " + std::to_string(pid)).c_str() : "", total, counts[0], counts[1],
+           counts[2], counts[3]);
   else
     printf("kivd:     not running\n");
   return 0;
@@ -278,7 +286,8 @@ bool read_line(FILE *in, dstr *line) {
     char ch = static_cast<char>(c);
     dstr_append(line, &ch, 1);
   }
-  while (line->length > 0 && line->buffer[line->length - 1] == '\r') dstr_truncate(line, line->length - 1);
+  while (line->length > 0 && line->buffer[line->length - 1] == '\r')
+    dstr_truncate(line, line->length - 1);
   return c != EOF || line->length > 0;
 }
 
@@ -292,7 +301,8 @@ int kivctl_reconfig() {
   dstr_init(&reply);
   DWORD e = read_message(pipe.get(), &reply);
   DWORD put = 0;
-  if (!e && !WriteFile(pipe.get(), WIRE_RECONFIG, sizeof WIRE_RECONFIG - 1, &put, nullptr)) e = GetLastError();
+  if (!e && !WriteFile(pipe.get(), WIRE_RECONFIG, sizeof WIRE_RECONFIG - 1, &put, nullptr))
+    e = GetLastError();
   if (!e) e = read_message(pipe.get(), &reply);
   if (!e && strcmp(reply.buffer, "+") != 0) {
     fprintf(stderr, "kivctl: reconfig: %s\n", reply.buffer);

@@ -121,12 +121,13 @@ std::string listing_json(const std::vector<listed_port> &ports) {
     const listed_port &p = ports[i];
     const char *state = p.disabled ? "disabled" : p.agent ? "serving" : "idle";
     out += i ? ",\n " : "";
-    out += "{\"port\":" + std::to_string(p.port) + ",\"service\":" + json_string(p.service) +
-           ",\"mode\":" + json_string(p.mode) + ",\"state\":\"" + state + "\"" +
-           ",\"agent\":" + (p.agent ? std::to_string(p.agent) : "null") +
-           ",\"parent\":" + (p.parent ? std::to_string(p.parent) : "null") +
-           ",\"disabled_until\":" + (p.disabled && !p.until_enabled ? json_string(p.until) : "null") +
-           ",\"until_enabled\":" + (p.until_enabled ? "true" : "false") + "}";
+    out +=
+        "{\"port\":" + std::to_string(p.port) + ",\"service\":" + json_string(p.service) +
+        ",\"mode\":" + json_string(p.mode) + ",\"state\":\"" + state + "\"" +
+        ",\"agent\":" + (p.agent ? std::to_string(p.agent) : "null") +
+        ",\"parent\":" + (p.parent ? std::to_string(p.parent) : "null") +
+        ",\"disabled_until\":" + (p.disabled && !p.until_enabled ? json_string(p.until) : "null") +
+        ",\"until_enabled\":" + (p.until_enabled ? "true" : "false") + "}";
   }
   return out + "]";
 }

@@ -8,12 +8,12 @@
 struct listed_port {
   int port = 0;
   std::string service;
-  std::string mode;         // as configured: "auto", "hook" or "on"
+  std::string mode;  // as configured: "auto", "hook" or "on"
   bool disabled = false;
   bool until_enabled = false;  // disabled by the disable command, not for a time
-  std::string until;        // local "YYYY-MM-DD HH:MM" of a disable for a time
-  unsigned parent = 0;      // pid of the process that hooked the port, 0 when none
-  unsigned agent = 0;       // pid of the agent serving the port, 0 when idle
+  std::string until;           // local "YYYY-MM-DD HH:MM" of a disable for a time
+  unsigned parent = 0;         // pid of the process that hooked the port, 0 when none
+  unsigned agent = 0;          // pid of the agent serving the port, 0 when idle
 };
 
 // Parses a listing line as kivd writes it ("%5d  %-11s   Mode[ Disable=...][ Parent=n]

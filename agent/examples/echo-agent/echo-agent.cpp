@@ -58,7 +58,8 @@ void serve_client(SOCKET c) {
   EnterCriticalSection(&idle_lock);
   clients++;
   LeaveCriticalSection(&idle_lock);
-  HANDLE t = CreateThread(nullptr, 64 * 1024, echo, reinterpret_cast<void *>(c), STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+  HANDLE t = CreateThread(nullptr, 64 * 1024, echo, reinterpret_cast<void *>(c),
+                          STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
   if (t) {
     CloseHandle(t);
     return;
@@ -92,7 +93,8 @@ DWORD WINAPI accept_loop(void *arg) {
 bool start_server(server *sv, unsigned port, SOCKET sock) {
   sv->port = port;
   sv->sock = sock;
-  sv->thread = CreateThread(nullptr, 64 * 1024, accept_loop, sv, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+  sv->thread =
+      CreateThread(nullptr, 64 * 1024, accept_loop, sv, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
   return sv->thread != nullptr;
 }
 
@@ -124,7 +126,8 @@ int main(int argc, char **argv) {
   }
   idle_since = GetTickCount64();
 
-  auto *servers = static_cast<server *>(xrealloc(nullptr, (agent.nports + 1) * sizeof(server), nullptr));
+  auto *servers =
+      static_cast<server *>(xrealloc(nullptr, (agent.nports + 1) * sizeof(server), nullptr));
   if (servers) memset(servers, 0, (agent.nports + 1) * sizeof(server));
   unsigned serving = 0;
   for (unsigned i = 0; servers && i < agent.nports; i++) {
@@ -173,7 +176,8 @@ int main(int argc, char **argv) {
     }
   }
 
-  for (unsigned i = 0; servers && i < agent.nports; i++) InterlockedExchange(&servers[i].stopping, 1);
+  for (unsigned i = 0; servers && i < agent.nports; i++)
+    InterlockedExchange(&servers[i].stopping, 1);
   kivagent_end(&agent);
   // Port threads may still be leaving their accept and clients still being served:
   // servers stays, and the end of the process takes the threads and their sockets.

@@ -16,7 +16,8 @@ namespace {
 
 void put(const std::string &text) {
   DWORD written = 0;
-  WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+  WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), text.data(), static_cast<DWORD>(text.size()), &written,
+            nullptr);
 }
 
 int inherited_handles() {
@@ -43,7 +44,8 @@ int main(int argc, char **argv) {
     return 3;
   }
   if (mode == "env") {
-    for (const char *name : {"TCPREMOTEIP", "TCPREMOTEPORT", "TCPLOCALIP", "TCPLOCALPORT", "PROTO"}) {
+    for (const char *name :
+         {"TCPREMOTEIP", "TCPREMOTEPORT", "TCPLOCALIP", "TCPLOCALPORT", "PROTO"}) {
       char value[256];
       DWORD n = GetEnvironmentVariableA(name, value, sizeof value);
       put(std::string(name) + "=" + std::string(value, n < sizeof value ? n : 0) + "\n");
@@ -56,8 +58,10 @@ int main(int argc, char **argv) {
   if (mode == "handles") put("handles=" + std::to_string(inherited_handles()) + "\n");
   static char buffer[65536];
   DWORD got = 0;
-  while (ReadFile(GetStdHandle(STD_INPUT_HANDLE), buffer, sizeof buffer, &got, nullptr) && got > 0) {
-    for (DWORD i = 0; i < got; i++) buffer[i] = static_cast<char>(toupper(static_cast<unsigned char>(buffer[i])));
+  while (ReadFile(GetStdHandle(STD_INPUT_HANDLE), buffer, sizeof buffer, &got, nullptr) &&
+         got > 0) {
+    for (DWORD i = 0; i < got; i++)
+      buffer[i] = static_cast<char>(toupper(static_cast<unsigned char>(buffer[i])));
     put(std::string(buffer, got));
   }
   put("END\n");
