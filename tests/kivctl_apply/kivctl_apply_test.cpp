@@ -56,8 +56,7 @@ bool key_exists(const char *name) {
   return true;
 }
 
-std::string ports_file(const std::vector<int> &ports,
-                       const char *program = "C:\\no\\such\\agent.exe") {
+std::string ports_file(const std::vector<int> &ports, const char *program = kt::NO_PROGRAM) {
   std::string text = "services.svc:\n\tprogram = " + std::string(program) + "\n";
   for (int p : ports) text += "tcp.s" + std::to_string(p) + ":\n\tstart = auto\n\tservice = svc\n";
   return text;

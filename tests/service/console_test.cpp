@@ -16,8 +16,7 @@ TEST(Console, EveryCommandAndReply) {
   kt::registry reg;
   std::vector<int> ports = kt::free_ports(2);
   int autoport = ports[0], hookport = ports[1];
-  reg.service("svc", "C:\\no\\such\\agent.exe");
-  reg.port(autoport, "auto", "svc");
+  reg.auto_ports("svc", kt::NO_PROGRAM, {autoport});
   reg.port(hookport, "hook", "svc");
   kt::kivd daemon("-D3");
   std::string a = std::to_string(autoport), h = std::to_string(hookport);
@@ -103,10 +102,9 @@ TEST(ConsoleEnd, NoOptionsAndOnlyBRunInTheForeground) {
 TEST(ConsoleEnd, ABusyClientDoesNotKeepALonePortOff) {
   kt::registry reg;
   int port = kt::free_port();
-  reg.service("lone", "C:\\no\\such\\agent.exe");
-  reg.port(port, "auto", "lone");
+  reg.auto_ports("lone", kt::NO_PROGRAM, {port});
   kt::kivd d("-D3");
-  std::string listening = "Listening on port " + std::to_string(port) + " for";
+  std::string listening = kt::listening(port);
   ASSERT_TRUE(d.log_has(listening));
   kt::client busy;
   SOCKET s = kt::connect_to(port);
@@ -137,12 +135,10 @@ TEST(ConsoleEnd, TheTimerIsNeverTakenForStopAtAnyHandleCount) {
   kt::registry reg;
   std::vector<int> ports = kt::free_ports(IDLE + 1);
   int lone = ports[IDLE];
-  reg.service("idle", "C:\\never\\started.exe");
-  for (int i = 0; i < IDLE; i++) reg.port(ports[i], "auto", "idle");
-  reg.service("lone", "C:\\no\\such\\agent.exe");
-  reg.port(lone, "auto", "lone");
+  reg.auto_ports("idle", kt::NO_PROGRAM, {ports.begin(), ports.begin() + IDLE});
+  reg.auto_ports("lone", kt::NO_PROGRAM, {lone});
   kt::kivd d("-D3");
-  std::string listening = "Listening on port " + std::to_string(lone) + " for";
+  std::string listening = kt::listening(lone);
   ASSERT_TRUE(kt::poll([&] { return d.log_count("Listening on port ") >= IDLE + 1; }, 60000));
   kt::client c;
   int disabled = 0;
@@ -168,12 +164,10 @@ TEST(ConsoleEnd, ASlowReaderDoesNotHoldTheTimerOff) {
   kt::registry reg;
   std::vector<int> ports = kt::free_ports(31);
   std::string name(150, 'n');  // long lines fill the pipe's buffer, so writes wait
-  reg.service(name.c_str(), "C:\\never\\started.exe");
-  for (int i = 0; i < 30; i++) reg.port(ports[i], "auto", name.c_str());
-  reg.service("lone", "C:\\no\\such\\agent.exe");
-  reg.port(ports[30], "auto", "lone");
+  reg.auto_ports(name.c_str(), kt::NO_PROGRAM, {ports.begin(), ports.begin() + 30});
+  reg.auto_ports("lone", kt::NO_PROGRAM, {ports[30]});
   kt::kivd d("-D3");
-  std::string listening = "Listening on port " + std::to_string(ports[30]) + " for";
+  std::string listening = kt::listening(ports[30]);
   ASSERT_TRUE(d.log_has(listening));
   SOCKET s = kt::connect_to(ports[30]);
   ASSERT_NE(s, INVALID_SOCKET);
@@ -197,8 +191,7 @@ TEST(ConsoleEnd, ASlowReaderDoesNotHoldTheTimerOff) {
 TEST(ConsoleEnd, AClientThatNeverReadsIsHungUpOn) {
   kt::registry reg;
   std::vector<int> ports = kt::free_ports(100);
-  reg.service("idle", "C:\\never\\started.exe");
-  for (int port : ports) reg.port(port, "auto", "idle");
+  reg.auto_ports("idle", kt::NO_PROGRAM, ports);
   kt::kivd d("-D3");
   ASSERT_TRUE(kt::poll([&] { return d.log_count("Listening on port ") >= 100; }, 60000));
   kt::client flood;

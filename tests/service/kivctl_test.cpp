@@ -17,8 +17,7 @@ result kivctl(const std::string &args, const std::string &input = "") {
 TEST(Kivctl, RepliesAndExitCodes) {
   kt::registry reg;
   int port = kt::free_port();
-  reg.service("svc", "C:\\no\\such\\agent.exe");
-  reg.port(port, "auto", "svc");
+  reg.auto_ports("svc", kt::NO_PROGRAM, {port});
   kt::kivd d("-D3");
   std::string listing = "!\n" + kt::port_line(port, "svc", "Auto") + "\n.\n";
   char number[8];

@@ -122,6 +122,16 @@ void registry::service(const char *name, const std::string &program) {
   set(std::string("services\\") + name, "program", program);
 }
 
+void registry::auto_ports(const char *name, const std::string &program,
+                          const std::vector<int> &ports) {
+  service(name, program);
+  for (int p : ports) port(p, "auto", name);
+}
+
+const char NO_PROGRAM[] = "C:\\no\\such\\agent.exe";
+
+std::string listening(int port) { return "Listening on port " + std::to_string(port) + " for"; }
+
 int free_port() {
   // Linux's range for outgoing connections, which Wine uses, starts at 32768; below
   // 10000 lie the ports other programs are configured to take.

@@ -35,7 +35,14 @@ struct registry {
   }
   void port(int port, const char *start, const char *service);
   void service(const char *name, const std::string &program);
+  // Service `name` with `program`, and each of ports "auto" for it.
+  void auto_ports(const char *name, const std::string &program, const std::vector<int> &ports);
 };
+// A program that does not exist: kivd listens on its ports, and a connection only makes
+// the launch fail (the port then rests 3 seconds).
+extern const char NO_PROGRAM[];
+// kivd's log line when it listens on port for a service.
+std::string listening(int port);
 
 // A loopback port that nothing listens on at the moment of the call, between 10000 and
 // 19999: below the range the system hands out for outgoing connections, so that no
