@@ -107,7 +107,7 @@ bool parse(int argc, char **argv) {
     }
     const char *value = argv[++i];
     bool seconds = strcmp(name, "--timeout") == 0 || strcmp(name, "--grace") == 0;
-    // Seconds up to a day of milliseconds' worth that a DWORD holds; counts up to 100,000.
+    // Seconds at most 4,000,000, so that their milliseconds fit a DWORD below INFINITE.
     if (!number(value, strcmp(name, "--per-ip") == 0 || seconds ? 0 : 1, seconds ? 4000000 : 100000,
                 &v)) {
       fprintf(stderr, "kivexec: %s %s: not a number in range\n", name, value);
@@ -239,8 +239,9 @@ DWORD WINAPI watch(void *arg) {
 // without overlapped I/O by the system's base provider is a handle the program reads and
 // writes as it would a pipe, and the client's half-close is its end of input. The sockets
 // kivexec accepts are of that kind: the port manager and the agent library make listening
-// sockets so, and an accepted socket takes the listening socket's kind. No relay thread stands between client and program, and kivexec holds nothing of
-// the connection once the program runs.
+// sockets so, and an accepted socket takes the listening socket's kind. No relay thread
+// stands between client and program, and kivexec holds nothing of the connection once
+// the program runs.
 void start_program(SOCKET c, const std::string &address) {
   HANDLE h = reinterpret_cast<HANDLE>(c);
   HANDLE err = opt.stderr_too ? h : GetStdHandle(STD_ERROR_HANDLE);

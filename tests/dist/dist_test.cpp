@@ -4,7 +4,6 @@
 #include "tests/support/support.h"
 
 #include <gtest/gtest.h>
-#include <tlhelp32.h>
 
 #include "kiv_version.h"
 #include "service/sserv.h"
@@ -25,61 +24,17 @@ kt::ran msiexec(const char *action, const std::string &msi) {
   return kt::run(std::string("msiexec /") + action + " \"" + msi + "\" /qn");
 }
 
-// The service as the manager reports it: state 0 when it is not installed.
-struct service_view {
-  DWORD state = 0, pid = 0;
-  std::string cmdline, description;
-};
-service_view query() {
-  service_view v;
-  SC_HANDLE scm = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT);
-  SC_HANDLE s =
-      scm ? OpenServiceA(scm, SSERV_NAME, SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG) : nullptr;
-  if (s) {
-    SERVICE_STATUS_PROCESS st = {};
-    DWORD need = 0;
-    if (QueryServiceStatusEx(s, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE *>(&st), sizeof st,
-                             &need)) {
-      v.state = st.dwCurrentState;
-      v.pid = st.dwProcessId;
-    }
-    std::vector<char> buf(8192);
-    if (QueryServiceConfigA(s, reinterpret_cast<QUERY_SERVICE_CONFIGA *>(buf.data()), 8192, &need))
-      v.cmdline = reinterpret_cast<QUERY_SERVICE_CONFIGA *>(buf.data())->lpBinaryPathName;
-    auto *d = reinterpret_cast<SERVICE_DESCRIPTIONA *>(buf.data());
-    if (QueryServiceConfig2A(s, SERVICE_CONFIG_DESCRIPTION, reinterpret_cast<BYTE *>(buf.data()),
-                             8192, &need) &&
-        d->lpDescription)
-      v.description = d->lpDescription;
-    CloseServiceHandle(s);
-  }
-  if (scm) CloseServiceHandle(scm);
-  return v;
-}
-
-bool kivd_process_left() {
-  HANDLE snap = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
-  PROCESSENTRY32 e = {};
-  e.dwSize = sizeof e;
-  bool found = false;
-  for (BOOL more = Process32First(snap, &e); more && !found; more = Process32Next(snap, &e))
-    found = _stricmp(e.szExeFile, "kivd.exe") == 0;
-  CloseHandle(snap);
-  return found;
-}
-
 // Stops the service and waits until its process is gone. Wine's installer asks a service
 // to stop but does not wait for it as the package asks (Windows does), and would then
 // delete the service and its files under a kivd still ending; the test stops it first.
 void stop_service() {
-  SC_HANDLE scm = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT);
-  SC_HANDLE s = scm ? OpenServiceA(scm, SSERV_NAME, SERVICE_STOP) : nullptr;
-  SERVICE_STATUS st;
-  if (s) ControlService(s, SERVICE_CONTROL_STOP, &st);
-  if (s) CloseServiceHandle(s);
-  if (scm) CloseServiceHandle(scm);
-  EXPECT_TRUE(
-      kt::poll([] { return query().state != SERVICE_RUNNING && !kivd_process_left(); }, 30000));
+  kt::service_manager m;
+  m.control(SERVICE_CONTROL_STOP);
+  EXPECT_TRUE(kt::poll(
+      [&] {
+        return m.status().dwCurrentState != SERVICE_RUNNING && kt::processes_named("kivd.exe") == 0;
+      },
+      30000));
 }
 
 std::string file_version(const std::string &exe, const char *name) {
@@ -97,10 +52,15 @@ std::string file_version(const std::string &exe, const char *name) {
 // Installed, running as the service from the installed kivd.exe of `version`, its path
 // quoted, answering kivctl and serving the configured port.
 void expect_serving(const std::string &dir, const char *version, int port) {
-  ASSERT_TRUE(kt::poll([] { return query().state == SERVICE_RUNNING; }, 30000));
-  service_view v = query();
-  EXPECT_EQ(v.cmdline, "\"" + dir + "\\kivd.exe\" -S");
-  EXPECT_EQ(v.description, SSERV_DESCRIPTION);
+  kt::service_manager m;
+  ASSERT_TRUE(m.state_is(SERVICE_RUNNING));
+  std::vector<char> buf;
+  QUERY_SERVICE_CONFIGA *config = m.config(buf);
+  ASSERT_NE(config, nullptr);
+  EXPECT_STREQ(config->lpBinaryPathName, ("\"" + dir + "\\kivd.exe\" -S").c_str());
+  ASSERT_EQ(m.config2(SERVICE_CONFIG_DESCRIPTION, buf), 0u);
+  EXPECT_STREQ(reinterpret_cast<SERVICE_DESCRIPTIONA *>(buf.data())->lpDescription,
+               SSERV_DESCRIPTION);
   for (const char *exe : {"kivd.exe", "kivctl.exe", "echo-agent.exe", "kivexec.exe"}) {
     std::string want = std::string(exe) == "kivd.exe" ? version : KIV_VERSION;
     EXPECT_EQ(file_version(dir + "\\" + exe, "FileVersion"), want) << exe;
@@ -117,17 +77,18 @@ void expect_serving(const std::string &dir, const char *version, int port) {
   ASSERT_TRUE(r.ok());
   EXPECT_TRUE(st["installed"].boolean);
   EXPECT_EQ(st["state"].text, "running");
-  EXPECT_EQ(st["pid"].number, v.pid);
+  EXPECT_EQ(st["pid"].number, m.status().dwProcessId);
   EXPECT_EQ(st["ports"]["total"].number, 1);
   EXPECT_TRUE(kt::echoes(port)) << port;
 }
 
 TEST(Package, InstallUpgradeAndRemoveKeepTheConfiguration) {
   const std::string dir = program_files();
-  if (query().state) stop_service();
+  kt::service_manager m;
+  if (m.installed()) stop_service();
   msiexec("x", MSI_NEXT);  // whatever an earlier run left
   msiexec("x", MSI);
-  ASSERT_EQ(query().state, 0u) << "a service not from the package is installed";
+  ASSERT_FALSE(m.installed()) << "a service not from the package is installed";
 
   kt::registry config;
   int port = kt::free_port();
@@ -137,19 +98,19 @@ TEST(Package, InstallUpgradeAndRemoveKeepTheConfiguration) {
   kt::ran r = msiexec("i", MSI);
   ASSERT_EQ(r.code, 0u) << r.out << r.err;
   expect_serving(dir, KIV_VERSION, port);
-  DWORD first_pid = query().pid;
+  DWORD first_pid = m.status().dwProcessId;
 
   stop_service();
   r = msiexec("i", MSI_NEXT);
   ASSERT_EQ(r.code, 0u) << r.out << r.err;
   expect_serving(dir, KIV_NEXT_VERSION, port);
-  EXPECT_NE(query().pid, first_pid);
+  EXPECT_NE(m.status().dwProcessId, first_pid);
 
   stop_service();
   r = msiexec("x", MSI_NEXT);
   ASSERT_EQ(r.code, 0u) << r.out << r.err;
-  EXPECT_EQ(query().state, 0u);
-  EXPECT_FALSE(kivd_process_left());
+  EXPECT_FALSE(m.installed());
+  EXPECT_EQ(kt::processes_named("kivd.exe"), 0);
   EXPECT_EQ(GetFileAttributesA(dir.c_str()), INVALID_FILE_ATTRIBUTES) << dir;
   HKEY key;
   ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE,

@@ -3,7 +3,6 @@
 #include "tests/support/support.h"
 
 #include <gtest/gtest.h>
-#include <tlhelp32.h>
 
 #include <thread>
 
@@ -45,17 +44,6 @@ std::string ask(int port, const std::string &line, int ms = 20000) {
   std::string answer = read_all(s, ms);
   closesocket(s);
   return answer;
-}
-
-int processes_named(const char *exe) {
-  HANDLE snap = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
-  PROCESSENTRY32 e = {};
-  e.dwSize = sizeof e;
-  int n = 0;
-  for (BOOL more = Process32First(snap, &e); more; more = Process32Next(snap, &e))
-    n += _stricmp(e.szExeFile, exe) == 0;
-  CloseHandle(snap);
-  return n;
 }
 
 unsigned short local_port(SOCKET s) {
@@ -139,7 +127,7 @@ TEST(Kivexec, Limits) {
   SOCKET kept = connect_when_up(ip_port);
   ASSERT_NE(kept, INVALID_SOCKET);
   send(kept, "a", 1, 0);
-  ASSERT_TRUE(kt::poll([&] { return processes_named("upcase.exe") >= 1; }));
+  ASSERT_TRUE(kt::poll([&] { return kt::processes_named("upcase.exe") >= 1; }));
   EXPECT_EQ(ask(ip_port, "b"), "");
   EXPECT_TRUE(d.log_has("has 1 connections already (--per-ip 1): closed"));
   shutdown(kept, SD_SEND);
@@ -171,7 +159,7 @@ TEST(Kivexec, EndsWithItsPortsAndRefusesClearly) {
       open.push_back(connect_when_up(p));
       ASSERT_NE(open.back(), INVALID_SOCKET);
     }
-    ASSERT_TRUE(kt::poll([] { return processes_named("upcase.exe") == 2; }));
+    ASSERT_TRUE(kt::poll([] { return kt::processes_named("upcase.exe") == 2; }));
     kt::client c;
     const std::string idle = kt::port_line(brief, "brief", "Auto");
     auto brief_idle = [&] {
@@ -184,7 +172,7 @@ TEST(Kivexec, EndsWithItsPortsAndRefusesClearly) {
     EXPECT_TRUE(kt::poll(brief_idle));
     EXPECT_EQ(ask(brief, "b"), "BEND\n");
     EXPECT_EQ(c.command("disable " + std::to_string(port)), std::vector<std::string>{"+"});
-    EXPECT_TRUE(kt::poll([] { return processes_named("upcase.exe") == 1; }));
+    EXPECT_TRUE(kt::poll([] { return kt::processes_named("upcase.exe") == 1; }));
 
     for (int i = 0; i < 2; i++) EXPECT_EQ(ask(missing, "x"), "") << i;
     EXPECT_TRUE(kt::poll([&] {
@@ -194,8 +182,8 @@ TEST(Kivexec, EndsWithItsPortsAndRefusesClearly) {
     d.quit();
     for (SOCKET s : open) closesocket(s);
   }
-  EXPECT_EQ(processes_named("upcase.exe"), 0);
-  EXPECT_EQ(processes_named("kivexec.exe"), 0);
+  EXPECT_EQ(kt::processes_named("upcase.exe"), 0);
+  EXPECT_EQ(kt::processes_named("kivexec.exe"), 0);
 }
 
 // Bad command lines are refused with a reason, before anything is served.

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <aclapi.h>
 #include <sddl.h>
-#include <tlhelp32.h>
 
 #include "tests/support/support.h"
 #include "service/sserv.h"
@@ -14,58 +13,7 @@ namespace {
 
 using replies = std::vector<std::string>;
 
-struct manager {
-  SC_HANDLE scm = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
-  ~manager() {
-    if (scm) CloseServiceHandle(scm);
-  }
-  // Runs f on the service opened for access; false when it cannot be opened or f fails.
-  template <class F>
-  bool with(DWORD access, F f) {
-    SC_HANDLE s = OpenServiceA(scm, "vesk_kivd", access);
-    bool ok = s && f(s);
-    if (s) CloseServiceHandle(s);
-    return ok;
-  }
-  // The service's state, or 0 when it is not installed.
-  SERVICE_STATUS status() {
-    SERVICE_STATUS st = {};
-    with(SERVICE_QUERY_STATUS, [&](SC_HANDLE s) { return QueryServiceStatus(s, &st); });
-    return st;
-  }
-  bool installed() { return status().dwCurrentState != 0; }
-  QUERY_SERVICE_CONFIGA *config(std::vector<char> &buf) {
-    buf.assign(8192, 0);
-    auto *c = reinterpret_cast<QUERY_SERVICE_CONFIGA *>(buf.data());
-    DWORD need = 0;
-    return with(SERVICE_QUERY_CONFIG,
-                [&](SC_HANDLE s) { return QueryServiceConfigA(s, c, 8192, &need); })
-               ? c
-               : nullptr;
-  }
-  // QueryServiceConfig2A(level) into buf: 0, or the manager's error.
-  DWORD config2(DWORD level, std::vector<char> &buf) {
-    buf.assign(8192, 0);
-    DWORD need = 0, error = ERROR_SERVICE_DOES_NOT_EXIST;
-    with(SERVICE_QUERY_CONFIG, [&](SC_HANDLE s) {
-      bool ok = QueryServiceConfig2A(s, level, reinterpret_cast<BYTE *>(buf.data()), 8192, &need);
-      error = ok ? 0 : GetLastError();
-      return ok;
-    });
-    return error;
-  }
-  bool start() {
-    return with(SERVICE_START, [](SC_HANDLE s) { return StartServiceA(s, 0, nullptr); });
-  }
-  bool control(DWORD code) {
-    SERVICE_STATUS st;
-    return with(SERVICE_STOP | SERVICE_INTERROGATE,
-                [&](SC_HANDLE s) { return ControlService(s, code, &st); });
-  }
-  bool state_is(DWORD state, int ms = 30000) {
-    return kt::poll([&] { return status().dwCurrentState == state; }, ms);
-  }
-};
+using manager = kt::service_manager;
 
 // Runs kivd.exe with options to its end; returns its standard output and exit code.
 std::string run(const std::string &options, DWORD *code) {
@@ -77,16 +25,7 @@ std::string run(const std::string &options, DWORD *code) {
 // True once no kivd.exe process is left: a stopped service's process lingers a moment
 // after its last status report, and a start in that moment would reach the old process.
 bool no_kivd_process() {
-  return kt::poll([] {
-    HANDLE snap = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
-    PROCESSENTRY32 pe;
-    pe.dwSize = sizeof pe;
-    bool found = false;
-    for (BOOL ok = Process32First(snap, &pe); ok; ok = Process32Next(snap, &pe))
-      found |= _stricmp(pe.szExeFile, "kivd.exe") == 0;
-    CloseHandle(snap);
-    return !found;
-  });
+  return kt::poll([] { return kt::processes_named("kivd.exe") == 0; });
 }
 
 // Leaves no service behind, whatever a test did.
@@ -198,7 +137,7 @@ class Service : public ::testing::Test {
 TEST_F(Service, StartStopStatesAndExitCodes) {
   ASSERT_TRUE(m.start());
   ASSERT_TRUE(m.state_is(SERVICE_RUNNING)) << m.status().dwCurrentState;
-  SERVICE_STATUS st = m.status();
+  SERVICE_STATUS_PROCESS st = m.status();
   EXPECT_EQ(st.dwControlsAccepted, static_cast<DWORD>(SERVICE_ACCEPT_STOP));
   {
     kt::client c;
@@ -297,7 +236,7 @@ TEST_F(Service, FailedInitializeStopsWith1066AndItsCode) {
   kt::kivd console("-D3");
   ASSERT_TRUE(m.start());
   ASSERT_TRUE(m.state_is(SERVICE_STOPPED)) << m.status().dwCurrentState;
-  SERVICE_STATUS st = m.status();
+  SERVICE_STATUS_PROCESS st = m.status();
   EXPECT_EQ(st.dwWin32ExitCode, static_cast<DWORD>(ERROR_SERVICE_SPECIFIC_ERROR));
   EXPECT_EQ(static_cast<int>(st.dwServiceSpecificExitCode), KIV_ESYS);
 }

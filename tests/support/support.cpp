@@ -1,6 +1,7 @@
 #include "tests/support/support.h"
 
 #include <psapi.h>
+#include <tlhelp32.h>
 
 #include <algorithm>
 #include <chrono>
@@ -534,6 +535,62 @@ long wait_exit(const launched &l, DWORD ms) {
   DWORD code = 0;
   GetExitCodeProcess(l.process, &code);
   return static_cast<long>(code);
+}
+
+int processes_named(const char *exe) {
+  HANDLE snap = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+  PROCESSENTRY32 pe = {};
+  pe.dwSize = sizeof pe;
+  int n = 0;
+  for (BOOL ok = Process32First(snap, &pe); ok; ok = Process32Next(snap, &pe))
+    n += _stricmp(pe.szExeFile, exe) == 0;
+  CloseHandle(snap);
+  return n;
+}
+
+SERVICE_STATUS_PROCESS service_manager::status() {
+  SERVICE_STATUS_PROCESS st = {};
+  DWORD need = 0;
+  with(SERVICE_QUERY_STATUS, [&](SC_HANDLE s) {
+    return QueryServiceStatusEx(s, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE *>(&st), sizeof st,
+                                &need);
+  });
+  return st;
+}
+
+QUERY_SERVICE_CONFIGA *service_manager::config(std::vector<char> &buf) {
+  buf.assign(8192, 0);
+  auto *c = reinterpret_cast<QUERY_SERVICE_CONFIGA *>(buf.data());
+  DWORD need = 0;
+  return with(SERVICE_QUERY_CONFIG,
+              [&](SC_HANDLE s) { return QueryServiceConfigA(s, c, 8192, &need); })
+             ? c
+             : nullptr;
+}
+
+DWORD service_manager::config2(DWORD level, std::vector<char> &buf) {
+  buf.assign(8192, 0);
+  DWORD need = 0, error = ERROR_SERVICE_DOES_NOT_EXIST;
+  with(SERVICE_QUERY_CONFIG, [&](SC_HANDLE s) {
+    bool ok = QueryServiceConfig2A(s, level, reinterpret_cast<BYTE *>(buf.data()), 8192, &need);
+    error = ok ? 0 : GetLastError();
+    return ok;
+  });
+  return error;
+}
+
+bool service_manager::start() {
+  return with(SERVICE_START, [](SC_HANDLE s) { return StartServiceA(s, 0, nullptr); });
+}
+
+bool service_manager::control(DWORD code) {
+  SERVICE_STATUS st;
+  return with(SERVICE_STOP | SERVICE_INTERROGATE,
+              [&](SC_HANDLE s) { return ControlService(s, code, &st); });
+}
+
+bool service_manager::state_is(DWORD state, int ms) {
+  return poll([&] { return status().dwCurrentState == state; }, ms);
 }
 
 }  // namespace kt

@@ -118,6 +118,35 @@ std::string port_line(int port, const char *service, const char *mode);
 // The port lines of a listing reply ("!", lines, "."); empty when it is not a listing.
 std::vector<std::string> listed_ports(const std::vector<std::string> &reply);
 
+// How many processes run the executable named exe ("kivd.exe").
+int processes_named(const char *exe);
+
+// The kivd service as the service manager knows it; each question opens the service anew.
+struct service_manager {
+  SC_HANDLE scm = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
+  ~service_manager() {
+    if (scm) CloseServiceHandle(scm);
+  }
+  // Runs f on the service opened for access; false when it cannot be opened or f fails.
+  template <class F>
+  bool with(DWORD access, F f) {
+    SC_HANDLE s = OpenServiceA(scm, "vesk_kivd", access);
+    bool ok = s && f(s);
+    if (s) CloseServiceHandle(s);
+    return ok;
+  }
+  // The service's state and process, or state 0 when it is not installed.
+  SERVICE_STATUS_PROCESS status();
+  bool installed() { return status().dwCurrentState != 0; }
+  // QueryServiceConfigA into buf; null when the service cannot be asked.
+  QUERY_SERVICE_CONFIGA *config(std::vector<char> &buf);
+  // QueryServiceConfig2A(level) into buf: 0, or the manager's error.
+  DWORD config2(DWORD level, std::vector<char> &buf);
+  bool start();
+  bool control(DWORD code);
+  bool state_is(DWORD state, int ms = 30000);
+};
+
 // What a running process holds, read from outside.
 struct usage {
   DWORD handles = 0;
