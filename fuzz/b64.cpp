@@ -4,8 +4,6 @@
 #include "lib/b64.h"
 #include "toolkit/runtime/base64.h"
 
-using fz::check;
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size > 4096) size = 4096;
   int count = static_cast<int>(size);

@@ -6,8 +6,6 @@
 #include "fuzz/fuzz.h"
 #include "lib/dstr.h"
 
-using fz::check;
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   char line[CMD_LINE + 1];
   size = std::min<size_t>(size, CMD_LINE);

@@ -1,5 +1,5 @@
 // What the fuzz targets share: the input read a byte at a time, a check that aborts (so
-// libFuzzer keeps the input), and a stream over bytes.
+// libFuzzer keeps the input).
 #pragma once
 #include <algorithm>
 #include <cstdint>
@@ -8,14 +8,12 @@
 #include <cstring>
 #include <string>
 
-namespace fz {
-
 inline void check(bool ok) {
   if (!ok) abort();
 }
 
 // Past its end the input reads as zero bytes.
-struct input {
+struct fuzzinput {
   const uint8_t *at = nullptr, *end = nullptr;
   void start(const uint8_t *data, size_t size) { at = data, end = data + size; }
   bool more() const { return at < end; }
@@ -27,10 +25,3 @@ struct input {
     return s;
   }
 };
-
-// A stream reading the bytes, or null: fmemopen refuses an empty buffer on some C libraries.
-inline FILE *stream(const void *data, size_t size, const char *mode) {
-  return fmemopen(const_cast<void *>(data), size, mode);
-}
-
-}  // namespace fz

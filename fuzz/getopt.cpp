@@ -6,8 +6,6 @@
 #include "fuzz/fuzz.h"
 #include "toolkit/runtime/getopt.h"
 
-using fz::check;
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size == 0) return 0;
   std::string rest(reinterpret_cast<const char *>(data + 1), size - 1);

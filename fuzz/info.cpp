@@ -9,11 +9,9 @@
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/platform.h"
 
-using fz::check;
-
 namespace {
 
-fz::input in;
+fuzzinput in;
 // Paths of a small alphabet under four slots, so that paths meet and differ by case.
 std::string makepath(int s) {
   static const char *parts[] = {"a", "B", "c", "A", "b", "dd", "D", "ab"};

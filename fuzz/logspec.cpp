@@ -6,8 +6,6 @@
 #include "toolkit/runtime/context.h"
 #include "toolkit/runtime/log.h"
 
-using fz::check;
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   std::string input(reinterpret_cast<const char *>(data), size);
   size_t cut = input.find('\0');

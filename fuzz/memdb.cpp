@@ -7,11 +7,9 @@
 #include "toolkit/config/memdb.h"
 #include "toolkit/runtime/error.h"
 
-using fz::check;
-
 namespace {
 
-fz::input in;
+fuzzinput in;
 bool nocase;
 std::map<std::string, std::string> model;  // folded key -> data
 

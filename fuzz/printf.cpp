@@ -2,13 +2,8 @@
 // type it expects from a fixed argument list. Checks that bounded output is the unbounded
 // output cut to the size, with the same total and the same %n counts, and that nothing is
 // written past the buffer.
-#include <cstdarg>
-
 #include "fuzz/fuzz.h"
-#include "lib/dstr.h"
-#include "lib/printf.h"
-
-using fz::check;
+#include "tests/lib/format.h"
 
 namespace {
 // Slot k of the argument list has the type PATTERN[k % 4]: I int, S text, L long, N int *.
@@ -18,19 +13,10 @@ constexpr int SLOTS = 16;
 #define ARGS(i, s, l, n)                                                                     \
   i[0], s[1], l[2], n + 3, i[4], s[5], l[6], n + 7, i[8], s[9], l[10], n + 11, i[12], s[13], \
       l[14], n + 15
-
-// Formats into the record when there is one, else into `size` bytes of the buffer.
-int format(dstr *rec, char *buffer, unsigned size, const char *f, ...) {
-  va_list args;
-  va_start(args, f);
-  int n = rec ? dstr_vformat(rec, -1, f, args) : xvsnprintf(buffer, size, f, args);
-  va_end(args);
-  return n;
-}
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  fz::input in;
+  fuzzinput in;
   in.start(data, size);
   static const char *const texts[] = {"", "a", "kivd", "Listening on port", "\xe9t\xe9", nullptr};
   static const char *const convs[3][10] = {
@@ -82,7 +68,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   int counts[2][SLOTS] = {};
   dstr rec;
   check(dstr_init(&rec) != nullptr);
-  int total = format(&rec, nullptr, 0, f.c_str(), ARGS(i, s, l, counts[0]));
+  int total = call(&rec, nullptr, 0, f.c_str(), ARGS(i, s, l, counts[0]));
   check(total == rec.length);
   unsigned t = static_cast<unsigned>(total);
   for (unsigned cut : {0u, 1u, t / 2, t, t + 1, in.byte() % 64u}) {
@@ -90,7 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     char *buffer = static_cast<char *>(malloc(cut ? cut : 1));
     buffer[0] = 'X';
     memset(counts[1], 0, sizeof counts[1]);
-    check(format(nullptr, buffer, cut, f.c_str(), ARGS(i, s, l, counts[1])) == total);
+    check(call(nullptr, buffer, cut, f.c_str(), ARGS(i, s, l, counts[1])) == total);
     check(memcmp(counts[0], counts[1], sizeof counts[0]) == 0);
     size_t stored = cut ? std::min<size_t>(t, cut - 1) : 0;
     check(cut ? memcmp(buffer, rec.buffer, stored) == 0 && buffer[stored] == '\0'

@@ -37,8 +37,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   char *buffer = static_cast<char *>(malloc(text.size() + 1));  // exact: ASan sees overruns
   memcpy(buffer, text.c_str(), text.size() + 1);
   int n = unescape(buffer);
-  fz::check(n == static_cast<int>(want.size()) && memcmp(buffer, want.data(), want.size()) == 0 &&
-            buffer[n] == '\0');
+  check(n == static_cast<int>(want.size()) && memcmp(buffer, want.data(), want.size()) == 0 &&
+        buffer[n] == '\0');
   free(buffer);
   return 0;
 }

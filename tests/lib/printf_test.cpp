@@ -1,23 +1,11 @@
 #include <climits>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "lib/dstr.h"
-#include "lib/printf.h"
-
-// Formats into the record when there is one, else into the buffer. Not marked as
-// printf-like, so the formats the compiler's checker rejects (%D, %y) pass.
-int call(dstr *rec, char *buffer, unsigned size, const char *format, ...) {
-  va_list args;
-  va_start(args, format);
-  int n = rec ? dstr_vformat(rec, -1, format, args) : xvsnprintf(buffer, size, format, args);
-  va_end(args);
-  return n;
-}
+#include "tests/lib/format.h"
 
 template <class... A>
 std::string fmt(const char *format, A... args) {
