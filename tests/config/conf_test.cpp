@@ -14,9 +14,15 @@ int record(const char *name, const char *value, const char *prefix, int letter) 
   return 0;
 }
 
+// Each text is parsed whole, then again with the heap failing at every point in turn: a
+// refusal ends the parse with -1 and "<line>: out of memory" (or no text when that copy is
+// refused too), every call made before it is one the complete parse makes too, and
+// nothing leaks.
 TEST(Conf, ParsesLinesOrGivesTheLineAndTheText) {
+  std::string value(200, 'L'), section(40, 's'), name(60, 'n');
   struct {
-    const char *text, *calls, *error;  // error empty: success
+    std::string text, calls;
+    const char *error;  // empty: success
   } cases[] = {
       {"# only\n\n   \n\t# comments\n", "", ""},
       {"g:\n  port = 25\n  b = \"two\\tparts\"\nt.s25:\n\tservice = smtp\n",
@@ -40,18 +46,44 @@ TEST(Conf, ParsesLinesOrGivesTheLineAndTheText) {
       {"  = v\n", "", "1: zero length name"},
       // Blank and comment lines count; nothing after the failing line is read.
       {"# c\n\n  # x\nsec:\n  nokey\n  k = v\n", "sec|(null)|.P|0;", "5: \"=\" expected"},
+      // Long values and names grow the reader's texts.
+      {"g:\n  long = " + value + "\n" + section + ":\n  " + name + " = v\n",
+       "g|(null)|.P|0;g.long|" + value + "|.P|s;" + section + "|(null)|.P|0;" + section + "." +
+           name + "|v|.P|s;",
+       ""},
   };
+  int points = 0;
   for (const auto &c : cases) {
-    calls.clear();
-    FILE *f = fopen(tempfile("conf.cfg", c.text).c_str(), "r");
-    char *error = nullptr;
-    int rc = kivconf_parse(f, record, ".P", &error);
-    fclose(f);
-    EXPECT_EQ(*c.error ? -1 : 0, rc) << c.text;
+    std::string path = tempfile("conf.cfg", c.text), message;
+    auto parse = [&] {
+      calls.clear();
+      FILE *f = fopen(path.c_str(), "r");
+      char *error = nullptr;
+      int rc = kivconf_parse(f, record, ".P", &error);
+      xheap_failafter(-1);
+      fclose(f);
+      message = error ? error : "";
+      xfree(error);
+      return rc;
+    };
+    int complete = *c.error ? -1 : 0;
+    EXPECT_EQ(complete, parse()) << c.text;
     EXPECT_EQ(c.calls, calls) << c.text;
-    EXPECT_EQ(c.error, std::string(error ? error : "")) << c.text;
-    xfree(error);
+    EXPECT_EQ(c.error, message) << c.text;
+    points += failpoints(".cfg reader", [&] {
+      int rc = parse();
+      if (rc == complete && message == c.error) {
+        EXPECT_EQ(c.calls, calls) << c.text;
+        return true;
+      }
+      EXPECT_EQ(-1, rc) << c.text;
+      EXPECT_TRUE(message.empty() || message.find(": out of memory") != std::string::npos)
+          << message;
+      EXPECT_EQ(c.calls.substr(0, calls.size()), calls) << c.text;
+      return false;
+    });
   }
+  EXPECT_GE(points, 40);
 }
 
 TEST(Conf, ReadFile) {
@@ -59,42 +91,6 @@ TEST(Conf, ReadFile) {
   EXPECT_EQ(0, kivconf_readfile(".m", tempfile("conf.cfg", "sec:\n  k = v\n").c_str(), record));
   EXPECT_EQ(KIV_EFTYPE,
             kivconf_readfile(".m", tempfile("conf.cfg", "sec:\n  broken\n").c_str(), record));
-}
-
-// The parser with the heap failing at every point in turn: a refusal ends the parse with
-// -1 and "<line>: out of memory" (or no text when that copy is refused too), every call
-// made before it is one the complete parse makes too, and nothing leaks.
-TEST(ConfOutOfMemory, ParseStopsCleanlyAtEveryRefusal) {
-  std::string text = "# agents\nglobal:\n  port = 25\n  name = \"two\\tparts\"\n  long = " +
-                     std::string(200, 'L') + "\nt.s25:\r\n\tservice = smtp\n" +
-                     std::string(40, 's') + ":\n  " + std::string(60, 'n') + " = v\n";
-  std::string path = tempfile("conf.cfg", text);
-  calls.clear();
-  FILE *f = fopen(path.c_str(), "r");
-  ASSERT_EQ(0, kivconf_parse(f, record, ".P", nullptr));
-  fclose(f);
-  const std::string full = calls;
-  int points = failpoints(".cfg reader: eight lines, long values and names", [&] {
-    calls.clear();
-    FILE *in = fopen(path.c_str(), "r");
-    char *error = nullptr;
-    int rc = kivconf_parse(in, record, ".P", &error);
-    xheap_failafter(-1);
-    fclose(in);
-    std::string message = error ? error : "";
-    xfree(error);
-    if (rc == 0) {
-      EXPECT_EQ(full, calls);
-      EXPECT_EQ("", message);
-      return true;
-    }
-    EXPECT_EQ(-1, rc);
-    // The seam refuses every allocation after the n-th, the error text's copy too.
-    EXPECT_TRUE(message.empty() || message.find(": out of memory") != std::string::npos) << message;
-    EXPECT_EQ(full.substr(0, calls.size()), calls);
-    return false;
-  });
-  EXPECT_GE(points, 6);  // two texts, and the long line and the long names grow them
 }
 
 }  // namespace

@@ -192,20 +192,6 @@ TEST_F(Log, TimeSincePreviousLine) {
   kiv_setclock(nullptr, nullptr);
 }
 
-TEST_F(Log, LevelsTemplatesAndLongLines) {
-  kiv_logerror(nullptr, "sserv.main", KIV_SEV_FATAL, 0, "at level 0 reports pass");
-  kiv_logconfig("3;ssock;=%l%(e%[c: ");
-  kiv_log(nullptr, "sserv.main", "dropped by the filter");
-  kiv_logerror(nullptr, "sserv.main", KIV_SEV_ERROR, KIV_ENOTFOUND, "no %s", "port");
-  kiv_log(nullptr, "ssock.x", "%s", std::string(3000, 'x').c_str());
-  kiv_loglevel = -1;
-  kiv_log(nullptr, "ssock.f", "dropped at a negative level");
-  std::vector<std::string> expected = {"1234 [*] main: at level 0 reports pass",
-                                       "sserv.main (ERROR) [Not found]: no port",
-                                       "ssock.x: " + std::string(KIV_LOGLINE - 1 - 9, 'x')};
-  EXPECT_EQ(expected, captured);
-}
-
 TEST_F(Log, AllocatorReportsFailuresUnderTheCallersTag) {
   struct {
     const char *tag, *expected;
@@ -296,9 +282,10 @@ TEST_F(Log, SinkThatLogsNestsOnceAndDropsTheThirdLevel) {
 
 static time_t fixedtime() { return 1700000000; }
 
-// An empty or null format makes kiv_log write a separator with the local time, cut to the
-// room after the prefix; a report with such a format is its prefix alone.
-TEST_F(Log, EmptyFormatWritesASeparatorAndAReportItsPrefix) {
+// Levels, templates and long lines. An empty or null format makes kiv_log write a
+// separator with the local time, cut to the room after the prefix; a report with such a
+// format is its prefix alone.
+TEST_F(Log, LinesAsWritten) {
   kiv_setclock(fixedtime, nullptr);
   struct tm local;
   ASSERT_TRUE(kiv_localtime(fixedtime(), &local));
@@ -306,6 +293,13 @@ TEST_F(Log, EmptyFormatWritesASeparatorAndAReportItsPrefix) {
   strftime(when, sizeof when, "%b %d %H:%M:%S", &local);
   const char *none = nullptr, *empty = "";       // variables: the compiler checks literal formats
   std::string longprefix(KIV_LOGLINE - 8, 'p');  // leaves room for 7 characters
+  kiv_logerror(nullptr, "sserv.main", KIV_SEV_FATAL, 0, "at level 0 reports pass");
+  kiv_logconfig("3;ssock;=%l%(e%[c: ");
+  kiv_log(nullptr, "sserv.main", "dropped by the filter");
+  kiv_logerror(nullptr, "sserv.main", KIV_SEV_ERROR, KIV_ENOTFOUND, "no %s", "port");
+  kiv_log(nullptr, "ssock.x", "%s", std::string(3000, 'x').c_str());
+  kiv_loglevel = -1;
+  kiv_log(nullptr, "ssock.f", "dropped at a negative level");
   kiv_logconfig("3;=%f: ");
   kiv_log(nullptr, "a.sep", "%s", "");  // an empty text is not an empty format
   kiv_log(nullptr, "a.sep", empty);
@@ -315,7 +309,10 @@ TEST_F(Log, EmptyFormatWritesASeparatorAndAReportItsPrefix) {
   kiv_logconfig(("3;=" + longprefix).c_str());
   kiv_log(nullptr, "a.sep", empty);
   kiv_setclock(nullptr, nullptr);
-  std::vector<std::string> expected = {"sep: ",
+  std::vector<std::string> expected = {"1234 [*] main: at level 0 reports pass",
+                                       "sserv.main (ERROR) [Not found]: no port",
+                                       "ssock.x: " + std::string(KIV_LOGLINE - 1 - 9, 'x'),
+                                       "sep: ",
                                        std::string("sep: ========== ") + when,
                                        std::string("sep: ========== ") + when,
                                        "rep: ",
