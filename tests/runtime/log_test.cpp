@@ -193,19 +193,17 @@ TEST_F(Log, TimeSincePreviousLine) {
 }
 
 TEST_F(Log, AllocatorReportsFailuresUnderTheCallersTag) {
-  struct {
-    const char *tag, *expected;
-  } cases[] = {{"ntpipe.npipe_write", "1234 [*] npipe_write: failed to allocate 64 bytes"},
-               {nullptr, "1234 [*] kiv_alloc: failed to allocate 64 bytes"}};
-  for (const auto &c : cases) {
-    captured.clear();
-    xheap_failafter(0);
-    EXPECT_EQ(nullptr, kiv_alloc(64, c.tag));
-    EXPECT_EQ(nullptr, kiv_zalloc(64, c.tag));
-    EXPECT_EQ(nullptr, kiv_realloc(nullptr, 64, c.tag));
-    xheap_failafter(-1);
-    EXPECT_EQ(std::vector<std::string>(3, c.expected), captured);
+  xheap_failafter(0);
+  for (const char *tag : {"ntpipe.npipe_write", static_cast<const char *>(nullptr)}) {
+    EXPECT_EQ(nullptr, kiv_alloc(64, tag));
+    EXPECT_EQ(nullptr, kiv_zalloc(64, tag));
+    EXPECT_EQ(nullptr, kiv_realloc(nullptr, 64, tag));
   }
+  xheap_failafter(-1);
+  std::string tagged = "1234 [*] npipe_write: failed to allocate 64 bytes",
+              untagged = "1234 [*] kiv_alloc: failed to allocate 64 bytes";
+  EXPECT_EQ((std::vector<std::string>{tagged, tagged, tagged, untagged, untagged, untagged}),
+            captured);
   // A failed resize returns the old block unchanged; size 0 releases it without a report.
   captured.clear();
   auto *p = static_cast<char *>(kiv_alloc(8, "ssock.grow"));
