@@ -75,7 +75,7 @@ TEST_F(Shutdown, AgentsAreToldAndWaitedForAndNothingStarts) {
   set_port(p[4], "auto", "svc");
   set_global("a_dead", "on", "C:\\no\\such\\program.exe");
   set_global("job", "on", agent_program(job));
-  SOCKET blocker = block_port(p[3]);
+  SOCKET blocker = kt::listen_on(&p[3]);
   ASSERT_EQ(0, ssock_reconfig());
   closesocket(blocker);
   ASSERT_EQ(1, logged("Failed to listen to port " + std::to_string(p[3])));

@@ -140,6 +140,8 @@ lines pipe_lines(const std::string &path, DWORD pid) {
   return out;
 }
 
+std::string handover_of(unsigned port) { return "-Ptcp::" + std::to_string(port) + "@<496>"; }
+
 int logged(const std::string &needle) {
   return int(std::count_if(logs.begin(), logs.end(), [&](const std::string &l) {
     return l.find(needle) != std::string::npos;
@@ -250,12 +252,6 @@ std::string disable_of(time_t t) {
 std::vector<unsigned> free_ports(unsigned count) {
   std::vector<int> ports = kt::free_ports(int(count));
   return std::vector<unsigned>(ports.begin(), ports.end());
-}
-
-SOCKET block_port(unsigned port) {
-  SOCKET s = kt::listen_on(&port);
-  if (s == INVALID_SOCKET) ADD_FAILURE() << "block port " << port << ": " << WSAGetLastError();
-  return s;
 }
 
 DWORD start_agent_on(unsigned port, const std::string &record, SOCKET *keep) {
