@@ -99,21 +99,6 @@ TEST_F(Shutdown, AgentsAreToldAndWaitedForAndNothingStarts) {
   EXPECT_EQ("exit", pipe_lines(b, agent_b).back());
 }
 
-// The one real wait of the suite: an agent that ignores "exit" is terminated after 5 s.
-TEST_F(Shutdown, AgentIgnoringExitIsTerminatedAfterFiveSeconds) {
-  std::string rec = record_path("stubborn");
-  unsigned port = svc_ports(1, "auto", agent_program(rec, "-I"))[0];
-  ASSERT_EQ(0, ssock_reconfig());
-  DWORD agent = start_agent_on(port, rec);
-  HANDLE process = open_process(agent);
-  cleaned_up = true;
-  ASSERT_EQ(0, ssock_cleanup());
-  EXPECT_EQ(1, logged("timeout"));
-  EXPECT_EQ(1, logged("Process " + std::to_string(agent) + " terminated"));
-  EXPECT_TRUE(has_text(rec, "#ignored", agent));
-  EXPECT_EQ(1u, exit_code(process));  // terminated
-}
-
 using Scale = Ports;
 
 // A thousand ports over ten services: the wait list holds exactly one entry per idle

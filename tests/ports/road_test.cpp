@@ -121,9 +121,16 @@ TEST_F(Road, OnPortKeepsOneAgentThatListensByItself) {
 }
 
 // The echo agent (the real agent library) behind the manager: it reads the manager's own
-// lines, serves both ports of its service, and ends with 0 when shutdown says "exit".
+// lines, serves both ports of its service, and ends with 0 when shutdown says "exit". An
+// agent that ignores "exit" is terminated after 5 s, the one real wait of the suite.
 TEST_F(Road, TheEchoAgentServesEveryPortOfItsServiceAndExitsOnShutdown) {
-  auto p = svc_ports(2, "auto", "\"" + kt::echo_agent_exe() + "\"");
+  auto p = free_ports(3);
+  std::string rec = record_path("stubborn");
+  set_service("echo", "\"" + kt::echo_agent_exe() + "\"");
+  set_service("stubborn", agent_program(rec, "-I"));
+  set_port(p[0], "auto", "echo");
+  set_port(p[1], "auto", "echo");
+  set_port(p[2], "auto", "stubborn");
   ASSERT_EQ(0, ssock_reconfig());
   SOCKET first = connect_to(p[1]);
   ASSERT_TRUE(pump_until([] { return wait_list().pids.size() == 1; }));
@@ -134,10 +141,15 @@ TEST_F(Road, TheEchoAgentServesEveryPortOfItsServiceAndExitsOnShutdown) {
   EXPECT_TRUE(kt::echoes(first, "first again\n"));
   closesocket(first);
   closesocket(second);
+  DWORD stubborn = start_agent_on(p[2], rec);
+  HANDLE process = open_process(stubborn);
   cleaned_up = true;
   ASSERT_EQ(0, ssock_cleanup());
   EXPECT_EQ(0u, exit_code(agent));
-  EXPECT_EQ(0, logged("timeout"));
+  EXPECT_EQ(1, logged("timeout"));
+  EXPECT_EQ(1, logged("Process " + std::to_string(stubborn) + " terminated"));
+  EXPECT_TRUE(has_text(rec, "#ignored", stubborn));
+  EXPECT_EQ(1u, exit_code(process));  // terminated
 }
 
 }  // namespace
