@@ -16,46 +16,44 @@ using Reconfig = Ports;
 
 // Agents hear "reconfig" once each when the number of ports stayed the same.
 TEST_F(Reconfig, SamePortCountSendsOneReconfigToEachAgent) {
+  auto p = free_ports(5);
+  std::string a = record_path("a"), b = record_path("b");
+  set_service("a", agent_program(a));
+  set_service("b", agent_program(b));
+  set_service("c", agent_program(record_path("c")));
+  for (unsigned port : {p[0], p[1], p[3]}) set_port(port, "auto", "a");
+  set_port(p[2], "auto", "b");
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(0, logged("sending reconfig"));  // the first run has nothing to tell
+  DWORD agent_a = start_agent_on(p[0], a), agent_b = start_agent_on(p[2], b);
   struct {
     const char *change;
-    bool remove_one;  // a port of agent a that holds another one too
-    bool add_one;     // a new idle port of another service
-    int told;         // agents told "reconfig"
-  } cases[] = {
-      {"unchanged", false, false, 2},
-      {"one removed, one added", true, true, 2},
-      {"one removed", true, false, 0},
+    unsigned removed;  // a port of agent a that holds another one too
+    unsigned added;    // a new idle port of another service
+    int told;          // "reconfig" logs by then
+  } steps[] = {
+      {"unchanged", 0, 0, 2},
+      {"one removed, one added", p[1], p[4], 4},
+      {"one removed", p[3], 0, 4},
   };
-  for (auto &c : cases) {
-    SCOPED_TRACE(c.change);
-    auto p = free_ports(4);
-    std::string a = record_path("a"), b = record_path("b");
-    set_service("a", agent_program(a));
-    set_service("b", agent_program(b));
-    set_service("c", agent_program(record_path("c")));
-    set_port(p[0], "auto", "a");
-    set_port(p[1], "auto", "a");
-    set_port(p[2], "auto", "b");
+  for (auto &s : steps) {
+    SCOPED_TRACE(s.change);
+    if (s.removed) remove_key("tcp\\s" + std::to_string(s.removed));
+    if (s.added) set_port(s.added, "auto", "c");
     ASSERT_EQ(0, ssock_reconfig());
-    EXPECT_EQ(0, logged("sending reconfig"));  // the first run has nothing to tell
-    DWORD agent_a = start_agent_on(p[0], a), agent_b = start_agent_on(p[2], b);
-    if (c.remove_one) remove_key("tcp\\s" + std::to_string(p[1]));
-    if (c.add_one) set_port(p[3], "auto", "c");
-    ASSERT_EQ(0, ssock_reconfig());
-    EXPECT_EQ(c.told, logged("No port removed/added sending reconfig"));
-    if (c.told) {
-      ASSERT_TRUE(pump_until(
-          [&] { return has_text(a, "reconfig", agent_a) && has_text(b, "reconfig", agent_b); }));
-      EXPECT_EQ(1u, count_of(pipe_lines(a, agent_a), "reconfig"));
-      EXPECT_EQ(1u, count_of(pipe_lines(b, agent_b), "reconfig"));
-    }
-    if (c.remove_one) {
-      ASSERT_TRUE(
-          pump_until([&] { return has_text(a, "remove tcp::" + std::to_string(p[1]), agent_a); }));
-    }
-    EXPECT_EQ(size_t(3 + c.add_one - c.remove_one), listing().size());
-    restart_manager();
+    EXPECT_EQ(s.told, logged("No port removed/added sending reconfig"));
   }
+  ASSERT_TRUE(pump_until([&] {
+    return has_text(a, "remove tcp::" + std::to_string(p[3]), agent_a) &&
+           count_of(pipe_lines(b, agent_b), "reconfig") == 2;
+  }));
+  EXPECT_EQ(lines({handover_of(p[0]), handover_of(p[1]), handover_of(p[3]), "--", "lifespan 86400",
+                   "reconfig", "remove tcp::" + std::to_string(p[1]), "reconfig",
+                   "remove tcp::" + std::to_string(p[3])}),
+            pipe_lines(a, agent_a));
+  EXPECT_EQ(lines({handover_of(p[2]), "--", "lifespan 86400", "reconfig", "reconfig"}),
+            pipe_lines(b, agent_b));
+  EXPECT_EQ(3u, listing().size());
 }
 
 // A port moves to another service while the old agent holds it with another port: the
