@@ -7,11 +7,11 @@
 namespace porttest {
 namespace {
 
-std::string at(unsigned port) { return "-Ptcp::" + std::to_string(port) + "@<496>"; }
-
 using Road = Ports;
 
-TEST_F(Road, ConnectionStartsOneAgentWithEveryIdlePortOfItsService) {
+// One connection starts one agent for every idle port of its service; what the agent's
+// end does to them depends on its exit code (an exception's rest: OnPort... below).
+TEST_F(Road, ConnectionStartsOneAgentWithEveryIdlePortOfItsServiceUntilItEnds) {
   std::string rec = record_path("road");
   std::string program = agent_program(rec);
   auto p = svc_ports(3, "auto", program);
@@ -19,9 +19,9 @@ TEST_F(Road, ConnectionStartsOneAgentWithEveryIdlePortOfItsService) {
 
   EXPECT_EQ(waits(3), waits());
   EXPECT_EQ(now + 86400, wait_list().due);
-  EXPECT_EQ(lines({line_of(p[0], "svc", "Auto"), line_of(p[1], "svc", "Auto"),
-                   line_of(p[2], "svc", "Auto")}),
-            listing());
+  lines idle = {line_of(p[0], "svc", "Auto"), line_of(p[1], "svc", "Auto"),
+                line_of(p[2], "svc", "Auto")};
+  EXPECT_EQ(idle, listing());
 
   // The middle port has the connection: it comes first, then the others in port order.
   SOCKET client = connect_to(p[1]);
@@ -29,7 +29,9 @@ TEST_F(Road, ConnectionStartsOneAgentWithEveryIdlePortOfItsService) {
   auto pids = agents(rec);
   ASSERT_EQ(1u, pids.size());
   DWORD pid = pids[0];
-  EXPECT_EQ(lines({at(p[1]), at(p[0]), at(p[2]), "--", "lifespan 86400"}), pipe_lines(rec, pid));
+  EXPECT_EQ(
+      lines({handover_of(p[1]), handover_of(p[0]), handover_of(p[2]), "--", "lifespan 86400"}),
+      pipe_lines(rec, pid));
   for (unsigned port : {p[1], p[0], p[2]})
     EXPECT_TRUE(has_text(rec, "#socket " + std::to_string(port) + " ok", pid)) << port;
 
@@ -38,7 +40,6 @@ TEST_F(Road, ConnectionStartsOneAgentWithEveryIdlePortOfItsService) {
 
   // The agent accepts the waiting connection on its own copy of the socket.
   EXPECT_EQ("agent " + std::to_string(pid) + " port " + std::to_string(p[1]), read_line(client));
-  closesocket(client);
 
   EXPECT_EQ(waits(0, {pid}), waits());
   std::string agent = " Agent=" + std::to_string(pid);
@@ -47,44 +48,37 @@ TEST_F(Road, ConnectionStartsOneAgentWithEveryIdlePortOfItsService) {
             listing());
   EXPECT_EQ(1, logged("Child " + std::to_string(pid) + " started for port " + std::to_string(p[1]) +
                       " [svc, Auto]"));
-}
 
-// What the end of an agent that holds two ports does to them, by exit code (an exception's
-// rest: OnPortKeepsOneAgentThatListensByItself).
-TEST_F(Road, AgentExitCodeDecidesWhatBecomesOfItsPorts) {
   struct {
     const char *request;     // sent to the agent by the client
     const char *died;        // the manager's log of the exit
     const char *listen_log;  // how each port listens again ("%u" is the port)
-    int listen_count;        // how often that line appears per port
-  } cases[] = {
-      {"exit 0", "died with code 0", "Listening on port %u again", 1},
-      {"exit 3", "died with code 0x3", "Listening on port %u for svc", 2},
+    int listen_count;        // how often that line appears per port by then
+    unsigned next;           // the port the next connection comes to
+  } ends[] = {
+      {"exit 0", "died with code 0", "Listening on port %u again", 1, p[2]},
+      {"exit 3", "died with code 0x3", "Listening on port %u for svc", 2, p[0]},
   };
-  for (auto &c : cases) {
-    SCOPED_TRACE(c.request);
-    std::string rec = record_path("exit");
-    auto p = svc_ports(2, "auto", agent_program(rec));
-    ASSERT_EQ(0, ssock_reconfig());
-    SOCKET client;
-    DWORD pid = start_agent_on(p[0], rec, &client);
-    send_text(client, c.request);
+  for (auto &e : ends) {
+    SCOPED_TRACE(e.request);
+    send_text(client, e.request);
     closesocket(client);
     ASSERT_TRUE(pump_until([&] { return logged("Child " + std::to_string(pid) + " died") == 1; }));
-    EXPECT_EQ(1, logged(c.died));
+    EXPECT_EQ(1, logged(e.died));
     EXPECT_EQ(0, logged("Link count"));
-
-    EXPECT_EQ(waits(2), waits());
-    EXPECT_EQ(lines({line_of(p[0], "svc", "Auto"), line_of(p[1], "svc", "Auto")}), listing());
+    EXPECT_EQ(waits(3), waits());
+    EXPECT_EQ(idle, listing());
     for (unsigned port : p) {
       char text[64];
-      snprintf(text, sizeof text, c.listen_log, port);
-      EXPECT_EQ(c.listen_count, logged(text)) << text;
+      snprintf(text, sizeof text, e.listen_log, port);
+      EXPECT_EQ(e.listen_count, logged(text)) << text;
     }
-    // Listening for real: the next connection, on the other port, starts a new agent.
-    EXPECT_NE(pid, start_agent_on(p[1], rec));
-    restart_manager();
+    // Listening for real: the next connection, on another port, starts a new agent.
+    DWORD next = start_agent_on(e.next, rec, &client);
+    EXPECT_NE(pid, next);
+    pid = next;
   }
+  closesocket(client);
 }
 
 TEST_F(Road, OnPortKeepsOneAgentThatListensByItself) {
@@ -127,9 +121,16 @@ TEST_F(Road, OnPortKeepsOneAgentThatListensByItself) {
 }
 
 // The echo agent (the real agent library) behind the manager: it reads the manager's own
-// lines, serves both ports of its service, and ends with 0 when shutdown says "exit".
+// lines, serves both ports of its service, and ends with 0 when shutdown says "exit". An
+// agent that ignores "exit" is terminated after 5 s, the one real wait of the suite.
 TEST_F(Road, TheEchoAgentServesEveryPortOfItsServiceAndExitsOnShutdown) {
-  auto p = svc_ports(2, "auto", "\"" + kt::echo_agent_exe() + "\"");
+  auto p = free_ports(3);
+  std::string rec = record_path("stubborn");
+  set_service("echo", "\"" + kt::echo_agent_exe() + "\"");
+  set_service("stubborn", agent_program(rec, "-I"));
+  set_port(p[0], "auto", "echo");
+  set_port(p[1], "auto", "echo");
+  set_port(p[2], "auto", "stubborn");
   ASSERT_EQ(0, ssock_reconfig());
   SOCKET first = connect_to(p[1]);
   ASSERT_TRUE(pump_until([] { return wait_list().pids.size() == 1; }));
@@ -140,10 +141,15 @@ TEST_F(Road, TheEchoAgentServesEveryPortOfItsServiceAndExitsOnShutdown) {
   EXPECT_TRUE(kt::echoes(first, "first again\n"));
   closesocket(first);
   closesocket(second);
+  DWORD stubborn = start_agent_on(p[2], rec);
+  HANDLE process = open_process(stubborn);
   cleaned_up = true;
   ASSERT_EQ(0, ssock_cleanup());
   EXPECT_EQ(0u, exit_code(agent));
-  EXPECT_EQ(0, logged("timeout"));
+  EXPECT_EQ(1, logged("timeout"));
+  EXPECT_EQ(1, logged("Process " + std::to_string(stubborn) + " terminated"));
+  EXPECT_TRUE(has_text(rec, "#ignored", stubborn));
+  EXPECT_EQ(1u, exit_code(process));  // terminated
 }
 
 }  // namespace

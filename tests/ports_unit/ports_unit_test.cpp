@@ -151,9 +151,7 @@ TEST_F(Ports, ListingLine) {
       "  110  twelve-chars   On Disable=2038-01-19_03:14",
       "65535  echo          Hook Parent=99",
   };
-  ASSERT_EQ(expected.size(), listing.size());
-  for (size_t i = 0; i < expected.size(); i++) EXPECT_EQ(expected[i], listing[i]) << i;
-  EXPECT_LE(listing[0].size(), size_t(LISTING_SIZE - 1));
+  ASSERT_EQ(expected, listing);  // the first line as long as a line can be
   // East of UTC the largest time still gives a line, in local time.
   listing.clear();
   _putenv("TZ=XXX-14");

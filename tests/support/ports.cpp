@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <regex>
 
 #include "ports/ssock.h"
@@ -40,12 +39,8 @@ struct recline {
 std::vector<recline> read_record(const std::string &path) {
   std::vector<recline> out;
   std::ifstream in(path, std::ios::binary);
-  std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  size_t start = 0, eol;
   // A line is complete only with its newline: the agent may be writing the rest now.
-  while ((eol = all.find('\n', start)) != std::string::npos) {
-    std::string line = all.substr(start, eol - start);
-    start = eol + 1;
+  for (std::string line; std::getline(in, line) && !in.eof();) {
     size_t blank = line.find(' ');
     if (blank != std::string::npos)
       out.push_back({DWORD(strtoul(line.c_str(), nullptr, 10)), line.substr(blank + 1)});
@@ -123,9 +118,8 @@ bool has_text(const std::string &path, const std::string &text, DWORD pid) {
 }
 
 bool ready(const std::string &record, size_t count) {
-  size_t n = 0;
-  for (auto &r : read_record(record)) n += r.text == "#ready";
-  return n >= count;
+  lines all = texts(record);
+  return size_t(std::count(all.begin(), all.end(), "#ready")) >= count;
 }
 
 lines pipe_lines(const std::string &path, DWORD pid) {
@@ -139,6 +133,8 @@ lines pipe_lines(const std::string &path, DWORD pid) {
                         : t);
   return out;
 }
+
+std::string handover_of(unsigned port) { return "-Ptcp::" + std::to_string(port) + "@<496>"; }
 
 int logged(const std::string &needle) {
   return int(std::count_if(logs.begin(), logs.end(), [&](const std::string &l) {
@@ -250,12 +246,6 @@ std::string disable_of(time_t t) {
 std::vector<unsigned> free_ports(unsigned count) {
   std::vector<int> ports = kt::free_ports(int(count));
   return std::vector<unsigned>(ports.begin(), ports.end());
-}
-
-SOCKET block_port(unsigned port) {
-  SOCKET s = kt::listen_on(&port);
-  if (s == INVALID_SOCKET) ADD_FAILURE() << "block port " << port << ": " << WSAGetLastError();
-  return s;
 }
 
 DWORD start_agent_on(unsigned port, const std::string &record, SOCKET *keep) {

@@ -45,6 +45,8 @@ std::string launch_line(const std::string &record, DWORD pid = 0);
 // Only the agent lines, without the agent's own "#" lines; a handed-over socket's base64
 // text is given by its length ("-Ptcp::80@<496>").
 lines pipe_lines(const std::string &path, DWORD pid);
+// A handed-over port's line as pipe_lines gives it.
+std::string handover_of(unsigned port);
 
 // Captured log lines (level 3 and reports), each without its terminator.
 extern lines logs;
@@ -84,9 +86,6 @@ void expect_rest(const std::vector<unsigned> &ports, const std::string &service,
 
 // Ports free on loopback right now, ascending.
 std::vector<unsigned> free_ports(unsigned count);
-// Another program's listening socket on 127.0.0.1:port (INVALID_SOCKET on failure): the
-// manager's bind of the port fails while it is open.
-SOCKET block_port(unsigned port);
 using kt::connect_to;
 using kt::read_line;
 using kt::send_text;
