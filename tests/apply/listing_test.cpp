@@ -10,13 +10,13 @@ namespace {
 
 const char FOREVER[] = "2038-01-19_03:14";
 
-// Each line read into its fields, shown as the table people read: a column as wide as its
-// longest entry, the state in words.
-TEST(Listing, LinesBecomeTheTable) {
+// Each line read into its fields, shown as the table people read (a column as wide as its
+// longest entry, the state in words) and as the JSON scripts read.
+TEST(Listing, LinesBecomeTheTableAndJson) {
   std::vector<listed_port> ports;
   for (const char *line : {" 7007  echo          Auto", "   25  mail          On Agent=412",
                            "65534  a-much-longer-name   Auto Agent=9", " 7008  two words     Auto",
-                           " 7009  hooked        Hook Parent=77 Agent=78",
+                           " 7009  say \"hi\"\\     Hook Parent=77 Agent=78",
                            " 7010  echo          Auto Disable=2026-11-24_22:10",
                            " 7011  echo          Auto Disable=2038-01-19_03:14",
                            " 7012  echo          On Disable=2038-01-19_03:14 Agent=5"}) {
@@ -29,38 +29,30 @@ TEST(Listing, LinesBecomeTheTable) {
             "   25  mail                on    serving (pid 412)\n"
             "65534  a-much-longer-name  auto  serving (pid 9)\n"
             " 7008  two words           auto  idle\n"
-            " 7009  hooked              hook  serving (pid 78), hooked by pid 77\n"
+            " 7009  say \"hi\"\\           hook  serving (pid 78), hooked by pid 77\n"
             " 7010  echo                auto  disabled until 2026-11-24 22:10\n"
             " 7011  echo                auto  disabled until enabled\n"
             " 7012  echo                on    disabled until enabled\n");
   EXPECT_EQ(listing_table({}), "PORT   SERVICE  MODE  STATE\n");
+  // For scripts: every field in every record, null where there is none.
+  EXPECT_EQ(
+      listing_json({ports[4], ports[5], ports[7]}),
+      "[{\"port\":7009,\"service\":\"say \\\"hi\\\"\\\\\",\"mode\":\"hook\",\"state\":"
+      "\"serving\",\"agent\":78,\"parent\":77,\"disabled_until\":null,\"until_enabled\":false},\n"
+      " {\"port\":7010,\"service\":\"echo\",\"mode\":\"auto\",\"state\":\"disabled\",\"agent\":"
+      "null,\"parent\":null,\"disabled_until\":\"2026-11-24 22:10\",\"until_enabled\":false},\n"
+      " {\"port\":7012,\"service\":\"echo\",\"mode\":\"on\",\"state\":\"disabled\",\"agent\":"
+      "5,\"parent\":null,\"disabled_until\":null,\"until_enabled\":true}]");
+  EXPECT_EQ(listing_json({}), "[]");
+  EXPECT_EQ(reply_json("+"), "{\"ok\":true}");
+  EXPECT_EQ(reply_json("-Failed with code -4"), "{\"ok\":false,\"error\":\"Failed with code -4\"}");
+  EXPECT_EQ(reply_json("-\x01 odd"), "{\"ok\":false,\"error\":\"\\u0001 odd\"}");
   for (const char *bad : {"", "!", "+", " 7007 echo Auto", "  abc  echo          Auto",
                           " 7007  echo          Sometimes", " 7007  echo          Auto Agent=x",
                           "    0  echo          Auto", "Auto"}) {
     listed_port p;
     EXPECT_FALSE(parse_listing_line(bad, FOREVER, &p)) << '"' << bad << '"';
   }
-}
-
-TEST(Listing, JsonAsScriptsReadIt) {
-  listed_port a, b, c;
-  ASSERT_TRUE(parse_listing_line(" 7007  say \"hi\"\\     Hook Parent=3 Agent=12", FOREVER, &a));
-  ASSERT_TRUE(
-      parse_listing_line(" 7010  echo          Auto Disable=2026-11-24_22:10", FOREVER, &b));
-  ASSERT_TRUE(
-      parse_listing_line(" 7011  echo          On Disable=2038-01-19_03:14 Agent=5", FOREVER, &c));
-  EXPECT_EQ(
-      listing_json({a, b, c}),
-      "[{\"port\":7007,\"service\":\"say \\\"hi\\\"\\\\\",\"mode\":\"hook\",\"state\":"
-      "\"serving\",\"agent\":12,\"parent\":3,\"disabled_until\":null,\"until_enabled\":false},\n"
-      " {\"port\":7010,\"service\":\"echo\",\"mode\":\"auto\",\"state\":\"disabled\",\"agent\":"
-      "null,\"parent\":null,\"disabled_until\":\"2026-11-24 22:10\",\"until_enabled\":false},\n"
-      " {\"port\":7011,\"service\":\"echo\",\"mode\":\"on\",\"state\":\"disabled\",\"agent\":"
-      "5,\"parent\":null,\"disabled_until\":null,\"until_enabled\":true}]");
-  EXPECT_EQ(listing_json({}), "[]");
-  EXPECT_EQ(reply_json("+"), "{\"ok\":true}");
-  EXPECT_EQ(reply_json("-Failed with code -4"), "{\"ok\":false,\"error\":\"Failed with code -4\"}");
-  EXPECT_EQ(reply_json("-\x01 odd"), "{\"ok\":false,\"error\":\"\\u0001 odd\"}");
 }
 
 }  // namespace
