@@ -21,7 +21,6 @@ TEST(Answer, LinesAsTheServerTakesThem) {
       {"\"\" ls", answer::none},
       {"quit", answer::hangup},
       {"QuIt -Q", answer::hangup},
-      {"qUIT", answer::hangup},
       {"quitx", answer::reply},
       {twenty, answer::hangup},
       {many, answer::reply},

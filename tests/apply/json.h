@@ -1,5 +1,5 @@
-// A small JSON reader for tests: kivctl's JSON output is parsed back and its fields
-// checked, never compared as text. Values keep their kind; a parse failure is `ok` false.
+// A small JSON reader for the tests that read kivctl's JSON output back field by field
+// (the service and package tests). Values keep their kind; a parse failure is `ok` false.
 #pragma once
 #include <cstdlib>
 #include <cstring>

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <algorithm>
 #include <string>
 #include <thread>
 #include <vector>
@@ -12,16 +13,8 @@
 
 namespace {
 
-// The server is process-wide and set up once; each test leaves both instances listening.
 std::string pipe_name() {
   return "\\\\.\\pipe\\kivd_npipe_test_" + std::to_string(GetCurrentProcessId());
-}
-
-void server() {
-  static bool ready = false;
-  if (ready) return;
-  ASSERT_EQ(npipe_setup_server(2, pipe_name().c_str(), nullptr), 0);
-  ready = true;
 }
 
 struct client {
@@ -42,17 +35,13 @@ struct client {
     ASSERT_TRUE(WriteFile(h, m.data(), static_cast<DWORD>(m.size()), &put, nullptr))
         << GetLastError();
   }
+  // One message (every message of these tests fits the buffer).
   std::string receive() {
-    std::string out;
     char buf[4096];
-    for (;;) {
-      DWORD got = 0;
-      BOOL ok = ReadFile(h, buf, sizeof buf, &got, nullptr);
-      out.append(buf, got);
-      if (ok) return out;
-      if (GetLastError() != ERROR_MORE_DATA)
-        return "<error " + std::to_string(GetLastError()) + ">";
-    }
+    DWORD got = 0;
+    if (!ReadFile(h, buf, sizeof buf, &got, nullptr))
+      return "<error " + std::to_string(GetLastError()) + ">";
+    return std::string(buf, got);
   }
 };
 
@@ -63,12 +52,12 @@ int wake(DWORD timeout = 10000) {
 }
 
 // Serves wake-ups until pipe `p` delivers something other than KIV_EAGAIN.
-int read_from(int p, char *buffer, int size, int *connected = nullptr) {
+int read_from(int p, char *buffer, int size) {
   for (int i = 0; i < 50; i++) {
     int w = wake();
     if (w == 0) continue;
-    int rc = npipe_read(w, buffer, size, connected);
-    if (w == p && (rc != KIV_EAGAIN || (connected && *connected))) return rc;
+    int rc = npipe_read(w, buffer, size, nullptr);
+    if (w == p && rc != KIV_EAGAIN) return rc;
   }
   return -1000;
 }
@@ -91,118 +80,84 @@ int accept_client(client &c) {
   return 0;
 }
 
-// Set up once only. Without a client (pipes 1 and 2 are the listening instances), a
-// write is refused and a close leaves the instance listening.
-TEST(Npipe, SetupOnceOnlyAndNoWritesWithoutAClient) {
-  server();
+std::vector<std::string> lines;  // the log's lines while it is captured
+
+// One server through a run of clients, each step leaving both instances listening.
+TEST(Npipe, OneServerAndItsClients) {
+  // Set up once only. Without a client (pipes 1 and 2 are the listening instances), a
+  // write is refused and a close leaves the instance listening.
+  ASSERT_EQ(npipe_setup_server(2, pipe_name().c_str(), nullptr), 0);
   EXPECT_EQ(npipe_setup_server(2, pipe_name().c_str(), nullptr), KIV_EBUSY);
   for (int p : {0, 3, -1, 1}) EXPECT_EQ(npipe_write(p, "x", 1), KIV_ENOTREADY) << p;
   EXPECT_EQ(npipe_close(1), 0);
   EXPECT_EQ(npipe_state(0), NPIPE_LISTEN);
   EXPECT_EQ(npipe_state(1), NPIPE_LISTEN);
-}
-
-TEST(Npipe, MessagesOfEverySizeAndAnOversizedOneDrained) {
-  server();
-  client c;
-  int p = accept_client(c);
-  ASSERT_GE(p, 1);
   char buf[1024];
-  struct {
-    std::string sent;
-    int result;
-  } cases[] = {
-      {"ls", 2},
-      {"", 0},
-      {std::string(512, 'x'), 512},
-      {std::string(513, 'y'), KIV_EOVERFLOW},
-      {"after", 5},
-      {std::string(5000, 'z'), KIV_EOVERFLOW},
-      {"next", 4},
-  };
-  for (auto &k : cases) {
-    // A big message fills the pipe's buffer: the client writes it from a thread.
-    std::thread writer([&] { c.send(k.sent); });
-    int rc = read_from(p, buf, 512);
-    writer.join();
-    EXPECT_EQ(rc, k.result) << "message of " << k.sent.size() << " bytes";
-    if (rc >= 0) {
-      EXPECT_EQ(std::string(buf, rc), k.sent.substr(0, rc));
+  {
+    SCOPED_TRACE("messages of every size, an oversized one drained; replies in order");
+    client c;
+    int p = accept_client(c);
+    ASSERT_GE(p, 1);
+    // Sizes about the 512-byte limit, each message of its own letter: an oversized one is
+    // drained whole, never read as the next message.
+    int sizes[] = {2, 0, 512, 513, 5, 5000, 4};
+    for (int i = 0; i < 7; i++) {
+      std::string sent(sizes[i], static_cast<char>('a' + i));
+      // A big message fills the pipe's buffer: the client writes it from a thread.
+      std::thread writer([&] { c.send(sent); });
+      int rc = read_from(p, buf, 512);
+      writer.join();
+      EXPECT_EQ(rc, sizes[i] > 512 ? KIV_EOVERFLOW : sizes[i]) << "message of " << sizes[i];
+      EXPECT_EQ(std::string(buf, std::max(rc, 0)), rc < 0 ? "" : sent);
     }
+    std::vector<std::string> sent, got;
+    for (int i = 0; i < 60; i++) sent.push_back(std::to_string(i) + std::string(i * 7, '.'));
+    for (auto &m : sent) EXPECT_EQ(npipe_write(p, m.data(), static_cast<int>(m.size())), 0);
+    std::thread reader([&] {
+      for (size_t i = 0; i < sent.size(); i++) got.push_back(c.receive());
+    });
+    // The writes that wait for earlier ones are started inside npipe_wait.
+    for (int i = 0; i < 200 && got.size() < sent.size(); i++) wake(20);
+    reader.join();
+    EXPECT_EQ(got, sent);
+    npipe_close(p);
+    EXPECT_EQ(npipe_state(p - 1), NPIPE_LISTEN);
   }
-  npipe_close(p);
-  EXPECT_EQ(npipe_state(p - 1), NPIPE_LISTEN);
-}
-
-TEST(Npipe, RepliesArriveAsSeparateMessagesInOrder) {
-  server();
-  client c;
-  int p = accept_client(c);
-  ASSERT_GE(p, 1);
-  std::vector<std::string> sent;
-  for (int i = 0; i < 60; i++) sent.push_back(std::to_string(i) + std::string(i * 7, '.'));
-  for (auto &m : sent) EXPECT_EQ(npipe_write(p, m.data(), static_cast<int>(m.size())), 0);
-  std::vector<std::string> got;
-  std::thread reader([&] {
-    for (size_t i = 0; i < sent.size(); i++) got.push_back(c.receive());
-  });
-  // The writes that wait for earlier ones are started inside npipe_wait.
-  for (int i = 0; i < 200 && got.size() < sent.size(); i++) wake(20);
-  reader.join();
-  EXPECT_EQ(got, sent);
-  npipe_close(p);
-}
-
-TEST(Npipe, AClientThatVanishesLosesItsQueuedRepliesOnly) {
-  server();
-  int p;
   {
-    client c;
-    p = accept_client(c);
-    ASSERT_GE(p, 1);
-    std::string big(900, 'q');
-    for (int i = 0; i < 10; i++) npipe_write(p, big.data(), static_cast<int>(big.size()));
-  }
-  char buf[512];
-  EXPECT_EQ(read_from(p, buf, sizeof buf), KIV_EOF);
-  EXPECT_EQ(npipe_state(p - 1), NPIPE_LISTEN);
-  client next;
-  int q = accept_client(next);  // the greeting is the first thing it reads
-  ASSERT_GE(q, 1);
-  npipe_write(q, "+", 1);
-  EXPECT_EQ(next.receive(), "+");
-  npipe_close(q);
-}
-
-TEST(Npipe, ALastMessageBeforeAHangUpIsStillDelivered) {
-  server();
-  int p;
-  {
-    client c;
-    p = accept_client(c);
-    ASSERT_GE(p, 1);
-    c.send("quit -Q");
-  }
-  char buf[512];
-  int rc = read_from(p, buf, sizeof buf);
-  ASSERT_EQ(rc, 7);
-  EXPECT_EQ(std::string(buf, rc), "quit -Q");
-  // The hang-up itself surfaces now or at the next wake-up; the instance listens again.
-  if (npipe_state(p - 1) != NPIPE_LISTEN) {
+    SCOPED_TRACE(
+        "a client that vanishes loses its queued replies only; a last message "
+        "before a hang-up is still delivered");
+    int p;
+    {
+      client c;
+      p = accept_client(c);
+      ASSERT_GE(p, 1);
+      std::string big(900, 'q');
+      for (int i = 0; i < 10; i++) npipe_write(p, big.data(), static_cast<int>(big.size()));
+    }
     EXPECT_EQ(read_from(p, buf, sizeof buf), KIV_EOF);
+    EXPECT_EQ(npipe_state(p - 1), NPIPE_LISTEN);
+    client next;
+    int q = accept_client(next);  // the greeting is the first thing it reads
+    ASSERT_GE(q, 1);
+    npipe_write(q, "+", 1);
+    EXPECT_EQ(next.receive(), "+");
+    next.send("quit -Q");
+    next.close();
+    int rc = read_from(q, buf, sizeof buf);
+    ASSERT_EQ(rc, 7);
+    EXPECT_EQ(std::string(buf, rc), "quit -Q");
+    // The hang-up itself surfaces now or at the next wake-up; the instance listens again.
+    if (npipe_state(q - 1) != NPIPE_LISTEN) {
+      EXPECT_EQ(read_from(q, buf, sizeof buf), KIV_EOF);
+    }
+    EXPECT_EQ(npipe_state(q - 1), NPIPE_LISTEN);
+    EXPECT_EQ(npipe_write(q, "+", 1), KIV_ENOTREADY);
   }
-  EXPECT_EQ(npipe_state(p - 1), NPIPE_LISTEN);
-  EXPECT_EQ(npipe_write(p, "+", 1), KIV_ENOTREADY);
-}
-
-std::vector<std::string> lines;
-void capture(const char *line) { lines.push_back(line); }
-
-TEST(Npipe, TwoClientsAtOnceAndTheStatusLine) {
-  server();
+  SCOPED_TRACE("two clients at once and the status line");
   client a;
   int pa = accept_client(a);
-  kiv_logsink = capture;
+  kiv_logsink = [](const char *line) { lines.push_back(line); };
   kiv_loglevel = 3;
   client b;
   int pb = accept_client(b);
@@ -215,8 +170,6 @@ TEST(Npipe, TwoClientsAtOnceAndTheStatusLine) {
   bool seen = false;
   for (auto &l : lines) seen |= l.find(want) != std::string::npos;
   EXPECT_TRUE(seen) << (lines.empty() ? "no lines" : lines.back());
-
-  char buf[512];
   a.send("from a");
   b.send("from b");
   int got = 0;
@@ -229,9 +182,8 @@ TEST(Npipe, TwoClientsAtOnceAndTheStatusLine) {
   }
   EXPECT_EQ(got, 2);
   // A third client finds every instance busy.
-  HANDLE third = CreateFileA(pipe_name().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                             OPEN_EXISTING, 0, nullptr);
-  EXPECT_EQ(third, INVALID_HANDLE_VALUE);
+  client third;
+  EXPECT_EQ(third.h, INVALID_HANDLE_VALUE);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_PIPE_BUSY));
   npipe_close(pa);
   npipe_close(pb);

@@ -3,10 +3,10 @@
 // half-way.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <set>
 #include <sstream>
 
+#include "tests/lib/testing.h"
 #include "tests/support/support.h"
 
 namespace {
@@ -16,24 +16,10 @@ const char PARENT[] = "SOFTWARE\\Orvane";
 using result = kt::ran;
 
 result kivctl(const std::string &args) { return kt::run("\"" + kt::kivctl_exe() + "\" " + args); }
-// The test-only build of kivctl that ends itself after a chosen step of apply's write.
-result crashing_kivctl(const std::string &args) {
-  return kt::run("\"" + kt::build_dir() + "\\tests\\kivctl_apply\\kivctl_crash.exe\" " + args);
+// kivctl apply (with options before the file) of a configuration file.
+result kivctl_apply(const std::string &file, const std::string &options = "") {
+  return kivctl("apply " + options + "\"" + file + "\"");
 }
-
-// A configuration file in the temporary folder, removed with the object.
-struct cfgfile {
-  std::string path;
-  explicit cfgfile(const std::string &text, const char *name = "apply") {
-    char dir[MAX_PATH];
-    GetTempPathA(sizeof dir, dir);
-    path =
-        std::string(dir) + "kivctl_" + name + "_" + std::to_string(GetCurrentProcessId()) + ".cfg";
-    std::ofstream(path, std::ios::binary) << text;
-  }
-  ~cfgfile() { DeleteFileA(path.c_str()); }
-  std::string arg() const { return "\"" + path + "\""; }
-};
 
 // The configuration root and the siblings an interrupted apply may leave, cleared on
 // construction and destruction.
@@ -56,7 +42,7 @@ bool key_exists(const char *name) {
   return true;
 }
 
-std::string ports_file(const std::vector<int> &ports, const char *program = kt::NO_PROGRAM) {
+std::string ports_file(const std::vector<int> &ports, const char *program) {
   std::string text = "services.svc:\n\tprogram = " + std::string(program) + "\n";
   for (int p : ports) text += "tcp.s" + std::to_string(p) + ":\n\tstart = auto\n\tservice = svc\n";
   return text;
@@ -71,14 +57,15 @@ std::set<int> listed() {
   return ports;
 }
 
-TEST(KivctlApply, DryRunApplyExportAndNoOp) {
+TEST(KivctlApply, DryRunApplyExportNoOpAndRefusal) {
   clean_registry reg;
-  cfgfile first(
-      "# two ports of one agent\n"
-      "services.echo:\n\tprogram = C:\\agents\\echo.exe -v\n\tdescription = \" padded \"\n"
-      "tcp.s7101:\n\tstart = auto\n\tservice = echo\n"
-      "tcp.S7102:\n\tstart = on\n\tservice = Echo\n"
-      "global.start.tick:\n\tstart = ON\n\tprogram = tick.exe\n");
+  const std::string first =
+      tempfile("first.cfg",
+               "# two ports of one agent\n"
+               "services.echo:\n\tprogram = C:\\agents\\echo.exe -v\n\tdescription = \" padded \"\n"
+               "tcp.s7101:\n\tstart = auto\n\tservice = echo\n"
+               "tcp.S7102:\n\tstart = on\n\tservice = Echo\n"
+               "global.start.tick:\n\tstart = ON\n\tprogram = tick.exe\n");
   const std::string adds =
       "add global.start.tick.program = tick.exe\n"
       "add global.start.tick.start = ON\n"
@@ -88,25 +75,24 @@ TEST(KivctlApply, DryRunApplyExportAndNoOp) {
       "add tcp.s7101.start = auto\n"
       "add tcp.S7102.service = Echo\n"
       "add tcp.S7102.start = on\n";
-  result r = kivctl("apply --dry-run " + first.arg());
+  result r = kivctl_apply(first, "--dry-run ");
   EXPECT_EQ(r.out, adds);
   EXPECT_EQ(r.code, 3u) << r.err;      // would change
   EXPECT_FALSE(key_exists("Agents"));  // a dry run writes nothing
 
-  r = kivctl("apply " + first.arg());  // no kivd running: not an error
+  r = kivctl_apply(first);  // no kivd running: not an error
   EXPECT_EQ(r.out, adds);
   EXPECT_EQ(r.code, 3u) << r.err;  // changed
   EXPECT_FALSE(key_exists("Agents.new"));
   EXPECT_FALSE(key_exists("Agents.old"));
   // The registry now reads as the file (the diff's texts: applycfg_test.cpp).
-  EXPECT_EQ(kivctl("apply --dry-run " + first.arg()).code, 0u);
+  EXPECT_EQ(kivctl_apply(first, "--dry-run ").code, 0u);
 
   // export then apply changes nothing: export says what the registry holds.
   const std::string exported = kivctl("export").out;
   EXPECT_NE(exported.find("tcp.S7102:\n\tservice = Echo\n\tstart = on\n"), std::string::npos)
       << exported;
-  cfgfile again(exported, "again");
-  r = kivctl("apply " + again.arg());
+  r = kivctl_apply(tempfile("again.cfg", exported));
   EXPECT_EQ(r.out, "");
   EXPECT_EQ(r.code, 0u) << r.err;  // already so
 
@@ -116,11 +102,10 @@ TEST(KivctlApply, DryRunApplyExportAndNoOp) {
   r = kivctl("export");
   EXPECT_EQ(r.out, exported);
   EXPECT_EQ(r.err, "kivctl: not exported: tcp.s7101.note\n");
-  cfgfile second(
-      "services.echo:\n\tprogram = C:\\agents\\echo2.exe\n"
-      "tcp.s7101:\n\tstart = auto\n\tservice = echo\n",
-      "second");
-  r = kivctl("apply " + second.arg());
+  const std::string second = tempfile("second.cfg",
+                                      "services.echo:\n\tprogram = C:\\agents\\echo2.exe\n"
+                                      "tcp.s7101:\n\tstart = auto\n\tservice = echo\n");
+  r = kivctl_apply(second);
   EXPECT_NE(
       r.out.find(
           "change services.echo.program = C:\\agents\\echo2.exe (was C:\\agents\\echo.exe -v)\n"
@@ -128,61 +113,52 @@ TEST(KivctlApply, DryRunApplyExportAndNoOp) {
       std::string::npos)
       << r.out;
   EXPECT_EQ(r.code, 3u) << r.err;
-  EXPECT_EQ(kivctl("export").err, "");
-  EXPECT_EQ(kivctl("apply --dry-run " + second.arg()).code, 0u);
-}
+  const std::string before = kivctl("export").out;
+  EXPECT_EQ(kivctl_apply(second, "--dry-run ").code, 0u);
 
-TEST(KivctlApply, RefusesABadFileAndChangesNothing) {
-  clean_registry reg;
-  cfgfile good(ports_file({7201}));
-  ASSERT_EQ(kivctl("apply " + good.arg()).code, 3u);
-  std::string before = kivctl("export").out;
-  // One refusal (the file check's table: applycfg_test.cpp): its line and message after the
+  // A refusal (the file check's table: applycfg_test.cpp): its line and message after the
   // file's name, exit code 1, nothing written.
-  cfgfile bad("services.svc:\n\tprogram = x\n\n# a comment\ntcp.s7201\n", "bad");
-  result r = kivctl("apply " + bad.arg());
+  const std::string bad =
+      tempfile("bad.cfg", "services.svc:\n\tprogram = x\n\n# a comment\ntcp.s7201\n");
+  r = kivctl_apply(bad);
   EXPECT_EQ(r.code, 1u);
   EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, "kivctl: " + bad.path + ": 5: \":\" expected\n");
-  EXPECT_EQ(kivctl("export").out, before);
+  EXPECT_EQ(r.err, "kivctl: " + bad + ": 5: \":\" expected\n");
+  r = kivctl("export");
+  EXPECT_EQ(r.out, before);
+  EXPECT_EQ(r.err, "");
   EXPECT_EQ(kivctl("apply").code, 1u);
-  EXPECT_EQ(kivctl("apply \"C:\\no\\such\\file.cfg\"").code, 1u);
+  EXPECT_EQ(kivctl_apply("C:\\no\\such\\file.cfg").code, 1u);
   EXPECT_EQ(kivctl("apply a.cfg b.cfg").code, 1u);
 }
 
-TEST(KivctlApply, RunningKivdIsReconfigured) {
+// A running kivd reads each apply that changes something. A crash after each step of the
+// write, then what kivd's reconfiguration reads: the old configuration until the new tree
+// is complete and swapped in, none at all between the two renames, the new one after; the
+// next apply puts the registry right.
+TEST(KivctlApply, RunningKivdReconfiguredAlsoAfterACrashHalfWay) {
   clean_registry reg;
   std::vector<int> p = kt::free_ports(3);
-  cfgfile first(ports_file({p[0], p[1]}));
-  ASSERT_EQ(kivctl("apply " + first.arg()).code, 3u);
+  const std::string oldfile = tempfile("old.cfg", ports_file({p[0], p[1]}, "C:\\no\\old.exe"));
+  const std::string newfile = tempfile("new.cfg", ports_file({p[1], p[2]}, "C:\\no\\new.exe"));
+  ASSERT_EQ(kivctl_apply(newfile).code, 3u);
+  const std::string newtext = kivctl("export").out;
+  ASSERT_EQ(kivctl_apply(oldfile).code, 3u);
+  const std::string oldtext = kivctl("export").out;
   kt::kivd d("-D3");
-  EXPECT_EQ(listed(), (std::set<int>{p[0], p[1]}));
-  cfgfile second(ports_file({p[1], p[2]}), "second");
-  result r = kivctl("apply " + second.arg());
+  const std::set<int> oldports{p[0], p[1]}, newports{p[1], p[2]}, none;
+  EXPECT_EQ(listed(), oldports);
+  result r = kivctl_apply(newfile);
   EXPECT_EQ(r.code, 3u) << r.err;
-  EXPECT_EQ(listed(), (std::set<int>{p[1], p[2]})) << d.err();
+  EXPECT_EQ(listed(), newports) << d.err();
   // A no-change apply does not disturb kivd.
   int reconfigs = d.log_count("reconfig");
   EXPECT_GT(reconfigs, 0) << d.err();
-  EXPECT_EQ(kivctl("apply " + second.arg()).code, 0u);
+  EXPECT_EQ(kivctl_apply(newfile).code, 0u);
   EXPECT_EQ(kivctl("update").code, 0u);  // a round trip, so a reconfig would have been read
   EXPECT_EQ(d.log_count("reconfig"), reconfigs) << d.err();
-}
+  ASSERT_EQ(kivctl_apply(oldfile).code, 3u);
 
-// A crash after each step of the write, then what kivd's reconfiguration reads: the old
-// configuration until the new tree is complete and swapped in, none at all between the
-// two renames, the new one after; the next apply puts the registry right.
-TEST(KivctlApply, CrashHalfWayLeavesTheOldOrTheNewConfiguration) {
-  clean_registry reg;
-  std::vector<int> p = kt::free_ports(4);
-  cfgfile oldfile(ports_file({p[0], p[1]}, "C:\\no\\old.exe"), "old");
-  cfgfile newfile(ports_file({p[2], p[3]}, "C:\\no\\new.exe"), "new");
-  ASSERT_EQ(kivctl("apply " + newfile.arg()).code, 3u);
-  const std::string newtext = kivctl("export").out;
-  ASSERT_EQ(kivctl("apply " + oldfile.arg()).code, 3u);
-  const std::string oldtext = kivctl("export").out;
-  kt::kivd d("-D3");
-  const std::set<int> oldports{p[0], p[1]}, newports{p[2], p[3]}, none;
   struct {
     int step;
     std::set<int> reads;
@@ -195,27 +171,30 @@ TEST(KivctlApply, CrashHalfWayLeavesTheOldOrTheNewConfiguration) {
       {5, newports, 0},
   };
   for (auto &c : cases) {
+    SCOPED_TRACE("step " + std::to_string(c.step));
+    // The test-only build of kivctl that ends itself after the chosen step of the write.
     SetEnvironmentVariableA("KIVCTL_APPLY_CRASH_AFTER", std::to_string(c.step).c_str());
-    result r = crashing_kivctl("apply " + newfile.arg());
+    r = kt::run("\"" + kt::build_dir() + "\\tests\\kivctl_apply\\kivctl_crash.exe\" apply \"" +
+                newfile + "\"");
     SetEnvironmentVariableA("KIVCTL_APPLY_CRASH_AFTER", nullptr);
-    EXPECT_EQ(r.code, 99u) << "step " << c.step << ": " << r.err;
+    EXPECT_EQ(r.code, 99u) << r.err;
     EXPECT_EQ(kivctl("reconfig").code, 0u);
-    EXPECT_EQ(listed(), c.reads) << "step " << c.step;
+    EXPECT_EQ(listed(), c.reads);
     // The next apply first puts right what the crash left (after step 3 it finishes the
     // interrupted swap) and tells kivd.
-    r = kivctl("apply " + newfile.arg());
-    EXPECT_EQ(r.code, c.next) << "step " << c.step << ": " << r.err;
-    EXPECT_EQ(kivctl("export").out, newtext) << "step " << c.step;
-    EXPECT_FALSE(key_exists("Agents.new")) << "step " << c.step;
-    EXPECT_FALSE(key_exists("Agents.old")) << "step " << c.step;
-    EXPECT_EQ(listed(), newports) << "step " << c.step;
-    ASSERT_EQ(kivctl("apply " + oldfile.arg()).code, 3u);
+    r = kivctl_apply(newfile);
+    EXPECT_EQ(r.code, c.next) << r.err;
+    EXPECT_EQ(kivctl("export").out, newtext);
+    EXPECT_FALSE(key_exists("Agents.new"));
+    EXPECT_FALSE(key_exists("Agents.old"));
+    EXPECT_EQ(listed(), newports);
+    ASSERT_EQ(kivctl_apply(oldfile).code, 3u);
     EXPECT_EQ(kivctl("export").out, oldtext);
-    EXPECT_EQ(listed(), oldports) << "step " << c.step;
+    EXPECT_EQ(listed(), oldports);
   }
   // The shipped kivctl has no such seam: it writes the whole change.
   SetEnvironmentVariableA("KIVCTL_APPLY_CRASH_AFTER", "1");
-  result r = kivctl("apply " + newfile.arg());
+  r = kivctl_apply(newfile);
   SetEnvironmentVariableA("KIVCTL_APPLY_CRASH_AFTER", nullptr);
   EXPECT_EQ(r.code, 3u) << r.err;
   EXPECT_EQ(kivctl("export").out, newtext);
