@@ -14,7 +14,8 @@
 // Record lines it writes itself start with "#": "#cmd <command line>", "#handles
 // listening=L sockets=S pipes=P other=X own=O" (what it inherited), "#socket <port> ok|failed <e>"
 // (a handed-over socket rebuilt), "#listen <port> ok|failed <e>" (an "on" port),
-// "#ready", "#closed <port>", "#eof", "#ignored", "#exit <code>", "#crash". Every pipe line is recorded verbatim without its CR LF.
+// "#ready", "#closed <port>", "#eof", "#ignored". Every pipe line is recorded verbatim
+// without its CR LF.
 // A client that connects receives "agent <pid> port <port>\r\n"; if it then sends
 // "exit <n>" and closes, the agent exits with n; "crash" makes it crash.
 // Whatever happens, the agent ends by itself after LIFETIME_MS so that a failed test
@@ -52,13 +53,7 @@ void record(const std::string &text) {
   WriteFile(record_file, line.data(), DWORD(line.size()), &written, nullptr);
 }
 
-[[noreturn]] void leave(int code) {
-  record("#exit " + std::to_string(code));
-  ExitProcess(UINT(code));
-}
-
 [[noreturn]] void crash() {
-  record("#crash");
   // A null store through a volatile address, so the compiler cannot turn it into a trap.
   volatile uintptr_t address = 0;
   *reinterpret_cast<volatile int *>(address) = 1;
@@ -102,35 +97,31 @@ std::string scan_handles(HANDLE own) {
   return text;
 }
 
-// Lines of the pipe, CR LF (or LF) stripped; false at the end of the pipe.
-struct line_reader {
-  HANDLE pipe;
-  std::string pending;
-  bool next(std::string &line) {
-    for (;;) {
-      size_t eol = pending.find('\n');
-      if (eol != std::string::npos) {
-        line = pending.substr(0, eol);
-        pending.erase(0, eol + 1);
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        return true;
-      }
-      char buffer[1024];
-      DWORD got = 0;
-      if (!ReadFile(pipe, buffer, sizeof buffer, &got, nullptr) || got == 0) return false;
-      pending.append(buffer, got);
+// The next line of the pipe, CR LF (or LF) stripped; false at the end of the pipe.
+HANDLE pipe;
+bool next_line(std::string &line) {
+  static std::string pending;
+  for (;;) {
+    size_t eol = pending.find('\n');
+    if (eol != std::string::npos) {
+      line = pending.substr(0, eol);
+      pending.erase(0, eol + 1);
+      if (!line.empty() && line.back() == '\r') line.pop_back();
+      return true;
     }
+    char buffer[1024];
+    DWORD got = 0;
+    if (!ReadFile(pipe, buffer, sizeof buffer, &got, nullptr) || got == 0) return false;
+    pending.append(buffer, got);
   }
-};
-
-line_reader reader;
+}
 
 DWORD WINAPI pipe_thread(void *) {
   std::string line;
-  while (reader.next(line)) {
+  while (next_line(line)) {
     record(line);
     if (line == WIRE_EXIT) {
-      if (!ignore_exit) leave(0);
+      if (!ignore_exit) ExitProcess(0);
       record("#ignored");
     } else if (line.compare(0, strlen(WIRE_REMOVE), WIRE_REMOVE) == 0) {
       EnterCriticalSection(&lock);
@@ -139,7 +130,7 @@ DWORD WINAPI pipe_thread(void *) {
     }
   }
   record("#eof");
-  if (!ignore_exit) leave(0);
+  if (!ignore_exit) ExitProcess(0);
   return 0;
 }
 
@@ -201,7 +192,7 @@ void serve(const port_socket &ps) {
   if (exit_request || crash_request)
     while (recv(client, rest, sizeof rest, 0) > 0) {}
   closesocket(client);
-  if (exit_request) leave(atoi(request + 5));
+  if (exit_request) ExitProcess(UINT(atoi(request + 5)));
   if (crash_request) crash();
 }
 
@@ -211,36 +202,13 @@ int main(int argc, char **argv) {
   SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
   SetUnhandledExceptionFilter(end_on_exception);
   DWORD started = GetTickCount();
-  const char *file = nullptr;
-  HANDLE pipe = nullptr;
-  bool quit = false, violate = false;
-  const char *gate = nullptr;
-  for (int i = 1; i < argc; i++) {
-    const char *a = argv[i];
-    if (a[0] != '-' || !a[1]) continue;
-    switch (a[1]) {
-      case 'F':
-        file = a + 2;
-        break;
-      case 'Q':
-        quit = true;
-        break;
-      case 'V':
-        violate = true;
-        break;
-      case 'I':
-        ignore_exit = true;
-        break;
-      case 'W':
-        gate = a + 2;
-        break;
-      case 'C':
-        pipe = reinterpret_cast<HANDLE>(uintptr_t(strtoull(a + 2, nullptr, 16)));
-        break;
-      default:
-        break;
-    }
-  }
+  // Each option's text after its letter, the last one given; other words are ignored.
+  const char *opt[128] = {};
+  for (int i = 1; i < argc; i++)
+    if (argv[i][0] == '-' && argv[i][1] > 0) opt[int(argv[i][1])] = argv[i] + 2;
+  const char *file = opt['F'], *gate = opt['W'];
+  ignore_exit = opt['I'];
+  pipe = reinterpret_cast<HANDLE>(uintptr_t(opt['C'] ? strtoull(opt['C'], nullptr, 16) : 0));
   WSADATA wsa;
   WSAStartup(MAKEWORD(2, 2), &wsa);
   // Scanned before this process opens anything of its own.
@@ -251,11 +219,11 @@ int main(int argc, char **argv) {
                     nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
   record("#cmd " + std::string(GetCommandLineA()));
   record(inherited);
-  if (violate) crash();
-  if (quit) leave(0);
+  if (opt['V']) crash();
+  if (opt['Q']) ExitProcess(0);
   if (!pipe) {  // a global program or a hooking process: lives until killed
     Sleep(LIFETIME_MS);
-    leave(0);
+    ExitProcess(0);
   }
   while (gate && GetFileAttributesA(gate) == INVALID_FILE_ATTRIBUTES &&
          GetTickCount() - started < LIFETIME_MS)
@@ -263,11 +231,10 @@ int main(int argc, char **argv) {
 
   // Start-up lines, up to "lifespan".
   InitializeCriticalSection(&lock);
-  reader.pipe = pipe;
   std::vector<port_socket> sockets;
   std::string line;
   bool started_up = false;
-  while (!started_up && reader.next(line)) {
+  while (!started_up && next_line(line)) {
     record(line);
     started_up = line.compare(0, strlen(WIRE_LIFESPAN), WIRE_LIFESPAN) == 0;
     if (line.compare(0, strlen(WIRE_PORT), WIRE_PORT) != 0) continue;
@@ -283,7 +250,7 @@ int main(int argc, char **argv) {
   }
   if (!started_up) {
     record("#eof");
-    leave(0);
+    ExitProcess(0);
   }
   record("#ready");
   CreateThread(nullptr, 0, pipe_thread, nullptr, 0, nullptr);
@@ -314,6 +281,5 @@ int main(int argc, char **argv) {
     for (const port_socket &ps : sockets)
       if (FD_ISSET(ps.sock, &readable)) serve(ps);
   }
-  record("#timeout");
-  leave(0);
+  ExitProcess(0);
 }
