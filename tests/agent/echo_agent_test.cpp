@@ -52,17 +52,6 @@ std::vector<unsigned> listen_n(echo_run *run, int n) {
   return ports;
 }
 
-// True once connections to port are refused, polling up to the deadline.
-bool refused_soon(unsigned port) {
-  return poll(
-      [&] {
-        SOCKET c = connect_to(port);
-        if (c != INVALID_SOCKET) closesocket(c);
-        return c == INVALID_SOCKET;
-      },
-      DEADLINE_MS);
-}
-
 bool serves(unsigned port, const std::string &text) {
   SOCKET c = connect_to(port);
   bool ok = c != INVALID_SOCKET && echoes(c, text);
@@ -106,7 +95,8 @@ TEST(EchoAgent, ServesHandedAndOnPortsUntilRemovedOrEnded) {
     // The manager closes its copy of a removed port too; then nobody listens.
     closesocket(run.held[0]);
     run.held[0] = INVALID_SOCKET;
-    EXPECT_TRUE(refused_soon(ports[0])) << "the agent still listens on removed port " << ports[0];
+    EXPECT_TRUE(poll([&] { return !serves(ports[0], "x"); }, DEADLINE_MS))
+        << "the agent still listens on removed port " << ports[0];
     EXPECT_TRUE(echoes(first, "a client of the removed port is served to its end"));
     EXPECT_TRUE(serves(ports[1], "the other port"));
     EXPECT_EQ(-1, wait_exit(run.l, 0));

@@ -129,6 +129,21 @@ TEST(KivAgent, StartUpThenCommandsAsEvents) {
   EXPECT_NE(INVALID_SOCKET, got) << "accept on the blocking copy failed with " << err;
   closesocket(got);
   closesocket(client);
+  // An "on" port takes the socket the agent opens; drop closes it.
+  ASSERT_EQ(0, kivagent_listen(on, KIVAGENT_NONBLOCKING, &a.ports[1].sock));
+  client = connect_to(on);
+  EXPECT_NE(INVALID_SOCKET, client) << "listens on all addresses, loopback included";
+  closesocket(client);
+  SOCKET again;
+  EXPECT_EQ(KIVAGENT_ESYS, kivagent_listen(on, 0, &again)) << "the port is taken";
+  EXPECT_EQ(INVALID_SOCKET, again);
+  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_listen(0, 0, &again));
+  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_listen(65536, 0, &again));
+  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_drop(&a, 1));
+  EXPECT_EQ(0, kivagent_drop(&a, on));
+  EXPECT_EQ(INVALID_SOCKET, a.ports[1].sock);
+  EXPECT_EQ(INVALID_SOCKET, connect_to(on)) << "dropped, so refused";
+  EXPECT_EQ(0, kivagent_drop(&a, on)) << "dropping twice is harmless";
 
   struct {
     std::string line;
@@ -191,7 +206,6 @@ TEST(KivAgent, GarbledLinesBecomeErrorEvents) {
   } cases[] = {
       {true, "-Ptcp::0", KIVAGENT_EINVAL, 0},
       {true, "-Ptcp::65536", KIVAGENT_EINVAL, 0},
-      {true, "-Ptcp::", KIVAGENT_EINVAL, 0},
       {true, "-Ptcp::+80", KIVAGENT_EINVAL, 0},
       {true, "-Ptcp::80 ", KIVAGENT_EINVAL, 0},
       {true, "-Ptcp::4000", KIVAGENT_EINVAL, 4000},  // the port already given
@@ -211,13 +225,11 @@ TEST(KivAgent, GarbledLinesBecomeErrorEvents) {
       {true, over, KIVAGENT_EOVERFLOW, 0},
       {false, "exit ", KIVAGENT_EINVAL, 0},
       {false, "EXIT", KIVAGENT_EINVAL, 0},
-      {false, "remove tcp::", KIVAGENT_EINVAL, 0},
       {false, "remove tcp::65536", KIVAGENT_EINVAL, 0},
       {false, "remove udp::80", KIVAGENT_EINVAL, 0},
       {false, "-Ptcp::4001", KIVAGENT_EINVAL, 0},  // port lines belong to the start-up
       {false, "--", KIVAGENT_EINVAL, 0},
       {false, "lifespan 5", KIVAGENT_EINVAL, 0},
-      {false, std::string("ex\0it", 5), KIVAGENT_EINVAL, 0},
       {false, std::string("exit\0now", 8), KIVAGENT_EINVAL, 0},  // not "exit"
       {true, std::string("-Ptcp::4001\0", 12), KIVAGENT_EINVAL, 0},
       {false, over + over, KIVAGENT_EOVERFLOW, 0},
@@ -251,22 +263,19 @@ TEST(KivAgent, GarbledLinesBecomeErrorEvents) {
 }
 
 TEST(KivAgent, CommandLineAndEarlyEnd) {
-  kivagent a;
-  char prog[] = "agent.exe", bad1[] = "-Cxyz", bad2[] = "-C0x", bad3[] = "-C0x12345678901234567";
-  for (char *arg : {bad1, bad2, bad3}) {
-    char *argv[] = {prog, arg, nullptr};
-    EXPECT_EQ(KIVAGENT_EINVAL, kivagent_start(&a, 2, argv, 0)) << arg;
-    kivagent_end(&a);
-  }
-  char *none[] = {prog, nullptr};
-  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_start(&a, 1, none, 0));
-  // A handle that is not a pipe.
+  // No pipe: a -C value that is no number, empty or too long, a handle that is not a pipe,
+  // no -C at all.
   HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
   char notpipe[32];
   snprintf(notpipe, sizeof notpipe, "-C%#x",
            static_cast<unsigned>(reinterpret_cast<uintptr_t>(ev)));
-  char *argv[] = {prog, notpipe, nullptr};
-  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_start(&a, 2, argv, 0));
+  kivagent a;
+  char prog[] = "agent.exe", bad1[] = "-Cxyz", bad2[] = "-C0x", bad3[] = "-C0x12345678901234567";
+  for (char *arg : {bad1, bad2, bad3, notpipe, static_cast<char *>(nullptr)}) {
+    char *argv[] = {prog, arg, nullptr};
+    EXPECT_EQ(KIVAGENT_EINVAL, kivagent_start(&a, arg ? 2 : 1, argv, 0)) << (arg ? arg : "none");
+    kivagent_end(&a);
+  }
   CloseHandle(ev);
 
   // The pipe closes during the start-up: what came is kept, the end is an event.
@@ -287,31 +296,4 @@ TEST(KivAgent, CommandLineAndEarlyEnd) {
     kivagent_end(&a);
   }
   closesocket(orig);
-}
-
-TEST(KivAgent, ListenAndDrop) {
-  unsigned port = free_port();
-  SOCKET sock;
-  ASSERT_EQ(0, kivagent_listen(port, KIVAGENT_NONBLOCKING, &sock));
-  SOCKET c = connect_to(port);
-  EXPECT_NE(INVALID_SOCKET, c) << "listens on all addresses, loopback included";
-  closesocket(c);
-  SOCKET again;
-  EXPECT_EQ(KIVAGENT_ESYS, kivagent_listen(port, 0, &again)) << "the port is taken";
-  EXPECT_EQ(INVALID_SOCKET, again);
-  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_listen(0, 0, &again));
-  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_listen(65536, 0, &again));
-
-  // An "on" port takes the socket the agent opened; drop closes it.
-  kivagent a;
-  feed f;
-  ASSERT_EQ(0, start(&a, &f, {"-Ptcp::" + std::to_string(port), "--", "lifespan 1"}, 0));
-  a.ports[0].sock = sock;
-  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_drop(&a, port + 1));
-  EXPECT_EQ(0, kivagent_drop(&a, port));
-  EXPECT_EQ(INVALID_SOCKET, a.ports[0].sock);
-  EXPECT_EQ(INVALID_SOCKET, connect_to(port)) << "dropped, so refused";
-  EXPECT_EQ(0, kivagent_drop(&a, port)) << "dropping twice is harmless";
-  f.close();
-  kivagent_end(&a);
 }

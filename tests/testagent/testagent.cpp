@@ -38,8 +38,6 @@
 namespace {
 
 constexpr DWORD LIFETIME_MS = 90000;
-static_assert(sizeof(WSAPROTOCOL_INFOA) == WIRE_INFO_SIZE,
-              "the manager hands over the protocol information");
 
 HANDLE record_file = INVALID_HANDLE_VALUE;
 bool ignore_exit = false;
