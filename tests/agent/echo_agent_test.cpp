@@ -24,10 +24,10 @@ struct echo_run {
   }
 };
 
-// Starts the echo agent with the sockets handed over, then the "on" ports, then "--", the
-// lines of between and "lifespan".
+// Starts the echo agent with the sockets handed over, then the "on" ports, "--" and
+// "lifespan".
 bool start_echo(echo_run *run, const std::vector<unsigned> &handed, const std::vector<unsigned> &on,
-                const std::string &lifespan, const std::vector<std::string> &between = {}) {
+                const std::string &lifespan) {
   if (!launch(echo_agent_exe(), &run->l)) return false;
   for (size_t i = 0; i < handed.size(); i++) {
     std::string line = handover_line(run->held[i], handed[i], run->l.pid);
@@ -35,10 +35,7 @@ bool start_echo(echo_run *run, const std::vector<unsigned> &handed, const std::v
   }
   for (unsigned port : on)
     if (!send_line(run->l.pipe, "-Ptcp::" + std::to_string(port))) return false;
-  if (!send_line(run->l.pipe, "--")) return false;
-  for (const auto &line : between)
-    if (!send_line(run->l.pipe, line)) return false;
-  return send_line(run->l.pipe, "lifespan " + lifespan);
+  return send_line(run->l.pipe, "--") && send_line(run->l.pipe, "lifespan " + lifespan);
 }
 
 // n listening sockets kept in run->held; their ports.
@@ -61,12 +58,10 @@ bool serves(unsigned port, const std::string &text) {
 
 }  // namespace
 
-// Garbled lines, during the start-up (between "--" and "lifespan") and after it, and
-// "reconfig" disturb nothing; a removed port is no longer served, the others are, and its
+// Garbled lines and "reconfig" disturb nothing; a removed port is no longer served, the others are, and its
 // client to its end; "exit", or the end of the pipe, ends the agent with 0 while clients
 // are connected.
 TEST(EchoAgent, ServesHandedAndOnPortsUntilRemovedOrEnded) {
-  const std::vector<std::string> garbled = {"-Ptcp::5@QUJD", "hello"};
   for (bool by_exit : {true, false}) {
     SCOPED_TRACE(by_exit ? "ended by exit" : "ended by the end of the pipe");
     echo_run run;
@@ -75,7 +70,7 @@ TEST(EchoAgent, ServesHandedAndOnPortsUntilRemovedOrEnded) {
     // The connection that makes the manager start an agent is waiting before the launch.
     SOCKET first = connect_to(ports[0]);
     ASSERT_NE(INVALID_SOCKET, first);
-    ASSERT_TRUE(start_echo(&run, ports, {on}, "600", garbled));
+    ASSERT_TRUE(start_echo(&run, ports, {on}, "600"));
 
     SOCKET second = connect_to(ports[0]);
     ASSERT_NE(INVALID_SOCKET, second);
@@ -86,7 +81,7 @@ TEST(EchoAgent, ServesHandedAndOnPortsUntilRemovedOrEnded) {
     EXPECT_TRUE(serves(ports[1], "other handed-over port"));
     EXPECT_TRUE(poll([&] { return serves(on, "on port"); }, DEADLINE_MS))
         << "the agent listens on its \"on\" port " << on;
-    for (const auto &line : garbled) ASSERT_TRUE(send_line(run.l.pipe, line));
+    for (const char *line : {"-Ptcp::5@QUJD", "hello"}) ASSERT_TRUE(send_line(run.l.pipe, line));
     ASSERT_TRUE(send_line(run.l.pipe, "reconfig"));
     EXPECT_TRUE(echoes(first, "after"));
     EXPECT_TRUE(echoes(second, "after the second"));

@@ -29,6 +29,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -132,11 +133,6 @@ DWORD WINAPI pipe_thread(void *) {
   return 0;
 }
 
-struct port_socket {
-  unsigned port;
-  SOCKET sock;
-};
-
 SOCKET rebuild(const std::string &encoded, int &error) {
   WSAPROTOCOL_INFOA info;
   if (b64_decode(encoded.data(), static_cast<int>(encoded.size()), &info, sizeof info) !=
@@ -173,11 +169,11 @@ SOCKET listen_self(unsigned port, int &error) {
   return s;
 }
 
-void serve(const port_socket &ps) {
-  SOCKET client = accept(ps.sock, nullptr, nullptr);
+void serve(unsigned port, SOCKET sock) {
+  SOCKET client = accept(sock, nullptr, nullptr);
   if (client == INVALID_SOCKET) return;
-  std::string hello = "agent " + std::to_string(GetCurrentProcessId()) + " port " +
-                      std::to_string(ps.port) + "\r\n";
+  std::string hello =
+      "agent " + std::to_string(GetCurrentProcessId()) + " port " + std::to_string(port) + "\r\n";
   send(client, hello.data(), int(hello.size()), 0);
   DWORD timeout = 3000;
   setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char *>(&timeout), sizeof timeout);
@@ -229,7 +225,7 @@ int main(int argc, char **argv) {
 
   // Start-up lines, up to "lifespan".
   InitializeCriticalSection(&lock);
-  std::vector<port_socket> sockets;
+  std::map<unsigned, SOCKET> sockets;
   std::string line;
   bool started_up = false;
   while (!started_up && next_line(line)) {
@@ -244,7 +240,7 @@ int main(int argc, char **argv) {
     const char *what = at == std::string::npos ? "#listen " : "#socket ";
     record(what + std::to_string(port) +
            (s == INVALID_SOCKET ? " failed " + std::to_string(error) : " ok"));
-    if (s != INVALID_SOCKET) sockets.push_back({port, s});
+    if (s != INVALID_SOCKET) sockets[port] = s;
   }
   if (!started_up) {
     record("#eof");
@@ -259,25 +255,22 @@ int main(int argc, char **argv) {
     drop.swap(removals);
     LeaveCriticalSection(&lock);
     for (unsigned port : drop)
-      for (size_t i = 0; i < sockets.size(); i++)
-        if (sockets[i].port == port) {
-          closesocket(sockets[i].sock);
-          sockets.erase(sockets.begin() + long(i));
-          record("#closed " + std::to_string(port));
-          break;
-        }
+      if (sockets.count(port)) {
+        closesocket(sockets[port]);
+        sockets.erase(port);
+        record("#closed " + std::to_string(port));
+      }
     fd_set readable;
     FD_ZERO(&readable);
-    for (size_t i = 0; i < sockets.size() && i < FD_SETSIZE; i++)
-      FD_SET(sockets[i].sock, &readable);
+    for (auto &ps : sockets) FD_SET(ps.second, &readable);
     timeval tick = {0, 50000};
     if (sockets.empty()) {
       Sleep(50);
       continue;
     }
     if (select(0, &readable, nullptr, nullptr, &tick) <= 0) continue;
-    for (const port_socket &ps : sockets)
-      if (FD_ISSET(ps.sock, &readable)) serve(ps);
+    for (auto &ps : sockets)
+      if (FD_ISSET(ps.second, &readable)) serve(ps.first, ps.second);
   }
   ExitProcess(0);
 }
