@@ -35,6 +35,7 @@
 
 #include "lib/b64.h"
 #include "lib/wire.h"
+#include "tests/testagent/handles.h"
 
 namespace {
 
@@ -62,39 +63,6 @@ void record(const std::string &text) {
 // An unhandled exception ends the process with the exception code as exit code, without
 // a debugger or an error box.
 LONG WINAPI end_on_exception(EXCEPTION_POINTERS *) { return EXCEPTION_EXECUTE_HANDLER; }
-
-// What the process inherited: every valid small inheritable handle value other than the
-// standard handles and its own pipe is a socket (listening or not), a pipe, or anything
-// else (a file, an event, a process...).
-std::string scan_handles(HANDLE own) {
-  int listening = 0, sockets = 0, pipes = 0, others = 0, owned = 0;
-  HANDLE std_handles[] = {GetStdHandle(STD_INPUT_HANDLE), GetStdHandle(STD_OUTPUT_HANDLE),
-                          GetStdHandle(STD_ERROR_HANDLE)};
-  for (uintptr_t v = 4; v < 0x4000; v += 4) {
-    HANDLE h = reinterpret_cast<HANDLE>(v);
-    DWORD flags;
-    if (!GetHandleInformation(h, &flags)) continue;
-    if (own && h == own) {
-      owned++;
-      continue;
-    }
-    // An inherited handle keeps its inheritance flag; handles the runtime opened in this
-    // process (Wine keeps some pipes of its own) have it clear and are not counted.
-    if (h == std_handles[0] || h == std_handles[1] || h == std_handles[2] ||
-        !(flags & HANDLE_FLAG_INHERIT))
-      continue;
-    int accepting = 0, length = sizeof accepting;
-    if (getsockopt(SOCKET(v), SOL_SOCKET, SO_ACCEPTCONN, reinterpret_cast<char *>(&accepting),
-                   &length) == 0)
-      accepting ? listening++ : sockets++;
-    else
-      GetFileType(h) == FILE_TYPE_PIPE ? pipes++ : others++;
-  }
-  char text[128];
-  snprintf(text, sizeof text, "#handles listening=%d sockets=%d pipes=%d other=%d own=%d",
-           listening, sockets, pipes, others, owned);
-  return text;
-}
 
 // The next line of the pipe, CR LF (or LF) stripped; false at the end of the pipe.
 HANDLE pipe;
