@@ -151,9 +151,7 @@ TEST(KivAgent, StartUpThenCommandsAsEvents) {
     unsigned port;
   } cases[] = {
       {"reconfig", KIVAGENT_RECONFIG, 0},
-      {"remove tcp::4000", KIVAGENT_REMOVE, 4000},  // a port the agent does not hold
-      {"remove tcp::65535", KIVAGENT_REMOVE, 65535},
-      {"remove tcp::1", KIVAGENT_REMOVE, 1},
+      {"remove tcp::65535", KIVAGENT_REMOVE, 65535},  // a port the agent does not hold
       {"exit", KIVAGENT_EXIT, 0},
   };
   for (const auto &c : cases) {
@@ -166,7 +164,7 @@ TEST(KivAgent, StartUpThenCommandsAsEvents) {
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(a.event, 0)) << "event left set after " << c.line;
   }
   // Many commands pending before the agent asks, arriving while it takes some: every one
-  // kept, in order, as the queue grows.
+  // kept, in order, as the queue grows (ports from 1 up, none of them the agent's).
   auto removes = [&](unsigned from, unsigned to) {
     std::string text;
     for (unsigned port = from; port <= to; port++)
