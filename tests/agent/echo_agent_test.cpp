@@ -24,10 +24,10 @@ struct echo_run {
   }
 };
 
-// Starts the echo agent with the sockets handed over, then the "on" ports, then "--", the
-// lines of between and "lifespan".
+// Starts the echo agent with the sockets handed over, then the "on" ports, "--" and
+// "lifespan".
 bool start_echo(echo_run *run, const std::vector<unsigned> &handed, const std::vector<unsigned> &on,
-                const std::string &lifespan, const std::vector<std::string> &between = {}) {
+                const std::string &lifespan) {
   if (!launch(echo_agent_exe(), &run->l)) return false;
   for (size_t i = 0; i < handed.size(); i++) {
     std::string line = handover_line(run->held[i], handed[i], run->l.pid);
@@ -35,10 +35,7 @@ bool start_echo(echo_run *run, const std::vector<unsigned> &handed, const std::v
   }
   for (unsigned port : on)
     if (!send_line(run->l.pipe, "-Ptcp::" + std::to_string(port))) return false;
-  if (!send_line(run->l.pipe, "--")) return false;
-  for (const auto &line : between)
-    if (!send_line(run->l.pipe, line)) return false;
-  return send_line(run->l.pipe, "lifespan " + lifespan);
+  return send_line(run->l.pipe, "--") && send_line(run->l.pipe, "lifespan " + lifespan);
 }
 
 // n listening sockets kept in run->held; their ports.
@@ -52,25 +49,6 @@ std::vector<unsigned> listen_n(echo_run *run, int n) {
   return ports;
 }
 
-// Connects once the port accepts, polling up to the deadline: for the ports the agent
-// opens itself.
-SOCKET connect_when(unsigned port) {
-  SOCKET c = INVALID_SOCKET;
-  poll([&] { return (c = connect_to(port)) != INVALID_SOCKET; }, DEADLINE_MS);
-  return c;
-}
-
-// True once connections to port are refused, polling up to the deadline.
-bool refused_soon(unsigned port) {
-  return poll(
-      [&] {
-        SOCKET c = connect_to(port);
-        if (c != INVALID_SOCKET) closesocket(c);
-        return c == INVALID_SOCKET;
-      },
-      DEADLINE_MS);
-}
-
 bool serves(unsigned port, const std::string &text) {
   SOCKET c = connect_to(port);
   bool ok = c != INVALID_SOCKET && echoes(c, text);
@@ -80,87 +58,58 @@ bool serves(unsigned port, const std::string &text) {
 
 }  // namespace
 
-// Garbled lines, during the start-up (between "--" and "lifespan") and after it, and
-// "reconfig" disturb nothing; "exit" ends it with 0 while a client is connected.
-TEST(EchoAgent, ServesHandedAndOnPortsWithClientsAtOnce) {
-  const std::vector<std::string> garbled = {"-Ptcp::0",
-                                            "-Ptcp::70000",
-                                            "-Ptcp::5@" + std::string(496, '*'),
-                                            "-Ptcp::5@QUJD",
-                                            "hello",
-                                            "",
-                                            std::string(3000, 'x'),
-                                            "lifespan",
-                                            "exit now",
-                                            "remove tcp::",
-                                            "remove tcp::99999",
-                                            "--"};
-  echo_run run;
-  std::vector<unsigned> ports = listen_n(&run, 2);
-  unsigned on = free_port();
-  // The connection that makes the manager start an agent is waiting before the launch.
-  SOCKET first = connect_to(ports[0]);
-  ASSERT_NE(INVALID_SOCKET, first);
-  ASSERT_TRUE(start_echo(&run, ports, {on}, "600", garbled));
-
-  SOCKET second = connect_to(ports[0]);
-  ASSERT_NE(INVALID_SOCKET, second);
-  // The second client is served while the first is connected and silent, then both.
-  EXPECT_TRUE(echoes(second, "second"));
-  EXPECT_TRUE(echoes(first, std::string(30000, 'f'))) << "a long text, echoed in pieces";
-  EXPECT_TRUE(echoes(second, "second again"));
-  EXPECT_TRUE(serves(ports[1], "other handed-over port"));
-  SOCKET onc = connect_when(on);
-  ASSERT_NE(INVALID_SOCKET, onc) << "the agent listens on its \"on\" port " << on;
-  EXPECT_TRUE(echoes(onc, "on port"));
-  closesocket(onc);
-  for (const auto &line : garbled) ASSERT_TRUE(send_line(run.l.pipe, line));
-  ASSERT_TRUE(send_line(run.l.pipe, "reconfig"));
-  EXPECT_TRUE(echoes(first, "after"));
-  EXPECT_TRUE(serves(ports[0], "a new client"));
-  ASSERT_TRUE(send_line(run.l.pipe, "reconfig"));
-  EXPECT_TRUE(echoes(second, "after the second"));
-  closesocket(second);
-  EXPECT_EQ(-1, wait_exit(run.l, 0));
-  ASSERT_TRUE(send_line(run.l.pipe, "exit"));
-  EXPECT_EQ(0, wait_exit(run.l, DEADLINE_MS));
-  closesocket(first);
-}
-
-// A removed port is no longer served, the others are; the end of the pipe ends the agent
-// with 0, even with a client connected.
-TEST(EchoAgent, RemoveStopsServingOnlyThatPortAndPipeCloseEndsIt) {
-  echo_run run;
-  std::vector<unsigned> ports = listen_n(&run, 2);
-  ASSERT_TRUE(start_echo(&run, ports, {}, "600"));
-  SOCKET client = connect_to(ports[0]);
-  ASSERT_TRUE(echoes(client, "before"));
-
-  ASSERT_TRUE(send_line(run.l.pipe, "remove tcp::" + std::to_string(ports[0])));
-  // The manager closes its copy of a removed port too; then nobody listens.
-  closesocket(run.held[0]);
-  run.held[0] = INVALID_SOCKET;
-  EXPECT_TRUE(refused_soon(ports[0])) << "the agent still listens on removed port " << ports[0];
-  EXPECT_TRUE(echoes(client, "a client of the removed port is served to its end"));
-  closesocket(client);
-  SOCKET other = connect_to(ports[1]);
-  EXPECT_TRUE(echoes(other, "the other port"));
-  EXPECT_EQ(-1, wait_exit(run.l, 0));
-  CloseHandle(run.l.pipe);
-  run.l.pipe = nullptr;
-  EXPECT_EQ(0, wait_exit(run.l, DEADLINE_MS));
-  closesocket(other);
-}
-
-TEST(EchoAgent, LifespanCountsOnlyTimeWithoutClients) {
-  // No client at all: the agent ends by itself.
-  {
+// Garbled lines and "reconfig" disturb nothing; a removed port is no longer served, the others are, and its
+// client to its end; "exit", or the end of the pipe, ends the agent with 0 while clients
+// are connected.
+TEST(EchoAgent, ServesHandedAndOnPortsUntilRemovedOrEnded) {
+  for (bool by_exit : {true, false}) {
+    SCOPED_TRACE(by_exit ? "ended by exit" : "ended by the end of the pipe");
     echo_run run;
-    std::vector<unsigned> ports = listen_n(&run, 1);
-    ASSERT_TRUE(start_echo(&run, ports, {}, "1"));
+    std::vector<unsigned> ports = listen_n(&run, 2);
+    unsigned on = free_port();
+    // The connection that makes the manager start an agent is waiting before the launch.
+    SOCKET first = connect_to(ports[0]);
+    ASSERT_NE(INVALID_SOCKET, first);
+    ASSERT_TRUE(start_echo(&run, ports, {on}, "600"));
+
+    SOCKET second = connect_to(ports[0]);
+    ASSERT_NE(INVALID_SOCKET, second);
+    // The second client is served while the first is connected and silent, then both.
+    EXPECT_TRUE(echoes(second, "second"));
+    EXPECT_TRUE(echoes(first, std::string(30000, 'f'))) << "a long text, echoed in pieces";
+    EXPECT_TRUE(echoes(second, "second again"));
+    EXPECT_TRUE(serves(ports[1], "other handed-over port"));
+    EXPECT_TRUE(poll([&] { return serves(on, "on port"); }, DEADLINE_MS))
+        << "the agent listens on its \"on\" port " << on;
+    for (const char *line : {"-Ptcp::5@QUJD", "hello"}) ASSERT_TRUE(send_line(run.l.pipe, line));
+    ASSERT_TRUE(send_line(run.l.pipe, "reconfig"));
+    EXPECT_TRUE(echoes(first, "after"));
+    EXPECT_TRUE(echoes(second, "after the second"));
+
+    ASSERT_TRUE(send_line(run.l.pipe, "remove tcp::" + std::to_string(ports[0])));
+    // The manager closes its copy of a removed port too; then nobody listens.
+    closesocket(run.held[0]);
+    run.held[0] = INVALID_SOCKET;
+    EXPECT_TRUE(poll([&] { return !serves(ports[0], "x"); }, DEADLINE_MS))
+        << "the agent still listens on removed port " << ports[0];
+    EXPECT_TRUE(echoes(first, "a client of the removed port is served to its end"));
+    EXPECT_TRUE(serves(ports[1], "the other port"));
+    EXPECT_EQ(-1, wait_exit(run.l, 0));
+    if (by_exit) {
+      ASSERT_TRUE(send_line(run.l.pipe, "exit"));
+    } else {
+      CloseHandle(run.l.pipe);
+      run.l.pipe = nullptr;
+    }
     EXPECT_EQ(0, wait_exit(run.l, DEADLINE_MS));
+    closesocket(first);
+    closesocket(second);
   }
-  // A client held past the lifespan keeps it; once the client leaves, the count begins.
+}
+
+// A client held past the lifespan keeps the agent; once the client leaves, the count
+// begins and the agent ends by itself.
+TEST(EchoAgent, LifespanCountsOnlyTimeWithoutClients) {
   echo_run run;
   std::vector<unsigned> ports = listen_n(&run, 1);
   SOCKET client = connect_to(ports[0]);

@@ -25,16 +25,14 @@ namespace {
 
 constexpr DWORD DEADLINE_MS = 20000;
 
-// A start-up fed from a pipe by a writer thread (the pipe's buffer may be smaller than
-// the lines). The write end stays open unless close_after; the test closes it.
+// A start-up fed from a pipe whose buffer holds every line a test writes, so the lines are
+// all written before the start-up reads them. The write end stays open unless close_after.
 struct feed {
   HANDLE wr = nullptr;
-  std::thread writer;
   std::vector<std::string> args;  // the agent's argv, which outlives the start-up
   std::vector<char *> argv;
   ~feed() { close(); }
   void close() {
-    if (writer.joinable()) writer.join();
     if (wr) CloseHandle(wr);
     wr = nullptr;
   }
@@ -43,7 +41,7 @@ struct feed {
 int start(kivagent *a, feed *f, const std::vector<std::string> &lines, unsigned flags,
           const std::vector<std::string> &args = {}, bool close_after = false) {
   HANDLE rd = nullptr;
-  if (!CreatePipe(&rd, &f->wr, nullptr, 0)) return -100;
+  if (!CreatePipe(&rd, &f->wr, nullptr, 1 << 16)) return -100;
   SetHandleInformation(rd, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);  // as an agent inherits it
   char pipearg[32];
   snprintf(pipearg, sizeof pipearg, "-C%#x",
@@ -53,16 +51,9 @@ int start(kivagent *a, feed *f, const std::vector<std::string> &lines, unsigned 
   f->args.push_back(pipearg);
   for (auto &s : f->args) f->argv.push_back(&s[0]);
   f->argv.push_back(nullptr);
-  f->writer = std::thread([f, lines, close_after] {
-    for (const auto &l : lines) send_line(f->wr, l);
-    if (close_after) {
-      CloseHandle(f->wr);
-      f->wr = nullptr;
-    }
-  });
-  int r = kivagent_start(a, static_cast<int>(f->args.size()), f->argv.data(), flags);
-  f->writer.join();
-  return r;
+  for (const auto &l : lines) send_line(f->wr, l);
+  if (close_after) f->close();
+  return kivagent_start(a, static_cast<int>(f->args.size()), f->argv.data(), flags);
 }
 
 // The next event, waiting up to the deadline for one to come.
@@ -89,7 +80,10 @@ std::string b64_of(size_t count, unsigned char fill) {
 
 }  // namespace
 
-TEST(KivAgent, StartUpRebuildsHandedOverSocketsInOrder) {
+// The start-up rebuilds the handed-over sockets in their order and in the mode asked; then
+// each command arrives as an event without blocking, and many pending at once are kept in
+// order as the queue grows.
+TEST(KivAgent, StartUpThenCommandsAsEvents) {
   SOCKET orig1, orig2;
   unsigned p1, p2, on = free_port();
   std::string l1 = handed(&orig1, &p1), l2 = handed(&orig2, &p2);
@@ -107,66 +101,97 @@ TEST(KivAgent, StartUpRebuildsHandedOverSocketsInOrder) {
   EXPECT_EQ(7ul, a.lifespan);
   EXPECT_STREQ("3;ssock;>c:/kivd.txt", a.debug);
   EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(a.event, 0)) << "no event after a clean start-up";
-  // Nothing of the library's own passes to the agent's children: its pipe, its event.
+  kivagent_event ev;
+  EXPECT_EQ(0, kivagent_next(&a, &ev)) << "nothing is pending, and asking does not wait";
+  EXPECT_EQ(KIVAGENT_NONE, ev.kind);
+  // Nothing of the library's own passes to the agent's children: its pipe, its event, the
+  // handed-over sockets.
   HANDLE pipe = reinterpret_cast<HANDLE>(strtoull(f.args.back().c_str() + 2, nullptr, 16));
-  for (HANDLE h : {pipe, a.event}) {
+  for (HANDLE h : {pipe, a.event, reinterpret_cast<HANDLE>(a.ports[0].sock),
+                   reinterpret_cast<HANDLE>(a.ports[2].sock)}) {
     DWORD inherit = 1;
     EXPECT_TRUE(GetHandleInformation(h, &inherit)) << h;
-    EXPECT_EQ(0u, inherit & HANDLE_FLAG_INHERIT) << (h == pipe ? "the pipe" : "the event");
+    EXPECT_EQ(0u, inherit & HANDLE_FLAG_INHERIT) << h << " (pipe " << pipe << ")";
   }
-  kivagent_event ev;
-  EXPECT_EQ(0, kivagent_next(&a, &ev));
-  EXPECT_EQ(KIVAGENT_NONE, ev.kind);
-
-  // (That the copies accept once the manager's are closed: HandedOverSocketsTakeTheModeAsked.)
-  for (unsigned i : {0u, 2u}) {
-    DWORD inherit = 1;
-    EXPECT_TRUE(GetHandleInformation(reinterpret_cast<HANDLE>(a.ports[i].sock), &inherit)) << i;
-    EXPECT_EQ(0u, inherit & HANDLE_FLAG_INHERIT)
-        << "a handed-over socket must not pass to the agent's children";
-  }
+  // The copy accepts once the manager's are closed, and blocks as asked: still waiting for
+  // a client after a while. (A slow machine can only make this pass wrongly.)
   closesocket(orig1);
   closesocket(orig2);
+  SOCKET got = INVALID_SOCKET;
+  int err = 0;
+  std::thread t([&] {
+    got = accept(a.ports[0].sock, nullptr, nullptr);
+    err = WSAGetLastError();
+  });
+  Sleep(300);
+  SOCKET client = connect_to(p2);
+  t.join();
+  EXPECT_NE(INVALID_SOCKET, got) << "accept on the blocking copy failed with " << err;
+  closesocket(got);
+  closesocket(client);
+  // An "on" port takes the socket the agent opens; drop closes it.
+  ASSERT_EQ(0, kivagent_listen(on, KIVAGENT_NONBLOCKING, &a.ports[1].sock));
+  client = connect_to(on);
+  EXPECT_NE(INVALID_SOCKET, client) << "listens on all addresses, loopback included";
+  closesocket(client);
+  SOCKET again;
+  EXPECT_EQ(KIVAGENT_ESYS, kivagent_listen(on, 0, &again)) << "the port is taken";
+  EXPECT_EQ(INVALID_SOCKET, again);
+  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_listen(0, 0, &again));
+  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_listen(65536, 0, &again));
+  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_drop(&a, 1));
+  EXPECT_EQ(0, kivagent_drop(&a, on));
+  EXPECT_EQ(INVALID_SOCKET, a.ports[1].sock);
+  EXPECT_EQ(INVALID_SOCKET, connect_to(on)) << "dropped, so refused";
+  EXPECT_EQ(0, kivagent_drop(&a, on)) << "dropping twice is harmless";
+
+  struct {
+    std::string line;
+    kivagent_kind kind;
+    unsigned port;
+  } cases[] = {
+      {"reconfig", KIVAGENT_RECONFIG, 0},
+      {"remove tcp::65535", KIVAGENT_REMOVE, 65535},  // a port the agent does not hold
+      {"exit", KIVAGENT_EXIT, 0},
+  };
+  for (const auto &c : cases) {
+    ASSERT_TRUE(send_line(f.wr, c.line));
+    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(a.event, DEADLINE_MS)) << c.line;
+    ASSERT_EQ(1, kivagent_next(&a, &ev)) << c.line;
+    EXPECT_EQ(c.kind, ev.kind) << c.line;
+    EXPECT_EQ(c.port, ev.port) << c.line;
+    EXPECT_EQ(0, kivagent_next(&a, &ev)) << c.line;
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(a.event, 0)) << "event left set after " << c.line;
+  }
+  // Many commands pending before the agent asks, arriving while it takes some: every one
+  // kept, in order, as the queue grows (ports from 1 up, none of them the agent's).
+  auto removes = [&](unsigned from, unsigned to) {
+    std::string text;
+    for (unsigned port = from; port <= to; port++)
+      text += "remove tcp::" + std::to_string(port) + "\r\n";
+    DWORD put;
+    ASSERT_TRUE(WriteFile(f.wr, text.data(), DWORD(text.size()), &put, nullptr));
+  };
+  removes(1, 10);
+  for (unsigned port = 1; port <= 50; port++) {
+    if (port == 6) removes(11, 50);
+    ev = next_event(&a);
+    ASSERT_EQ(KIVAGENT_REMOVE, ev.kind) << port;
+    EXPECT_EQ(port, ev.port);
+  }
+  EXPECT_EQ(0, kivagent_next(&a, &ev));
+  // An empty write, a line without CR, several lines in one write, the end of the pipe.
+  DWORD put;
+  ASSERT_TRUE(WriteFile(f.wr, "", 0, &put, nullptr));
+  ASSERT_TRUE(WriteFile(f.wr, "reconfig\nexit\r\n", 15, &put, nullptr));
   f.close();
+  EXPECT_EQ(KIVAGENT_RECONFIG, next_event(&a).kind);
+  EXPECT_EQ(KIVAGENT_EXIT, next_event(&a).kind);
   EXPECT_EQ(KIVAGENT_CLOSED, next_event(&a).kind);
+  EXPECT_EQ(0, kivagent_next(&a, &ev));
   kivagent_end(&a);
   EXPECT_EQ(nullptr, a.ports);
   kivagent_end(&a);  // a cleared record
-}
-
-TEST(KivAgent, HandedOverSocketsTakeTheModeAsked) {
-  for (unsigned flags : {KIVAGENT_BLOCKING, KIVAGENT_NONBLOCKING}) {
-    SOCKET orig;
-    unsigned port;
-    std::string line = handed(&orig, &port);
-    kivagent a;
-    feed f;
-    ASSERT_EQ(0, start(&a, &f, {line, "--", "lifespan 1"}, flags));
-    ASSERT_EQ(1u, a.nports);
-    closesocket(orig);
-    SOCKET sock = a.ports[0].sock, got = INVALID_SOCKET;
-    int err = 0;
-    std::thread t([&] {
-      got = accept(sock, nullptr, nullptr);
-      err = WSAGetLastError();
-    });
-    if (flags == KIVAGENT_NONBLOCKING) {
-      t.join();
-      EXPECT_EQ(INVALID_SOCKET, got);
-      EXPECT_EQ(WSAEWOULDBLOCK, err);
-    } else {
-      // Still waiting for a client after a while: the socket blocks. (A slow machine can
-      // only make this pass wrongly, never fail wrongly.)
-      Sleep(300);
-      SOCKET c = connect_to(port);
-      t.join();
-      EXPECT_NE(INVALID_SOCKET, got) << "accept on the blocking copy failed with " << err;
-      closesocket(got);
-      closesocket(c);
-    }
-    f.close();
-    kivagent_end(&a);
-  }
 }
 
 TEST(KivAgent, GarbledLinesBecomeErrorEvents) {
@@ -179,7 +204,6 @@ TEST(KivAgent, GarbledLinesBecomeErrorEvents) {
   } cases[] = {
       {true, "-Ptcp::0", KIVAGENT_EINVAL, 0},
       {true, "-Ptcp::65536", KIVAGENT_EINVAL, 0},
-      {true, "-Ptcp::", KIVAGENT_EINVAL, 0},
       {true, "-Ptcp::+80", KIVAGENT_EINVAL, 0},
       {true, "-Ptcp::80 ", KIVAGENT_EINVAL, 0},
       {true, "-Ptcp::4000", KIVAGENT_EINVAL, 4000},  // the port already given
@@ -199,13 +223,11 @@ TEST(KivAgent, GarbledLinesBecomeErrorEvents) {
       {true, over, KIVAGENT_EOVERFLOW, 0},
       {false, "exit ", KIVAGENT_EINVAL, 0},
       {false, "EXIT", KIVAGENT_EINVAL, 0},
-      {false, "remove tcp::", KIVAGENT_EINVAL, 0},
       {false, "remove tcp::65536", KIVAGENT_EINVAL, 0},
       {false, "remove udp::80", KIVAGENT_EINVAL, 0},
       {false, "-Ptcp::4001", KIVAGENT_EINVAL, 0},  // port lines belong to the start-up
       {false, "--", KIVAGENT_EINVAL, 0},
       {false, "lifespan 5", KIVAGENT_EINVAL, 0},
-      {false, std::string("ex\0it", 5), KIVAGENT_EINVAL, 0},
       {false, std::string("exit\0now", 8), KIVAGENT_EINVAL, 0},  // not "exit"
       {true, std::string("-Ptcp::4001\0", 12), KIVAGENT_EINVAL, 0},
       {false, over + over, KIVAGENT_EOVERFLOW, 0},
@@ -238,79 +260,20 @@ TEST(KivAgent, GarbledLinesBecomeErrorEvents) {
   }
 }
 
-TEST(KivAgent, CommandsArriveAsEventsWithoutBlocking) {
-  kivagent a;
-  feed f;
-  ASSERT_EQ(
-      0, start(&a, &f, {"-Ptcp::4000", "-Ptcp::65535", "--", "lifespan 86400"}, KIVAGENT_BLOCKING));
-  kivagent_event ev;
-  EXPECT_EQ(0, kivagent_next(&a, &ev)) << "nothing is pending, and asking does not wait";
-  struct {
-    std::string line;
-    kivagent_kind kind;
-    unsigned port;
-  } cases[] = {
-      {"reconfig", KIVAGENT_RECONFIG, 0},
-      {"remove tcp::4000", KIVAGENT_REMOVE, 4000},
-      {"remove tcp::65535", KIVAGENT_REMOVE, 65535},
-      {"remove tcp::1", KIVAGENT_REMOVE, 1},  // a port the agent does not hold is still passed on
-      {"exit", KIVAGENT_EXIT, 0},
-  };
-  for (const auto &c : cases) {
-    ASSERT_TRUE(send_line(f.wr, c.line));
-    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(a.event, DEADLINE_MS)) << c.line;
-    ASSERT_EQ(1, kivagent_next(&a, &ev)) << c.line;
-    EXPECT_EQ(c.kind, ev.kind) << c.line;
-    EXPECT_EQ(c.port, ev.port) << c.line;
-    EXPECT_EQ(0, kivagent_next(&a, &ev)) << c.line;
-    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(a.event, 0)) << "event left set after " << c.line;
-  }
-  // Many commands pending before the agent asks, arriving while it takes some: every one
-  // kept, in order, as the queue grows.
-  auto removes = [&](unsigned from, unsigned to) {
-    std::string text;
-    for (unsigned port = from; port <= to; port++)
-      text += "remove tcp::" + std::to_string(port) + "\r\n";
-    DWORD put;
-    ASSERT_TRUE(WriteFile(f.wr, text.data(), DWORD(text.size()), &put, nullptr));
-  };
-  removes(1, 10);
-  for (unsigned port = 1; port <= 50; port++) {
-    if (port == 6) removes(11, 50);
-    ev = next_event(&a);
-    ASSERT_EQ(KIVAGENT_REMOVE, ev.kind) << port;
-    EXPECT_EQ(port, ev.port);
-  }
-  EXPECT_EQ(0, kivagent_next(&a, &ev));
-  // An empty write, a line without CR, several lines in one write, the end of the pipe.
-  DWORD put;
-  ASSERT_TRUE(WriteFile(f.wr, "", 0, &put, nullptr));
-  ASSERT_TRUE(WriteFile(f.wr, "reconfig\nexit\r\n", 15, &put, nullptr));
-  f.close();
-  EXPECT_EQ(KIVAGENT_RECONFIG, next_event(&a).kind);
-  EXPECT_EQ(KIVAGENT_EXIT, next_event(&a).kind);
-  EXPECT_EQ(KIVAGENT_CLOSED, next_event(&a).kind);
-  EXPECT_EQ(0, kivagent_next(&a, &ev));
-  kivagent_end(&a);
-}
-
 TEST(KivAgent, CommandLineAndEarlyEnd) {
-  kivagent a;
-  char prog[] = "agent.exe", bad1[] = "-Cxyz", bad2[] = "-C0x", bad3[] = "-C0x12345678901234567";
-  for (char *arg : {bad1, bad2, bad3}) {
-    char *argv[] = {prog, arg, nullptr};
-    EXPECT_EQ(KIVAGENT_EINVAL, kivagent_start(&a, 2, argv, 0)) << arg;
-    kivagent_end(&a);
-  }
-  char *none[] = {prog, nullptr};
-  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_start(&a, 1, none, 0));
-  // A handle that is not a pipe.
+  // No pipe: a -C value that is no number, empty or too long, a handle that is not a pipe,
+  // no -C at all.
   HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
   char notpipe[32];
   snprintf(notpipe, sizeof notpipe, "-C%#x",
            static_cast<unsigned>(reinterpret_cast<uintptr_t>(ev)));
-  char *argv[] = {prog, notpipe, nullptr};
-  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_start(&a, 2, argv, 0));
+  kivagent a;
+  char prog[] = "agent.exe", bad1[] = "-Cxyz", bad2[] = "-C0x", bad3[] = "-C0x12345678901234567";
+  for (char *arg : {bad1, bad2, bad3, notpipe, static_cast<char *>(nullptr)}) {
+    char *argv[] = {prog, arg, nullptr};
+    EXPECT_EQ(KIVAGENT_EINVAL, kivagent_start(&a, arg ? 2 : 1, argv, 0)) << (arg ? arg : "none");
+    kivagent_end(&a);
+  }
   CloseHandle(ev);
 
   // The pipe closes during the start-up: what came is kept, the end is an event.
@@ -321,38 +284,14 @@ TEST(KivAgent, CommandLineAndEarlyEnd) {
     feed f;
     std::vector<std::string> lines;
     if (with_port) lines.push_back(line);
-    EXPECT_EQ(KIVAGENT_EOF, start(&a, &f, lines, 0, {}, true));
-    EXPECT_EQ(with_port ? 1u : 0u, a.nports);
+    EXPECT_EQ(KIVAGENT_EOF, start(&a, &f, lines, KIVAGENT_NONBLOCKING, {}, true));
+    ASSERT_EQ(with_port ? 1u : 0u, a.nports);
+    if (with_port) {  // in the mode asked: with no client waiting, accept fails at once
+      EXPECT_EQ(INVALID_SOCKET, accept(a.ports[0].sock, nullptr, nullptr));
+      EXPECT_EQ(WSAEWOULDBLOCK, WSAGetLastError());
+    }
     EXPECT_EQ(KIVAGENT_CLOSED, next_event(&a).kind);
     kivagent_end(&a);
-    if (with_port) line = handover_line(orig, port, GetCurrentProcessId());
   }
   closesocket(orig);
-}
-
-TEST(KivAgent, ListenAndDrop) {
-  unsigned port = free_port();
-  SOCKET sock;
-  ASSERT_EQ(0, kivagent_listen(port, KIVAGENT_NONBLOCKING, &sock));
-  SOCKET c = connect_to(port);
-  EXPECT_NE(INVALID_SOCKET, c) << "listens on all addresses, loopback included";
-  closesocket(c);
-  SOCKET again;
-  EXPECT_EQ(KIVAGENT_ESYS, kivagent_listen(port, 0, &again)) << "the port is taken";
-  EXPECT_EQ(INVALID_SOCKET, again);
-  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_listen(0, 0, &again));
-  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_listen(65536, 0, &again));
-
-  // An "on" port takes the socket the agent opened; drop closes it.
-  kivagent a;
-  feed f;
-  ASSERT_EQ(0, start(&a, &f, {"-Ptcp::" + std::to_string(port), "--", "lifespan 1"}, 0));
-  a.ports[0].sock = sock;
-  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_drop(&a, port + 1));
-  EXPECT_EQ(0, kivagent_drop(&a, port));
-  EXPECT_EQ(INVALID_SOCKET, a.ports[0].sock);
-  EXPECT_EQ(INVALID_SOCKET, connect_to(port)) << "dropped, so refused";
-  EXPECT_EQ(0, kivagent_drop(&a, port)) << "dropping twice is harmless";
-  f.close();
-  kivagent_end(&a);
 }

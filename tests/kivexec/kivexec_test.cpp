@@ -9,6 +9,8 @@
 namespace {
 
 const std::string KIVEXEC = kt::build_dir() + "\\agent\\kivexec.exe";
+// What upcase.exe reports when it inherited nothing but its connection.
+const std::string HANDLES = "#handles listening=0 sockets=0 pipes=0 other=0 own=0\n";
 const std::string UPCASE = "\"" + kt::build_dir() + "\\tests\\kivexec\\upcase.exe\"";
 
 // Port `port` served by kivexec with `options` (service `name`), running `program`.
@@ -46,16 +48,14 @@ std::string ask(int port, const std::string &line, int ms = 20000) {
   return answer;
 }
 
-unsigned short local_port(SOCKET s) {
-  sockaddr_in a = {};
-  int size = sizeof a;
-  getsockname(s, reinterpret_cast<sockaddr *>(&a), &size);
-  return ntohs(a.sin_port);
-}
-
-// The program reads the connection to its end (the client's half-close), knows who is on
-// the line, and inherits the connection and nothing else.
-TEST(Kivexec, TheConnectionIsTheProgramsInputAndOutput) {
+// One kivd serves every case. The program reads the connection to its end (the client's
+// half-close), knows who is on the line, and inherits the connection and nothing else;
+// --max holds a connection in the backlog until a program ends, --per-ip closes the excess
+// at once, --timeout ends a program that never ends; "remove" and "exit" from kivd end
+// kivexec after its grace, and with it every program, and so does a lifespan with nothing
+// to do; a program that cannot be started closes its connection, and the next one is tried
+// again.
+TEST(Kivexec, ServesLimitsAndEnds) {
   kt::registry reg;
   int port = kt::free_port(), other = kt::free_port(), err = kt::free_port(),
       quiet = kt::free_port();
@@ -66,96 +66,87 @@ TEST(Kivexec, TheConnectionIsTheProgramsInputAndOutput) {
   int on = kt::free_port();  // an "on" port: kivexec listens on it itself
   configure(reg, "on", on, "", UPCASE);
   reg.port(on, "on", "on");
-  kt::kivd d("-D3");
-  EXPECT_EQ(ask(on, "on"), "ONEND\n");
-  // Standard error goes to the connection with --stderr, else to kivexec's (kivd's log).
-  EXPECT_EQ(ask(err, "e"), "to stderr\nEEND\n");
-  EXPECT_EQ(ask(quiet, "q"), "QEND\n");
-  EXPECT_TRUE(d.log_has("to stderr"));
-  SOCKET s = connect_when_up(port);
-  ASSERT_NE(s, INVALID_SOCKET);
-  send(s, "hello\nworld\n", 12, 0);
-  shutdown(s, SD_SEND);
-  std::string want = "TCPREMOTEIP=127.0.0.1\nTCPREMOTEPORT=" + std::to_string(local_port(s)) +
-                     "\nTCPLOCALIP=127.0.0.1\nTCPLOCALPORT=" + std::to_string(port) +
-                     "\nPROTO=TCP\nHELLO\nWORLD\nEND\n";
-  EXPECT_EQ(read_all(s), want);
-  closesocket(s);
-
-  // A second connection is held open while another program starts: neither program holds
-  // the other's connection, nor a listening socket, nor kivexec's pipe.
-  SOCKET held = kt::connect_to(port);
-  ASSERT_NE(held, INVALID_SOCKET);
-  EXPECT_EQ(ask(other, "x"), "handles=0\nXEND\n");
-  EXPECT_EQ(ask(other, ""), "handles=0\nEND\n");
-  closesocket(held);
-
-  // 20 clients at once, each its own answer. kivexec starts their programs one after
-  // another, so the last waits for 19 process starts: a minute, on a loaded machine.
-  std::vector<std::string> answers(20);
-  std::vector<std::thread> clients;
-  for (int i = 0; i < 20; i++)
-    clients.emplace_back([&, i] { answers[i] = ask(other, "client " + std::to_string(i), 60000); });
-  for (auto &t : clients) t.join();
-  for (int i = 0; i < 20; i++)
-    EXPECT_EQ(answers[i], "handles=0\nCLIENT " + std::to_string(i) + "END\n") << i;
-}
-
-// --max holds a connection in the backlog until a program ends; --per-ip closes the
-// excess at once; --timeout ends a program that never ends.
-TEST(Kivexec, Limits) {
-  kt::registry reg;
   int max_port = kt::free_port(), ip_port = kt::free_port(), time_port = kt::free_port();
   configure(reg, "max", max_port, "--max 2", UPCASE);
   configure(reg, "perip", ip_port, "--per-ip 1", UPCASE);
   configure(reg, "slow", time_port, "--timeout 1", UPCASE + " hang");
-  kt::kivd d("-D3");
-
-  SOCKET first = connect_when_up(max_port);
-  ASSERT_NE(first, INVALID_SOCKET);
-  SOCKET second = kt::connect_to(max_port), third = kt::connect_to(max_port);
-  ASSERT_NE(third, INVALID_SOCKET);
-  send(third, "three", 5, 0);
-  shutdown(third, SD_SEND);
-  EXPECT_EQ(read_all(third, 1500), "") << "a third program ran beside two";
-  send(first, "one", 3, 0);
-  shutdown(first, SD_SEND);
-  EXPECT_EQ(read_all(first), "ONEEND\n");
-  EXPECT_EQ(read_all(third), "THREEEND\n");
-  for (SOCKET s : {first, second, third}) closesocket(s);
-
-  SOCKET kept = connect_when_up(ip_port);
-  ASSERT_NE(kept, INVALID_SOCKET);
-  send(kept, "a", 1, 0);
-  ASSERT_TRUE(kt::poll([&] { return kt::processes_named("upcase.exe") >= 1; }));
-  EXPECT_EQ(ask(ip_port, "b"), "");
-  EXPECT_TRUE(d.log_has("has 1 connections already (--per-ip 1): closed"));
-  shutdown(kept, SD_SEND);
-  EXPECT_EQ(read_all(kept), "AEND\n");
-  closesocket(kept);
-
-  ULONGLONG begin = GetTickCount64();
-  EXPECT_EQ(ask(time_port, "late"), "");
-  EXPECT_LT(GetTickCount64() - begin, 15000u);
-  EXPECT_TRUE(d.log_has("ran longer than 1 s: ended"));
-}
-
-// "remove" and "exit" from kivd end kivexec after its grace, and with it every program;
-// so does a lifespan with nothing to do, and kivd listens again. A program that cannot
-// be started closes its connection; the next one is tried again.
-TEST(Kivexec, EndsWithItsPortsAndRefusesClearly) {
-  kt::registry reg;
-  int port = kt::free_port(), other = kt::free_port(), missing = kt::free_port(),
+  int hang = kt::free_port(), solo = kt::free_port(), missing = kt::free_port(),
       brief = kt::free_port();
   configure(reg, "brief", brief, "", UPCASE);
   reg.set("services\\brief", "lifespan", "1");
-  configure(reg, "exec", port, "--grace 1", UPCASE + " hang");
-  configure(reg, "solo", other, "--grace 1", UPCASE + " hang");
+  configure(reg, "hang", hang, "--grace 1", UPCASE + " hang");
+  configure(reg, "solo", solo, "--grace 1", UPCASE + " hang");
   configure(reg, "none", missing, "", "C:\\no\\such\\program.exe");
   {
     kt::kivd d("-D3");
+    EXPECT_EQ(ask(on, "on"), "ONEND\n");
+    // Standard error goes to the connection with --stderr, else to kivexec's (kivd's log).
+    EXPECT_EQ(ask(err, "e"), "to stderr\nEEND\n");
+    EXPECT_EQ(ask(quiet, "q"), "QEND\n");
+    EXPECT_TRUE(d.log_has("to stderr"));
+    SOCKET s = connect_when_up(port);
+    ASSERT_NE(s, INVALID_SOCKET);
+    send(s, "hello\nworld\n", 12, 0);
+    shutdown(s, SD_SEND);
+    sockaddr_in me = {};
+    int size = sizeof me;
+    getsockname(s, reinterpret_cast<sockaddr *>(&me), &size);
+    std::string want =
+        "TCPREMOTEIP=127.0.0.1\nTCPREMOTEPORT=" + std::to_string(ntohs(me.sin_port)) +
+        "\nTCPLOCALIP=127.0.0.1\nTCPLOCALPORT=" + std::to_string(port) +
+        "\nPROTO=TCP\nHELLO\nWORLD\nEND\n";
+    EXPECT_EQ(read_all(s), want);
+    closesocket(s);
+
+    // A second connection is held open while another program starts: neither program holds
+    // the other's connection, nor a listening socket, nor kivexec's pipe.
+    SOCKET held = kt::connect_to(port);
+    ASSERT_NE(held, INVALID_SOCKET);
+    EXPECT_EQ(ask(other, "x"), HANDLES + "XEND\n");
+    EXPECT_EQ(ask(other, ""), HANDLES + "END\n");
+    closesocket(held);
+
+    // 20 clients at once, each its own answer. kivexec starts their programs one after
+    // another, so the last waits for 19 process starts: a minute, on a loaded machine.
+    std::vector<std::string> answers(20);
+    std::vector<std::thread> clients;
+    for (int i = 0; i < 20; i++)
+      clients.emplace_back(
+          [&, i] { answers[i] = ask(other, "client " + std::to_string(i), 60000); });
+    for (auto &t : clients) t.join();
+    for (int i = 0; i < 20; i++)
+      EXPECT_EQ(answers[i], HANDLES + "CLIENT " + std::to_string(i) + "END\n") << i;
+
+    SOCKET first = connect_when_up(max_port);
+    ASSERT_NE(first, INVALID_SOCKET);
+    SOCKET second = kt::connect_to(max_port), third = kt::connect_to(max_port);
+    ASSERT_NE(third, INVALID_SOCKET);
+    send(third, "three", 5, 0);
+    shutdown(third, SD_SEND);
+    EXPECT_EQ(read_all(third, 1500), "") << "a third program ran beside two";
+    send(first, "one", 3, 0);
+    shutdown(first, SD_SEND);
+    EXPECT_EQ(read_all(first), "ONEEND\n");
+    EXPECT_EQ(read_all(third), "THREEEND\n");
+    for (SOCKET s : {first, second, third}) closesocket(s);
+
+    SOCKET kept = connect_when_up(ip_port);
+    ASSERT_NE(kept, INVALID_SOCKET);
+    send(kept, "a", 1, 0);
+    ASSERT_TRUE(kt::poll([&] { return kt::processes_named("upcase.exe") >= 1; }));
+    EXPECT_EQ(ask(ip_port, "b"), "");
+    EXPECT_TRUE(d.log_has("has 1 connections already (--per-ip 1): closed"));
+    shutdown(kept, SD_SEND);
+    EXPECT_EQ(read_all(kept), "AEND\n");
+    closesocket(kept);
+
+    ULONGLONG begin = GetTickCount64();
+    EXPECT_EQ(ask(time_port, "late"), "");
+    EXPECT_LT(GetTickCount64() - begin, 15000u);
+    EXPECT_TRUE(d.log_has("ran longer than 1 s: ended"));
+
     std::vector<SOCKET> open;
-    for (int p : {port, other}) {
+    for (int p : {hang, solo}) {
       open.push_back(connect_when_up(p));
       ASSERT_NE(open.back(), INVALID_SOCKET);
     }
@@ -171,7 +162,7 @@ TEST(Kivexec, EndsWithItsPortsAndRefusesClearly) {
     EXPECT_FALSE(brief_idle()) << "kivexec ended at once";
     EXPECT_TRUE(kt::poll(brief_idle));
     EXPECT_EQ(ask(brief, "b"), "BEND\n");
-    EXPECT_EQ(c.command("disable " + std::to_string(port)), std::vector<std::string>{"+"});
+    EXPECT_EQ(c.command("disable " + std::to_string(hang)), std::vector<std::string>{"+"});
     EXPECT_TRUE(kt::poll([] { return kt::processes_named("upcase.exe") == 1; }));
 
     for (int i = 0; i < 2; i++) EXPECT_EQ(ask(missing, "x"), "") << i;

@@ -14,7 +14,8 @@
 // Record lines it writes itself start with "#": "#cmd <command line>", "#handles
 // listening=L sockets=S pipes=P other=X own=O" (what it inherited), "#socket <port> ok|failed <e>"
 // (a handed-over socket rebuilt), "#listen <port> ok|failed <e>" (an "on" port),
-// "#ready", "#closed <port>", "#eof", "#ignored", "#exit <code>", "#crash". Every pipe line is recorded verbatim without its CR LF.
+// "#ready", "#closed <port>", "#eof", "#ignored". Every pipe line is recorded verbatim
+// without its CR LF.
 // A client that connects receives "agent <pid> port <port>\r\n"; if it then sends
 // "exit <n>" and closes, the agent exits with n; "crash" makes it crash.
 // Whatever happens, the agent ends by itself after LIFETIME_MS so that a failed test
@@ -28,17 +29,17 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "lib/b64.h"
 #include "lib/wire.h"
+#include "tests/testagent/handles.h"
 
 namespace {
 
 constexpr DWORD LIFETIME_MS = 90000;
-static_assert(sizeof(WSAPROTOCOL_INFOA) == WIRE_INFO_SIZE,
-              "the manager hands over the protocol information");
 
 HANDLE record_file = INVALID_HANDLE_VALUE;
 bool ignore_exit = false;
@@ -52,13 +53,7 @@ void record(const std::string &text) {
   WriteFile(record_file, line.data(), DWORD(line.size()), &written, nullptr);
 }
 
-[[noreturn]] void leave(int code) {
-  record("#exit " + std::to_string(code));
-  ExitProcess(UINT(code));
-}
-
 [[noreturn]] void crash() {
-  record("#crash");
   // A null store through a volatile address, so the compiler cannot turn it into a trap.
   volatile uintptr_t address = 0;
   *reinterpret_cast<volatile int *>(address) = 1;
@@ -69,68 +64,31 @@ void record(const std::string &text) {
 // a debugger or an error box.
 LONG WINAPI end_on_exception(EXCEPTION_POINTERS *) { return EXCEPTION_EXECUTE_HANDLER; }
 
-// What the process inherited: every valid small inheritable handle value other than the
-// standard handles and its own pipe is a socket (listening or not), a pipe, or anything
-// else (a file, an event, a process...).
-std::string scan_handles(HANDLE own) {
-  int listening = 0, sockets = 0, pipes = 0, others = 0, owned = 0;
-  HANDLE std_handles[] = {GetStdHandle(STD_INPUT_HANDLE), GetStdHandle(STD_OUTPUT_HANDLE),
-                          GetStdHandle(STD_ERROR_HANDLE)};
-  for (uintptr_t v = 4; v < 0x4000; v += 4) {
-    HANDLE h = reinterpret_cast<HANDLE>(v);
-    DWORD flags;
-    if (!GetHandleInformation(h, &flags)) continue;
-    if (own && h == own) {
-      owned++;
-      continue;
+// The next line of the pipe, CR LF (or LF) stripped; false at the end of the pipe.
+HANDLE pipe;
+bool next_line(std::string &line) {
+  static std::string pending;
+  for (;;) {
+    size_t eol = pending.find('\n');
+    if (eol != std::string::npos) {
+      line = pending.substr(0, eol);
+      pending.erase(0, eol + 1);
+      if (!line.empty() && line.back() == '\r') line.pop_back();
+      return true;
     }
-    // An inherited handle keeps its inheritance flag; handles the runtime opened in this
-    // process (Wine keeps some pipes of its own) have it clear and are not counted.
-    if (h == std_handles[0] || h == std_handles[1] || h == std_handles[2] ||
-        !(flags & HANDLE_FLAG_INHERIT))
-      continue;
-    int accepting = 0, length = sizeof accepting;
-    if (getsockopt(SOCKET(v), SOL_SOCKET, SO_ACCEPTCONN, reinterpret_cast<char *>(&accepting),
-                   &length) == 0)
-      accepting ? listening++ : sockets++;
-    else
-      GetFileType(h) == FILE_TYPE_PIPE ? pipes++ : others++;
+    char buffer[1024];
+    DWORD got = 0;
+    if (!ReadFile(pipe, buffer, sizeof buffer, &got, nullptr) || got == 0) return false;
+    pending.append(buffer, got);
   }
-  char text[128];
-  snprintf(text, sizeof text, "#handles listening=%d sockets=%d pipes=%d other=%d own=%d",
-           listening, sockets, pipes, others, owned);
-  return text;
 }
-
-// Lines of the pipe, CR LF (or LF) stripped; false at the end of the pipe.
-struct line_reader {
-  HANDLE pipe;
-  std::string pending;
-  bool next(std::string &line) {
-    for (;;) {
-      size_t eol = pending.find('\n');
-      if (eol != std::string::npos) {
-        line = pending.substr(0, eol);
-        pending.erase(0, eol + 1);
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        return true;
-      }
-      char buffer[1024];
-      DWORD got = 0;
-      if (!ReadFile(pipe, buffer, sizeof buffer, &got, nullptr) || got == 0) return false;
-      pending.append(buffer, got);
-    }
-  }
-};
-
-line_reader reader;
 
 DWORD WINAPI pipe_thread(void *) {
   std::string line;
-  while (reader.next(line)) {
+  while (next_line(line)) {
     record(line);
     if (line == WIRE_EXIT) {
-      if (!ignore_exit) leave(0);
+      if (!ignore_exit) ExitProcess(0);
       record("#ignored");
     } else if (line.compare(0, strlen(WIRE_REMOVE), WIRE_REMOVE) == 0) {
       EnterCriticalSection(&lock);
@@ -139,14 +97,9 @@ DWORD WINAPI pipe_thread(void *) {
     }
   }
   record("#eof");
-  if (!ignore_exit) leave(0);
+  if (!ignore_exit) ExitProcess(0);
   return 0;
 }
-
-struct port_socket {
-  unsigned port;
-  SOCKET sock;
-};
 
 SOCKET rebuild(const std::string &encoded, int &error) {
   WSAPROTOCOL_INFOA info;
@@ -184,11 +137,11 @@ SOCKET listen_self(unsigned port, int &error) {
   return s;
 }
 
-void serve(const port_socket &ps) {
-  SOCKET client = accept(ps.sock, nullptr, nullptr);
+void serve(unsigned port, SOCKET sock) {
+  SOCKET client = accept(sock, nullptr, nullptr);
   if (client == INVALID_SOCKET) return;
-  std::string hello = "agent " + std::to_string(GetCurrentProcessId()) + " port " +
-                      std::to_string(ps.port) + "\r\n";
+  std::string hello =
+      "agent " + std::to_string(GetCurrentProcessId()) + " port " + std::to_string(port) + "\r\n";
   send(client, hello.data(), int(hello.size()), 0);
   DWORD timeout = 3000;
   setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char *>(&timeout), sizeof timeout);
@@ -201,7 +154,7 @@ void serve(const port_socket &ps) {
   if (exit_request || crash_request)
     while (recv(client, rest, sizeof rest, 0) > 0) {}
   closesocket(client);
-  if (exit_request) leave(atoi(request + 5));
+  if (exit_request) ExitProcess(UINT(atoi(request + 5)));
   if (crash_request) crash();
 }
 
@@ -211,36 +164,13 @@ int main(int argc, char **argv) {
   SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
   SetUnhandledExceptionFilter(end_on_exception);
   DWORD started = GetTickCount();
-  const char *file = nullptr;
-  HANDLE pipe = nullptr;
-  bool quit = false, violate = false;
-  const char *gate = nullptr;
-  for (int i = 1; i < argc; i++) {
-    const char *a = argv[i];
-    if (a[0] != '-' || !a[1]) continue;
-    switch (a[1]) {
-      case 'F':
-        file = a + 2;
-        break;
-      case 'Q':
-        quit = true;
-        break;
-      case 'V':
-        violate = true;
-        break;
-      case 'I':
-        ignore_exit = true;
-        break;
-      case 'W':
-        gate = a + 2;
-        break;
-      case 'C':
-        pipe = reinterpret_cast<HANDLE>(uintptr_t(strtoull(a + 2, nullptr, 16)));
-        break;
-      default:
-        break;
-    }
-  }
+  // Each option's text after its letter, the last one given; other words are ignored.
+  const char *opt[128] = {};
+  for (int i = 1; i < argc; i++)
+    if (argv[i][0] == '-' && argv[i][1] > 0) opt[int(argv[i][1])] = argv[i] + 2;
+  const char *file = opt['F'], *gate = opt['W'];
+  ignore_exit = opt['I'];
+  pipe = reinterpret_cast<HANDLE>(uintptr_t(opt['C'] ? strtoull(opt['C'], nullptr, 16) : 0));
   WSADATA wsa;
   WSAStartup(MAKEWORD(2, 2), &wsa);
   // Scanned before this process opens anything of its own.
@@ -251,11 +181,11 @@ int main(int argc, char **argv) {
                     nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
   record("#cmd " + std::string(GetCommandLineA()));
   record(inherited);
-  if (violate) crash();
-  if (quit) leave(0);
+  if (opt['V']) crash();
+  if (opt['Q']) ExitProcess(0);
   if (!pipe) {  // a global program or a hooking process: lives until killed
     Sleep(LIFETIME_MS);
-    leave(0);
+    ExitProcess(0);
   }
   while (gate && GetFileAttributesA(gate) == INVALID_FILE_ATTRIBUTES &&
          GetTickCount() - started < LIFETIME_MS)
@@ -263,11 +193,10 @@ int main(int argc, char **argv) {
 
   // Start-up lines, up to "lifespan".
   InitializeCriticalSection(&lock);
-  reader.pipe = pipe;
-  std::vector<port_socket> sockets;
+  std::map<unsigned, SOCKET> sockets;
   std::string line;
   bool started_up = false;
-  while (!started_up && reader.next(line)) {
+  while (!started_up && next_line(line)) {
     record(line);
     started_up = line.compare(0, strlen(WIRE_LIFESPAN), WIRE_LIFESPAN) == 0;
     if (line.compare(0, strlen(WIRE_PORT), WIRE_PORT) != 0) continue;
@@ -279,11 +208,11 @@ int main(int argc, char **argv) {
     const char *what = at == std::string::npos ? "#listen " : "#socket ";
     record(what + std::to_string(port) +
            (s == INVALID_SOCKET ? " failed " + std::to_string(error) : " ok"));
-    if (s != INVALID_SOCKET) sockets.push_back({port, s});
+    if (s != INVALID_SOCKET) sockets[port] = s;
   }
   if (!started_up) {
     record("#eof");
-    leave(0);
+    ExitProcess(0);
   }
   record("#ready");
   CreateThread(nullptr, 0, pipe_thread, nullptr, 0, nullptr);
@@ -294,26 +223,22 @@ int main(int argc, char **argv) {
     drop.swap(removals);
     LeaveCriticalSection(&lock);
     for (unsigned port : drop)
-      for (size_t i = 0; i < sockets.size(); i++)
-        if (sockets[i].port == port) {
-          closesocket(sockets[i].sock);
-          sockets.erase(sockets.begin() + long(i));
-          record("#closed " + std::to_string(port));
-          break;
-        }
+      if (sockets.count(port)) {
+        closesocket(sockets[port]);
+        sockets.erase(port);
+        record("#closed " + std::to_string(port));
+      }
     fd_set readable;
     FD_ZERO(&readable);
-    for (size_t i = 0; i < sockets.size() && i < FD_SETSIZE; i++)
-      FD_SET(sockets[i].sock, &readable);
+    for (auto &ps : sockets) FD_SET(ps.second, &readable);
     timeval tick = {0, 50000};
     if (sockets.empty()) {
       Sleep(50);
       continue;
     }
     if (select(0, &readable, nullptr, nullptr, &tick) <= 0) continue;
-    for (const port_socket &ps : sockets)
-      if (FD_ISSET(ps.sock, &readable)) serve(ps);
+    for (auto &ps : sockets)
+      if (FD_ISSET(ps.second, &readable)) serve(ps.first, ps.second);
   }
-  record("#timeout");
-  leave(0);
+  ExitProcess(0);
 }
