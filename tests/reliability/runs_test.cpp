@@ -114,24 +114,6 @@ void cycles(int index, int port, int from, int to, int per_agent, tally *t) {
   }
 }
 
-// Every port listed, auto, without agent and without rest: what kivd returns to. Polling
-// it is safe while a rest is pending: kivd's timer fires on time however often a client
-// wakes the loop.
-bool all_idle(const std::vector<int> &ports, std::string *listing) {
-  kt::client c;
-  auto lines = kt::listed_ports(c.command("ls"));
-  listing->clear();
-  for (auto &l : lines) *listing += l + "\n";
-  if (lines.size() != ports.size()) return false;
-  for (size_t i = 0; i < ports.size(); i++) {
-    const std::string &l = lines[i];
-    if (atoi(l.c_str()) != ports[i] || l.find(" Auto") == std::string::npos ||
-        l.find(" Agent=") != std::string::npos || l.find(" Disable=") != std::string::npos)
-      return false;
-  }
-  return true;
-}
-
 // One random line of the storm: oversized, binary, quotes and escapes, or command words.
 std::string bad_line(std::mt19937 &rng) {
   static const char *const commands[] = {"quit",   "info",    "reconfig", "update", "add",
@@ -213,15 +195,20 @@ TEST(Reliability, ASoakOfAgentEndsThenAStormOfBadControlLines) {
 
   kt::registry reg;
   std::vector<int> ports = kt::free_ports(PORTS);
-  std::sort(ports.begin(), ports.end());  // the listing's order
+  // What kivd returns to: every port listed, auto, without agent and without rest.
+  // Polling it is safe while a rest is pending: kivd's timer fires on time however often
+  // a client wakes the loop.
+  std::vector<std::string> idle{"!"}, listing;
   for (int i = 0; i < PORTS; i++) {
     std::string svc = "soak" + std::to_string(i);
     reg.service(svc.c_str(), "\"" + kt::testagent_exe() + "\"");
     reg.port(ports[i], "auto", svc.c_str());
+    idle.push_back(kt::port_line(ports[i], svc.c_str(), "Auto"));  // ports ascend
   }
+  idle.push_back(".");
+  auto all_idle = [&] { return (listing = kt::client().command("ls")) == idle; };
   kt::kivd d("-D1");
-  std::string listing;
-  ASSERT_TRUE(kt::poll([&] { return all_idle(ports, &listing); })) << listing;
+  ASSERT_TRUE(kt::poll(all_idle)) << testing::PrintToString(listing);
 
   tally t;
   auto soak = [&](int from, int to) {
@@ -242,11 +229,11 @@ TEST(Reliability, ASoakOfAgentEndsThenAStormOfBadControlLines) {
   soak(0, END_KINDS);
   storm(SESSION, seed);
   for (int port : ports) kt::client().command("enable " + std::to_string(port));
-  ASSERT_TRUE(kt::poll([&] { return all_idle(ports, &listing); })) << listing;
+  ASSERT_TRUE(kt::poll(all_idle)) << testing::PrintToString(listing);
   kt::usage warm, end;
   ASSERT_TRUE(kt::usage_of(d.pid, &warm));
   soak(END_KINDS, agents);
-  ASSERT_TRUE(kt::poll([&] { return all_idle(ports, &listing); })) << listing;
+  ASSERT_TRUE(kt::poll(all_idle)) << testing::PrintToString(listing);
   double soaked = (GetTickCount() - t0) / 1000.0;
   storm((lines + CLIENTS - 1) / CLIENTS, seed + 1000);
   double stormed = (GetTickCount() - t0) / 1000.0 - soaked;
