@@ -282,13 +282,7 @@ TEST(PipeSecurity, TheDescriptorBlock) {
   EXPECT_FALSE(defaulted);
   // The access list lives in the same block, right behind the descriptor.
   EXPECT_EQ(reinterpret_cast<char *>(dacl), reinterpret_cast<char *>(sd + 1));
-  EXPECT_EQ(dacl->AceCount, 2);
-  ACCESS_ALLOWED_ACE *ace = nullptr;
-  for (int i = 0; i < 2; i++) {
-    ASSERT_TRUE(GetAce(dacl, i, reinterpret_cast<void **>(&ace)));
-    EXPECT_EQ(ace->Mask, 0xC0000000u);
-  }
-  xfree(sd);
+  xfree(sd);  // its entries: the console test reads them back from the pipe
 }
 
 // One kivd, its log in a file, with 150 ports of 150 services (150 socket events, then
