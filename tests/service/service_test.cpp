@@ -91,8 +91,27 @@ struct clean_service {
   }
 };
 
-TEST(Install, CommandLineOutputsAndExitCodes) {
+// The whole command line's fit is checked end to end (the service test); here what the
+// buffer holds, and the quotes a path with a blank gets.
+TEST(Install, CommandLineBufferIsEmptiedWhenItDoesNotFit) {
+  char buf[SSERV_CMDLINE];
+  std::string exe(SSERV_CMDLINE - 3, 'p');  // with " -S" one character too many
+  EXPECT_EQ(install_cmdline(buf, sizeof buf, exe.c_str(), nullptr), KIV_EOVERFLOW);
+  EXPECT_STREQ(buf, "");
+  // A path with a blank counts its two quotes.
+  std::string blank = "C:\\a b\\" + std::string(SSERV_CMDLINE - 1 - 3 - 2 - 7, 'p');
+  EXPECT_EQ(install_cmdline(buf, sizeof buf, blank.c_str(), nullptr), 0);
+  EXPECT_EQ(std::string(buf), "\"" + blank + "\" -S");
+  blank += "p";
+  EXPECT_EQ(install_cmdline(buf, sizeof buf, blank.c_str(), nullptr), KIV_EOVERFLOW);
+}
+
+// -I and -U: their outputs, exit codes and the service they register. Then the service
+// installed again, and in turn: a stop during its first start-up, a failed initialize, a
+// start and a stop, "quit -Q", and -U while it runs.
+TEST(Service, InstallStatesAndExitCodesThroughTheServiceManager) {
   clean_service clean;
+  kt::registry reg;
   manager m;
   DWORD code = 0;
   std::string exe = kt::kivd_exe();
@@ -149,32 +168,7 @@ TEST(Install, CommandLineOutputsAndExitCodes) {
   EXPECT_EQ(code, 0u);
   EXPECT_EQ(strlen(m.config(buf)->lpBinaryPathName), static_cast<size_t>(SSERV_CMDLINE - 1));
   EXPECT_EQ(run("-U", &code), "Service deleted\n");
-}
-
-// The whole command line's fit is checked end to end above; here what the buffer holds,
-// and the quotes a path with a blank gets (how -I uses this line: the test above).
-TEST(Install, CommandLineBufferIsEmptiedWhenItDoesNotFit) {
-  char buf[SSERV_CMDLINE];
-  std::string exe(SSERV_CMDLINE - 3, 'p');  // with " -S" one character too many
-  EXPECT_EQ(install_cmdline(buf, sizeof buf, exe.c_str(), nullptr), KIV_EOVERFLOW);
-  EXPECT_STREQ(buf, "");
-  // A path with a blank counts its two quotes.
-  std::string blank = "C:\\a b\\" + std::string(SSERV_CMDLINE - 1 - 3 - 2 - 7, 'p');
-  EXPECT_EQ(install_cmdline(buf, sizeof buf, blank.c_str(), nullptr), 0);
-  EXPECT_EQ(std::string(buf), "\"" + blank + "\" -S");
-  blank += "p";
-  EXPECT_EQ(install_cmdline(buf, sizeof buf, blank.c_str(), nullptr), KIV_EOVERFLOW);
-}
-
-// The service installed, then in turn: a stop during its first start-up, a failed
-// initialize, a start and a stop, "quit -Q", and -U while it runs.
-TEST(Service, StatesAndExitCodesThroughTheServiceManager) {
-  clean_service clean;
-  kt::registry reg;
-  manager m;
-  DWORD code = 0;
-  // A service the case before removed may still be marked for deletion a moment, and its
-  // name not yet free.
+  // A deleted service may still be marked for deletion a moment, its name not yet free.
   ASSERT_TRUE(kt::poll([&] { return run("-I", &code), m.installed(); }));
   {
     // 60 "on" ports of their own services take a while to start: the reported state never
