@@ -125,9 +125,9 @@ TEST(Console, RepliesOverThePipeAndThroughKivctl) {
       "{\"installed\":false,\"state\":null,\"running\":true,\"pid\":" + std::to_string(daemon.pid) +
       ",\"ports\":{\"total\":1,\"idle\":1,\"serving\":0,\"disabled\":0,\"hooked\":0}}\n";
   struct {
-    std::string args;
-    std::string out, err;
+    std::string args, out, err;
     DWORD code;
+    std::string input = "";
   } runs[] = {
       // The protocol's elements as they come.
       {"--raw update", "+\n", "", 0},
@@ -161,30 +161,24 @@ TEST(Console, RepliesOverThePipeAndThroughKivctl) {
        "", 0},
       {"--json update", "{\"ok\":true}\n", "", 0},
       {"--json remove 7", "{\"ok\":false,\"error\":\"Failed with code -4\"}\n", "", 1},
+      // Standard input: one command per line, blank lines skipped, CR LF taken as a line end.
+      {"--raw", "+\n-Failed with code -4\n" + listing, "", 0, "update\n\n  \t\nremove 7\r\nls\n"},
+      {"--raw", "+\n", "", 0, "update\n\"QUIT\" -x\nupdate\n"},  // kivd hangs up: kivctl ends
+      // What kivd answers a line is the client's own rule (answer_test.cpp); the exit code
+      // is the last command's.
+      {"--raw", "+\n-Message too long\n+\n-Message too long\n", "", 1,
+       "update\n" + std::string(5000, 'x') + "\nupdate\nquit " + std::string(600, 'x') + "\n"},
   };
   for (auto &c : runs) {
-    kt::ran r = kivctl(c.args);
-    EXPECT_EQ(r.out, c.out) << "kivctl " << c.args;
-    EXPECT_EQ(r.err, c.err) << "kivctl " << c.args;
-    EXPECT_EQ(r.code, c.code) << "kivctl " << c.args;
+    kt::ran r = kivctl(c.args, c.input);
+    std::string what = "kivctl " + c.args + (c.input.empty() ? "" : " < " + c.input.substr(0, 30));
+    EXPECT_EQ(r.out, c.out) << what;
+    EXPECT_EQ(r.err, c.err) << what;
+    EXPECT_EQ(r.code, c.code) << what;
   }
   // Each argument stays one word, whatever it holds.
   kivctl("\"l s\" \"a\\\"b\" c\\d");
   EXPECT_TRUE(daemon.log_has("cmd: \"l\\ s a\\\"b c\\\\d\"")) << daemon.err();
-
-  // Standard input: one command per line, blank lines skipped, CR LF taken as a line end.
-  kt::ran r = kivctl("--raw", "update\n\n  \t\nremove 7\r\nls\n");
-  EXPECT_EQ(r.out, "+\n-Failed with code -4\n" + listing);
-  EXPECT_EQ(r.code, 0u);
-  r = kivctl("--raw", "update\n\"QUIT\" -x\nupdate\n");  // kivd hangs up: kivctl ends
-  EXPECT_EQ(r.out, "+\n");
-  EXPECT_EQ(r.code, 0u);
-  // What kivd answers a line is the client's own rule (answer_test.cpp); the exit code is
-  // the last command's.
-  r = kivctl("--raw", "update\n" + std::string(5000, 'x') + "\nupdate\nquit " +
-                          std::string(600, 'x') + "\n");
-  EXPECT_EQ(r.out, "+\n-Message too long\n+\n-Message too long\n");
-  EXPECT_EQ(r.code, 1u);
 
   // A busy pipe is waited for.
   {
@@ -195,7 +189,7 @@ TEST(Console, RepliesOverThePipeAndThroughKivctl) {
     ASSERT_TRUE(p.wait(20000));
     EXPECT_EQ(p.exit_code(), 0u);
   }
-  r = kivctl("QUIT -Q");
+  kt::ran r = kivctl("QUIT -Q");
   EXPECT_EQ(r.code, 0u);
   ASSERT_TRUE(daemon.wait(20000));
   // No kivd, no pipe; status still answers.
