@@ -1,18 +1,27 @@
-// kivd.exe in console mode, driven over the real control pipe.
+// kivd.exe in console mode, driven over the real control pipe and through kivctl.exe.
 #include <gtest/gtest.h>
+#include <aclapi.h>
+#include <sddl.h>
 
 #include <atomic>
 #include <thread>
 
+#include "kiv_version.h"
 #include "tests/support/support.h"
 
 namespace {
 
 using replies = std::vector<std::string>;
 
+// Runs kivctl with the argument text (and standard input) to its end.
+kt::ran kivctl(const std::string &args, const std::string &input = "") {
+  return kt::run("\"" + kt::kivctl_exe() + "\" " + args, input);
+}
+
 // One kivd with an auto port and a hook port of one service whose program does not
-// exist (nothing here connects to them): the protocol's reply texts, then "quit".
-TEST(Console, EveryCommandAndReply) {
+// exist (nothing here connects to them): the pipe's access list, the protocol's reply
+// texts, "quit", then kivctl's output and exit codes, and kivctl's "quit -Q" ends kivd.
+TEST(Console, RepliesOverThePipeAndThroughKivctl) {
   kt::registry reg;
   std::vector<int> ports = kt::free_ports(2);
   int autoport = ports[0], hookport = ports[1];
@@ -21,6 +30,32 @@ TEST(Console, EveryCommandAndReply) {
   kt::kivd daemon("-D3");
   std::string a = std::to_string(autoport), h = std::to_string(hookport);
   std::string listing = kt::port_line(autoport, "svc", "Auto");
+  {
+    SCOPED_TRACE("the pipe: SYSTEM and the administrators, generic read and write");
+    kt::client c;
+    PACL dacl = nullptr;
+    PSECURITY_DESCRIPTOR sd = nullptr;
+    ASSERT_EQ(GetSecurityInfo(c.h, SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr,
+                              &dacl, nullptr, &sd),
+              static_cast<DWORD>(ERROR_SUCCESS));
+    std::vector<std::string> sids;
+    for (DWORD i = 0; i < dacl->AceCount; i++) {
+      ACCESS_ALLOWED_ACE *ace = nullptr;
+      ASSERT_TRUE(GetAce(dacl, i, reinterpret_cast<void **>(&ace)));
+      EXPECT_EQ(ace->Header.AceType, ACCESS_ALLOWED_ACE_TYPE);
+      char *text = nullptr;
+      ConvertSidToStringSidA(&ace->SidStart, &text);
+      sids.push_back(text ? text : "?");
+      LocalFree(text);
+      // Generic read and write, or what they map to for a pipe.
+      EXPECT_TRUE(ace->Mask == 0xC0000000u ||
+                  (ace->Mask & (FILE_GENERIC_READ | FILE_GENERIC_WRITE)) ==
+                      (FILE_GENERIC_READ | FILE_GENERIC_WRITE))
+          << std::hex << ace->Mask;
+    }
+    EXPECT_EQ(sids, (std::vector<std::string>{"S-1-5-18", "S-1-5-32-544"}));
+    LocalFree(sd);
+  }
   struct {
     std::string line;
     replies want;
@@ -79,9 +114,92 @@ TEST(Console, EveryCommandAndReply) {
     ASSERT_TRUE(c.send(quit));
     EXPECT_TRUE(c.hung_up()) << quit;
   }
-  kt::client c;
-  EXPECT_EQ(c.command("update"), replies{"+"});
+  EXPECT_EQ(kt::client().command("update"), replies{"+"});
   EXPECT_FALSE(daemon.wait(0));
+
+  // kivctl, the hook port removed again: one auto port, idle.
+  char number[8];
+  snprintf(number, sizeof number, "%5d", autoport);
+  listing = "!\n" + listing + "\n.\n";
+  std::string status =
+      "{\"installed\":false,\"state\":null,\"running\":true,\"pid\":" + std::to_string(daemon.pid) +
+      ",\"ports\":{\"total\":1,\"idle\":1,\"serving\":0,\"disabled\":0,\"hooked\":0}}\n";
+  struct {
+    std::string args, out, err;
+    DWORD code;
+    std::string input = "";
+  } runs[] = {
+      // The protocol's elements as they come.
+      {"--raw update", "+\n", "", 0},
+      {"--raw ls", listing, "", 0},
+      {"--raw info", "!\nMy UserName: " + kt::user_name() + "\n.\n", "", 0},
+      {"--raw remove 7", "-Failed with code -4\n", "", 1},
+      {"--raw add -p 7 -- \"two words\" x", "-Failed with code -24\n", "", 1},
+      {"--raw \"\"", "", "", 0},  // an empty command gets no reply: nothing is sent
+      {"--raw quit", "", "", 0},
+      // For people: no framing, a table, errors on standard error.
+      {"update", "", "", 0},
+      {"ls", "PORT   SERVICE  MODE  STATE\n" + std::string(number) + "  svc      auto  idle\n", "",
+       0},
+      {"info", "My UserName: " + kt::user_name() + "\n", "", 0},
+      {"remove 7", "", "kivctl: Failed with code -4\n", 1},
+      {"--bogus ls", "", "kivctl: unknown option --bogus (--raw, --json, --version)\n", 1},
+      {"status --json", "",
+       "kivctl: status takes no words (options go first: kivctl --json status)\n", 1},
+      {"--version", std::string("kivctl ") + KIV_VERSION + "\n", "", 0},
+      // Status at a glance, for people and for scripts (installed and running: dist_test.cpp).
+      {"status",
+       "service:  not installed\nkivd:     running, pid " + std::to_string(daemon.pid) +
+           "\nports:    1 (idle 1, serving 0, disabled 0, hooked 0)\n",
+       "", 0},
+      {"--json status", status, "", 0},
+      // For scripts: JSON (the listing's fields: listing_test.cpp).
+      {"--json ls",
+       "[{\"port\":" + a +
+           ",\"service\":\"svc\",\"mode\":\"auto\",\"state\":\"idle\",\"agent\":null,"
+           "\"parent\":null,\"disabled_until\":null,\"until_enabled\":false}]\n",
+       "", 0},
+      {"--json update", "{\"ok\":true}\n", "", 0},
+      {"--json remove 7", "{\"ok\":false,\"error\":\"Failed with code -4\"}\n", "", 1},
+      // Standard input: one command per line, blank lines skipped, CR LF taken as a line end.
+      {"--raw", "+\n-Failed with code -4\n" + listing, "", 0, "update\n\n  \t\nremove 7\r\nls\n"},
+      {"--raw", "+\n", "", 0, "update\n\"QUIT\" -x\nupdate\n"},  // kivd hangs up: kivctl ends
+      // What kivd answers a line is the client's own rule (answer_test.cpp); the exit code
+      // is the last command's.
+      {"--raw", "+\n-Message too long\n+\n-Message too long\n", "", 1,
+       "update\n" + std::string(5000, 'x') + "\nupdate\nquit " + std::string(600, 'x') + "\n"},
+  };
+  for (auto &c : runs) {
+    kt::ran r = kivctl(c.args, c.input);
+    std::string what = "kivctl " + c.args + (c.input.empty() ? "" : " < " + c.input.substr(0, 30));
+    EXPECT_EQ(r.out, c.out) << what;
+    EXPECT_EQ(r.err, c.err) << what;
+    EXPECT_EQ(r.code, c.code) << what;
+  }
+  // Each argument stays one word, whatever it holds.
+  kivctl("\"l s\" \"a\\\"b\" c\\d");
+  EXPECT_TRUE(daemon.log_has("cmd: \"l\\ s a\\\"b c\\\\d\"")) << daemon.err();
+
+  // A busy pipe is waited for.
+  {
+    kt::client a, b;
+    kt::process p("\"" + kt::kivctl_exe() + "\" update");
+    EXPECT_FALSE(p.wait(300));
+    a.close();
+    ASSERT_TRUE(p.wait(20000));
+    EXPECT_EQ(p.exit_code(), 0u);
+  }
+  kt::ran r = kivctl("QUIT -Q");
+  EXPECT_EQ(r.code, 0u);
+  ASSERT_TRUE(daemon.wait(20000));
+  // No kivd, no pipe; status still answers.
+  r = kivctl("status");
+  EXPECT_EQ(r.out, "service:  not installed\nkivd:     not running\n");
+  EXPECT_EQ(r.code, 0u);
+  r = kivctl("ls");
+  EXPECT_EQ(r.code, 2u);
+  EXPECT_EQ(r.out, "");
+  EXPECT_NE(r.err.find("cannot open \\\\.\\pipe\\vesk_kivd"), std::string::npos) << r.err;
 }
 
 TEST(ConsoleEnd, NoOptionsAndOnlyBRunInTheForeground) {
@@ -96,123 +214,95 @@ TEST(ConsoleEnd, NoOptionsAndOnlyBRunInTheForeground) {
   }
 }
 
-// A lone port whose agent cannot start is off for 3 seconds. A client that keeps the loop
-// busy with commands faster than its wait can time out must not keep the port off, and
-// the timer's "update" sends nothing to that client.
-TEST(ConsoleEnd, ABusyClientDoesNotKeepALonePortOff) {
-  kt::registry reg;
-  int port = kt::free_port();
-  reg.auto_ports("lone", kt::NO_PROGRAM, {port});
-  kt::kivd d("-D3");
-  std::string listening = kt::listening(port);
-  ASSERT_TRUE(d.log_has(listening));
-  kt::client busy;
-  SOCKET s = kt::connect_to(port);
-  ASSERT_NE(s, INVALID_SOCKET);
-  EXPECT_TRUE(d.log_has("Port " + std::to_string(port) + " disabled for 3 seconds"));
-  EXPECT_TRUE(d.log_has("Waiting ... ("));
-  EXPECT_TRUE(kt::poll(
-      [&] {
-        busy.command("info");
-        return d.log_count(listening) >= 2;
-      },
-      30000))
-      << d.err();
-  closesocket(s);
-  EXPECT_EQ(busy.command("info").front(), "!");
-  SOCKET again = kt::connect_to(port);
-  EXPECT_NE(again, INVALID_SOCKET);
-  closesocket(again);
-}
-
-// A port at rest after a failed launch leaves n handles of the port manager, and `die`
-// sits at index n. At n = 258 that index is also the platform's time-out code: the rest's
-// end must run the timer, not stop kivd; at n = 0 the loop waits on nothing but `die` and
-// the pipe and must still wake when the rest is up. One kivd, the count set by disabling
-// ports.
-TEST(ConsoleEnd, TheTimerIsNeverTakenForStopAtAnyHandleCount) {
+// A lone port whose agent cannot start rests 3 seconds; 260 idle ports of a long service
+// name beside it make a long listing. The rest must end whatever the clients do and
+// however many handles the port manager waits on: a client busy with commands faster than
+// the loop's wait times out, a client reading a listing slowly, none at all with n handles
+// (the rest leaves n of them and `die` sits at index n: at 258 that index is also the
+// platform's time-out code, at 0 the loop waits on `die` and the pipe alone). Last, a
+// client that never reads is hung up on while kivd serves another.
+TEST(ConsoleEnd, ARestingPortComesBackWhateverTheClientsDo) {
   constexpr int IDLE = 260;
   kt::registry reg;
   std::vector<int> ports = kt::free_ports(IDLE + 1);
   int lone = ports[IDLE];
-  reg.auto_ports("idle", kt::NO_PROGRAM, {ports.begin(), ports.begin() + IDLE});
+  std::string name(150, 'n');  // long lines fill the pipe's buffer, so writes wait
+  reg.auto_ports(name.c_str(), kt::NO_PROGRAM, {ports.begin(), ports.begin() + IDLE});
   reg.auto_ports("lone", kt::NO_PROGRAM, {lone});
   kt::kivd d("-D3");
   std::string listening = kt::listening(lone);
+  std::string resting = "Port " + std::to_string(lone) + " disabled for 3 seconds";
   ASSERT_TRUE(kt::poll([&] { return d.log_count("Listening on port ") >= IDLE + 1; }, 60000));
   kt::client c;
+  int before = d.log_count(listening), rests = d.log_count(resting);
+  // Connects to the lone port and waits until it rests.
+  auto rest = [&] {
+    before = d.log_count(listening);
+    rests = d.log_count(resting);
+    SOCKET s = kt::connect_to(lone);
+    EXPECT_NE(s, INVALID_SOCKET);
+    EXPECT_TRUE(kt::poll([&] { return d.log_count(resting) > rests; }));
+    return s;
+  };
+  {
+    SCOPED_TRACE("a busy client; the timer's update sends it nothing");
+    SOCKET s = rest();
+    EXPECT_TRUE(d.log_has("Waiting ... ("));
+    EXPECT_TRUE(kt::poll(
+        [&] {
+          c.command("info");
+          return d.log_count(listening) > before;
+        },
+        30000))
+        << d.err();
+    closesocket(s);
+    EXPECT_EQ(c.command("info").front(), "!");
+  }
+  {
+    SCOPED_TRACE("a slow reader");
+    SOCKET s = rest();
+    kt::client slow;
+    ASSERT_TRUE(slow.send("ls"));
+    // Back after its 3 s and the wait's extra second, long before the listing is read.
+    bool back = false;
+    for (int read = 0; read < 12 && !back; read++) {
+      Sleep(700);
+      EXPECT_NE(slow.receive().substr(0, 6), "<error");
+      back = d.log_count(listening) > before;
+    }
+    EXPECT_TRUE(back) << "the port stayed at rest while the client read";
+    closesocket(s);
+  }
   int disabled = 0;
   for (int handles : {260, 259, 258, 257, 0}) {
     SCOPED_TRACE(std::to_string(handles) + " port-manager handles while the port rests");
     while (IDLE - disabled > handles)
       ASSERT_EQ(c.command("disable " + std::to_string(ports[disabled++])), replies{"+"});
-    int before = d.log_count(listening);
-    SOCKET s = kt::connect_to(lone);
-    ASSERT_NE(s, INVALID_SOCKET);
+    SOCKET s = rest();
     EXPECT_TRUE(kt::poll([&] { return d.log_count(listening) > before; }, 30000)) << d.err();
     closesocket(s);
     ASSERT_EQ(WaitForSingleObject(d.h, 0), static_cast<DWORD>(WAIT_TIMEOUT)) << d.err();
   }
-  EXPECT_EQ(d.log_count("RIP!"), 0);
-  d.quit();
-  EXPECT_EQ(d.log_count("RIP!"), 1);
-}
-
-// A client that reads a long listing slowly, each message well within the loop's wait,
-// must not hold the timer off: the resting port comes back while it still reads.
-TEST(ConsoleEnd, ASlowReaderDoesNotHoldTheTimerOff) {
-  kt::registry reg;
-  std::vector<int> ports = kt::free_ports(31);
-  std::string name(150, 'n');  // long lines fill the pipe's buffer, so writes wait
-  reg.auto_ports(name.c_str(), kt::NO_PROGRAM, {ports.begin(), ports.begin() + 30});
-  reg.auto_ports("lone", kt::NO_PROGRAM, {ports[30]});
-  kt::kivd d("-D3");
-  std::string listening = kt::listening(ports[30]);
-  ASSERT_TRUE(d.log_has(listening));
-  SOCKET s = kt::connect_to(ports[30]);
-  ASSERT_NE(s, INVALID_SOCKET);
-  ASSERT_TRUE(d.log_has("Port " + std::to_string(ports[30]) + " disabled for 3 seconds"));
-  kt::client slow;
-  ASSERT_TRUE(slow.send("ls"));
-  // Back after its 3 s and the wait's extra second; a listing of 32 lines of ~170 bytes
-  // keeps writes waiting on the reader for its first 25 or so messages.
-  bool back = false;
-  for (int read = 0; read < 12 && !back; read++) {
-    Sleep(700);
-    EXPECT_NE(slow.receive().substr(0, 6), "<error");
-    back = d.log_count(listening) >= 2;
+  {
+    SCOPED_TRACE("a client that never reads");
+    kt::client flood;
+    std::atomic<int> sent{0};
+    std::atomic<bool> stopped{false};
+    std::thread sender([&] {
+      while (sent < 20000 && flood.send("ls")) sent++;
+      stopped = true;
+    });
+    EXPECT_TRUE(kt::poll([&] { return sent >= 10 || stopped; }));  // the flood is under way
+    EXPECT_EQ(c.command("ls").size(), IDLE + 3u);
+    EXPECT_TRUE(flood.hung_up(60000)) << d.err();
+    EXPECT_TRUE(d.log_has("does not read its replies"));
+    EXPECT_EQ(c.command("ls").size(), IDLE + 3u);
+    c.close();
+    EXPECT_EQ(d.log_count("RIP!"), 0);
+    d.quit();  // also unblocks the sender if the hang-up never came
+    sender.join();
   }
-  EXPECT_TRUE(back) << "the port stayed at rest while the client read";
-  closesocket(s);
-}
-
-// A client that sends "ls" again and again without reading is hung up on once its
-// queue is full; kivd serves another client throughout.
-TEST(ConsoleEnd, AClientThatNeverReadsIsHungUpOn) {
-  kt::registry reg;
-  std::vector<int> ports = kt::free_ports(100);
-  reg.auto_ports("idle", kt::NO_PROGRAM, ports);
-  kt::kivd d("-D3");
-  ASSERT_TRUE(kt::poll([&] { return d.log_count("Listening on port ") >= 100; }, 60000));
-  kt::client flood;
-  std::atomic<int> sent{0};
-  std::atomic<bool> stopped{false};
-  std::thread sender([&] {
-    while (sent < 20000 && flood.send("ls")) sent++;
-    stopped = true;
-  });
-  EXPECT_TRUE(kt::poll([&] { return sent >= 10 || stopped; }));  // the flood is under way
-  kt::client other;
-  double begin = kt::now_ms();
-  replies ls = other.command("ls");
-  printf("[ measured ] another client's ls of 100 ports during the flood: %.1f ms\n",
-         kt::now_ms() - begin);
-  EXPECT_EQ(ls.size(), 102u);
-  EXPECT_TRUE(flood.hung_up(60000)) << d.err();
-  EXPECT_TRUE(d.log_has("does not read its replies"));
-  EXPECT_EQ(other.command("ls").size(), 102u);
-  d.quit();  // also unblocks the sender if the hang-up never came
-  sender.join();
+  EXPECT_EQ(d.log_count("RIP!"), 1);
 }
 
 }  // namespace

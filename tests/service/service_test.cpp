@@ -1,13 +1,16 @@
-// kivd.exe as a service through the real service manager, its installation and removal,
-// and the control pipe's access list.
+// kivd.exe as a service through the real service manager, its installation and removal;
+// kivd.exe with agents: a connection reaches the agent through the handed-over socket,
+// and one kivd serves far more ports and agents than one platform wait takes; the service
+// wrapper's own parts: the pipe's descriptor, the loop's wait and an early stop.
 #include <gtest/gtest.h>
-#include <aclapi.h>
-#include <sddl.h>
+
+#include <cstdio>
 
 #include "tests/support/support.h"
 #include "service/sserv.h"
 #include "lib/heap.h"
 #include "toolkit/runtime/error.h"
+#include "toolkit/runtime/mwait.h"
 
 namespace {
 
@@ -28,6 +31,52 @@ bool no_kivd_process() {
   return kt::poll([] { return kt::processes_named("kivd.exe") == 0; });
 }
 
+// A file of this test process in the temporary folder.
+std::string temp_file(const char *name) {
+  char dir[MAX_PATH];
+  GetTempPathA(sizeof dir, dir);
+  return std::string(dir) + name + std::to_string(GetCurrentProcessId()) + ".txt";
+}
+
+// How often text occurs in the file at path (0 when it cannot be read).
+int occurrences(const std::string &path, const std::string &text) {
+  std::string all;
+  if (FILE *f = fopen(path.c_str(), "rb")) {
+    char buf[4096];
+    for (size_t got; (got = fread(buf, 1, sizeof buf, f)) > 0;) all.append(buf, got);
+    fclose(f);
+  }
+  int n = 0;
+  for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) n++;
+  return n;
+}
+
+// How many lines of the listing hold `text` and have an agent.
+int with_agent(kt::client &c, const std::string &text) {
+  int n = 0;
+  for (auto &line : c.command("ls"))
+    n += line.find(text) != std::string::npos && line.find(" Agent=") != std::string::npos;
+  return n;
+}
+
+// The listing lines of port, between "!" and ".".
+std::vector<std::string> lines_of(kt::client &c, int port) {
+  std::vector<std::string> out;
+  std::string key = kt::port_line(port, "", "").substr(0, 7);
+  for (auto &line : c.command("ls"))
+    if (line.compare(0, 7, key) == 0) out.push_back(line);
+  return out;
+}
+
+// A port is served by an agent (the test agent greets with its port) within ms.
+bool served(int port, int ms = 10000) {
+  SOCKET s = INVALID_SOCKET;
+  bool ok = kt::poll([&] { return (s = kt::connect_to(port)) != INVALID_SOCKET; }, ms) &&
+            kt::read_line(s, ms).find(" port " + std::to_string(port)) != std::string::npos;
+  if (s != INVALID_SOCKET) closesocket(s);
+  return ok;
+}
+
 // Leaves no service behind, whatever a test did.
 struct clean_service {
   clean_service() { remove(); }
@@ -42,8 +91,27 @@ struct clean_service {
   }
 };
 
-TEST(Install, CommandLineOutputsAndExitCodes) {
+// The whole command line's fit is checked end to end (the service test); here what the
+// buffer holds, and the quotes a path with a blank gets.
+TEST(Install, CommandLineBufferIsEmptiedWhenItDoesNotFit) {
+  char buf[SSERV_CMDLINE];
+  std::string exe(SSERV_CMDLINE - 3, 'p');  // with " -S" one character too many
+  EXPECT_EQ(install_cmdline(buf, sizeof buf, exe.c_str(), nullptr), KIV_EOVERFLOW);
+  EXPECT_STREQ(buf, "");
+  // A path with a blank counts its two quotes.
+  std::string blank = "C:\\a b\\" + std::string(SSERV_CMDLINE - 1 - 3 - 2 - 7, 'p');
+  EXPECT_EQ(install_cmdline(buf, sizeof buf, blank.c_str(), nullptr), 0);
+  EXPECT_EQ(std::string(buf), "\"" + blank + "\" -S");
+  blank += "p";
+  EXPECT_EQ(install_cmdline(buf, sizeof buf, blank.c_str(), nullptr), KIV_EOVERFLOW);
+}
+
+// -I and -U: their outputs, exit codes and the service they register. Then the service
+// installed again, and in turn: a stop during its first start-up, a failed initialize, a
+// start and a stop, "quit -Q", and -U while it runs.
+TEST(Service, InstallStatesAndExitCodesThroughTheServiceManager) {
   clean_service clean;
+  kt::registry reg;
   manager m;
   DWORD code = 0;
   std::string exe = kt::kivd_exe();
@@ -66,10 +134,9 @@ TEST(Install, CommandLineOutputsAndExitCodes) {
   ASSERT_EQ(m.config2(SERVICE_CONFIG_DESCRIPTION, buf), 0u);
   EXPECT_STREQ(reinterpret_cast<SERVICE_DESCRIPTIONA *>(buf.data())->lpDescription,
                SSERV_DESCRIPTION);
-  // Wine's service manager stores the recovery but cannot report it (ERROR_INVALID_LEVEL);
-  // where it can, it is read back.
-  DWORD error = m.config2(SERVICE_CONFIG_FAILURE_ACTIONS, buf);
-  if (error == 0) {
+  // Wine's service manager stores the recovery but cannot report it; where it can, it is
+  // read back.
+  if (m.config2(SERVICE_CONFIG_FAILURE_ACTIONS, buf) == 0) {
     auto *f = reinterpret_cast<SERVICE_FAILURE_ACTIONSA *>(buf.data());
     EXPECT_EQ(f->dwResetPeriod, SSERV_RESET_SECONDS);
     ASSERT_EQ(f->cActions, 3u);
@@ -77,8 +144,6 @@ TEST(Install, CommandLineOutputsAndExitCodes) {
       EXPECT_EQ(f->lpsaActions[i].Type, SC_ACTION_RESTART) << i;
       EXPECT_EQ(f->lpsaActions[i].Delay, SSERV_RESTART_MS[i]) << i;
     }
-  } else {
-    EXPECT_EQ(error, static_cast<DWORD>(ERROR_INVALID_LEVEL));
   }
 
   EXPECT_EQ(run("-I -D5", &code), "");  // installed already: nothing, 0
@@ -103,38 +168,61 @@ TEST(Install, CommandLineOutputsAndExitCodes) {
   EXPECT_EQ(code, 0u);
   EXPECT_EQ(strlen(m.config(buf)->lpBinaryPathName), static_cast<size_t>(SSERV_CMDLINE - 1));
   EXPECT_EQ(run("-U", &code), "Service deleted\n");
-}
-
-// The whole command line's fit is checked end to end above; here what the buffer holds,
-// and the quotes a path with a blank gets (how -I uses this line: the test above).
-TEST(Install, CommandLineBufferIsEmptiedWhenItDoesNotFit) {
-  char buf[SSERV_CMDLINE];
-  std::string exe(SSERV_CMDLINE - 3, 'p');  // with " -S" one character too many
-  EXPECT_EQ(install_cmdline(buf, sizeof buf, exe.c_str(), nullptr), KIV_EOVERFLOW);
-  EXPECT_STREQ(buf, "");
-  // A path with a blank counts its two quotes.
-  std::string blank = "C:\\a b\\" + std::string(SSERV_CMDLINE - 1 - 3 - 2 - 7, 'p');
-  EXPECT_EQ(install_cmdline(buf, sizeof buf, blank.c_str(), nullptr), 0);
-  EXPECT_EQ(std::string(buf), "\"" + blank + "\" -S");
-  blank += "p";
-  EXPECT_EQ(install_cmdline(buf, sizeof buf, blank.c_str(), nullptr), KIV_EOVERFLOW);
-}
-
-// An installed service, removed again afterwards, with an empty configuration.
-class Service : public ::testing::Test {
- protected:
-  // A service the case before removed may still be marked for deletion a moment, and
-  // its name not yet free.
-  void SetUp() override {
-    ASSERT_TRUE(kt::poll([&] { return run("-I", &code), m.installed(); }));
+  // A deleted service may still be marked for deletion a moment, its name not yet free.
+  ASSERT_TRUE(kt::poll([&] { return run("-I", &code), m.installed(); }));
+  {
+    // 60 "on" ports of their own services take a while to start: the reported state never
+    // goes back from stop pending to running, and no agent is started once the stop is seen.
+    SCOPED_TRACE("a stop during start-up starts nothing more and never reports running");
+    ASSERT_NE(kt::testagent_exe(), "");
+    std::string record = temp_file("kivd_early_stop_");
+    DeleteFileA(record.c_str());
+    constexpr int N = 60;
+    std::vector<int> ports = kt::free_ports(N);
+    for (int i = 0; i < N; i++) {
+      std::string svc = "s" + std::to_string(i);
+      reg.service(svc.c_str(), "\"" + kt::testagent_exe() + "\" -F" + record);
+      reg.port(ports[i], "on", svc.c_str());
+    }
+    ASSERT_TRUE(m.start());
+    // The stop goes out while the service still reports start pending.
+    ASSERT_TRUE(kt::poll(
+        [&] {
+          return m.control(SERVICE_CONTROL_STOP) ||
+                 m.status().dwCurrentState != SERVICE_START_PENDING;
+        },
+        10000));
+    std::vector<DWORD> states;
+    kt::poll(
+        [&] {
+          DWORD state = m.status().dwCurrentState;
+          if (states.empty() || states.back() != state) states.push_back(state);
+          return state == SERVICE_STOPPED;
+        },
+        60000);
+    ASSERT_EQ(states.back(), static_cast<DWORD>(SERVICE_STOPPED)) << testing::PrintToString(states);
+    bool pending = false;
+    for (DWORD state : states) {
+      pending |= state == SERVICE_STOP_PENDING;
+      EXPECT_FALSE(pending && state == SERVICE_RUNNING) << testing::PrintToString(states);
+    }
+    ASSERT_TRUE(no_kivd_process());
+    EXPECT_LT(occurrences(record, " #cmd "), N) << "every agent was started after the stop";
+    DeleteFileA(record.c_str());
+    kt::remove_root();
   }
-  clean_service clean;
-  kt::registry reg;
-  manager m;
-  DWORD code = 0;
-};
+  {
+    SCOPED_TRACE("a failed initialize stops with 1066 and its code");
+    // A console kivd holds both instances of the pipe: the service cannot create its own.
+    kt::kivd console("-D3");
+    ASSERT_TRUE(m.start());
+    ASSERT_TRUE(m.state_is(SERVICE_STOPPED)) << m.status().dwCurrentState;
+    SERVICE_STATUS_PROCESS st = m.status();
+    EXPECT_EQ(st.dwWin32ExitCode, static_cast<DWORD>(ERROR_SERVICE_SPECIFIC_ERROR));
+    EXPECT_EQ(static_cast<int>(st.dwServiceSpecificExitCode), KIV_ESYS);
+  }
+  ASSERT_TRUE(no_kivd_process());
 
-TEST_F(Service, StartStopStatesAndExitCodes) {
   ASSERT_TRUE(m.start());
   ASSERT_TRUE(m.state_is(SERVICE_RUNNING)) << m.status().dwCurrentState;
   SERVICE_STATUS_PROCESS st = m.status();
@@ -162,10 +250,7 @@ TEST_F(Service, StartStopStatesAndExitCodes) {
   // "quit -Q" ends a running service as well.
   ASSERT_TRUE(m.start());
   ASSERT_TRUE(m.state_is(SERVICE_RUNNING));
-  {
-    kt::client c;
-    c.send("quit -Q");
-  }
+  kt::client().send("quit -Q");
   ASSERT_TRUE(m.state_is(SERVICE_STOPPED));
   EXPECT_EQ(m.status().dwWin32ExitCode, 0u);
   ASSERT_TRUE(no_kivd_process());
@@ -181,96 +266,6 @@ TEST_F(Service, StartStopStatesAndExitCodes) {
   EXPECT_TRUE(no_kivd_process());
 }
 
-// A stop while kivd starts (60 "on" ports of their own services take a while to start):
-// the reported state never goes back from stop pending to running, and no agent is
-// started once the stop is seen.
-TEST_F(Service, AStopDuringStartUpStartsNothingMoreAndNeverReportsRunning) {
-  ASSERT_NE(kt::testagent_exe(), "");
-  char dir[MAX_PATH];
-  GetTempPathA(sizeof dir, dir);
-  std::string record =
-      std::string(dir) + "kivd_early_stop_" + std::to_string(GetCurrentProcessId()) + ".txt";
-  DeleteFileA(record.c_str());
-  constexpr int N = 60;
-  std::vector<int> ports = kt::free_ports(N);
-  for (int i = 0; i < N; i++) {
-    std::string svc = "s" + std::to_string(i);
-    reg.service(svc.c_str(), "\"" + kt::testagent_exe() + "\" -F" + record);
-    reg.port(ports[i], "on", svc.c_str());
-  }
-  ASSERT_TRUE(m.start());
-  // The stop goes out while the service still reports start pending.
-  ASSERT_TRUE(kt::poll(
-      [&] {
-        return m.control(SERVICE_CONTROL_STOP) ||
-               m.status().dwCurrentState != SERVICE_START_PENDING;
-      },
-      10000));
-  std::vector<DWORD> states;
-  kt::poll(
-      [&] {
-        DWORD state = m.status().dwCurrentState;
-        if (states.empty() || states.back() != state) states.push_back(state);
-        return state == SERVICE_STOPPED;
-      },
-      60000);
-  ASSERT_EQ(states.back(), static_cast<DWORD>(SERVICE_STOPPED)) << testing::PrintToString(states);
-  bool pending = false;
-  for (DWORD state : states) {
-    pending |= state == SERVICE_STOP_PENDING;
-    EXPECT_FALSE(pending && state == SERVICE_RUNNING) << testing::PrintToString(states);
-  }
-  ASSERT_TRUE(no_kivd_process());
-  int started = 0;
-  if (FILE *f = fopen(record.c_str(), "rb")) {
-    char line[4096];
-    while (fgets(line, sizeof line, f)) started += strstr(line, " #cmd ") != nullptr;
-    fclose(f);
-  }
-  EXPECT_LT(started, N) << "every agent was started after the stop";
-  DeleteFileA(record.c_str());
-}
-
-TEST_F(Service, FailedInitializeStopsWith1066AndItsCode) {
-  // A console kivd holds both instances of the pipe: the service cannot create its own.
-  kt::kivd console("-D3");
-  ASSERT_TRUE(m.start());
-  ASSERT_TRUE(m.state_is(SERVICE_STOPPED)) << m.status().dwCurrentState;
-  SERVICE_STATUS_PROCESS st = m.status();
-  EXPECT_EQ(st.dwWin32ExitCode, static_cast<DWORD>(ERROR_SERVICE_SPECIFIC_ERROR));
-  EXPECT_EQ(static_cast<int>(st.dwServiceSpecificExitCode), KIV_ESYS);
-}
-
-TEST(PipeSecurity, SystemAndAdministratorsOnly) {
-  kt::registry reg;
-  kt::kivd d("-D3");
-  kt::client c;
-  ASSERT_NE(c.h, INVALID_HANDLE_VALUE);
-  PACL dacl = nullptr;
-  PSECURITY_DESCRIPTOR sd = nullptr;
-  ASSERT_EQ(GetSecurityInfo(c.h, SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr,
-                            &dacl, nullptr, &sd),
-            static_cast<DWORD>(ERROR_SUCCESS));
-  ASSERT_NE(dacl, nullptr);
-  std::vector<std::string> sids;
-  for (DWORD i = 0; i < dacl->AceCount; i++) {
-    ACCESS_ALLOWED_ACE *ace = nullptr;
-    ASSERT_TRUE(GetAce(dacl, i, reinterpret_cast<void **>(&ace)));
-    EXPECT_EQ(ace->Header.AceType, ACCESS_ALLOWED_ACE_TYPE);
-    char *text = nullptr;
-    ConvertSidToStringSidA(&ace->SidStart, &text);
-    sids.push_back(text ? text : "?");
-    LocalFree(text);
-    // Generic read and write, or what they map to for a pipe.
-    EXPECT_TRUE(ace->Mask == 0xC0000000u ||
-                (ace->Mask & (FILE_GENERIC_READ | FILE_GENERIC_WRITE)) ==
-                    (FILE_GENERIC_READ | FILE_GENERIC_WRITE))
-        << std::hex << ace->Mask;
-  }
-  EXPECT_EQ(sids, (std::vector<std::string>{"S-1-5-18", "S-1-5-32-544"}));
-  LocalFree(sd);
-}
-
 TEST(PipeSecurity, TheDescriptorBlock) {
   auto *sd = static_cast<SECURITY_DESCRIPTOR *>(MakePipeSecurity());
   ASSERT_NE(sd, nullptr);
@@ -281,13 +276,216 @@ TEST(PipeSecurity, TheDescriptorBlock) {
   EXPECT_FALSE(defaulted);
   // The access list lives in the same block, right behind the descriptor.
   EXPECT_EQ(reinterpret_cast<char *>(dacl), reinterpret_cast<char *>(sd + 1));
-  EXPECT_EQ(dacl->AceCount, 2);
-  ACCESS_ALLOWED_ACE *ace = nullptr;
-  for (int i = 0; i < 2; i++) {
-    ASSERT_TRUE(GetAce(dacl, i, reinterpret_cast<void **>(&ace)));
-    EXPECT_EQ(ace->Mask, 0xC0000000u);
+  xfree(sd);  // its entries: the console test reads them back from the pipe
+}
+
+// One kivd, its log in a file, with 150 ports of 150 services (150 socket events, then
+// 150 agent processes in the wait, plus die and the pipe's four events), 100 ports of one
+// agent slow to read its pipe, and a few services whose records are replaced. Every agent
+// (the test agent, recording to one file) inherits its own pipe's read end and nothing
+// else of kivd's: its log file, listening sockets, other agents' pipes.
+TEST(Agents, OneKivdOfTwoHundredAgentPorts) {
+  ASSERT_NE(kt::testagent_exe(), "");
+  constexpr int N = 150, SLOW = 100;
+  kt::registry reg;
+  std::string record = temp_file("kivd_agents_");
+  std::string log = record + ".log", gate = record + ".gate";
+  std::string agent = "\"" + kt::testagent_exe() + "\" -F" + record;
+  DeleteFileA(gate.c_str());
+  std::vector<int> ports = kt::free_ports(N + SLOW + 5);
+  std::vector<int> many(ports.begin(), ports.begin() + N);
+  std::vector<int> slow(ports.begin() + N, ports.begin() + N + SLOW);
+  int first = ports[N + SLOW], second = ports[N + SLOW + 1], resting = ports[N + SLOW + 3],
+      held = ports[N + SLOW + 4];
+  for (int i = 0; i < N; i++) {
+    std::string svc = "svc" + std::to_string(i);
+    reg.service(svc.c_str(), agent);
+    reg.port(many[i], "auto", svc.c_str());
   }
-  xfree(sd);
+  reg.service("slow", agent + " -W" + gate);
+  for (int port : slow) reg.port(port, "auto", "slow");
+  reg.service("first", agent);
+  reg.service("second", agent);
+  reg.port(first, "auto", "first");
+  reg.port(second, "auto", "second");
+  reg.port(ports[N + SLOW + 2], "on", "second");  // an agent of its own, and a pipe, first
+  reg.service("one", agent);
+  reg.service("two", agent);
+  reg.service("stays", agent + " -I");  // outlives its closed pipe
+  reg.port(resting, "auto", "one");
+  reg.port(held, "auto", "stays");
+  kt::kivd d("\"-D3;>" + log + "\"");
+  auto logged = [&](const std::string &text, int ms = 20000) {
+    return kt::poll([&] { return occurrences(log, text) > 0; }, ms);
+  };
+  ASSERT_TRUE(
+      kt::poll([&] { return occurrences(log, "Listening on port ") >= N + SLOW + 4; }, 60000));
+  const std::string clean = "#handles listening=0 sockets=0 pipes=0 other=0 own=1";
+  {
+    SCOPED_TRACE("agents started while kivd holds its log, sockets and another agent's pipe");
+    for (int port : {first, second}) {
+      SOCKET s = INVALID_SOCKET;
+      ASSERT_TRUE(kt::poll([&] { return (s = kt::connect_to(port)) != INVALID_SOCKET; }));
+      EXPECT_NE(kt::read_line(s).find(" port " + std::to_string(port)), std::string::npos);
+      closesocket(s);
+    }
+    ASSERT_TRUE(kt::poll([&] { return occurrences(record, "#handles") >= 3; }));
+    EXPECT_EQ(occurrences(record, clean), 3);
+  }
+  kt::client c;
+  {
+    // It holds the start-up lines of all its ports in the pipe meanwhile: kivd writes them
+    // and goes on serving, it does not wait for the agent.
+    SCOPED_TRACE("an agent slow to read its pipe does not stall kivd");
+    SOCKET s = kt::connect_to(slow[0]);
+    ASSERT_NE(s, INVALID_SOCKET);
+    ASSERT_TRUE(logged(" started for port " + std::to_string(slow[0])));
+    EXPECT_EQ(with_agent(c, " slow "), SLOW);
+    CloseHandle(CreateFileA(gate.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    EXPECT_NE(kt::read_line(s, 30000).find(" port " + std::to_string(slow[0])), std::string::npos);
+    closesocket(s);
+  }
+  {
+    // Each port is listed once and served. (A removed record that rests is freed by the
+    // pass whatever its disable: ports_unit_test.cpp, PassRemovals.)
+    SCOPED_TRACE("a record replaced while it rests never comes back beside its successor");
+    // The service changed while the port rests after its agent crashed: the new record is
+    // listened on at once, the timed rest is not its own.
+    SOCKET s = kt::connect_to(resting);
+    ASSERT_NE(kt::read_line(s), "");
+    send(s, "crash\n", 6, 0);
+    closesocket(s);
+    ASSERT_TRUE(logged("Port " + std::to_string(resting) + " disabled for 3 seconds"));
+    reg.port(resting, "auto", "two");
+    ASSERT_EQ(c.command("reconfig"), std::vector<std::string>{"+"});
+    auto now = lines_of(c, resting);
+    ASSERT_EQ(now.size(), 1u) << testing::PrintToString(now);
+    EXPECT_EQ(now[0].find(" Disable="), std::string::npos) << now[0];
+    EXPECT_TRUE(served(resting));
+  }
+  {
+    // The disable holds, and the port is one record once the agent has gone.
+    SCOPED_TRACE("disabled while its agent runs, then a reconfiguration before it ends");
+    SOCKET s = kt::connect_to(held);
+    unsigned pid = 0;
+    ASSERT_EQ(sscanf(kt::read_line(s).c_str(), "agent %u", &pid), 1);
+    ASSERT_EQ(c.command("disable " + std::to_string(held)), std::vector<std::string>{"+"});
+    ASSERT_EQ(c.command("reconfig"), std::vector<std::string>{"+"});
+    send(s, "exit 0\n", 7, 0);
+    closesocket(s);
+    ASSERT_TRUE(logged("Child " + std::to_string(pid) + " died with code 0"));
+    auto now = lines_of(c, held);
+    ASSERT_EQ(now.size(), 1u) << testing::PrintToString(now);
+    EXPECT_NE(now[0].find(" Disable=2038-"), std::string::npos) << now[0];
+    EXPECT_EQ(now[0].find(" Agent="), std::string::npos) << now[0];
+    ASSERT_EQ(c.command("enable " + std::to_string(held)), std::vector<std::string>{"+"});
+    EXPECT_TRUE(served(held));
+  }
+  {
+    SCOPED_TRACE("more than sixty-four handles");
+    std::vector<SOCKET> conns;
+    for (int port : many) {
+      // A launch the system refuses under this load leaves the port off for 3 seconds and
+      // drops the connection; the port must serve the next one.
+      std::string hello;
+      SOCKET s = INVALID_SOCKET;
+      for (int attempt = 0; attempt < 3 && hello.empty(); attempt++) {
+        if (s != INVALID_SOCKET) closesocket(s);
+        kt::poll([&] { return (s = kt::connect_to(port)) != INVALID_SOCKET; }, 10000);
+        hello = kt::read_line(s, 30000);
+      }
+      EXPECT_NE(hello.find(" port " + std::to_string(port)), std::string::npos)
+          << port << ": [" << hello << "]";
+      conns.push_back(s);
+    }
+    EXPECT_EQ(with_agent(c, " svc"), N);
+    // Every agent ends with 0; kivd must see each end and listen on its port again.
+    for (SOCKET s : conns) {
+      send(s, "exit 0\n", 7, 0);
+      closesocket(s);
+    }
+    for (int port : many)
+      EXPECT_TRUE(logged("Listening on port " + std::to_string(port) + " again", 30000)) << port;
+    // And the ports are served again, the last ones of the wait list included.
+    for (int i : {0, 1, 63, 64, 127, N - 2, N - 1}) EXPECT_TRUE(served(many[i], 30000)) << many[i];
+  }
+  c.close();
+  d.quit();
+  EXPECT_EQ(d.exit_code(), 0u);
+  EXPECT_EQ(occurrences(record, clean), occurrences(record, "#handles"));
+  EXPECT_TRUE(DeleteFileA(log.c_str())) << "the log is still held open";
+  DeleteFileA(gate.c_str());
+  DeleteFileA(record.c_str());
+}
+
+TEST(WaitTime, Rules) {
+  const time_t now = 1700000000;
+  struct {
+    time_t due;
+    int seconds;
+  } cases[] = {
+      {now + 3, 4},  // due + 1
+      {now + 10, 11},
+      {now + 1, 2},
+      {now, 6},  // overdue: 5 + 1
+      {now - 100, 6},
+      {now + 86400, 86401},  // the port manager's horizon when nothing is due
+      {now + SSERV_WEEK - 1, SSERV_WEEK},
+      {now + SSERV_WEEK, SSERV_WEEK},  // never longer than a week
+      {now + 400000000, SSERV_WEEK},
+  };
+  for (auto &c : cases) EXPECT_EQ(wait_seconds(c.due, now), c.seconds) << "due in " << c.due - now;
+}
+
+// A set the system cannot wait on (here a closed handle among 100) must neither spin nor
+// hide `die`: the loop then waits on `die` alone for a second at a time.
+TEST(WaitTime, AFailingWaitStillSeesDieAndDoesNotSpin) {
+  std::vector<HANDLE> h(100);
+  for (HANDLE &e : h) e = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  HANDLE closed = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  CloseHandle(closed);
+  h[40] = closed;
+  FILETIME created, ended, kernel0, user0, kernel1, user1;
+  GetThreadTimes(GetCurrentThread(), &created, &ended, &kernel0, &user0);
+  DWORD index = 0;
+  DWORD begin = GetTickCount();
+  EXPECT_EQ(loop_wait(100, h.data(), 2500, &index), 0);
+  EXPECT_EQ(index, MWAIT_TIMEOUT);
+  EXPECT_GE(GetTickCount() - begin, SSERV_RETRY_MS - 50) << "the failing wait was retried at once";
+  GetThreadTimes(GetCurrentThread(), &created, &ended, &kernel1, &user1);
+  auto ms = [](FILETIME a, FILETIME b) {
+    return ((ULONGLONG(b.dwHighDateTime) << 32 | b.dwLowDateTime) -
+            (ULONGLONG(a.dwHighDateTime) << 32 | a.dwLowDateTime)) /
+           10000;
+  };
+  EXPECT_LT(ms(user0, user1) + ms(kernel0, kernel1), 200u) << "busy while waiting";
+  SetEvent(h[99]);  // `die`, the last handle
+  EXPECT_EQ(loop_wait(100, h.data(), 20000, &index), 0);
+  EXPECT_EQ(index, 99u);
+  h[40] = nullptr;
+  for (HANDLE e : h)
+    if (e) CloseHandle(e);
+}
+
+// A stop that arrives before initialize has created `die` is remembered: the loop then
+// ends at its first wait instead of running on (in a child process: the loop holds the
+// fixed pipe name while it runs).
+TEST(EarlyStopDeathTest, AStopBeforeDieExistsEndsTheLoopAtOnce) {
+  EXPECT_EXIT(
+      {
+        // Without the remembered stop the loop would wait a day: give up long before.
+        CreateThread(
+            nullptr, 0,
+            [](void *) -> DWORD {
+              Sleep(20000);
+              ExitProcess(4);
+            },
+            nullptr, 0, nullptr);
+        stop_service();
+        if (initialize() != 0) exit(2);
+        exit(run_service() == 0 ? 7 : 3);
+      },
+      ::testing::ExitedWithCode(7), "");
 }
 
 }  // namespace
