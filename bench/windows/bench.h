@@ -1,11 +1,21 @@
 // What the Windows benchmarks share beyond the test support library: seconds on the
 // performance counter, and the cold launch with nothing but the hand-over.
 #pragma once
+#include <chrono>
 #include <string>
 
 #include "tests/support/support.h"
 
 using namespace kt;
+
+namespace kt {
+// A monotonic clock in milliseconds for measured figures.
+inline double now_ms() {
+  return std::chrono::duration<double, std::milli>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+}  // namespace kt
 
 inline double seconds_now() { return now_ms() / 1e3; }
 

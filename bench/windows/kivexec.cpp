@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/support.h"
+#include "bench/windows/bench.h"
 
 namespace {
 

@@ -4,7 +4,6 @@
 #include <tlhelp32.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
@@ -423,12 +422,6 @@ std::string port_line(int port, const char *service, const char *mode) {
 std::vector<std::string> listed_ports(const std::vector<std::string> &reply) {
   if (reply.size() < 2 || reply.front() != "!" || reply.back() != ".") return {};
   return std::vector<std::string>(reply.begin() + 1, reply.end() - 1);
-}
-
-double now_ms() {
-  return std::chrono::duration<double, std::milli>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
 }
 
 namespace {

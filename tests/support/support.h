@@ -174,7 +174,4 @@ void end_launch(launched *l);
 // Waits up to ms for the process to end; its exit code, or -1 while it still runs.
 long wait_exit(const launched &l, DWORD ms);
 
-// A monotonic clock in milliseconds for measured figures.
-double now_ms();
-
 }  // namespace kt
