@@ -41,7 +41,7 @@ TEST(Conf, ParsesLinesOrGivesTheLineAndTheText) {
       {"time = 12:30\n", "", "1: bad char (=) in name."},
       {"  a\"b = 1\n", "", "1: bad char (\") in name."},
       {":x\n", "", "1: syntax error"},
-      {"  k = \"abc\n", "", "1: missing end quote"},
+      {"  k = \"a\n", "", "1: missing end quote"},  // two characters: the shortest refused
       {"  a..b = 1\n", "", "1: zero length name"},
       {"  = v\n", "", "1: zero length name"},
       // Blank and comment lines count; nothing after the failing line is read.

@@ -128,6 +128,7 @@ TEST_F(Log, SpecItemsAndPrefixDirectives) {
       {"", "1234 [*] ssock_update: "},
       {"12", "1234 [*] ssock_update: ", 1},
       {"3;;;9", "1234 [*] ssock_update: ", 9},
+      {"3;0", "1234 [*] ssock_update: ", 0},
       {"+t", "1234 [*] +00.00 ssock_update: "},
       {"+x;4", "1234 [*] ssock_update: ", 4},
       {"+t;=%l>", "ssock.ssock_update>"},
