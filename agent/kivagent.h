@@ -9,9 +9,11 @@
  * and later "remove tcp::<port>", "exit" and "reconfig". The manager closes the pipe
  * after "remove" of the agent's last port, and when it gives the agent up.
  *
- * Usage: kivagent_start() once at the start of main (call WSAStartup first); serve
- * agent.ports; wait on agent.event along with your own handles and call kivagent_next()
- * whenever it is signalled; kivagent_end() before leaving. C-compatible. */
+ * Usage, the short way: kivagent_serve() does all of it and calls the agent's function for
+ * each connection. The long way, for an agent that runs its own loop: kivagent_start() once
+ * at the start of main (call WSAStartup first); serve agent.ports; wait on agent.event
+ * along with your own handles and call kivagent_next() whenever it is signalled;
+ * kivagent_end() before leaving. C-compatible. */
 #pragma once
 
 #include <winsock2.h>
@@ -100,6 +102,50 @@ int kivagent_listen(unsigned port, unsigned flags, SOCKET *sock);
 /* Closes every socket still in agent->ports, the pipe and the event, and frees what
  * kivagent_start allocated; *agent is cleared. Safe on a cleared record. */
 void kivagent_end(struct kivagent *agent);
+
+/* Serving: the library takes the ports and serves them. */
+
+/* One accepted connection, handed to the agent's function. The library fills it; size is
+ * the size it knows, so a function built against a later header checks size before it
+ * reads a field added later. */
+struct kivagent_client {
+  size_t size;
+  SOCKET sock;                  /* the connection, blocking; the function closes it */
+  unsigned port;                /* the port it came in on */
+  struct sockaddr_storage peer; /* the client's address, peerlen bytes of it */
+  int peerlen;
+  HANDLE stop;   /* manual reset: signalled when the agent ends and the grace is over */
+  void *context; /* the serving's context */
+};
+
+/* What the agent serves with. Set size to sizeof(struct kivagent_serving) and leave the
+ * fields you do not use zero: a field added later is zero in an agent built before it. */
+struct kivagent_serving {
+  size_t size;
+  const char *name; /* starts each line the library writes on standard error */
+  /* Called on a thread of its own for each connection. The client counts as served until
+   * it returns; the lifespan is time without one. */
+  void (*client)(struct kivagent_client *client);
+  void *context;
+  unsigned max;   /* clients at once (0: no limit); past it, connections wait in the backlog */
+  DWORD grace_ms; /* after "exit" or the pipe's end: how long clients may still run */
+  DWORD stop_ms;  /* then how long clients told to stop may take to return */
+};
+
+/* The exit codes kivagent_serve returns. */
+#define KIVAGENT_EXIT_DONE 0    /* "exit", the pipe's end, the lifespan spent without clients */
+#define KIVAGENT_EXIT_NOPORT 1  /* no port could be served: the manager opens new sockets */
+#define KIVAGENT_EXIT_STARTUP 2 /* no start-up, or a serving record the library does not know */
+
+/* Reads the start-up as kivagent_start does and serves every port: a handed-over socket as
+ * it came, an "on" port by listening on it (kivagent_listen), each port with a thread of
+ * its own that accepts. Follows the commands: "remove" closes that port (its clients are
+ * served to their end); "exit" and the pipe's end close every port, give clients grace_ms
+ * to return, then signal their stop and wait stop_ms more; "reconfig" changes nothing.
+ * Ends by itself after lifespan seconds without a client. Garbled lines are written to
+ * standard error and otherwise ignored. Returns the agent's exit code (KIVAGENT_EXIT_*);
+ * clients still running are left to the end of the process. */
+int kivagent_serve(int argc, char **argv, const struct kivagent_serving *serving);
 
 #ifdef __cplusplus
 }

@@ -136,16 +136,9 @@ bool parse(int argc, char **argv) {
   return true;
 }
 
-// What runs, under `lock`: programs, connections per address, and since when nothing
-// ran (GetTickCount64).
+// Connections served at once per address, under `lock`.
 CRITICAL_SECTION lock;
-unsigned running;
-ULONGLONG idle_since;
 std::map<std::string, unsigned> per_address;
-std::vector<HANDLE> processes;  // of running programs, for the end of the grace
-HANDLE slots;                   // semaphore of --max free places
-HANDLE stopping;                // manual reset: accept nothing more
-HANDLE changed;                 // auto reset: a program ended, the lifespan is reckoned again
 
 // The environment every program gets: kivexec's own without the connection's names,
 // sorted as the system expects; each connection adds its five names.
@@ -190,50 +183,16 @@ std::string environment_for(SOCKET s) {
   return block;
 }
 
-std::string remote_address(SOCKET s) {
-  sockaddr_storage a;
-  int size = sizeof a;
+std::string remote_address(const kivagent_client *client) {
   char host[NI_MAXHOST];
-  if (getpeername(s, reinterpret_cast<sockaddr *>(&a), &size) != 0 ||
-      getnameinfo(reinterpret_cast<sockaddr *>(&a), size, host, sizeof host, nullptr, 0,
-                  NI_NUMERICHOST) != 0)
+  if (getnameinfo(reinterpret_cast<const sockaddr *>(&client->peer), client->peerlen, host,
+                  sizeof host, nullptr, 0, NI_NUMERICHOST) != 0)
     return "?";
   return host;
 }
 
-// A program's end: its place and its address's count are given back.
-void program_ended(HANDLE process, const std::string &address) {
-  EnterCriticalSection(&lock);
-  processes.erase(std::remove(processes.begin(), processes.end(), process), processes.end());
-  running--;
-  if (address.size() && --per_address[address] == 0) per_address.erase(address);
-  idle_since = GetTickCount64();
-  LeaveCriticalSection(&lock);
-  ReleaseSemaphore(slots, 1, nullptr);
-  SetEvent(changed);
-}
-
-struct started {
-  HANDLE process;
-  std::string address;
-};
-
-// Waits for one program, ending it when its time is up. The process handle is closed here.
-DWORD WINAPI watch(void *arg) {
-  auto *p = static_cast<started *>(arg);
-  if (WaitForSingleObject(p->process, opt.timeout_ms) == WAIT_TIMEOUT) {
-    fprintf(stderr, "kivexec: %s ran longer than %lu s: ended\n", opt.program.c_str(),
-            static_cast<unsigned long>(opt.timeout_ms / 1000));
-    TerminateProcess(p->process, 1);
-    WaitForSingleObject(p->process, INFINITE);
-  }
-  program_ended(p->process, p->address);
-  CloseHandle(p->process);
-  delete p;
-  return 0;
-}
-
 // Starts the program for connection c and closes kivexec's copy of c, whatever happens.
+// Returns the program's process, or null when it could not be started.
 //
 // The connection itself is the program's standard input and output: a socket made
 // without overlapped I/O by the system's base provider is a handle the program reads and
@@ -242,7 +201,7 @@ DWORD WINAPI watch(void *arg) {
 // sockets so, and an accepted socket takes the listening socket's kind. No relay thread
 // stands between client and program, and kivexec holds nothing of the connection once
 // the program runs.
-void start_program(SOCKET c, const std::string &address) {
+HANDLE start_program(SOCKET c) {
   HANDLE h = reinterpret_cast<HANDLE>(c);
   HANDLE err = opt.stderr_too ? h : GetStdHandle(STD_ERROR_HANDLE);
   HANDLE inherit[2] = {h, err};
@@ -279,175 +238,55 @@ void start_program(SOCKET c, const std::string &address) {
   closesocket(c);
   if (!ok) {
     fprintf(stderr, "kivexec: cannot start %s: error %lu\n", opt.program.c_str(), error);
-    program_ended(nullptr, address);
-    return;
+    return nullptr;
   }
   CloseHandle(pi.hThread);
+  return pi.hProcess;
+}
+
+// One connection: refused past --per-ip, else its program, ended past --timeout or when
+// the grace after "exit" is over.
+void serve(kivagent_client *client) {
+  std::string address = remote_address(client);
   EnterCriticalSection(&lock);
-  processes.push_back(pi.hProcess);
+  bool over = opt.per_ip && per_address[address] >= opt.per_ip;
+  if (!over) per_address[address]++;
   LeaveCriticalSection(&lock);
-  HANDLE t = CreateThread(nullptr, 64 * 1024, watch, new started{pi.hProcess, address},
-                          STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
-  if (t) {
-    CloseHandle(t);
-  } else {
-    // Nobody could watch it: it runs without its time limit, and its place is given back.
-    program_ended(pi.hProcess, address);
-    CloseHandle(pi.hProcess);
+  if (over) {
+    fprintf(stderr, "kivexec: %s has %u connections already (--per-ip %u): closed\n",
+            address.c_str(), opt.per_ip, opt.per_ip);
+    closesocket(client->sock);
+    return;
   }
-}
-
-struct server {
-  unsigned port;
-  SOCKET sock;
-  volatile LONG stopping;  // set before the main thread closes sock under the port's thread
-  HANDLE thread;
-};
-
-// One port: a free place first, then a connection. While every place is taken nothing
-// is accepted, so further connections wait in the socket's backlog.
-DWORD WINAPI accept_loop(void *arg) {
-  auto *sv = static_cast<server *>(arg);
-  for (;;) {
-    HANDLE wait[2] = {stopping, slots};
-    if (WaitForMultipleObjects(2, wait, FALSE, INFINITE) != WAIT_OBJECT_0 + 1) break;
-    // The port may have been removed while this thread waited for a place: its socket is
-    // closed, and the number may already name another socket.
-    if (sv->stopping) {
-      ReleaseSemaphore(slots, 1, nullptr);
-      break;
+  if (HANDLE process = start_program(client->sock)) {
+    HANDLE wait[2] = {process, client->stop};
+    DWORD w = WaitForMultipleObjects(2, wait, FALSE, opt.timeout_ms);
+    if (w == WAIT_TIMEOUT)
+      fprintf(stderr, "kivexec: %s ran longer than %lu s: ended\n", opt.program.c_str(),
+              static_cast<unsigned long>(opt.timeout_ms / 1000));
+    if (w != WAIT_OBJECT_0) {
+      TerminateProcess(process, 1);
+      WaitForSingleObject(process, INFINITE);
     }
-    SOCKET c = accept(sv->sock, nullptr, nullptr);
-    if (c == INVALID_SOCKET) {
-      ReleaseSemaphore(slots, 1, nullptr);
-      // Closing the socket is how the main thread ends a blocked accept.
-      if (sv->stopping) break;
-      // A failure that lasts (out of sockets or memory) must not make the loop spin.
-      if (WSAGetLastError() != WSAECONNRESET) WaitForSingleObject(stopping, 100);
-      continue;
-    }
-    std::string address = remote_address(c);
-    EnterCriticalSection(&lock);
-    idle_since = GetTickCount64();
-    bool over = opt.per_ip && per_address[address] >= opt.per_ip;
-    if (!over) {
-      per_address[address]++;
-      running++;
-    } else if (per_address[address] == 0) {
-      per_address.erase(address);
-    }
-    LeaveCriticalSection(&lock);
-    if (over) {
-      fprintf(stderr, "kivexec: %s has %u connections already (--per-ip %u): closed\n",
-              address.c_str(), opt.per_ip, opt.per_ip);
-      closesocket(c);
-      ReleaseSemaphore(slots, 1, nullptr);
-      continue;
-    }
-    start_program(c, address);
-  }
-  return 0;
-}
-
-void stop_server(kivagent *agent, server *sv) {
-  InterlockedExchange(&sv->stopping, 1);
-  kivagent_drop(agent, sv->port);
-  if (sv->thread) CloseHandle(sv->thread);
-  sv->thread = nullptr;
-  sv->port = 0;
-}
-
-// After "exit": running programs may finish for the grace; those left are ended.
-void finish_programs() {
-  ULONGLONG deadline = GetTickCount64() + opt.grace_ms;
-  for (;;) {
-    EnterCriticalSection(&lock);
-    unsigned left = running;
-    LeaveCriticalSection(&lock);
-    ULONGLONG now = GetTickCount64();
-    if (left == 0 || now >= deadline) break;
-    WaitForSingleObject(changed, static_cast<DWORD>(deadline - now));
+    CloseHandle(process);
   }
   EnterCriticalSection(&lock);
-  for (HANDLE p : processes) TerminateProcess(p, 1);
+  if (--per_address[address] == 0) per_address.erase(address);
   LeaveCriticalSection(&lock);
-  // Their watchers give their places back; wait for that so the programs are gone.
-  for (int i = 0; i < 100; i++) {
-    EnterCriticalSection(&lock);
-    unsigned left = running;
-    LeaveCriticalSection(&lock);
-    if (left == 0) break;
-    WaitForSingleObject(changed, 100);
-  }
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
   if (!parse(argc, argv)) return 2;
-  WSADATA wsa;
-  if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return 2;
   InitializeCriticalSection(&lock);
-  slots =
-      CreateSemaphoreA(nullptr, static_cast<LONG>(opt.max), static_cast<LONG>(opt.max), nullptr);
-  stopping = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-  changed = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-  if (!slots || !stopping || !changed) return 2;
   read_environment();
-
-  kivagent agent;
-  int r = kivagent_start(&agent, argc, argv, KIVAGENT_BLOCKING);
-  if (r != 0) {
-    fprintf(stderr, "kivexec: no start-up from the port manager (%d)\n", r);
-    kivagent_end(&agent);
-    return r == KIVAGENT_EOF ? 0 : 2;
-  }
-  idle_since = GetTickCount64();
-  std::vector<server> servers(agent.nports);
-  unsigned serving = 0;
-  for (unsigned i = 0; i < agent.nports; i++) {
-    kivagent_port *p = &agent.ports[i];
-    if (p->sock == INVALID_SOCKET && kivagent_listen(p->port, KIVAGENT_BLOCKING, &p->sock) != 0) {
-      fprintf(stderr, "kivexec: cannot listen on port %u (%d)\n", p->port, WSAGetLastError());
-      continue;
-    }
-    servers[i].port = p->port;
-    servers[i].sock = p->sock;
-    servers[i].thread = CreateThread(nullptr, 64 * 1024, accept_loop, &servers[i],
-                                     STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
-    if (servers[i].thread) serving++;
-  }
-  int code = serving ? 0 : 1;
-  bool done = !serving;
-  while (!done) {
-    DWORD timeout = INFINITE;
-    EnterCriticalSection(&lock);
-    if (running == 0) {
-      ULONGLONG idle = GetTickCount64() - idle_since, life = agent.lifespan * 1000ull;
-      timeout = idle >= life ? 0 : static_cast<DWORD>(std::min<ULONGLONG>(life - idle, 0xFFFFFFFE));
-    }
-    LeaveCriticalSection(&lock);
-    if (timeout == 0) break;
-    HANDLE wait[2] = {agent.event, changed};
-    DWORD w = WaitForMultipleObjects(2, wait, FALSE, timeout);
-    if (w == WAIT_FAILED) break;
-    if (w != WAIT_OBJECT_0) continue;  // a program ended or time passed: reckon again
-    kivagent_event ev;
-    while (!done && kivagent_next(&agent, &ev)) {
-      if (ev.kind == KIVAGENT_REMOVE) {
-        for (auto &sv : servers)
-          if (sv.port == ev.port) stop_server(&agent, &sv);
-      } else if (ev.kind == KIVAGENT_EXIT || ev.kind == KIVAGENT_CLOSED) {
-        done = true;
-      } else if (ev.kind == KIVAGENT_ERROR) {
-        fprintf(stderr, "kivexec: line ignored (%d): %s\n", ev.code, ev.line);
-      }  // "reconfig": nothing kivexec serves depends on the configuration
-    }
-  }
-  SetEvent(stopping);
-  for (auto &sv : servers) InterlockedExchange(&sv.stopping, 1);
-  kivagent_end(&agent);  // closes the listening sockets: no accept is left waiting
-  finish_programs();
-  fflush(stderr);
-  ExitProcess(static_cast<UINT>(code));
+  kivagent_serving serving = {};
+  serving.size = sizeof serving;
+  serving.name = "kivexec";
+  serving.client = serve;
+  serving.max = opt.max;
+  serving.grace_ms = opt.grace_ms;
+  serving.stop_ms = 10000;  // for the ended programs to be gone before kivexec is
+  ExitProcess(static_cast<UINT>(kivagent_serve(argc, argv, &serving)));
 }

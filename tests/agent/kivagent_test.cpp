@@ -163,25 +163,22 @@ TEST(KivAgent, StartUpThenCommandsAsEvents) {
     EXPECT_EQ(0, kivagent_next(&a, &ev)) << c.line;
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(a.event, 0)) << "event left set after " << c.line;
   }
-  // Many commands pending before the agent asks, arriving while it takes some: every one
-  // kept, in order, as the queue grows (ports from 1 up, none of them the agent's).
-  auto removes = [&](unsigned from, unsigned to) {
-    std::string text;
-    for (unsigned port = from; port <= to; port++)
-      text += "remove tcp::" + std::to_string(port) + "\r\n";
-    DWORD put;
-    ASSERT_TRUE(WriteFile(f.wr, text.data(), DWORD(text.size()), &put, nullptr));
-  };
-  removes(1, 10);
-  for (unsigned port = 1; port <= 50; port++) {
-    if (port == 6) removes(11, 50);
+  // A reconfiguration that removes twenty ports at once, once the queue's head has moved:
+  // every one kept, in order, as the queue grows. The filler behind them is more than the
+  // pipe holds, so the write returns only after the reader queued the twenty.
+  std::string text;
+  for (unsigned port = 1; port <= 20; port++) text += "remove tcp::" + std::to_string(port) + "\r\n";
+  for (int i = 0; i < 7000; i++) text += "reconfig\r\n";
+  DWORD put;
+  ASSERT_TRUE(WriteFile(f.wr, text.data(), DWORD(text.size()), &put, nullptr));
+  for (unsigned port = 1; port <= 20; port++) {
     ev = next_event(&a);
     ASSERT_EQ(KIVAGENT_REMOVE, ev.kind) << port;
     EXPECT_EQ(port, ev.port);
   }
+  for (int i = 0; i < 7000; i++) ASSERT_EQ(KIVAGENT_RECONFIG, next_event(&a).kind) << i;
   EXPECT_EQ(0, kivagent_next(&a, &ev));
   // An empty write, a line without CR, several lines in one write, the end of the pipe.
-  DWORD put;
   ASSERT_TRUE(WriteFile(f.wr, "", 0, &put, nullptr));
   ASSERT_TRUE(WriteFile(f.wr, "reconfig\nexit\r\n", 15, &put, nullptr));
   f.close();

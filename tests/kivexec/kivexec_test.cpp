@@ -59,7 +59,7 @@ TEST(Kivexec, ServesLimitsAndEnds) {
   kt::registry reg;
   int port = kt::free_port(), other = kt::free_port(), err = kt::free_port(),
       quiet = kt::free_port();
-  configure(reg, "exec", port, "", UPCASE + " env");
+  configure(reg, "exec", port, "--timeout 0", UPCASE + " env");
   configure(reg, "hold", other, "", UPCASE + " handles");
   configure(reg, "err", err, "--stderr", UPCASE + " stderr");
   configure(reg, "quiet", quiet, "", UPCASE + " stderr");
@@ -74,7 +74,7 @@ TEST(Kivexec, ServesLimitsAndEnds) {
       brief = kt::free_port();
   configure(reg, "brief", brief, "", UPCASE);
   reg.set("services\\brief", "lifespan", "1");
-  configure(reg, "hang", hang, "--grace 1", UPCASE + " hang");
+  configure(reg, "hang", hang, "--grace 10", UPCASE);
   configure(reg, "solo", solo, "--grace 1", UPCASE + " hang");
   configure(reg, "none", missing, "", "C:\\no\\such\\program.exe");
   {
@@ -139,6 +139,7 @@ TEST(Kivexec, ServesLimitsAndEnds) {
     shutdown(kept, SD_SEND);
     EXPECT_EQ(read_all(kept), "AEND\n");
     closesocket(kept);
+    EXPECT_TRUE(kt::poll([&] { return ask(ip_port, "c") == "CEND\n"; })) << "place not given back";
 
     ULONGLONG begin = GetTickCount64();
     EXPECT_EQ(ask(time_port, "late"), "");
@@ -163,6 +164,14 @@ TEST(Kivexec, ServesLimitsAndEnds) {
     EXPECT_TRUE(kt::poll(brief_idle));
     EXPECT_EQ(ask(brief, "b"), "BEND\n");
     EXPECT_EQ(c.command("disable " + std::to_string(hang)), std::vector<std::string>{"+"});
+    // Once kivexec listens no more, its program still has the grace to finish.
+    EXPECT_TRUE(kt::poll([&] {
+      SOCKET s = kt::connect_to(hang);
+      closesocket(s);
+      return s == INVALID_SOCKET;
+    }));
+    shutdown(open[0], SD_SEND);
+    EXPECT_EQ(read_all(open[0]), "END\n");
     EXPECT_TRUE(kt::poll([] { return kt::processes_named("upcase.exe") == 1; }));
 
     for (int i = 0; i < 2; i++) EXPECT_EQ(ask(missing, "x"), "") << i;

@@ -6,6 +6,7 @@
 //   stderr   first "to stderr" on its standard error
 //   hang     nothing at all: it never ends by itself (ended after a minute, so that a
 //            failed test leaves nothing behind)
+// Any further argument is written first, one a line: the tests pass none.
 #include <cctype>
 #include <string>
 
@@ -23,6 +24,7 @@ void put(const std::string &text) {
 
 int main(int argc, char **argv) {
   std::string mode = argc > 1 ? argv[1] : "";
+  for (int i = 2; i < argc; i++) put(std::string(argv[i]) + "\n");
   if (mode == "hang") {
     Sleep(60000);
     return 3;
