@@ -8,6 +8,7 @@
 #include "lib/wire.h"
 #include "ports/internal.h"
 #include "toolkit/config/info.h"
+#include "toolkit/runtime/error.h"
 
 int servnode_cb(const char *path, const char *value, void *) {
   KIV_LOG(4, "ssock.servnode_cb", "%s = %s", path, value);
@@ -70,7 +71,8 @@ int startnode_cb(const char *path, const char *value, void *) {
   size_t namelength = length - PREFIXLEN - SUFFIXLEN;
   char name[PATH_SIZE];
   if (namelength >= sizeof name) {
-    KIV_LOG(1, TAG, "Prog name too long: %.40s...", path + PREFIXLEN);
+    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ECONFIG, "Prog name too long: %.40s...",
+                 path + PREFIXLEN);
     return 0;
   }
   memcpy(name, path + PREFIXLEN, namelength);

@@ -75,7 +75,7 @@ service_record *addservice(const char *name) {
   // A name whose paths would not fit in their buffers is refused before a record exists.
   if (service_path(description, name, ".description") != 0 ||
       service_path(program, name, ".program") != 0) {
-    KIV_LOG(1, TAG, "Service name too long: %.40s...", name);
+    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ECONFIG, "Service name too long: %.40s...", name);
     return nullptr;
   }
   service_record *s = find_service(name);
@@ -138,7 +138,7 @@ prog_record *addprog(const char *name) {
   char path[PATH_SIZE];
   int n = xsnprintf(path, sizeof path, ".global.start.%s.program", name);
   if (n < 0 || n >= PATH_SIZE) {
-    KIV_LOG(1, TAG, "Prog name too long: %.40s...", name);
+    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ECONFIG, "Prog name too long: %.40s...", name);
     return nullptr;
   }
   prog_record *g = find_prog(name);

@@ -119,20 +119,23 @@ void secure_registration() {
         (registered[length] == '\0' || registered[length] == ' ')) {
       int fit = xsnprintf(cmdline, sizeof cmdline, "\"%s\"%s", exe, registered + length);
       if (fit < 0 || fit >= static_cast<int>(sizeof cmdline))
-        KIV_LOG(1, tag, "Service path left unquoted: too long");
+        kiv_logerror(nullptr, tag, KIV_SEV_WARNING, KIV_EOVERFLOW,
+                     "Service path left unquoted: too long");
       else if (ChangeServiceConfigA(service.get(), SERVICE_NO_CHANGE, SERVICE_NO_CHANGE,
                                     SERVICE_NO_CHANGE, cmdline, nullptr, nullptr, nullptr, nullptr,
                                     nullptr, nullptr))
         KIV_LOG(1, tag, "Service path quoted: %s", cmdline);
       else
-        KIV_LOG(1, tag, "ChangeServiceConfig() error %d", static_cast<int>(GetLastError()));
+        kiv_logerror(nullptr, tag, KIV_SEV_WARNING, KIV_ESYS, "ChangeServiceConfig() error %d",
+                     static_cast<int>(GetLastError()));
     }
   }
   if (QueryServiceConfig2A(service.get(), SERVICE_CONFIG_FAILURE_ACTIONS,
                            reinterpret_cast<BYTE *>(&answer), sizeof answer, &need) &&
       answer.failure.cActions == 0 && !set_recovery(service.get()))
-    KIV_LOG(1, tag, "Failed to set the service's description and recovery. Error %d",
-            static_cast<int>(GetLastError()));
+    kiv_logerror(nullptr, tag, KIV_SEV_WARNING, KIV_ESYS,
+                 "Failed to set the service's description and recovery. Error %d",
+                 static_cast<int>(GetLastError()));
 }
 
 int install(SC_HANDLE manager, const char *debugspec) {
@@ -356,8 +359,9 @@ int loop_wait(DWORD count, HANDLE *handles, DWORD timeout, DWORD *index) {
     return p;
   }
   if (!failing)
-    KIV_LOG(1, tag, "Wait on %d handles failed [%d]: serving stop and the pipe alone",
-            static_cast<int>(count), static_cast<int>(GetLastError()));
+    kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ESYS,
+                 "Wait on %d handles failed [%d]: serving stop and the pipe alone",
+                 static_cast<int>(count), static_cast<int>(GetLastError()));
   failing = true;
   // `die` and the pipe still work while the whole set cannot be waited on; the whole set
   // is tried again a second later, never at once.

@@ -154,6 +154,18 @@ TEST(Npipe, OneServerAndItsClients) {
     EXPECT_EQ(npipe_state(q - 1), NPIPE_LISTEN);
     EXPECT_EQ(npipe_write(q, "+", 1), KIV_ENOTREADY);
   }
+  {
+    // Short replies reach the count of queued messages long before their bytes reach the
+    // byte bound.
+    SCOPED_TRACE("a client that never reads is hung up on by the count of its replies");
+    client c;
+    int p = accept_client(c);
+    ASSERT_GE(p, 1);
+    int rc = 0;
+    for (int i = 0; i < 2 * NPIPE_QUEUE_MESSAGES && rc == 0; i++) rc = npipe_write(p, "+", 1);
+    EXPECT_EQ(rc, KIV_EOVERFLOW);
+    EXPECT_EQ(npipe_state(p - 1), NPIPE_LISTEN);
+  }
   SCOPED_TRACE("two clients at once and the status line");
   client a;
   int pa = accept_client(a);

@@ -5,6 +5,7 @@
 #include <thread>
 #include <vector>
 
+#include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/mwait.h"
 
 namespace {
@@ -134,6 +135,25 @@ TEST(Mwait, WaitAll) {
           << count << " without " << missing;
     }
   }
+}
+
+// Beyond 64 handles the groups share one limit: a group that starts with part of it spent
+// waits only the rest. Each reading of the tick moves it by 1.65 s, so the third group
+// finds 50 ms left; its last handle, a timer, fires 1.5 s later: a group that waited a
+// whole limit of its own, or a limit counted from its own start, would see it.
+TEST(Mwait, WaitAllGroupsShareOneLimit) {
+  static uint32_t tick;
+  events ev(2 * MAXIMUM_WAIT_OBJECTS + 1);
+  for (HANDLE e : ev.h) SetEvent(e);
+  HANDLE timer = CreateWaitableTimerA(nullptr, TRUE, nullptr);
+  LARGE_INTEGER due;
+  due.QuadPart = -15000000;
+  ASSERT_TRUE(SetWaitableTimer(timer, &due, 0, nullptr, nullptr, FALSE));
+  std::swap(timer, ev.h.back());
+  kiv_setclock(nullptr, [] { return tick += 1650; });
+  EXPECT_EQ(ev.wait_all(5000), MWAIT_TIMEOUT);
+  kiv_setclock(nullptr, nullptr);
+  CloseHandle(timer);
 }
 
 }  // namespace
