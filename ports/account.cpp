@@ -36,7 +36,13 @@ HANDLE service_logon(int kind, WELL_KNOWN_SID_TYPE type, const char *tag) {
     wcscpy(domain, L"NT AUTHORITY");
   }
   HANDLE token = nullptr;
-  if (!LogonUserW(user, domain, nullptr, LOGON32_LOGON_SERVICE, LOGON32_PROVIDER_DEFAULT, &token)) {
+  TOKEN_TYPE token_type;
+  DWORD size = 0;
+  // A logon that succeeds with a handle that is no token (a stub of the logon) starts
+  // nothing; such a handle is not closed either, since it may name nothing at all.
+  if (!LogonUserW(user, domain, nullptr, LOGON32_LOGON_SERVICE, LOGON32_PROVIDER_DEFAULT,
+                  &token) ||
+      !GetTokenInformation(token, TokenType, &token_type, sizeof token_type, &size)) {
     kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ESYS, "LogonUser(%s) failed %d",
                  ACCOUNT_NAMES[kind], static_cast<int>(GetLastError()));
     return nullptr;
@@ -46,34 +52,42 @@ HANDLE service_logon(int kind, WELL_KNOWN_SID_TYPE type, const char *tag) {
 
 // kivd's own token with the administrators group for deny only (it can refuse access,
 // never grant it), no privilege but SeChangeNotifyPrivilege, at medium integrity. The user
-// stays kivd's own.
+// stays kivd's own. The privileges go by name, read from kivd's token, rather than by
+// DISABLE_MAX_PRIVILEGE: the same token results, and every system honours the list.
 HANDLE restricted_token(const char *tag) {
   scoped_handle own, restricted;
   known_sid admins(WinBuiltinAdministratorsSid), medium(WinMediumLabelSid);
   SID_AND_ATTRIBUTES deny = {admins.get(), 0};
   TOKEN_MANDATORY_LABEL label = {{medium.get(), SE_GROUP_INTEGRITY}};
+  alignas(8) BYTE buffer[4096];  // a token holds some 36 privileges at most: 12 bytes each
+  auto *privileges = reinterpret_cast<TOKEN_PRIVILEGES *>(buffer);
+  LUID notify = {};
+  DWORD size = 0, removed = 0;
   const char *step = "OpenProcessToken";
   bool ok = OpenProcessToken(GetCurrentProcess(),
                              TOKEN_DUPLICATE | TOKEN_QUERY | TOKEN_ASSIGN_PRIMARY |
                                  TOKEN_ADJUST_DEFAULT,
                              own.put());
   if (ok) {
+    step = "GetTokenInformation";
+    ok = GetTokenInformation(own.get(), TokenPrivileges, buffer, sizeof buffer, &size) &&
+         LookupPrivilegeValueA(nullptr, "SeChangeNotifyPrivilege", &notify);
+  }
+  if (ok) {
+    // The list is compacted in place to the privileges that go.
+    for (DWORD i = 0; i < privileges->PrivilegeCount; i++) {
+      const LUID &luid = privileges->Privileges[i].Luid;
+      if (luid.LowPart != notify.LowPart || luid.HighPart != notify.HighPart)
+        privileges->Privileges[removed++] = privileges->Privileges[i];
+    }
     step = "CreateRestrictedToken";
-    ok = CreateRestrictedToken(own.get(), DISABLE_MAX_PRIVILEGE, 1, &deny, 0, nullptr, 0, nullptr,
+    ok = CreateRestrictedToken(own.get(), 0, 1, &deny, removed, privileges->Privileges, 0, nullptr,
                                restricted.put());
   }
   if (ok) {
     step = "SetTokenInformation";
     ok = SetTokenInformation(restricted.get(), TokenIntegrityLevel, &label,
                              sizeof label + GetLengthSid(medium.get()));
-  }
-  // The administrators group is the default owner of an elevated or system token; objects
-  // the process creates are owned by its user instead.
-  alignas(8) BYTE user[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
-  DWORD size = 0;
-  if (ok && GetTokenInformation(restricted.get(), TokenUser, user, sizeof user, &size)) {
-    TOKEN_OWNER owner = {reinterpret_cast<TOKEN_USER *>(user)->User.Sid};
-    ok = SetTokenInformation(restricted.get(), TokenOwner, &owner, sizeof owner);
   }
   if (!ok) {
     kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ESYS, "%s() failed %d", step,
