@@ -40,8 +40,7 @@ HANDLE service_logon(int kind, WELL_KNOWN_SID_TYPE type, const char *tag) {
   DWORD size = 0;
   // A logon that succeeds with a handle that is no token (a stub of the logon) starts
   // nothing; such a handle is not closed either, since it may name nothing at all.
-  if (!LogonUserW(user, domain, nullptr, LOGON32_LOGON_SERVICE, LOGON32_PROVIDER_DEFAULT,
-                  &token) ||
+  if (!LogonUserW(user, domain, nullptr, LOGON32_LOGON_SERVICE, LOGON32_PROVIDER_DEFAULT, &token) ||
       !GetTokenInformation(token, TokenType, &token_type, sizeof token_type, &size)) {
     kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ESYS, "LogonUser(%s) failed %d",
                  ACCOUNT_NAMES[kind], static_cast<int>(GetLastError()));
@@ -64,10 +63,9 @@ HANDLE restricted_token(const char *tag) {
   LUID notify = {};
   DWORD size = 0, removed = 0;
   const char *step = "OpenProcessToken";
-  bool ok = OpenProcessToken(GetCurrentProcess(),
-                             TOKEN_DUPLICATE | TOKEN_QUERY | TOKEN_ASSIGN_PRIMARY |
-                                 TOKEN_ADJUST_DEFAULT,
-                             own.put());
+  bool ok = OpenProcessToken(
+      GetCurrentProcess(),
+      TOKEN_DUPLICATE | TOKEN_QUERY | TOKEN_ASSIGN_PRIMARY | TOKEN_ADJUST_DEFAULT, own.put());
   if (ok) {
     step = "GetTokenInformation";
     ok = GetTokenInformation(own.get(), TokenPrivileges, buffer, sizeof buffer, &size) &&

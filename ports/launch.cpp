@@ -113,9 +113,7 @@ struct agent_startup {
   DWORD flags() const { return listed ? EXTENDED_STARTUPINFO_PRESENT : 0; }
 };
 
-bool limited(const job_limits &limits) {
-  return limits.memory || limits.processes || limits.cpu;
-}
+bool limited(const job_limits &limits) { return limits.memory || limits.processes || limits.cpu; }
 
 // Starts line as `account` in a job of its own with `limits`, the job in *job; every
 // failure is reported, a failed CreateProcess naming application and `shown`. Created
@@ -135,12 +133,11 @@ int run_in_job(const char *application, char *line, const char *shown, int accou
   char own_session[] = "";
   if (token.valid()) startup->lpDesktop = own_session;
   flags |= CREATE_SUSPENDED;
-  bool started =
-      token.valid()
-          ? CreateProcessAsUserA(token.get(), application, line, nullptr, nullptr, inherit, flags,
-                                 nullptr, nullptr, startup, info)
-          : CreateProcessA(application, line, nullptr, nullptr, inherit, flags, nullptr, nullptr,
-                           startup, info);
+  bool started = token.valid()
+                     ? CreateProcessAsUserA(token.get(), application, line, nullptr, nullptr,
+                                            inherit, flags, nullptr, nullptr, startup, info)
+                     : CreateProcessA(application, line, nullptr, nullptr, inherit, flags, nullptr,
+                                      nullptr, startup, info);
   startup->lpDesktop = nullptr;
   if (!started) {
     kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ESYS, "CreateProcess(%s,%s) failed %d",
@@ -148,7 +145,8 @@ int run_in_job(const char *application, char *line, const char *shown, int accou
     return KIV_ESYS;
   }
   scoped_handle j;
-  bool joined = job_create(limits, j.put(), tag) == 0 && AssignProcessToJobObject(j.get(), info->hProcess);
+  bool joined =
+      job_create(limits, j.put(), tag) == 0 && AssignProcessToJobObject(j.get(), info->hProcess);
   if (!joined) {
     DWORD error = GetLastError();
     if (limited(limits)) {
@@ -205,9 +203,8 @@ int start_agent(port_record *p) {
   char fixed[CMDLINE_SIZE];
   char *line = agent_command_line(svc->program, kiv_logspec(), p->extra_args, fixed);
   auto *c = static_cast<child_record *>(kiv_zalloc(sizeof(child_record), TAG));
-  int rc = line && c
-               ? start_child(nullptr, line, agent_pipe_size(p), svc->account, svc->limits, c)
-               : KIV_ENOMEM;
+  int rc = line && c ? start_child(nullptr, line, agent_pipe_size(p), svc->account, svc->limits, c)
+                     : KIV_ENOMEM;
   if (line != fixed) xfree(line);
   if (rc != 0) {
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, rc, "Failed to start agent for service %s. Code = %d",

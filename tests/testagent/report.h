@@ -44,8 +44,9 @@ inline std::vector<std::string> self_report() {
   HANDLE token = nullptr;
   OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token);
   std::vector<char> user = token_info(token, TokenUser);
-  lines.push_back("user " + (user.empty() ? std::string("?")
-                                          : sid_text(reinterpret_cast<TOKEN_USER *>(user.data())->User.Sid)));
+  lines.push_back("user " +
+                  (user.empty() ? std::string("?")
+                                : sid_text(reinterpret_cast<TOKEN_USER *>(user.data())->User.Sid)));
   BYTE admins[SECURITY_MAX_SID_SIZE];
   DWORD size = sizeof admins;
   CreateWellKnownSid(WinBuiltinAdministratorsSid, nullptr, admins, &size);
@@ -77,10 +78,11 @@ inline std::vector<std::string> self_report() {
   for (const auto &n : names) list += (list.empty() ? "" : ",") + n;
   lines.push_back("privileges " + list);
   std::vector<char> label = token_info(token, TokenIntegrityLevel);
-  lines.push_back("integrity " +
-                  (label.empty() ? std::string("?")
-                                 : sid_text(reinterpret_cast<TOKEN_MANDATORY_LABEL *>(label.data())
-                                                ->Label.Sid)));
+  lines.push_back(
+      "integrity " +
+      (label.empty()
+           ? std::string("?")
+           : sid_text(reinterpret_cast<TOKEN_MANDATORY_LABEL *>(label.data())->Label.Sid)));
   CloseHandle(token);
   // A null job handle names the job this process is in.
   JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
@@ -89,8 +91,8 @@ inline std::vector<std::string> self_report() {
   BOOL in = FALSE;
   IsProcessInJob(GetCurrentProcess(), nullptr, &in);
   int n = snprintf(job, sizeof job, "job in=%d ", in != FALSE);
-  if (!QueryInformationJobObject(nullptr, JobObjectExtendedLimitInformation, &limits,
-                                 sizeof limits, nullptr)) {
+  if (!QueryInformationJobObject(nullptr, JobObjectExtendedLimitInformation, &limits, sizeof limits,
+                                 nullptr)) {
     snprintf(job + n, sizeof job - n, "unreadable %lu", GetLastError());
   } else {
     if (!QueryInformationJobObject(nullptr, JobObjectCpuRateControlInformation, &rate, sizeof rate,
@@ -98,14 +100,15 @@ inline std::vector<std::string> self_report() {
         !(rate.ControlFlags & JOB_OBJECT_CPU_RATE_CONTROL_ENABLE))
       rate = {};
     DWORD flags = limits.BasicLimitInformation.LimitFlags;
-    snprintf(job + n, sizeof job - n, "kill=%d memory=%llu processes=%lu cpu=%lu hardcap=%d",
-             (flags & JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE) != 0,
-             (flags & JOB_OBJECT_LIMIT_JOB_MEMORY) ? (unsigned long long)limits.JobMemoryLimit : 0ull,
-             (flags & JOB_OBJECT_LIMIT_ACTIVE_PROCESS)
-                 ? static_cast<unsigned long>(limits.BasicLimitInformation.ActiveProcessLimit)
-                 : 0ul,
-             static_cast<unsigned long>(rate.CpuRate),
-             (rate.ControlFlags & JOB_OBJECT_CPU_RATE_CONTROL_HARD_CAP) != 0);
+    snprintf(
+        job + n, sizeof job - n, "kill=%d memory=%llu processes=%lu cpu=%lu hardcap=%d",
+        (flags & JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE) != 0,
+        (flags & JOB_OBJECT_LIMIT_JOB_MEMORY) ? (unsigned long long)limits.JobMemoryLimit : 0ull,
+        (flags & JOB_OBJECT_LIMIT_ACTIVE_PROCESS)
+            ? static_cast<unsigned long>(limits.BasicLimitInformation.ActiveProcessLimit)
+            : 0ul,
+        static_cast<unsigned long>(rate.CpuRate),
+        (rate.ControlFlags & JOB_OBJECT_CPU_RATE_CONTROL_HARD_CAP) != 0);
   }
   lines.push_back(job);
   return lines;

@@ -11,8 +11,8 @@
 //   -C<0x..>  the read end of the agent pipe, as the manager appends it
 //   -D<spec>  the manager's debug spec (recorded with the command line only)
 //   -W<path>  read nothing from the pipe until the file <path> exists (a slow agent)
-//   -R[port]  report what it runs with (tests/testagent/report.h): to each client after
-//             the greeting, then "."; without a pipe (a global program), once to a client
+//   -R[port]  report what it runs with (tests/testagent/report.h) and the "#handles" line:
+//             to each client after the greeting, then "."; without a pipe (a global program), once to a client
 //             connection it makes to 127.0.0.1:<port>
 // Record lines it writes itself start with "#": "#cmd <command line>", "#handles
 // listening=L sockets=S pipes=P other=X own=O" (what it inherited), "#socket <port> ok|failed <e>"
@@ -48,6 +48,7 @@ constexpr DWORD LIFETIME_MS = 90000;
 HANDLE record_file = INVALID_HANDLE_VALUE;
 bool ignore_exit = false;
 bool reports = false;
+std::string inherited;  // the "#handles" line
 CRITICAL_SECTION lock;
 std::vector<unsigned> removals;  // ports the pipe thread asked the main loop to drop
 
@@ -149,7 +150,7 @@ void serve(unsigned port, SOCKET sock) {
       "agent " + std::to_string(GetCurrentProcessId()) + " port " + std::to_string(port) + "\r\n";
   if (reports) {
     for (const auto &line : self_report()) hello += line + "\r\n";
-    hello += ".\r\n";
+    hello += inherited + "\r\n.\r\n";
   }
   send(client, hello.data(), int(hello.size()), 0);
   DWORD timeout = 3000;
@@ -184,7 +185,7 @@ int main(int argc, char **argv) {
   WSADATA wsa;
   WSAStartup(MAKEWORD(2, 2), &wsa);
   // Scanned before this process opens anything of its own.
-  std::string inherited = scan_handles(pipe);
+  inherited = scan_handles(pipe);
   if (file)
     record_file =
         CreateFileA(file, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
@@ -202,7 +203,7 @@ int main(int argc, char **argv) {
     if (connect(s, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) {
       std::string text;
       for (const auto &line : self_report()) text += line + "\r\n";
-      text += ".\r\n";
+      text += inherited + "\r\n.\r\n";
       send(s, text.data(), int(text.size()), 0);
     }
     closesocket(s);
