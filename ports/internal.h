@@ -10,6 +10,7 @@
 #include <ctime>
 
 #include "ports/ssock.h"
+#include "ports/util.h"
 #include "toolkit/runtime/log.h"
 
 // Start modes; the listing names them through START_NAMES.
@@ -83,6 +84,8 @@ struct service_record {
   int refs;
   int starts;           // launches counted in the current period
   time_t period_start;  // 0 before the first launch
+  int account;          // ACCOUNT_* its agents run as
+  job_limits limits;    // of each agent's job
   service_record *next;
 };
 
@@ -96,6 +99,9 @@ struct prog_record {
   time_t period_start;
   HANDLE process;  // the running process, or null
   DWORD pid;
+  int account;        // ACCOUNT_* it runs as
+  job_limits limits;  // of its job
+  HANDLE job;         // holds the running process and what it starts; closed at its end
   prog_record *next;
 };
 
@@ -105,6 +111,7 @@ struct child_record {
   HANDLE pipe;  // the manager's write end of the agent pipe; null once closed
   int links;    // port records whose agent this is
   int listed;   // 0, 1, 2 while the wait list is built
+  HANDLE job;   // holds the agent and what it starts; closing it ends them
 };
 
 // Module state (ports/records.cpp).
@@ -157,11 +164,12 @@ int startnode_cb(const char *path, const char *value, void *arg);
 // Launching (launch.cpp).
 // 0, KIV_ECONFIG, KIV_EINVAL (throttled), KIV_ESYS, KIV_ENOMEM.
 int start_agent(port_record *p);
-// Starts command_line plus " -C<read end>"; the new process inherits the read end of a
-// fresh pipe of pipe_size bytes (and the standard handles, nothing else); the write end
-// goes to *pipe. 0, KIV_ESYS, KIV_ENOMEM.
-int start_child(const char *application, const char *command_line, DWORD pipe_size, HANDLE *process,
-                DWORD *pid, HANDLE *pipe);
+// Starts command_line plus " -C<read end>" as `account`, in a job of its own with `limits`;
+// the new process inherits the read end of a fresh pipe of pipe_size bytes (and the
+// standard handles, nothing else). c gets the process, its id, the pipe's write end and
+// the job. 0, KIV_ESYS, KIV_ENOMEM.
+int start_child(const char *application, const char *command_line, DWORD pipe_size, int account,
+                const job_limits &limits, child_record *c);
 int start_prog(prog_record *pg);  // 0, KIV_EINVAL (throttled), KIV_ESYS
 // Writes one agent command and CR LF; nothing once the child's pipe is closed.
 void sendcmd(child_record *c, const char *format, ...) KIV_PRINTF(2, 3);

@@ -113,33 +113,57 @@ struct agent_startup {
   DWORD flags() const { return listed ? EXTENDED_STARTUPINFO_PRESENT : 0; }
 };
 
-// The job every agent and global program joins: it ends them when kivd ends, however
-// kivd ends, so a restarted kivd finds its ports free. Made at the first start; the
-// system closes it with the process.
-HANDLE agent_job() {
-  static HANDLE job;
-  if (!job) {
-    job = CreateJobObjectA(nullptr, nullptr);
-    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
-    limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
-    if (job &&
-        !SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits)) {
-      CloseHandle(job);
-      job = nullptr;
-    }
-  }
-  return job;
-}
+bool limited(const job_limits &limits) { return limits.memory || limits.processes || limits.cpu; }
 
-// Puts a process created suspended into the job, then lets it run: joining before its
-// first instruction means whatever it starts joins too. A process that cannot join (a
-// system without nested jobs, when kivd runs in a job itself) still runs, reported.
-void join_job_and_run(const PROCESS_INFORMATION &info, const char *tag) {
-  HANDLE job = agent_job();
-  if (!job || !AssignProcessToJobObject(job, info.hProcess))
+// Starts line as `account` in a job of its own with `limits`, the job in *job; every
+// failure is reported, a failed CreateProcess naming application and `shown`. Created
+// suspended, the process joins its job before its first instruction, so whatever it
+// starts joins too; the job ends them all when kivd closes it, however kivd ends. A
+// process that cannot join (a system without nested jobs, when kivd runs in a job itself)
+// still runs, reported, unless it has limits: it never runs without them.
+// Processes of another account get the window station and desktop of their own logon
+// session (an empty desktop name; the system makes them as it does for services of that
+// account): kivd's station and desktop stay closed to them and no access list changes.
+int run_in_job(const char *application, char *line, const char *shown, int account,
+               const job_limits &limits, BOOL inherit, DWORD flags, STARTUPINFOA *startup,
+               PROCESS_INFORMATION *info, HANDLE *job, const char *tag) {
+  *job = nullptr;
+  scoped_handle token;
+  if (int rc = account_token(account, token.put(), tag)) return rc;
+  char own_session[] = "";
+  if (token.valid()) startup->lpDesktop = own_session;
+  flags |= CREATE_SUSPENDED;
+  bool started = token.valid()
+                     ? CreateProcessAsUserA(token.get(), application, line, nullptr, nullptr,
+                                            inherit, flags, nullptr, nullptr, startup, info)
+                     : CreateProcessA(application, line, nullptr, nullptr, inherit, flags, nullptr,
+                                      nullptr, startup, info);
+  startup->lpDesktop = nullptr;
+  if (!started) {
+    kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ESYS, "CreateProcess(%s,%s) failed %d",
+                 application, shown, static_cast<int>(GetLastError()));
+    return KIV_ESYS;
+  }
+  scoped_handle j;
+  bool joined =
+      job_create(limits, j.put(), tag) == 0 && AssignProcessToJobObject(j.get(), info->hProcess);
+  if (!joined) {
+    DWORD error = GetLastError();
+    if (limited(limits)) {
+      kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ESYS, "Process %d not started: no job [%d]",
+                   static_cast<int>(info->dwProcessId), static_cast<int>(error));
+      TerminateProcess(info->hProcess, 1);
+      CloseHandle(info->hThread);
+      CloseHandle(info->hProcess);
+      return KIV_ESYS;
+    }
     kiv_logerror(nullptr, tag, KIV_SEV_WARNING, KIV_ESYS, "Process %d runs outside kivd's job [%d]",
-                 static_cast<int>(info.dwProcessId), static_cast<int>(GetLastError()));
-  ResumeThread(info.hThread);
+                 static_cast<int>(info->dwProcessId), static_cast<int>(error));
+  }
+  ResumeThread(info->hThread);
+  CloseHandle(info->hThread);
+  *job = joined ? j.release() : nullptr;
+  return 0;
 }
 
 }  // namespace
@@ -179,9 +203,8 @@ int start_agent(port_record *p) {
   char fixed[CMDLINE_SIZE];
   char *line = agent_command_line(svc->program, kiv_logspec(), p->extra_args, fixed);
   auto *c = static_cast<child_record *>(kiv_zalloc(sizeof(child_record), TAG));
-  int rc = line && c
-               ? start_child(nullptr, line, agent_pipe_size(p), &c->process, &c->pid, &c->pipe)
-               : KIV_ENOMEM;
+  int rc = line && c ? start_child(nullptr, line, agent_pipe_size(p), svc->account, svc->limits, c)
+                     : KIV_ENOMEM;
   if (line != fixed) xfree(line);
   if (rc != 0) {
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, rc, "Failed to start agent for service %s. Code = %d",
@@ -232,19 +255,20 @@ int start_agent(port_record *p) {
   return 0;
 }
 
-int start_child(const char *application, const char *command_line, DWORD pipe_size, HANDLE *process,
-                DWORD *pid, HANDLE *pipe) {
+int start_child(const char *application, const char *command_line, DWORD pipe_size, int account,
+                const job_limits &limits, child_record *c) {
   static const char TAG[] = "ssock.start_child";
-  *pipe = nullptr;
-  *process = nullptr;
-  *pid = 0;
+  c->pipe = nullptr;
+  c->process = nullptr;
+  c->pid = 0;
+  c->job = nullptr;
   size_t length = strlen(command_line) + 20;  // " -C0x" and eight digits, and the zero
   auto *line = static_cast<char *>(kiv_alloc(static_cast<unsigned>(length), TAG));
   if (!line) return KIV_ENOMEM;
   scoped_handle read, write;
   HANDLE inheritable = nullptr;
   PROCESS_INFORMATION info = {};
-  bool started = false;
+  int rc = KIV_ESYS;
   if (!CreatePipe(read.put(), write.put(), nullptr, pipe_size)) {
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "CreatePipe() failed %d",
                  static_cast<int>(GetLastError()));
@@ -260,22 +284,16 @@ int start_child(const char *application, const char *command_line, DWORD pipe_si
     xsnprintf(line, static_cast<unsigned>(length), "%s -C%#x", command_line,
               static_cast<unsigned>(reinterpret_cast<uintptr_t>(inheritable)));
     agent_startup startup(inheritable);
-    started = CreateProcessA(application, line, nullptr, nullptr, TRUE,
-                             startup.flags() | CREATE_SUSPENDED, nullptr, nullptr,
-                             &startup.info.StartupInfo, &info);
-    if (!started)
-      kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "CreateProcess(%s,%s) failed %d",
-                   application, command_line, static_cast<int>(GetLastError()));
+    rc = run_in_job(application, line, command_line, account, limits, TRUE, startup.flags(),
+                    &startup.info.StartupInfo, &info, &c->job, TAG);
   }
   // The read end now lives on in the agent alone.
   read.reset();
   xfree(line);
-  if (!started) return KIV_ESYS;
-  join_job_and_run(info, TAG);
-  CloseHandle(info.hThread);
-  *process = info.hProcess;
-  *pid = info.dwProcessId;
-  *pipe = write.release();
+  if (rc != 0) return rc;
+  c->process = info.hProcess;
+  c->pid = info.dwProcessId;
+  c->pipe = write.release();
   return 0;
 }
 
@@ -291,17 +309,14 @@ int start_prog(prog_record *pg) {
   STARTUPINFOA startup = {};
   startup.cb = sizeof startup;
   PROCESS_INFORMATION info = {};
-  BOOL started = line && CreateProcessA(nullptr, line, nullptr, nullptr, FALSE, CREATE_SUSPENDED,
-                                        nullptr, nullptr, &startup, &info);
-  DWORD error = line ? GetLastError() : ERROR_INVALID_PARAMETER;
-  xfree(line);
-  if (!started) {
+  int rc = line ? run_in_job(nullptr, line, pg->program, pg->account, pg->limits, FALSE, 0,
+                             &startup, &info, &pg->job, TAG)
+                : KIV_ESYS;
+  if (!line)
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "CreateProcess(%s) failed %d", pg->program,
-                 static_cast<int>(error));
-    return KIV_ESYS;
-  }
-  join_job_and_run(info, TAG);
-  CloseHandle(info.hThread);
+                 static_cast<int>(ERROR_INVALID_PARAMETER));
+  xfree(line);
+  if (rc != 0) return rc;
   pg->process = info.hProcess;
   pg->pid = info.dwProcessId;
   KIV_LOG(3, TAG, "Started pid %d: %s", static_cast<int>(pg->pid), pg->program);

@@ -175,6 +175,7 @@ void free_service(service_record *s) {
 
 void free_prog(prog_record *g) {
   if (g->process) CloseHandle(g->process);
+  if (g->job) CloseHandle(g->job);
   xfree(g->name);
   xfree(g->program);
   xfree(g);
@@ -183,5 +184,6 @@ void free_prog(prog_record *g) {
 void free_child(child_record *c) {
   if (c->process) CloseHandle(c->process);
   if (c->pipe) CloseHandle(c->pipe);
+  if (c->job) CloseHandle(c->job);
   xfree(c);
 }

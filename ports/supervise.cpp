@@ -262,6 +262,9 @@ int process_event(unsigned index, HANDLE h) {
             static_cast<unsigned>(code));
     CloseHandle(g->process);
     g->process = nullptr;
+    // What the program left running ends with it.
+    if (g->job) CloseHandle(g->job);
+    g->job = nullptr;
     if (code >= EXIT_EXCEPTION) {
       g->flags |= PROG_DISABLED;
       g->until = kiv_time() + PROG_DISABLE_CRASHED;

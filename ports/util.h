@@ -1,6 +1,9 @@
-// Listening sockets that the port manager can hand to agent processes.
+// Listening sockets that the port manager can hand to agent processes, and what its
+// processes start with: the account whose token they get and the job that holds them.
 #pragma once
 #include <winsock2.h>
+// winsock2.h first: windows.h would otherwise bring the old winsock.h.
+#include <windows.h>
 
 #include <cstdint>
 
@@ -12,3 +15,30 @@ int listen_on(uint16_t port, SOCKET *out);
 // type and protocol; INVALID_SOCKET with the Winsock last error set to the reason
 // (WSAENOBUFS, WSAEPROTONOSUPPORT or WSASocketW's own).
 SOCKET non_lsp_socket(int family, int type, int protocol);
+
+// Accounts an agent or a global program runs as (the `account` value).
+constexpr int ACCOUNT_SYSTEM = 0;          // kivd's own token
+constexpr int ACCOUNT_LOCALSERVICE = 1;    // service logon of NT AUTHORITY\LocalService
+constexpr int ACCOUNT_NETWORKSERVICE = 2;  // service logon of NT AUTHORITY\NetworkService
+constexpr int ACCOUNT_RESTRICTED = 3;      // kivd's own token filtered
+constexpr int ACCOUNT_KINDS = 4;
+extern const char *const ACCOUNT_NAMES[ACCOUNT_KINDS];  // "system", "LocalService", ...
+
+// The account named by text in any letter case: 0 and the kind in *kind, or KIV_EINVAL
+// for anything else (a null text too), with *kind left at ACCOUNT_SYSTEM. The caller
+// refuses the value: it never stands for the system account.
+int account_parse(const char *text, int *kind);
+// A primary token for the kind, to be closed by the caller: null for ACCOUNT_SYSTEM
+// (the process starts with kivd's own). 0, KIV_EINVAL for an unknown kind, or KIV_ESYS
+// (reported under tag).
+int account_token(int kind, HANDLE *token, const char *tag);
+
+// What a job lets its processes use together; 0 is no limit.
+struct job_limits {
+  unsigned memory;     // megabytes they may commit together
+  unsigned processes;  // processes alive in the job at once, the agent included
+  unsigned cpu;        // percent of the machine, hard cap (1 to 100)
+};
+// A new job that ends its processes when its last handle closes, with the limits. 0 and
+// the job in *job (the caller closes it), or KIV_ESYS (reported under tag).
+int job_create(const job_limits &limits, HANDLE *job, const char *tag);

@@ -11,6 +11,9 @@
 //   -C<0x..>  the read end of the agent pipe, as the manager appends it
 //   -D<spec>  the manager's debug spec (recorded with the command line only)
 //   -W<path>  read nothing from the pipe until the file <path> exists (a slow agent)
+//   -R[port]  report what it runs with (tests/testagent/report.h) and the "#handles" line:
+//             to each client after the greeting, then "."; without a pipe (a global program), once to a client
+//             connection it makes to 127.0.0.1:<port>
 // Record lines it writes itself start with "#": "#cmd <command line>", "#handles
 // listening=L sockets=S pipes=P other=X own=O" (what it inherited), "#socket <port> ok|failed <e>"
 // (a handed-over socket rebuilt), "#listen <port> ok|failed <e>" (an "on" port),
@@ -36,6 +39,7 @@
 #include "lib/b64.h"
 #include "lib/wire.h"
 #include "tests/testagent/handles.h"
+#include "tests/testagent/report.h"
 
 namespace {
 
@@ -43,6 +47,8 @@ constexpr DWORD LIFETIME_MS = 90000;
 
 HANDLE record_file = INVALID_HANDLE_VALUE;
 bool ignore_exit = false;
+bool reports = false;
+std::string inherited;  // the "#handles" line
 CRITICAL_SECTION lock;
 std::vector<unsigned> removals;  // ports the pipe thread asked the main loop to drop
 
@@ -142,6 +148,10 @@ void serve(unsigned port, SOCKET sock) {
   if (client == INVALID_SOCKET) return;
   std::string hello =
       "agent " + std::to_string(GetCurrentProcessId()) + " port " + std::to_string(port) + "\r\n";
+  if (reports) {
+    for (const auto &line : self_report()) hello += line + "\r\n";
+    hello += inherited + "\r\n.\r\n";
+  }
   send(client, hello.data(), int(hello.size()), 0);
   DWORD timeout = 3000;
   setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char *>(&timeout), sizeof timeout);
@@ -170,11 +180,12 @@ int main(int argc, char **argv) {
     if (argv[i][0] == '-' && argv[i][1] > 0) opt[int(argv[i][1])] = argv[i] + 2;
   const char *file = opt['F'], *gate = opt['W'];
   ignore_exit = opt['I'];
+  reports = opt['R'];
   pipe = reinterpret_cast<HANDLE>(uintptr_t(opt['C'] ? strtoull(opt['C'], nullptr, 16) : 0));
   WSADATA wsa;
   WSAStartup(MAKEWORD(2, 2), &wsa);
   // Scanned before this process opens anything of its own.
-  std::string inherited = scan_handles(pipe);
+  inherited = scan_handles(pipe);
   if (file)
     record_file =
         CreateFileA(file, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
@@ -183,6 +194,20 @@ int main(int argc, char **argv) {
   record(inherited);
   if (opt['V']) crash();
   if (opt['Q']) ExitProcess(0);
+  if (!pipe && reports && *opt['R']) {
+    SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(u_short(atoi(opt['R'])));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(s, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) {
+      std::string text;
+      for (const auto &line : self_report()) text += line + "\r\n";
+      text += inherited + "\r\n.\r\n";
+      send(s, text.data(), int(text.size()), 0);
+    }
+    closesocket(s);
+  }
   if (!pipe) {  // a global program or a hooking process: lives until killed
     Sleep(LIFETIME_MS);
     ExitProcess(0);

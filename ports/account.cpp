@@ -1,0 +1,163 @@
+// The accounts agents and global programs run as, and the jobs that hold them.
+#include <cstring>
+
+#include "lib/strcase.h"
+#include "ports/util.h"
+#include "toolkit/runtime/error.h"
+#include "toolkit/runtime/log.h"
+#include "toolkit/runtime/scoped_win.h"
+
+const char *const ACCOUNT_NAMES[ACCOUNT_KINDS] = {"system", "LocalService", "NetworkService",
+                                                  "restricted"};
+
+namespace {
+
+// A well-known SID in a buffer of the largest SID's size.
+struct known_sid {
+  alignas(8) BYTE sid[SECURITY_MAX_SID_SIZE];
+  explicit known_sid(WELL_KNOWN_SID_TYPE type) {
+    DWORD size = sizeof sid;
+    if (!CreateWellKnownSid(type, nullptr, sid, &size)) memset(sid, 0, sizeof sid);
+  }
+  PSID get() { return sid; }
+};
+
+// A service logon of the built-in account: no password, the system keeps the account's
+// secret. The names are looked up from the account's SID, since systems in other
+// languages name them differently.
+HANDLE service_logon(int kind, WELL_KNOWN_SID_TYPE type, const char *tag) {
+  known_sid account(type);
+  wchar_t user[64], domain[64];
+  DWORD user_size = 64, domain_size = 64;
+  SID_NAME_USE use;
+  if (!LookupAccountSidW(nullptr, account.get(), user, &user_size, domain, &domain_size, &use)) {
+    const char *name = ACCOUNT_NAMES[kind];  // ASCII
+    for (size_t i = 0; i <= strlen(name); i++) user[i] = static_cast<wchar_t>(name[i]);
+    wcscpy(domain, L"NT AUTHORITY");
+  }
+  HANDLE token = nullptr;
+  TOKEN_TYPE token_type;
+  DWORD size = 0;
+  // A logon that succeeds with a handle that is no token (a stub of the logon) starts
+  // nothing; such a handle is not closed either, since it may name nothing at all.
+  if (!LogonUserW(user, domain, nullptr, LOGON32_LOGON_SERVICE, LOGON32_PROVIDER_DEFAULT, &token) ||
+      !GetTokenInformation(token, TokenType, &token_type, sizeof token_type, &size)) {
+    kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ESYS, "LogonUser(%s) failed %d",
+                 ACCOUNT_NAMES[kind], static_cast<int>(GetLastError()));
+    return nullptr;
+  }
+  return token;
+}
+
+// kivd's own token with the administrators group for deny only (it can refuse access,
+// never grant it), no privilege but SeChangeNotifyPrivilege, at medium integrity. The user
+// stays kivd's own. The privileges go by name, read from kivd's token, rather than by
+// DISABLE_MAX_PRIVILEGE: the same token results, and every system honours the list.
+HANDLE restricted_token(const char *tag) {
+  scoped_handle own, restricted;
+  known_sid admins(WinBuiltinAdministratorsSid), medium(WinMediumLabelSid);
+  SID_AND_ATTRIBUTES deny = {admins.get(), 0};
+  TOKEN_MANDATORY_LABEL label = {{medium.get(), SE_GROUP_INTEGRITY}};
+  alignas(8) BYTE buffer[4096];  // a token holds some 36 privileges at most: 12 bytes each
+  auto *privileges = reinterpret_cast<TOKEN_PRIVILEGES *>(buffer);
+  LUID notify = {};
+  DWORD size = 0, removed = 0;
+  const char *step = "OpenProcessToken";
+  bool ok = OpenProcessToken(
+      GetCurrentProcess(),
+      TOKEN_DUPLICATE | TOKEN_QUERY | TOKEN_ASSIGN_PRIMARY | TOKEN_ADJUST_DEFAULT, own.put());
+  if (ok) {
+    step = "GetTokenInformation";
+    ok = GetTokenInformation(own.get(), TokenPrivileges, buffer, sizeof buffer, &size) &&
+         LookupPrivilegeValueA(nullptr, "SeChangeNotifyPrivilege", &notify);
+  }
+  if (ok) {
+    // The list is compacted in place to the privileges that go.
+    for (DWORD i = 0; i < privileges->PrivilegeCount; i++) {
+      const LUID &luid = privileges->Privileges[i].Luid;
+      if (luid.LowPart != notify.LowPart || luid.HighPart != notify.HighPart)
+        privileges->Privileges[removed++] = privileges->Privileges[i];
+    }
+    step = "CreateRestrictedToken";
+    ok = CreateRestrictedToken(own.get(), 0, 1, &deny, removed, privileges->Privileges, 0, nullptr,
+                               restricted.put());
+  }
+  if (ok) {
+    step = "SetTokenInformation";
+    ok = SetTokenInformation(restricted.get(), TokenIntegrityLevel, &label,
+                             sizeof label + GetLengthSid(medium.get()));
+  }
+  if (!ok) {
+    kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ESYS, "%s() failed %d", step,
+                 static_cast<int>(GetLastError()));
+    return nullptr;
+  }
+  return restricted.release();
+}
+
+}  // namespace
+
+int account_parse(const char *text, int *kind) {
+  *kind = ACCOUNT_SYSTEM;
+  for (int k = 0; text && k < ACCOUNT_KINDS; k++)
+    if (xstrncasecmp(text, ACCOUNT_NAMES[k], strlen(ACCOUNT_NAMES[k]) + 1) == 0) {
+      *kind = k;
+      return 0;
+    }
+  return KIV_EINVAL;
+}
+
+int account_token(int kind, HANDLE *token, const char *tag) {
+  *token = nullptr;
+  switch (kind) {
+    case ACCOUNT_SYSTEM:
+      return 0;
+    case ACCOUNT_LOCALSERVICE:
+      *token = service_logon(kind, WinLocalServiceSid, tag);
+      break;
+    case ACCOUNT_NETWORKSERVICE:
+      *token = service_logon(kind, WinNetworkServiceSid, tag);
+      break;
+    case ACCOUNT_RESTRICTED:
+      *token = restricted_token(tag);
+      break;
+    default:
+      return KIV_EINVAL;
+  }
+  return *token ? 0 : KIV_ESYS;
+}
+
+int job_create(const job_limits &limits, HANDLE *job, const char *tag) {
+  *job = nullptr;
+  scoped_handle j(CreateJobObjectA(nullptr, nullptr));
+  JOBOBJECT_EXTENDED_LIMIT_INFORMATION extended = {};
+  JOBOBJECT_BASIC_LIMIT_INFORMATION &basic = extended.BasicLimitInformation;
+  basic.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+  if (limits.memory) {
+    basic.LimitFlags |= JOB_OBJECT_LIMIT_JOB_MEMORY;
+    extended.JobMemoryLimit = static_cast<SIZE_T>(limits.memory) << 20;
+  }
+  if (limits.processes) {
+    basic.LimitFlags |= JOB_OBJECT_LIMIT_ACTIVE_PROCESS;
+    basic.ActiveProcessLimit = limits.processes;
+  }
+  JOBOBJECT_CPU_RATE_CONTROL_INFORMATION rate = {};
+  rate.ControlFlags = JOB_OBJECT_CPU_RATE_CONTROL_ENABLE | JOB_OBJECT_CPU_RATE_CONTROL_HARD_CAP;
+  rate.CpuRate = limits.cpu * 100;  // in hundredths of a percent
+  const char *step = "CreateJobObject";
+  bool ok = j.valid();
+  if (ok) {
+    step = "SetInformationJobObject";
+    ok = SetInformationJobObject(j.get(), JobObjectExtendedLimitInformation, &extended,
+                                 sizeof extended) &&
+         (!limits.cpu ||
+          SetInformationJobObject(j.get(), JobObjectCpuRateControlInformation, &rate, sizeof rate));
+  }
+  if (!ok) {
+    kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ESYS, "%s() failed %d", step,
+                 static_cast<int>(GetLastError()));
+    return KIV_ESYS;
+  }
+  *job = j.release();
+  return 0;
+}
