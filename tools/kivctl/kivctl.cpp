@@ -130,8 +130,8 @@ int status(output mode) {
            installed ? json_string(state_name(state)).c_str() : "null",
            answering ? "true" : "false", answering && pid ? std::to_string(pid).c_str() : "null");
     if (answering)
-      printf("{\"total\":%d,\"idle\":%d,\"serving\":%d,\"disabled\":%d,\"hooked\":%d}}\n",
-             n.total, n.idle, n.serving, n.disabled, n.hooked);
+      printf("{\"total\":%d,\"idle\":%d,\"serving\":%d,\"disabled\":%d,\"hooked\":%d}}\n", n.total,
+             n.idle, n.serving, n.disabled, n.hooked);
     else
       printf("null}\n");
     return 0;
