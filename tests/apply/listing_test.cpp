@@ -8,20 +8,20 @@
 
 namespace {
 
-const char FOREVER[] = "2038-01-19_03:14";
-
 // Each line read into its fields, shown as the table people read (a column as wide as its
-// longest entry, the state in words) and as the JSON scripts read.
+// longest entry, the state in words), as the JSON scripts read and as status counts it.
+// The disable command's mark is the largest time in kivd's zone, east or west.
 TEST(Listing, LinesBecomeTheTableAndJson) {
   std::vector<listed_port> ports;
   for (const char *line : {" 7007  echo          Auto", "   25  mail          On Agent=412",
                            "65534  a-much-longer-name   Auto Agent=9", " 7008  two words     Auto",
                            " 7009  say \"hi\"\\     Hook Parent=77 Agent=78",
                            " 7010  echo          Auto Disable=2026-11-24_22:10",
-                           " 7011  echo          Auto Disable=2038-01-19_03:14",
-                           " 7012  echo          On Disable=2038-01-19_03:14 Agent=5"}) {
+                           " 7011  echo          Auto Disable=2038-01-19_17:14",
+                           " 7012  echo          On Disable=2038-01-18_03:14 Agent=5",
+                           " 7013  echo          Auto Disable=2038-01-20_03:15"}) {
     ports.emplace_back();
-    ASSERT_TRUE(parse_listing_line(line, FOREVER, &ports.back())) << line;
+    ASSERT_TRUE(parse_listing_line(line, &ports.back())) << line;
   }
   EXPECT_EQ(listing_table(ports),
             "PORT   SERVICE             MODE  STATE\n"
@@ -32,7 +32,8 @@ TEST(Listing, LinesBecomeTheTableAndJson) {
             " 7009  say \"hi\"\\           hook  serving (pid 78), hooked by pid 77\n"
             " 7010  echo                auto  disabled until 2026-11-24 22:10\n"
             " 7011  echo                auto  disabled until enabled\n"
-            " 7012  echo                on    disabled until enabled\n");
+            " 7012  echo                on    disabled until enabled\n"
+            " 7013  echo                auto  disabled until 2038-01-20 03:15\n");
   EXPECT_EQ(listing_table({}), "PORT   SERVICE  MODE  STATE\n");
   // For scripts: every field in every record, null where there is none.
   EXPECT_EQ(
@@ -44,6 +45,9 @@ TEST(Listing, LinesBecomeTheTableAndJson) {
       " {\"port\":7012,\"service\":\"echo\",\"mode\":\"on\",\"state\":\"disabled\",\"agent\":"
       "5,\"parent\":null,\"disabled_until\":null,\"until_enabled\":true}]");
   EXPECT_EQ(listing_json({}), "[]");
+  port_counts n = count_ports(ports);
+  EXPECT_EQ(std::vector<int>({n.total, n.idle, n.serving, n.disabled, n.hooked}),
+            std::vector<int>({9, 2, 3, 4, 1}));
   EXPECT_EQ(reply_json("+"), "{\"ok\":true}");
   EXPECT_EQ(reply_json("-Failed with code -4"), "{\"ok\":false,\"error\":\"Failed with code -4\"}");
   EXPECT_EQ(reply_json("-\x01 odd"), "{\"ok\":false,\"error\":\"\\u0001 odd\"}");
@@ -51,7 +55,7 @@ TEST(Listing, LinesBecomeTheTableAndJson) {
                           " 7007  echo          Sometimes", " 7007  echo          Auto Agent=x",
                           "    0  echo          Auto", "Auto"}) {
     listed_port p;
-    EXPECT_FALSE(parse_listing_line(bad, FOREVER, &p)) << '"' << bad << '"';
+    EXPECT_FALSE(parse_listing_line(bad, &p)) << '"' << bad << '"';
   }
 }
 

@@ -137,9 +137,9 @@ TEST(Console, RepliesOverThePipeAndThroughKivctl) {
       {"--raw add -p 7 -- \"two words\" x", "-Failed with code -24\n", "", 1},
       {"--raw \"\"", "", "", 0},  // an empty command gets no reply: nothing is sent
       {"--raw quit", "", "", 0},
-      // For people: no framing, a table, errors on standard error.
+      // For people: no framing, a table (ls in any case), errors on standard error.
       {"update", "", "", 0},
-      {"ls", "PORT   SERVICE  MODE  STATE\n" + std::string(number) + "  svc      auto  idle\n", "",
+      {"LS", "PORT   SERVICE  MODE  STATE\n" + std::string(number) + "  svc      auto  idle\n", "",
        0},
       {"info", "My UserName: " + kt::user_name() + "\n", "", 0},
       {"remove 7", "", "kivctl: Failed with code -4\n", 1},
@@ -154,7 +154,7 @@ TEST(Console, RepliesOverThePipeAndThroughKivctl) {
        "", 0},
       {"--json status", status, "", 0},
       // For scripts: JSON (the listing's fields: listing_test.cpp).
-      {"--json ls",
+      {"--json Ls",
        "[{\"port\":" + a +
            ",\"service\":\"svc\",\"mode\":\"auto\",\"state\":\"idle\",\"agent\":null,"
            "\"parent\":null,\"disabled_until\":null,\"until_enabled\":false}]\n",
@@ -176,6 +176,13 @@ TEST(Console, RepliesOverThePipeAndThroughKivctl) {
     EXPECT_EQ(r.err, c.err) << what;
     EXPECT_EQ(r.code, c.code) << what;
   }
+  // The disable command's mark is read as such whatever time zone kivctl runs in.
+  ASSERT_EQ(kt::client().command("disable " + a), replies{"+"});
+  SetEnvironmentVariableA("TZ", "XXX-14");
+  kt::ran east = kivctl("ls");
+  SetEnvironmentVariableA("TZ", nullptr);
+  EXPECT_EQ(east.out, "PORT   SERVICE  MODE  STATE\n" + std::string(number) +
+                          "  svc      auto  disabled until enabled\n");
   // Each argument stays one word, whatever it holds.
   kivctl("\"l s\" \"a\\\"b\" c\\d");
   EXPECT_TRUE(daemon.log_has("cmd: \"l\\ s a\\\"b c\\\\d\"")) << daemon.err();

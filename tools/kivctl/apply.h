@@ -12,7 +12,3 @@ int kivctl_apply(int argc, char **argv);
 // `export`: the registry's configuration on standard output in the file syntax. 0, or
 // 2 when the registry cannot be read.
 int kivctl_export(int argc, char **argv);
-
-// Sends "reconfig" to a running kivd. 0 when it answered "+" or when no kivd is
-// running (its pipe does not exist); 2 on any other failure (reported).
-int kivctl_reconfig();

@@ -26,6 +26,7 @@
 #include "lib/heap.h"
 #include "lib/wire.h"
 #include "tools/kivctl/applycfg.h"
+#include "tools/kivctl/client.h"
 #include "toolkit/config/w32conf.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/scoped_win.h"
@@ -203,6 +204,19 @@ int swap_in(HKEY parent) {
   return 0;
 }
 
+// Tells a running kivd to read the registry again. 0 when it answered "+" or when no kivd
+// runs (its pipe does not exist); 2 on any other failure (reported).
+int reconfig_kivd() {
+  scoped_handle pipe;
+  int code = client_open(pipe.put(), if_absent::pass);
+  if (code) return code < 0 ? 0 : code;
+  std::vector<std::string> reply;
+  code = client_exchange(pipe.get(), WIRE_RECONFIG, sizeof WIRE_RECONFIG - 1, &reply);
+  if (code != 1) return code;
+  fprintf(stderr, "kivctl: reconfig: %s\n", reply.front().c_str());
+  return 2;
+}
+
 int usage() {
   fprintf(stderr, "usage: kivctl apply [--dry-run] FILE.cfg\n");
   return 1;
@@ -258,7 +272,7 @@ int kivctl_apply(int argc, char **argv) {
   if (!changes.empty() &&
       ((rc = write_staging(parent.get(), next)) || (rc = swap_in(parent.get()))))
     return rc;
-  rc = kivctl_reconfig();
+  rc = reconfig_kivd();
   return rc ? rc : KIVCTL_CHANGED;
 }
 

@@ -11,7 +11,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <string>
 #include <vector>
 
@@ -21,6 +20,7 @@
 #include "lib/wire.h"
 #include "tools/kivctl/answer.h"
 #include "tools/kivctl/apply.h"
+#include "tools/kivctl/client.h"
 #include "tools/kivctl/listing.h"
 #include "toolkit/runtime/scoped_win.h"
 
@@ -29,70 +29,6 @@ namespace {
 // How replies are printed: for people (a table, no framing, "-" texts on standard
 // error), the protocol's elements as they come (--raw), or JSON (--json).
 enum class output { people, raw, json };
-
-const char PIPE[] = WIRE_PIPE;
-constexpr DWORD NPIPE_DEFAULT_WAIT = 10000;  // the server's default time-out (ms)
-
-int fail(const char *what, DWORD error) {
-  fprintf(stderr, "kivctl: %s %s: error %lu\n", what, PIPE, static_cast<unsigned long>(error));
-  return 2;
-}
-
-// Opens the pipe in message mode; a busy pipe is waited for as long as the server's
-// default time-out. With absent_ok, a pipe that does not exist gives -1 without a report.
-int open_pipe(scoped_handle *pipe, bool absent_ok = false, bool quiet = false) {
-  for (;;) {
-    pipe->reset(
-        CreateFileA(PIPE, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-    if (pipe->valid()) break;
-    DWORD e = GetLastError();
-    if (absent_ok && e == ERROR_FILE_NOT_FOUND) return -1;
-    if (quiet && e != ERROR_PIPE_BUSY) return -1;
-    if (e != ERROR_PIPE_BUSY) return fail("cannot open", e);
-    if (!WaitNamedPipeA(PIPE, NMPWAIT_USE_DEFAULT_WAIT)) {
-      e = GetLastError();
-      // The instance freed by the wait can be taken by another client before we open it.
-      if (e == ERROR_SEM_TIMEOUT) return fail("busy, gave up waiting for", e);
-      if (e != ERROR_PIPE_BUSY) return fail("cannot open", e);
-    }
-  }
-  DWORD mode = PIPE_READMODE_MESSAGE;
-  if (!SetNamedPipeHandleState(pipe->get(), &mode, nullptr, nullptr))
-    return fail("cannot set message mode on", GetLastError());
-  return 0;
-}
-
-// Reads one whole message into out. 0, or the platform's error.
-DWORD read_message(HANDLE pipe, dstr *out) {
-  dstr_truncate(out, 0);
-  char buffer[1024];
-  for (;;) {
-    DWORD got = 0;
-    BOOL ok = ReadFile(pipe, buffer, sizeof buffer, &got, nullptr);
-    DWORD e = ok ? 0 : GetLastError();
-    if (!ok && e != ERROR_MORE_DATA) return e;
-    if (dstr_append(out, buffer, static_cast<int>(got)) < 0) return ERROR_NOT_ENOUGH_MEMORY;
-    if (ok) return 0;
-  }
-}
-
-bool hung_up(DWORD e) {
-  return e == ERROR_BROKEN_PIPE || e == ERROR_PIPE_NOT_CONNECTED || e == ERROR_NO_DATA;
-}
-
-// "quit" is answered by hanging up, and nothing else. The hang-up is watched for
-// without a read left pending on a pipe that the server disconnects.
-int await_hangup(HANDLE pipe) {
-  for (DWORD waited = 0; waited < NPIPE_DEFAULT_WAIT; waited += 10) {
-    DWORD avail = 0;
-    if (!PeekNamedPipe(pipe, nullptr, 0, nullptr, &avail, nullptr)) {
-      DWORD e = GetLastError();
-      return hung_up(e) ? 0 : fail("lost", e);
-    }
-    Sleep(10);
-  }
-  return fail("no hang-up after quit on", ERROR_TIMEOUT);
-}
 
 // The command word of a line, as the server splits it.
 std::string first_word(const char *line, int length) {
@@ -103,17 +39,6 @@ std::string first_word(const char *line, int length) {
   char *words[CMD_MAXWORDS];
   cmd_split(copy, words);
   return words[0];
-}
-
-// What the disable command shows as its date here: the local time of the largest time.
-std::string forever_text() {
-  time_t t = 0x7FFFFFFF;
-  const tm *local = localtime(&t);
-  char text[32] = "2038-01-19_03:14";
-  if (local)
-    snprintf(text, sizeof text, "%d-%02d-%02d_%02d:%02d", local->tm_year + 1900, local->tm_mon + 1,
-             local->tm_mday, local->tm_hour, local->tm_min);
-  return text;
 }
 
 // Prints the elements of one reply to the command `word` as `mode` asks.
@@ -134,10 +59,9 @@ void print_reply(output mode, const std::string &word, const std::vector<std::st
   }
   std::vector<std::string> inner(elements.begin() + 1, elements.end() - 1);
   std::vector<listed_port> ports;
-  std::string forever = forever_text();
   for (const std::string &line : inner) {
     listed_port p;
-    if (!parse_listing_line(line, forever, &p)) break;
+    if (!parse_listing_line(line, &p)) break;
     ports.push_back(p);
   }
   if (_stricmp(word.c_str(), "ls") == 0 && ports.size() == inner.size()) {
@@ -152,43 +76,10 @@ void print_reply(output mode, const std::string &word, const std::vector<std::st
   }
 }
 
-// Sends one command line and collects its reply's elements. Returns the exit code of that
-// command. A line the server answers with nothing is not sent.
-int exchange(HANDLE pipe, const char *line, int length, std::vector<std::string> *elements) {
-  answer expected = server_answer(line, length);
-  if (expected == answer::none) return 0;
-  DWORD put = 0;
-  if (!WriteFile(pipe, line, length, &put, nullptr)) {
-    DWORD e = GetLastError();
-    if (hung_up(e) && expected == answer::hangup) return 0;
-    return fail("cannot write to", e);
-  }
-  if (expected == answer::hangup) return await_hangup(pipe);
-  dstr reply;
-  dstr_init(&reply);
-  int code = 0;
-  for (;;) {
-    DWORD e = read_message(pipe, &reply);
-    if (e) {
-      code = fail("lost", e);
-      break;
-    }
-    elements->push_back(reply.buffer);
-    if (elements->front() == "!") {
-      if (elements->size() > 1 && elements->back() == ".") break;
-      continue;
-    }
-    code = reply.buffer[0] == '-' ? 1 : 0;
-    break;
-  }
-  dstr_free(&reply, 0);
-  return code;
-}
-
 // Sends one command line and prints its reply as `mode` asks. The exit code of it.
 int send_command(HANDLE pipe, const char *line, int length, output mode) {
   std::vector<std::string> elements;
-  int code = exchange(pipe, line, length, &elements);
+  int code = client_exchange(pipe, line, length, &elements);
   if (code != 2 && !elements.empty()) print_reply(mode, first_word(line, length), elements);
   fflush(stdout);
   return code;
@@ -222,33 +113,25 @@ int status(output mode) {
   scoped_handle pipe;
   ULONG pid = 0;
   std::vector<std::string> elements;
-  bool answering = open_pipe(&pipe, true, true) == 0;
+  bool answering = client_open(pipe.put(), if_absent::quiet) == 0;
   if (answering) {
     if (!GetNamedPipeServerProcessId(pipe.get(), &pid)) pid = service_pid;
-    dstr greeting;
-    dstr_init(&greeting);
-    answering =
-        read_message(pipe.get(), &greeting) == 0 && exchange(pipe.get(), "ls", 2, &elements) == 0;
-    dstr_free(&greeting, 0);
+    answering = client_exchange(pipe.get(), "ls", 2, &elements) == 0;
   }
-  int counts[4] = {};  // idle, serving, disabled, hooked
-  int total = 0;
-  std::string forever = forever_text();
+  std::vector<listed_port> ports;
   for (size_t i = 1; answering && i + 1 < elements.size(); i++) {
-    listed_port p;
-    if (!parse_listing_line(elements[i], forever, &p)) continue;
-    total++;
-    counts[p.disabled ? 2 : p.agent ? 1 : 0]++;
-    counts[3] += p.parent != 0;
+    ports.emplace_back();
+    if (!parse_listing_line(elements[i], &ports.back())) ports.pop_back();
   }
+  port_counts n = count_ports(ports);
   if (mode == output::json) {
     printf("{\"installed\":%s,\"state\":%s,\"running\":%s,\"pid\":%s,\"ports\":",
            installed ? "true" : "false",
            installed ? json_string(state_name(state)).c_str() : "null",
            answering ? "true" : "false", answering && pid ? std::to_string(pid).c_str() : "null");
     if (answering)
-      printf("{\"total\":%d,\"idle\":%d,\"serving\":%d,\"disabled\":%d,\"hooked\":%d}}\n", total,
-             counts[0], counts[1], counts[2], counts[3]);
+      printf("{\"total\":%d,\"idle\":%d,\"serving\":%d,\"disabled\":%d,\"hooked\":%d}}\n", n.total,
+             n.idle, n.serving, n.disabled, n.hooked);
     else
       printf("null}\n");
     return 0;
@@ -257,8 +140,8 @@ int status(output mode) {
          installed ? (std::string("installed, ") + state_name(state)).c_str() : "not installed");
   if (answering)
     printf("kivd:     running%s\nports:    %d (idle %d, serving %d, disabled %d, hooked %d)\n",
-           pid ? (", pid " + std::to_string(pid)).c_str() : "", total, counts[0], counts[1],
-           counts[2], counts[3]);
+           pid ? (", pid " + std::to_string(pid)).c_str() : "", n.total, n.idle, n.serving,
+           n.disabled, n.hooked);
   else
     printf("kivd:     not running\n");
   return 0;
@@ -293,25 +176,6 @@ bool read_line(FILE *in, dstr *line) {
 
 }  // namespace
 
-int kivctl_reconfig() {
-  scoped_handle pipe;
-  int code = open_pipe(&pipe, true);
-  if (code) return code < 0 ? 0 : code;
-  dstr reply;
-  dstr_init(&reply);
-  DWORD e = read_message(pipe.get(), &reply);
-  DWORD put = 0;
-  if (!e && !WriteFile(pipe.get(), WIRE_RECONFIG, sizeof WIRE_RECONFIG - 1, &put, nullptr))
-    e = GetLastError();
-  if (!e) e = read_message(pipe.get(), &reply);
-  if (!e && strcmp(reply.buffer, "+") != 0) {
-    fprintf(stderr, "kivctl: reconfig: %s\n", reply.buffer);
-    code = 2;
-  }
-  dstr_free(&reply, 0);
-  return e ? fail("reconfig failed on", e) : code;
-}
-
 int main(int argc, char **argv) {
   output mode = output::people;
   for (; argc > 1 && strncmp(argv[1], "--", 2) == 0; argc--, argv++) {
@@ -340,13 +204,8 @@ int main(int argc, char **argv) {
   if (argc > 1 && strcmp(argv[1], "apply") == 0) return kivctl_apply(argc - 1, argv + 1);
   if (argc > 1 && strcmp(argv[1], "export") == 0) return kivctl_export(argc - 1, argv + 1);
   scoped_handle pipe;
-  int code = open_pipe(&pipe);
+  int code = client_open(pipe.put(), if_absent::report);
   if (code) return code;
-  dstr greeting;
-  dstr_init(&greeting);
-  DWORD e = read_message(pipe.get(), &greeting);
-  dstr_free(&greeting, 0);
-  if (e) return fail("no greeting on", e);
 
   if (argc > 1) {
     dstr line;

@@ -32,13 +32,29 @@ std::string lower(std::string s) {
   return s;
 }
 
+// The disable command's mark is the largest time, 2038-01-19 03:14 UTC, as kivd's local
+// time: within a day of that whatever kivd's zone. A disable for a time ends minutes after
+// kivd's clock, so it shows there only when that clock is there, where 32-bit times end.
+bool until_enabled(const std::string &until) {
+  int year = 0, month = 0, day = 0, hour = 0, minute = 0;
+  if (sscanf(until.c_str(), "%d-%d-%d_%d:%d", &year, &month, &day, &hour, &minute) != 5 ||
+      year != 2038 || month != 1)
+    return false;
+  int from_mark = ((day - 19) * 24 + hour - 3) * 60 + minute - 14;
+  return from_mark >= -24 * 60 && from_mark <= 24 * 60;
+}
+
+const char *state_word(const listed_port &p) {
+  return p.disabled ? "disabled" : p.agent ? "serving" : "idle";
+}
+
 std::string padded(const std::string &s, size_t width) {
   return s.size() >= width ? s : s + std::string(width - s.size(), ' ');
 }
 
 }  // namespace
 
-bool parse_listing_line(const std::string &line, const std::string &forever, listed_port *out) {
+bool parse_listing_line(const std::string &line, listed_port *out) {
   *out = listed_port();
   // The number fills five columns, then two blanks; the fields after the mode are taken
   // from the end, so a service name may hold blanks.
@@ -53,7 +69,7 @@ bool parse_listing_line(const std::string &line, const std::string &forever, lis
     return false;
   if (take_field(&rest, "Disable", &until)) {
     out->disabled = true;
-    out->until_enabled = until == forever;
+    out->until_enabled = until_enabled(until);
     if (!out->until_enabled) {
       out->until = until;
       size_t sep = out->until.find('_');
@@ -82,6 +98,17 @@ std::string port_state(const listed_port &p) {
     s = "idle";
   if (p.parent) s += ", hooked by pid " + std::to_string(p.parent);
   return s;
+}
+
+port_counts count_ports(const std::vector<listed_port> &ports) {
+  port_counts n;
+  for (const listed_port &p : ports) {
+    n.total++;
+    std::string state = state_word(p);
+    (state == "disabled" ? n.disabled : state == "serving" ? n.serving : n.idle)++;
+    n.hooked += p.parent != 0;
+  }
+  return n;
 }
 
 std::string listing_table(const std::vector<listed_port> &ports) {
@@ -119,11 +146,10 @@ std::string listing_json(const std::vector<listed_port> &ports) {
   std::string out = "[";
   for (size_t i = 0; i < ports.size(); i++) {
     const listed_port &p = ports[i];
-    const char *state = p.disabled ? "disabled" : p.agent ? "serving" : "idle";
     out += i ? ",\n " : "";
     out +=
         "{\"port\":" + std::to_string(p.port) + ",\"service\":" + json_string(p.service) +
-        ",\"mode\":" + json_string(p.mode) + ",\"state\":\"" + state + "\"" +
+        ",\"mode\":" + json_string(p.mode) + ",\"state\":\"" + state_word(p) + "\"" +
         ",\"agent\":" + (p.agent ? std::to_string(p.agent) : "null") +
         ",\"parent\":" + (p.parent ? std::to_string(p.parent) : "null") +
         ",\"disabled_until\":" + (p.disabled && !p.until_enabled ? json_string(p.until) : "null") +

@@ -17,13 +17,20 @@ struct listed_port {
 };
 
 // Parses a listing line as kivd writes it ("%5d  %-11s   Mode[ Disable=...][ Parent=n]
-// [ Agent=n]"). `forever` is the Disable= text of the largest time in this time zone
-// (what the disable command shows). false when the line is not a listing line.
-bool parse_listing_line(const std::string &line, const std::string &forever, listed_port *out);
+// [ Agent=n]"), whatever kivd's time zone and this one. false when the line is not a
+// listing line.
+bool parse_listing_line(const std::string &line, listed_port *out);
 
 // "idle", "serving (pid N)", "disabled until DATE", "disabled until enabled", followed by
 // ", hooked by pid N" for a hooked port.
 std::string port_state(const listed_port &p);
+
+// The ports by the state ls shows (a disabled port whose agent still runs is disabled),
+// and the hooked ones besides.
+struct port_counts {
+  int total = 0, idle = 0, serving = 0, disabled = 0, hooked = 0;
+};
+port_counts count_ports(const std::vector<listed_port> &ports);
 
 // The listing as an aligned table with a header line, each line ending in "\n".
 std::string listing_table(const std::vector<listed_port> &ports);
