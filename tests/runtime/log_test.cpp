@@ -295,7 +295,9 @@ TEST_F(Log, FileRotatesAtItsSize) {
     kiv_logconfig(("3;=;>" + file + c.size).c_str());
     for (int i = 0; i < c.lines; i++) kiv_log(nullptr, "a.b", "line %04d", i);
     kiv_logreset();
-    if (c.size[0]) EXPECT_FALSE(fs::exists(file + c.size)) << "the size is no part of the name";
+    if (c.size[0]) {
+      EXPECT_FALSE(fs::exists(file + c.size)) << "the size is no part of the name";
+    }
     // Rotated after the line that reached the size.
     uintmax_t rotated = static_cast<uintmax_t>((c.limit + LINE - 1) / LINE * LINE);
     EXPECT_EQ(rotated, fs::exists(file + ".1") ? fs::file_size(file + ".1") : 0) << c.size;

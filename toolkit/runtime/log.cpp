@@ -24,6 +24,11 @@ namespace {
 const char TIMEPREFIX[] = "%p %n[%s] +%t %f: ";
 const char TIMEFORMAT[] = "%b %d %H:%M:%S";
 const char TAG[] = "log.kiv_logconfig";
+#ifdef _WIN32
+constexpr bool TEXT_CR = true;
+#else
+constexpr bool TEXT_CR = false;
+#endif
 
 struct module {
   char *name;    // owned
@@ -494,9 +499,13 @@ void kiv_logtofile(const char *line) {
     int n = fprintf(stream, "%s\n", line);
     if (n >= 0) {
       tracestate(false, 0);
-      // The file's own position counts what a text file adds (CR before each LF).
-      long at = ftell(stream);
-      filesize = at >= 0 ? at : filesize + n;
+      filesize += n;
+      // A Windows text file writes CR LF for each LF; counted here rather than asked of
+      // the file at every line.
+      if (TEXT_CR) {
+        filesize++;  // the line's own end
+        for (const char *p = strchr(line, '\n'); p; p = strchr(p + 1, '\n')) filesize++;
+      }
       if (rotatesize > 0 && filesize >= rotateat) rotate();
       return;
     }
