@@ -22,7 +22,7 @@ constexpr DWORD msgid(int number, int severity) {
 
 // Every event has its message, of the same number and severity.
 #define EVLOG_CHECK(name, number, severity, ...) \
-  static_assert(MSG_##name == msgid(number, severity), "kivd.mc disagrees: " #name);
+  static_assert(MSG_##name == msgid(number, severity), "kivd_messages.mc disagrees: " #name);
 KIVEV_EVENTS(EVLOG_CHECK)
 #undef EVLOG_CHECK
 
