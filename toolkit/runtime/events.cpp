@@ -5,7 +5,6 @@
 #include <cstring>
 #include <initializer_list>
 
-#include "lib/printf.h"
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/locks.h"
@@ -195,56 +194,37 @@ int kivev_inserts(const kivev_event *ev, char *buffer, int size, const char **in
     char text[512];
     const char *value = text;
     text[0] = '\0';
+    enum { NONE, SIGNED, UNSIGNED, HEX } kind = NONE;  // a number, formatted below
+    long number = 0;
+    unsigned long unsignednumber = 0;
     switch (d->fields[i]) {
-      case KIVEV_F_PORT:
-        xsnprintf(text, sizeof text, "%d", ev->port);
-        break;
-      case KIVEV_F_SERVICE:
-        value = ev->service;
-        break;
-      case KIVEV_F_PROGRAM:
-        value = ev->program;
-        break;
-      case KIVEV_F_PID:
-        xsnprintf(text, sizeof text, "%lu", ev->pid);
-        break;
-      case KIVEV_F_EXIT:
-        xsnprintf(text, sizeof text, "%lu", ev->exitcode);
-        break;
-      case KIVEV_F_EXCEPTION:
-        xsnprintf(text, sizeof text, "0x%08lX", ev->exitcode);
-        break;
-      case KIVEV_F_SYSERROR:
-        xsnprintf(text, sizeof text, "%ld", ev->syserror);
-        break;
+      case KIVEV_F_PORT: kind = SIGNED, number = ev->port; break;
+      case KIVEV_F_SERVICE: value = ev->service; break;
+      case KIVEV_F_PROGRAM: value = ev->program; break;
+      case KIVEV_F_PID: kind = UNSIGNED, unsignednumber = ev->pid; break;
+      case KIVEV_F_EXIT: kind = UNSIGNED, unsignednumber = ev->exitcode; break;
+      case KIVEV_F_EXCEPTION: kind = HEX, unsignednumber = ev->exitcode; break;
+      case KIVEV_F_SYSERROR: kind = SIGNED, number = ev->syserror; break;
       case KIVEV_F_ERRORTEXT:
         if (ev->errortext)
           value = ev->errortext;
         else
           kivev_systext(ev->syserror, text, sizeof text);
         break;
-      case KIVEV_F_UNTIL:
-        localtext(ev->until, text, sizeof text);
-        break;
-      case KIVEV_F_COUNT:
-        xsnprintf(text, sizeof text, "%ld", ev->count);
-        break;
-      case KIVEV_F_PERIOD:
-        xsnprintf(text, sizeof text, "%ld", ev->period);
-        break;
-      case KIVEV_F_SIZE:
-        xsnprintf(text, sizeof text, "%lu", ev->size);
-        break;
-      case KIVEV_F_TEXT:
-        value = ev->text;
-        break;
-      case KIVEV_F_VALUE:
-        value = ev->value;
-        break;
-      case KIVEV_F_CODE:
-        xsnprintf(text, sizeof text, "%d", ev->code);
-        break;
+      case KIVEV_F_UNTIL: localtext(ev->until, text, sizeof text); break;
+      case KIVEV_F_COUNT: kind = SIGNED, number = ev->count; break;
+      case KIVEV_F_PERIOD: kind = SIGNED, number = ev->period; break;
+      case KIVEV_F_SIZE: kind = UNSIGNED, unsignednumber = ev->size; break;
+      case KIVEV_F_TEXT: value = ev->text; break;
+      case KIVEV_F_VALUE: value = ev->value; break;
+      case KIVEV_F_CODE: kind = SIGNED, number = ev->code; break;
     }
+    if (kind == SIGNED)
+      snprintf(text, sizeof text, "%ld", number);
+    else if (kind == UNSIGNED)
+      snprintf(text, sizeof text, "%lu", unsignednumber);
+    else if (kind == HEX)
+      snprintf(text, sizeof text, "0x%08lX", unsignednumber);
     if (!value) value = "";
     inserts[i] = at;
     if (room <= 0) {
