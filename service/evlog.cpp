@@ -9,7 +9,8 @@
 #include "toolkit/runtime/events.h"
 #include "toolkit/runtime/scoped_win.h"
 
-const char EVLOG_KEY[] = "SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\" WIRE_SERVICE;
+const char EVLOG_KEY[] =
+    "SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\" WIRE_SERVICE;
 
 namespace {
 
@@ -31,7 +32,7 @@ constexpr int NOTE = 192;   // of it, what the note may take
 struct slot {
   DWORD id;
   WORD type;
-  WORD count;                         // inserts, the note included
+  WORD count;                          // inserts, the note included
   WORD offsets[KIVEV_MAXINSERTS + 1];  // of each insert in text
   char text[TEXT];
 };

@@ -5,9 +5,9 @@
 
 // Under HKEY_LOCAL_MACHINE: the source's key, named as the service (WIRE_SERVICE).
 extern const char EVLOG_KEY[];
-constexpr DWORD EVLOG_TYPES = EVENTLOG_ERROR_TYPE | EVENTLOG_WARNING_TYPE |
-                              EVENTLOG_INFORMATION_TYPE;  // TypesSupported
-constexpr int EVLOG_QUEUE = 64;        // events waiting for the writer at most
+constexpr DWORD EVLOG_TYPES =
+    EVENTLOG_ERROR_TYPE | EVENTLOG_WARNING_TYPE | EVENTLOG_INFORMATION_TYPE;  // TypesSupported
+constexpr int EVLOG_QUEUE = 64;         // events waiting for the writer at most
 constexpr DWORD EVLOG_DRAIN_MS = 2000;  // what evlog_stop waits for the queue at most
 
 // An event's message id in kivd.exe's message table: its number with its severity's
@@ -19,8 +19,7 @@ WORD evlog_type(int id);
 void evlog_note(int held, long dropped, char *buffer, int size);
 
 // Writes one event: ReportEventA with these arguments (no category, no user, no data).
-using evlog_report = BOOL (*)(HANDLE source, WORD type, DWORD id, WORD count,
-                              const char **inserts);
+using evlog_report = BOOL (*)(HANDLE source, WORD type, DWORD id, WORD count, const char **inserts);
 // Registers the event source, starts the writer and adds the outlet with the repeat
 // limit; report null means ReportEventA. 0, or KIV_ESYS when the writer cannot start
 // (events then go nowhere; kivd runs on).

@@ -55,13 +55,13 @@ TEST_F(Events, RepeatLimit) {
       {1000, KIVEV_PORT_START_FAILED, 1, "svc", "103 1 svc 0"},
       {1010, KIVEV_PORT_START_FAILED, 1, "svc", nullptr},
       {1059, KIVEV_PORT_START_FAILED, 1, "svc", nullptr},
-      {1030, KIVEV_PORT_START_FAILED, 2, "svc", "103 2 svc 0"},   // another port
-      {1030, KIVEV_PORT_THROTTLED, 1, "svc", "102 1 svc 0"},      // another event
+      {1030, KIVEV_PORT_START_FAILED, 2, "svc", "103 2 svc 0"},      // another port
+      {1030, KIVEV_PORT_THROTTLED, 1, "svc", "102 1 svc 0"},         // another event
       {1030, KIVEV_PORT_START_FAILED, 1, "other", "103 1 other 0"},  // another service
-      {1060, KIVEV_PORT_START_FAILED, 1, "svc", "103 1 svc 2"},   // a minute after the first
+      {1060, KIVEV_PORT_START_FAILED, 1, "svc", "103 1 svc 2"},      // a minute after the first
       {1061, KIVEV_PORT_START_FAILED, 1, "svc", nullptr},
       {1500, KIVEV_PORT_START_FAILED, 1, "svc", "103 1 svc 1"},
-      {1400, KIVEV_PORT_START_FAILED, 1, "svc", "103 1 svc 0"},   // the clock set back
+      {1400, KIVEV_PORT_START_FAILED, 1, "svc", "103 1 svc 0"},  // the clock set back
   };
   std::vector<std::string> expected;
   for (auto &s : steps) {

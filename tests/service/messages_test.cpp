@@ -22,8 +22,8 @@ std::string sentence(HMODULE module, const kivev_event &ev, const char *note = "
   if (n < 0) return "(no event)";
   inserts[n] = note;
   char out[2048];
-  DWORD length = FormatMessageA(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY,
-                                module, evlog_msgid(ev.id), 0, out, sizeof out,
+  DWORD length = FormatMessageA(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY, module,
+                                evlog_msgid(ev.id), 0, out, sizeof out,
                                 reinterpret_cast<va_list *>(const_cast<char **>(inserts)));
   if (length == 0) return "(no message: error " + std::to_string(GetLastError()) + ")";
   std::string s(out, length);
@@ -140,7 +140,7 @@ TEST(Messages, EveryEventFormatsFromKivdsOwnTable) {
 
 namespace {
 
-HANDLE go;                       // the event log "answers" once set
+HANDLE go;                         // the event log "answers" once set
 std::vector<std::string> written;  // "id|last insert" of each event written
 volatile LONG reported;
 BOOL held_report(HANDLE, WORD, DWORD id, WORD count, const char **inserts) {

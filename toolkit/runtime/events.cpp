@@ -98,8 +98,7 @@ bool pass_limit(kivev_event *ev) {
     // A free entry, else the one written longest ago, if its minute is over (a count it
     // still held is then never said: no identical event came for a minute and more).
     bool over = r.key == 0 || now < r.written || now - r.written >= KIVEV_REPEAT_SECONDS;
-    if (over && (!slot || (slot->key != 0 && (r.key == 0 || r.written < slot->written))))
-      slot = &r;
+    if (over && (!slot || (slot->key != 0 && (r.key == 0 || r.written < slot->written)))) slot = &r;
   }
   // With every entry in its minute the event passes unlimited rather than be lost.
   if (slot) *slot = {key, now, 0};
@@ -198,26 +197,54 @@ int kivev_inserts(const kivev_event *ev, char *buffer, int size, const char **in
     long number = 0;
     unsigned long unsignednumber = 0;
     switch (d->fields[i]) {
-      case KIVEV_F_PORT: kind = SIGNED, number = ev->port; break;
-      case KIVEV_F_SERVICE: value = ev->service; break;
-      case KIVEV_F_PROGRAM: value = ev->program; break;
-      case KIVEV_F_PID: kind = UNSIGNED, unsignednumber = ev->pid; break;
-      case KIVEV_F_EXIT: kind = UNSIGNED, unsignednumber = ev->exitcode; break;
-      case KIVEV_F_EXCEPTION: kind = HEX, unsignednumber = ev->exitcode; break;
-      case KIVEV_F_SYSERROR: kind = SIGNED, number = ev->syserror; break;
+      case KIVEV_F_PORT:
+        kind = SIGNED, number = ev->port;
+        break;
+      case KIVEV_F_SERVICE:
+        value = ev->service;
+        break;
+      case KIVEV_F_PROGRAM:
+        value = ev->program;
+        break;
+      case KIVEV_F_PID:
+        kind = UNSIGNED, unsignednumber = ev->pid;
+        break;
+      case KIVEV_F_EXIT:
+        kind = UNSIGNED, unsignednumber = ev->exitcode;
+        break;
+      case KIVEV_F_EXCEPTION:
+        kind = HEX, unsignednumber = ev->exitcode;
+        break;
+      case KIVEV_F_SYSERROR:
+        kind = SIGNED, number = ev->syserror;
+        break;
       case KIVEV_F_ERRORTEXT:
         if (ev->errortext)
           value = ev->errortext;
         else
           kivev_systext(ev->syserror, text, sizeof text);
         break;
-      case KIVEV_F_UNTIL: localtext(ev->until, text, sizeof text); break;
-      case KIVEV_F_COUNT: kind = SIGNED, number = ev->count; break;
-      case KIVEV_F_PERIOD: kind = SIGNED, number = ev->period; break;
-      case KIVEV_F_SIZE: kind = UNSIGNED, unsignednumber = ev->size; break;
-      case KIVEV_F_TEXT: value = ev->text; break;
-      case KIVEV_F_VALUE: value = ev->value; break;
-      case KIVEV_F_CODE: kind = SIGNED, number = ev->code; break;
+      case KIVEV_F_UNTIL:
+        localtext(ev->until, text, sizeof text);
+        break;
+      case KIVEV_F_COUNT:
+        kind = SIGNED, number = ev->count;
+        break;
+      case KIVEV_F_PERIOD:
+        kind = SIGNED, number = ev->period;
+        break;
+      case KIVEV_F_SIZE:
+        kind = UNSIGNED, unsignednumber = ev->size;
+        break;
+      case KIVEV_F_TEXT:
+        value = ev->text;
+        break;
+      case KIVEV_F_VALUE:
+        value = ev->value;
+        break;
+      case KIVEV_F_CODE:
+        kind = SIGNED, number = ev->code;
+        break;
     }
     if (kind == SIGNED)
       snprintf(text, sizeof text, "%ld", number);

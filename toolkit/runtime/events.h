@@ -32,33 +32,33 @@ enum kivev_field {
 // Every event: X(NAME, number, severity, inserts...). The number is the one the message
 // table gives it (service/kivd.mc, checked by the compiler against the generated header);
 // a new event is one row here and one message there.
-#define KIVEV_EVENTS(X)                                                                          \
-  X(SERVICE_STARTED, 1, KIVEV_INFO)                                                              \
-  X(SERVICE_STOPPED, 2, KIVEV_INFO, KIVEV_F_CODE)                                                \
-  X(PORT_LISTEN_FAILED, 101, KIVEV_ERROR, KIVEV_F_PORT, KIVEV_F_SERVICE, KIVEV_F_SYSERROR,       \
-    KIVEV_F_ERRORTEXT, KIVEV_F_UNTIL)                                                            \
-  X(PORT_THROTTLED, 102, KIVEV_WARNING, KIVEV_F_PORT, KIVEV_F_SERVICE, KIVEV_F_COUNT,            \
-    KIVEV_F_PERIOD, KIVEV_F_UNTIL)                                                               \
-  X(PORT_START_FAILED, 103, KIVEV_ERROR, KIVEV_F_PORT, KIVEV_F_SERVICE, KIVEV_F_SYSERROR,        \
-    KIVEV_F_ERRORTEXT, KIVEV_F_UNTIL)                                                            \
-  X(PORT_EXCEPTION, 104, KIVEV_WARNING, KIVEV_F_PORT, KIVEV_F_SERVICE, KIVEV_F_PID,              \
-    KIVEV_F_EXCEPTION, KIVEV_F_UNTIL)                                                            \
-  X(PORT_NO_PROGRAM, 105, KIVEV_WARNING, KIVEV_F_PORT, KIVEV_F_SERVICE)                          \
-  X(CONFIG_REFUSED, 106, KIVEV_WARNING, KIVEV_F_TEXT, KIVEV_F_VALUE)                             \
-  X(PORT_DISABLED, 107, KIVEV_INFO, KIVEV_F_PORT, KIVEV_F_SERVICE)                               \
-  X(PORT_ENABLED, 108, KIVEV_INFO, KIVEV_F_PORT, KIVEV_F_SERVICE)                                \
-  X(AGENT_ENDED, 201, KIVEV_WARNING, KIVEV_F_SERVICE, KIVEV_F_PID, KIVEV_F_EXIT)                 \
-  X(PROG_ENDED, 202, KIVEV_WARNING, KIVEV_F_PROGRAM, KIVEV_F_PID, KIVEV_F_EXIT)                  \
-  X(PROG_EXCEPTION, 203, KIVEV_WARNING, KIVEV_F_PROGRAM, KIVEV_F_PID, KIVEV_F_EXCEPTION,         \
-    KIVEV_F_UNTIL)                                                                               \
-  X(PROG_THROTTLED, 204, KIVEV_WARNING, KIVEV_F_PROGRAM, KIVEV_F_COUNT, KIVEV_F_PERIOD,          \
-    KIVEV_F_UNTIL)                                                                               \
-  X(PROG_START_FAILED, 205, KIVEV_ERROR, KIVEV_F_PROGRAM, KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT,   \
-    KIVEV_F_UNTIL)                                                                               \
-  X(PIPE_CLIENT_HUNG_UP, 301, KIVEV_WARNING, KIVEV_F_COUNT, KIVEV_F_SIZE)                        \
-  X(WAIT_FAILED, 302, KIVEV_ERROR, KIVEV_F_COUNT, KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT)           \
-  X(OUT_OF_MEMORY, 303, KIVEV_ERROR, KIVEV_F_SIZE, KIVEV_F_TEXT)                                 \
-  X(TRACE_FAILED, 304, KIVEV_WARNING, KIVEV_F_TEXT, KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT)         \
+#define KIVEV_EVENTS(X)                                                                        \
+  X(SERVICE_STARTED, 1, KIVEV_INFO)                                                            \
+  X(SERVICE_STOPPED, 2, KIVEV_INFO, KIVEV_F_CODE)                                              \
+  X(PORT_LISTEN_FAILED, 101, KIVEV_ERROR, KIVEV_F_PORT, KIVEV_F_SERVICE, KIVEV_F_SYSERROR,     \
+    KIVEV_F_ERRORTEXT, KIVEV_F_UNTIL)                                                          \
+  X(PORT_THROTTLED, 102, KIVEV_WARNING, KIVEV_F_PORT, KIVEV_F_SERVICE, KIVEV_F_COUNT,          \
+    KIVEV_F_PERIOD, KIVEV_F_UNTIL)                                                             \
+  X(PORT_START_FAILED, 103, KIVEV_ERROR, KIVEV_F_PORT, KIVEV_F_SERVICE, KIVEV_F_SYSERROR,      \
+    KIVEV_F_ERRORTEXT, KIVEV_F_UNTIL)                                                          \
+  X(PORT_EXCEPTION, 104, KIVEV_WARNING, KIVEV_F_PORT, KIVEV_F_SERVICE, KIVEV_F_PID,            \
+    KIVEV_F_EXCEPTION, KIVEV_F_UNTIL)                                                          \
+  X(PORT_NO_PROGRAM, 105, KIVEV_WARNING, KIVEV_F_PORT, KIVEV_F_SERVICE)                        \
+  X(CONFIG_REFUSED, 106, KIVEV_WARNING, KIVEV_F_TEXT, KIVEV_F_VALUE)                           \
+  X(PORT_DISABLED, 107, KIVEV_INFO, KIVEV_F_PORT, KIVEV_F_SERVICE)                             \
+  X(PORT_ENABLED, 108, KIVEV_INFO, KIVEV_F_PORT, KIVEV_F_SERVICE)                              \
+  X(AGENT_ENDED, 201, KIVEV_WARNING, KIVEV_F_SERVICE, KIVEV_F_PID, KIVEV_F_EXIT)               \
+  X(PROG_ENDED, 202, KIVEV_WARNING, KIVEV_F_PROGRAM, KIVEV_F_PID, KIVEV_F_EXIT)                \
+  X(PROG_EXCEPTION, 203, KIVEV_WARNING, KIVEV_F_PROGRAM, KIVEV_F_PID, KIVEV_F_EXCEPTION,       \
+    KIVEV_F_UNTIL)                                                                             \
+  X(PROG_THROTTLED, 204, KIVEV_WARNING, KIVEV_F_PROGRAM, KIVEV_F_COUNT, KIVEV_F_PERIOD,        \
+    KIVEV_F_UNTIL)                                                                             \
+  X(PROG_START_FAILED, 205, KIVEV_ERROR, KIVEV_F_PROGRAM, KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT, \
+    KIVEV_F_UNTIL)                                                                             \
+  X(PIPE_CLIENT_HUNG_UP, 301, KIVEV_WARNING, KIVEV_F_COUNT, KIVEV_F_SIZE)                      \
+  X(WAIT_FAILED, 302, KIVEV_ERROR, KIVEV_F_COUNT, KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT)         \
+  X(OUT_OF_MEMORY, 303, KIVEV_ERROR, KIVEV_F_SIZE, KIVEV_F_TEXT)                               \
+  X(TRACE_FAILED, 304, KIVEV_WARNING, KIVEV_F_TEXT, KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT)       \
   X(TRACE_RESUMED, 305, KIVEV_INFO, KIVEV_F_TEXT)
 
 #define KIVEV_NUMBER(name, number, ...) KIVEV_##name = number,
@@ -69,23 +69,23 @@ enum kivev_id : int { KIVEV_EVENTS(KIVEV_NUMBER) };
 // zero or null); texts are the emitter's and live only for the call, so an outlet copies
 // what it keeps.
 struct kivev_event {
-  int id;                 // KIVEV_*
-  time_t time;            // set by kivev_emit
-  int port;               // 0: none
-  const char *service;    // the service of the port, or of the agent
-  const char *program;    // a global program's name
+  int id;               // KIVEV_*
+  time_t time;          // set by kivev_emit
+  int port;             // 0: none
+  const char *service;  // the service of the port, or of the agent
+  const char *program;  // a global program's name
   unsigned long pid;
-  unsigned long exitcode; // exit code, or the code of the exception
-  long syserror;          // the system's error number
-  const char *errortext;  // its text; kivev_systext gives the platform's
-  time_t until;           // when a rest ends
+  unsigned long exitcode;  // exit code, or the code of the exception
+  long syserror;           // the system's error number
+  const char *errortext;   // its text; kivev_systext gives the platform's
+  time_t until;            // when a rest ends
   long count;
   long period;
   unsigned long size;
   const char *text;
   const char *value;
-  int code;               // a toolkit result code
-  int held;               // limited outlets: identical events held back before this one
+  int code;  // a toolkit result code
+  int held;  // limited outlets: identical events held back before this one
 };
 
 #define KIVEV_COUNT_ONE(...) +1
