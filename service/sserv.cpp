@@ -12,10 +12,12 @@
 #include "lib/printf.h"
 #include "lib/wire.h"
 #include "ports/ssock.h"
+#include "service/evlog.h"
 #include "toolkit/config/info.h"
 #include "toolkit/runtime/cinit.h"
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
+#include "toolkit/runtime/events.h"
 #include "toolkit/runtime/log.h"
 #include "toolkit/runtime/memory.h"
 #include "toolkit/runtime/scoped_win.h"
@@ -162,10 +164,12 @@ int install(SC_HANDLE manager, const char *debugspec) {
   }
   printf("Service \"%s\" installed\n", SSERV_DISPLAY);
   // The service is installed either way; a refusal is said, since a service nobody
-  // restarts is worth knowing about.
+  // restarts is worth knowing about, and so is one whose events show no sentences.
   if (!set_recovery(service.get()))
     printf("Failed to set the service's description and recovery. Error %d\n",
            static_cast<int>(GetLastError()));
+  if (long rc = evlog_register(path))
+    printf("Failed to register the event source. Error %ld\n", rc);
   return 0;
 }
 
@@ -198,6 +202,9 @@ int install_service(int action, const char *debugspec) {
   }
   scoped_service service(OpenServiceA(manager.get(), SSERV_NAME, ALL_SERVICE));
   if (action == 'U') {
+    // The event source goes whether or not the service is still there.
+    if (long rc = evlog_unregister())
+      printf("Failed to remove the event source. Error %ld\n", rc);
     if (!service.get()) {
       printf("Service not installed\n");
       return 0;
@@ -316,6 +323,7 @@ int initialize() {
   static const char tag[] = "sserv.initialize";
   WSADATA wsa;
   if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return KIV_ESYS;
+  evlog_start(nullptr);
   HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
   InterlockedExchangePointer(&die, event);
   if (event && InterlockedCompareExchange(&stop_early, 0, 0)) SetEvent(event);
@@ -329,6 +337,7 @@ int initialize() {
   if (rc == 0 && !die) rc = KIV_ESYS;
   if (rc != 0) {
     KIV_LOG(3, tag, "die:%d, npipe_setup_server() -> %d", die ? 1 : 0, rc);
+    evlog_stop(rc);
     return rc;
   }
   KIV_LOG(3, tag, "OK");
@@ -337,6 +346,9 @@ int initialize() {
   kiv_cinit(nullptr);
   kivinfo_init(0);
   ssock_reconfig();
+  kivev_event started{};
+  started.id = KIVEV_SERVICE_STARTED;
+  kivev_emit(&started);
   return 0;
 }
 
@@ -434,6 +446,7 @@ int run_service() {
   }
   KIV_LOG(3, tag, "RIP!");
   ssock_cleanup();
+  evlog_stop(0);
   return 0;
 }
 

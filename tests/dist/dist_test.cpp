@@ -94,18 +94,21 @@ TEST(Package, InstallUpgradeAndRemoveKeepTheConfiguration) {
   kt::ran r = msiexec("i", MSI);
   ASSERT_EQ(r.code, 0u) << r.out << r.err;
   expect_serving(dir, KIV_VERSION, port);
+  EXPECT_EQ(kt::event_source(), dir + "\\kivd.exe|7");
   DWORD first_pid = m.status().dwProcessId;
 
   stop_service();
   r = msiexec("i", MSI_NEXT);
   ASSERT_EQ(r.code, 0u) << r.out << r.err;
   expect_serving(dir, KIV_NEXT_VERSION, port);
+  EXPECT_EQ(kt::event_source(), dir + "\\kivd.exe|7");
   EXPECT_NE(m.status().dwProcessId, first_pid);
 
   stop_service();
   r = msiexec("x", MSI_NEXT);
   ASSERT_EQ(r.code, 0u) << r.out << r.err;
   EXPECT_FALSE(m.installed());
+  EXPECT_EQ(kt::event_source(), "");
   EXPECT_EQ(kt::processes_named("kivd.exe"), 0);
   EXPECT_EQ(GetFileAttributesA(dir.c_str()), INVALID_FILE_ATTRIBUTES) << dir;
   HKEY key;

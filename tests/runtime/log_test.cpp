@@ -11,6 +11,7 @@
 #include "toolkit/runtime/cinit.h"
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
+#include "toolkit/runtime/events.h"
 #include "toolkit/runtime/init.h"
 #include "toolkit/runtime/log.h"
 #include "toolkit/runtime/memory.h"
@@ -222,23 +223,98 @@ TEST_F(Log, AllocatorReportsFailuresUnderTheCallersTag) {
       captured);
 }
 
+static std::vector<std::string> events;
+static void eventoutlet(void *, const kivev_event *ev) {
+  events.push_back(kivev_name(ev->id) + std::string(" ") + (ev->text ? ev->text : ""));
+}
+
+// A file that cannot take lines is one event, not one per line, and another when it
+// takes them again.
 TEST_F(Log, FileSinkIsOpenedLazilyAndRetried) {
   namespace fs = std::filesystem;
   fs::path dir = testdir() / "log";
+  std::string file = (dir / "kivd.txt").string();
   kiv_logreset();  // the real sink
   kiv_logsetpid(1234);
-  kiv_logconfig(("3;>" + (dir / "kivd.txt").string()).c_str());
-  // No directory yet: the line goes to standard error, the file is tried again later.
+  kivev_reset();
+  events.clear();
+  kivev_addoutlet(eventoutlet, nullptr, 0);
+  kiv_logconfig(("3;>" + file).c_str());
+  // No directory yet: the lines go to standard error, the file is tried again later.
   testing::internal::CaptureStderr();
   kiv_log(nullptr, "a.b", "first");
-  EXPECT_EQ("1234 [*] b: first\n", testing::internal::GetCapturedStderr());
+  kiv_log(nullptr, "a.b", "again");
+  EXPECT_EQ("1234 [*] b: first\n1234 [*] b: again\n", testing::internal::GetCapturedStderr());
   ASSERT_TRUE(fs::create_directories(dir));
   kiv_logerror(nullptr, "a.b", 1, KIV_ENOMEM, "second");
   kiv_log(nullptr, "a.b", "third");
+  std::vector<std::string> said = {"TRACE_FAILED " + file, "TRACE_RESUMED " + file};
+  // A full disk: each write fails.
+  if (fs::exists("/dev/full")) {
+    kiv_logconfig("3;>/dev/full");
+    testing::internal::CaptureStderr();
+    kiv_log(nullptr, "a.b", "lost");
+    kiv_log(nullptr, "a.b", "lost");
+    EXPECT_EQ("1234 [*] b: lost\n1234 [*] b: lost\n", testing::internal::GetCapturedStderr());
+    said.push_back("TRACE_FAILED /dev/full");
+  }
   kiv_logreset();  // closes the stream
+  kivev_reset();
   std::stringstream text;
-  text << std::ifstream(dir / "kivd.txt").rdbuf();
+  text << std::ifstream(file).rdbuf();
   EXPECT_EQ("1234 [*] b: second\n1234 [*] b: third\n", text.str());
+  EXPECT_EQ(said, events);
+}
+
+// The log file is rotated when it passes its size, three old files kept, no line lost or
+// doubled at a seam; the size is the file item's, 10 MB without one, never with "<0".
+TEST_F(Log, FileRotatesAtItsSize) {
+  namespace fs = std::filesystem;
+  fs::path dir = testdir() / "rotate";
+  std::string file = (dir / "kivd.txt").string();
+  auto read = [](const std::string &name) {
+    std::stringstream text;
+    text << std::ifstream(name).rdbuf();
+    return text.str();
+  };
+#ifdef _WIN32
+  const int LINE = 11;  // "line 0000" and CR LF: the log file is a text file
+#else
+  const int LINE = 10;
+#endif
+  struct {
+    const char *size;
+    int lines;
+    int limit;  // bytes, 0 for no rotation
+  } cases[] = {{"<1K", 50, 0}, {"<100", 500, 100}, {"<0", 500, 0}, {"", 500, 0},
+               {"<1k", 500, 1024}};
+  for (const auto &c : cases) {
+    fs::remove_all(dir);
+    ASSERT_TRUE(fs::create_directories(dir));
+    kiv_logreset();
+    kiv_logconfig(("3;=;>" + file + c.size).c_str());
+    for (int i = 0; i < c.lines; i++) kiv_log(nullptr, "a.b", "line %04d", i);
+    kiv_logreset();
+    if (c.size[0]) {
+      EXPECT_FALSE(fs::exists(file + c.size)) << "the size is no part of the name";
+    }
+    // Rotated after the line that reached the size.
+    uintmax_t rotated = static_cast<uintmax_t>((c.limit + LINE - 1) / LINE * LINE);
+    EXPECT_EQ(rotated, fs::exists(file + ".1") ? fs::file_size(file + ".1") : 0) << c.size;
+    // Oldest first, the lines run on without a gap to the last one written.
+    std::string all = read(file + ".3") + read(file + ".2") + read(file + ".1") + read(file);
+    std::istringstream lines(all);
+    std::string line;
+    int expected = c.lines - static_cast<int>(all.size()) / 10;
+    while (std::getline(lines, line)) {
+      char want[16];
+      snprintf(want, sizeof want, "line %04d", expected++);
+      ASSERT_EQ(want, line) << c.size;
+    }
+    EXPECT_EQ(c.lines, expected) << c.size;
+    EXPECT_FALSE(fs::exists(file + ".4")) << c.size;
+  }
+  EXPECT_EQ(fs::file_size(file + ".1"), fs::file_size(file + ".3")) << "three kept";
 }
 
 static std::atomic<int> inside{0}, overlaps{0};

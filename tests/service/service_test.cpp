@@ -122,6 +122,7 @@ TEST(Service, InstallStatesAndExitCodesThroughTheServiceManager) {
   EXPECT_EQ(code, 0u);
   EXPECT_EQ(run("-I -U", &code), "Service not installed\n");  // the last action wins
   EXPECT_FALSE(m.installed());
+  EXPECT_EQ(kt::event_source(), "");
 
   EXPECT_EQ(run("-U -S -I", &code), "Service \"Varnel Agent Port Manager\" installed\n");
   EXPECT_EQ(code, 0u);
@@ -132,6 +133,7 @@ TEST(Service, InstallStatesAndExitCodesThroughTheServiceManager) {
   EXPECT_EQ(c->dwStartType, static_cast<DWORD>(SERVICE_AUTO_START));
   EXPECT_EQ(c->dwServiceType & 0xFF, static_cast<DWORD>(SERVICE_WIN32_OWN_PROCESS));
   EXPECT_EQ(m.status().dwCurrentState, static_cast<DWORD>(SERVICE_STOPPED));  // -S ignored
+  EXPECT_EQ(kt::event_source(), exe + "|7");
   ASSERT_EQ(m.config2(SERVICE_CONFIG_DESCRIPTION, buf), 0u);
   EXPECT_STREQ(reinterpret_cast<SERVICE_DESCRIPTIONA *>(buf.data())->lpDescription,
                SSERV_DESCRIPTION);
@@ -153,6 +155,7 @@ TEST(Service, InstallStatesAndExitCodesThroughTheServiceManager) {
 
   EXPECT_EQ(run("-U", &code), "Service deleted\n");
   EXPECT_EQ(code, 0u);
+  EXPECT_EQ(kt::event_source(), "");
   EXPECT_EQ(run("-D7 -I -D3", &code), "Service \"Varnel Agent Port Manager\" installed\n");
   c = m.config(buf);
   ASSERT_NE(c, nullptr);
@@ -269,6 +272,7 @@ TEST(Service, InstallStatesAndExitCodesThroughTheServiceManager) {
   EXPECT_EQ(code, 0u);
   EXPECT_TRUE(kt::poll([&] { return !m.installed(); }));
   EXPECT_TRUE(no_kivd_process());
+  EXPECT_EQ(kt::event_source(), "");
 }
 
 TEST(PipeSecurity, TheDescriptorBlock) {

@@ -112,6 +112,21 @@ bool set_value(const std::string &key, const std::string &value, const std::stri
 
 void remove_root() { RegDeleteTreeA(HKEY_LOCAL_MACHINE, ROOT); }
 
+std::string event_source() {
+  HKEY key;
+  if (RegOpenKeyExA(HKEY_LOCAL_MACHINE,
+                    "SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\vesk_kivd", 0,
+                    KEY_READ, &key) != ERROR_SUCCESS)
+    return "";
+  char file[MAX_PATH] = "";
+  DWORD types = 0, size = sizeof file - 1;
+  RegQueryValueExA(key, "EventMessageFile", nullptr, nullptr, reinterpret_cast<BYTE *>(file), &size);
+  size = sizeof types;
+  RegQueryValueExA(key, "TypesSupported", nullptr, nullptr, reinterpret_cast<BYTE *>(&types), &size);
+  RegCloseKey(key);
+  return std::string(file) + "|" + std::to_string(types);
+}
+
 void registry::port(int port, const char *start, const char *service) {
   std::string key = "tcp\\s" + std::to_string(port);
   set(key, "start", start);

@@ -38,6 +38,9 @@ struct registry {
   // Service `name` with `program`, and each of ports "auto" for it.
   void auto_ports(const char *name, const std::string &program, const std::vector<int> &ports);
 };
+// kivd's event source in the Application log: "<EventMessageFile>|<TypesSupported>", or
+// "" when it is not registered.
+std::string event_source();
 // A program that does not exist: kivd listens on its ports, and a connection only makes
 // the launch fail (the port then rests 3 seconds).
 extern const char NO_PROGRAM[];

@@ -5,6 +5,7 @@ constexpr int KIV_NLOCKS = 16;
 constexpr int KIV_LOCK_NET = 5;    // the socket library start-up
 constexpr int KIV_LOCK_INFO = 10;  // the info tree
 constexpr int KIV_LOCK_LOG = 13;   // the log's output step
+constexpr int KIV_LOCK_EVENTS = 14;  // the events' outlets and repeat limit
 
 // Initialises all 16 locks once; later calls do nothing. Not safe against a concurrent
 // first call: it runs at start-up, and the log calls it before its first use of slot 13.

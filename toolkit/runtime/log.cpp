@@ -1,5 +1,6 @@
 #include "toolkit/runtime/log.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -7,6 +8,7 @@
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/context.h"
+#include "toolkit/runtime/events.h"
 #include "toolkit/runtime/locks.h"
 #include "toolkit/runtime/memory.h"
 #include "toolkit/runtime/platform.h"
@@ -22,6 +24,11 @@ namespace {
 const char TIMEPREFIX[] = "%p %n[%s] +%t %f: ";
 const char TIMEFORMAT[] = "%b %d %H:%M:%S";
 const char TAG[] = "log.kiv_logconfig";
+#ifdef _WIN32
+constexpr bool TEXT_CR = true;
+#else
+constexpr bool TEXT_CR = false;
+#endif
 
 struct module {
   char *name;    // owned
@@ -35,6 +42,10 @@ char *prefix;          // the template; null means KIV_LOGPREFIX
 char *filename;        // set by the ">" item
 char *keptspec;        // copy of the last debug spec, handed on to agents
 FILE *stream;          // the open log file; null while lines go to standard error
+long rotatesize = KIV_LOGROTATE;  // 0: never rotated
+long filesize;         // bytes in the open log file
+long rotateat;         // filesize at which the next rotation is tried
+bool failing;          // the file could not be opened or written: said once, until it can
 const char *progname;  // printed by %n; nothing in this system sets it
 uint32_t prevtime;     // hundredths of a second of the previous %t line
 long pidcache;
@@ -61,6 +72,33 @@ void setprefix(const char *text, size_t length) {
   if (!copy) return;
   xfree(prefix);
   prefix = copy;
+}
+
+// The "<SIZE" at the end of a file item, in bytes; -1 when the item has none (the whole
+// item is then the file's name, as it always was).
+long filesizeof(const char *text, size_t length) {
+  if (length < 2 || text[0] != '<') return -1;
+  unsigned long long size = 0;
+  size_t i = 1;
+  for (; i < length && text[i] >= '0' && text[i] <= '9'; i++) {
+    size = size * 10 + static_cast<unsigned>(text[i] - '0');
+    if (size > 0x7FFFFFFF) return -1;
+  }
+  if (i == 1) return -1;
+  if (i + 1 == length) {
+    int shift = 0;
+    switch (text[i] | 0x20) {
+      case 'k': shift = 10; break;
+      case 'm': shift = 20; break;
+      case 'g': shift = 30; break;
+      default: return -1;
+    }
+    size <<= shift;
+    i++;
+  }
+  // Sizes past what a 32-bit file offset holds are not sizes: ftell reports a long.
+  if (i != length || size > 0x7FFFFFFF) return -1;
+  return static_cast<long>(size);
 }
 
 void addmodule(const char *name, size_t length, int excluded) {
@@ -158,10 +196,21 @@ void kiv_logconfig(const char *debugspec) {
       } else if (first == '=') {
         setprefix(rest, restlength);
       } else if (first == '>') {
+        long size = KIV_LOGROTATE;
+        const char *mark = rest + restlength;
+        while (mark > rest && *mark != '<') mark--;
+        if (*mark == '<' && mark < rest + restlength) {
+          long given = filesizeof(mark, restlength - static_cast<size_t>(mark - rest));
+          if (given >= 0) {
+            size = given;
+            restlength = static_cast<size_t>(mark - rest);
+          }
+        }
         char *copy = copytext(rest, restlength);
         if (copy) {
           xfree(filename);
           filename = copy;
+          rotatesize = size;
           if (stream) fclose(stream);
           stream = nullptr;
         }
@@ -383,22 +432,91 @@ void kiv_logwrite(const char *line) {
   if (event) kiv_event_set(event);
 }
 
-void kiv_logtofile(const char *line) {
-  if (kiv_loglevel < 0) return;
-  FILE *out = stream;
-  if (!out) {
-    out = stderr;
-    // A file that cannot be opened now is tried again at the next line.
-    if (filename) {
-      FILE *f = kiv_fopen_append(filename);
-      if (f) {
-        setvbuf(f, nullptr, _IONBF, 0);
-        stream = f;
-        out = f;
-      }
+namespace {
+
+// Says once that the file cannot take lines (errno tells why), or that it takes them again.
+void tracestate(bool fails, int error) {
+  if (fails == failing) return;
+  failing = fails;
+  kivev_event ev{};
+  ev.text = filename;
+  if (fails) {
+    ev.id = KIVEV_TRACE_FAILED;
+    ev.syserror = error;
+    ev.errortext = strerror(error);
+  } else {
+    ev.id = KIVEV_TRACE_RESUMED;
+  }
+  kivev_emit(&ev);
+}
+
+// F.3 goes, F.2 becomes F.3, F.1 F.2 and F F.1; the next line opens a new F. Renamed
+// while closed: Windows renames no open file. When F cannot be renamed (another process
+// holds it), lines go on into F and the rotation is tried again an eighth of the size on.
+void rotate() {
+  fclose(stream);
+  stream = nullptr;
+  size_t length = strlen(filename);
+  char *from = static_cast<char *>(kiv_allocsize(length + 8, TAG));
+  char *to = static_cast<char *>(kiv_allocsize(length + 8, TAG));
+  bool renamed = false;
+  if (from && to) {
+    for (int i = KIV_LOGKEEP; i >= 1; i--) {
+      xsnprintf(to, static_cast<unsigned>(length + 8), "%s.%d", filename, i);
+      if (i == KIV_LOGKEEP) remove(to);
+      if (i > 1)
+        xsnprintf(from, static_cast<unsigned>(length + 8), "%s.%d", filename, i - 1);
+      else
+        xsnprintf(from, static_cast<unsigned>(length + 8), "%s", filename);
+      int rc = rename(from, to);
+      if (i == 1) renamed = rc == 0;
     }
   }
-  fprintf(out, "%s\n", line);
+  xfree(from);
+  xfree(to);
+  if (!renamed) rotateat = filesize + rotatesize / 8 + 1;
+}
+
+}  // namespace
+
+void kiv_logtofile(const char *line) {
+  if (kiv_loglevel < 0) return;
+  if (!stream && filename) {
+    // A file that cannot be opened now is tried again at the next line.
+    FILE *f = kiv_fopen_append(filename);
+    if (f) {
+      setvbuf(f, nullptr, _IONBF, 0);
+      stream = f;
+      fseek(f, 0, SEEK_END);
+      filesize = ftell(f);
+      if (filesize < 0) filesize = 0;
+      rotateat = rotatesize;
+    } else {
+      tracestate(true, errno);
+    }
+  }
+  if (stream) {
+    int n = fprintf(stream, "%s\n", line);
+    if (n >= 0) {
+      tracestate(false, 0);
+      filesize += n;
+      // A Windows text file writes CR LF for each LF; counted here rather than asked of
+      // the file at every line.
+      if (TEXT_CR) {
+        filesize++;  // the line's own end
+        for (const char *p = strchr(line, '\n'); p; p = strchr(p + 1, '\n')) filesize++;
+      }
+      if (rotatesize > 0 && filesize >= rotateat) rotate();
+      return;
+    }
+    // A full disk, a file gone bad: this line goes to standard error, and the next one
+    // opens the file anew.
+    int error = errno;
+    fclose(stream);
+    stream = nullptr;
+    tracestate(true, error);
+  }
+  fprintf(stderr, "%s\n", line);
 }
 
 void kiv_logreset() {
@@ -411,6 +529,10 @@ void kiv_logreset() {
   keptspec = nullptr;
   if (stream) fclose(stream);
   stream = nullptr;
+  rotatesize = KIV_LOGROTATE;
+  filesize = 0;
+  rotateat = 0;
+  failing = false;
   progname = nullptr;
   prevtime = 0;
   pidcache = 0;

@@ -33,7 +33,15 @@ extern kiv_sinkfunc kiv_logsink;
 
 // Applies a debug spec: items separated by ";" (digit: level; "+t": time prefix;
 // "=T": prefix template T; ">F": log file F; "!M": exclude module M; "M": include M).
+// The file item may end in "<SIZE", digits with an optional K, M or G (">c:/kivd.txt<50M"):
+// the file is rotated when it passes that size, KIV_LOGROTATE without one, never with
+// "<0". "<" cannot occur in a Windows file name, so no file item read before means
+// anything else now.
 void kiv_logconfig(const char *debugspec);
+// A log file that passes its size is renamed F.1 (F.1 to F.2, F.2 to F.3, the old F.3
+// removed) and the next line starts a new F.
+constexpr long KIV_LOGROTATE = 10L * 1024 * 1024;
+constexpr int KIV_LOGKEEP = 3;
 // The debug spec last given to kiv_logconfig, or null when none was given (or its copy
 // could not be allocated). The port manager passes it on to every agent it starts.
 const char *kiv_logspec();
@@ -58,6 +66,10 @@ int kiv_logprefix(char *buffer, int size, kiv_context *ctx, const char *tag, int
 // Hands one finished line to kiv_logsink, serialised across threads; a sink that logs
 // may nest once, a third level on the same thread is dropped.
 void kiv_logwrite(const char *line);
+// The default sink: the log file, else standard error. A file that cannot be opened or
+// written (a full disk, a locked or removed file) is one event (KIVEV_TRACE_FAILED), not
+// one per line; its lines go to standard error meanwhile, and the file is tried again at
+// the next line (KIVEV_TRACE_RESUMED once it takes lines again).
 void kiv_logtofile(const char *line);
 const char *kiv_severityname(int severity);
 // The process id printed by %p; kiv_init fills the cache.

@@ -1,0 +1,269 @@
+#include "toolkit/runtime/events.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <initializer_list>
+
+#include "toolkit/runtime/clock.h"
+#include "toolkit/runtime/error.h"
+#include "toolkit/runtime/locks.h"
+#include "toolkit/runtime/platform.h"
+
+namespace {
+
+struct definition {
+  int id;
+  int severity;
+  const char *name;
+  int nfields;
+  kivev_field fields[KIVEV_MAXINSERTS];
+};
+
+template <class... F>
+constexpr int nfields(F...) {
+  return sizeof...(F);
+}
+
+#define KIVEV_DEFINE(name, number, severity, ...) \
+  {number, severity, #name, nfields(__VA_ARGS__), {__VA_ARGS__}},
+// In number order (the list is written so): kivev_at walks it, the tests check the order.
+const definition definitions[] = {KIVEV_EVENTS(KIVEV_DEFINE)};
+#undef KIVEV_DEFINE
+static_assert(sizeof definitions / sizeof definitions[0] == KIVEV_NEVENTS, "one per event");
+
+const definition *find(int id) {
+  for (const definition &d : definitions)
+    if (d.id == id) return &d;
+  return nullptr;
+}
+
+struct outlet {
+  kivev_outlet call;
+  void *context;
+  int flags;
+};
+outlet outlets[KIVEV_MAXOUTLETS];
+int noutlets;
+
+// The repeat limit: one entry per (number, port, service, program) seen in the last
+// minute, found by a 64-bit hash of the four. A bounded table: an emitter cannot grow it.
+struct repeat {
+  uint64_t key;  // 0: free
+  time_t written;
+  int held;
+};
+constexpr int NREPEATS = 256;
+repeat repeats[NREPEATS];
+
+// Events emitted from inside an outlet are dropped: this thread is already emitting.
+thread_local int emitting;
+
+uint64_t hash(uint64_t h, const void *data, size_t length) {
+  const auto *p = static_cast<const unsigned char *>(data);
+  for (size_t i = 0; i < length; i++) h = (h ^ p[i]) * 0x100000001B3ull;
+  return h;
+}
+
+uint64_t keyof(const kivev_event *ev) {
+  uint64_t h = 0xCBF29CE484222325ull;
+  h = hash(h, &ev->id, sizeof ev->id);
+  h = hash(h, &ev->port, sizeof ev->port);
+  // The separators keep ("ab", "c") apart from ("a", "bc").
+  for (const char *text : {ev->service, ev->program}) {
+    if (text) h = hash(h, text, strlen(text));
+    h = hash(h, "\0", 1);
+  }
+  return h ? h : 1;
+}
+
+// Whether the limited outlets get this event; sets ev->held when they do. Called under
+// the events lock.
+bool pass_limit(kivev_event *ev) {
+  uint64_t key = keyof(ev);
+  time_t now = ev->time;
+  repeat *slot = nullptr;
+  for (repeat &r : repeats) {
+    if (r.key == key) {
+      // A clock set back counts as the minute gone by.
+      if (now >= r.written && now - r.written < KIVEV_REPEAT_SECONDS) {
+        r.held++;
+        return false;
+      }
+      ev->held = r.held;
+      r.held = 0;
+      r.written = now;
+      return true;
+    }
+    // A free entry, else the one written longest ago, if its minute is over (a count it
+    // still held is then never said: no identical event came for a minute and more).
+    bool over = r.key == 0 || now < r.written || now - r.written >= KIVEV_REPEAT_SECONDS;
+    if (over && (!slot || (slot->key != 0 && (r.key == 0 || r.written < slot->written)))) slot = &r;
+  }
+  // With every entry in its minute the event passes unlimited rather than be lost.
+  if (slot) *slot = {key, now, 0};
+  ev->held = 0;
+  return true;
+}
+
+// Local date and time of t, "%Y-%m-%d %H:%M:%S"; the number of seconds when the
+// platform cannot convert it.
+void localtext(time_t t, char *buffer, int size) {
+  struct tm local;
+  if (!kiv_localtime(t, &local) ||
+      strftime(buffer, static_cast<size_t>(size), "%Y-%m-%d %H:%M:%S", &local) == 0)
+    snprintf(buffer, static_cast<size_t>(size), "%lld", static_cast<long long>(t));
+}
+
+}  // namespace
+
+int kivev_addoutlet(kivev_outlet call, void *context, int flags) {
+  if (!kiv_locks_ready()) kiv_locks_init();
+  kiv_lock(KIV_LOCK_EVENTS);
+  int rc = KIV_EOVERFLOW;
+  if (noutlets < KIVEV_MAXOUTLETS) {
+    outlets[noutlets++] = {call, context, flags};
+    rc = 0;
+  }
+  kiv_unlock(KIV_LOCK_EVENTS);
+  return rc;
+}
+
+void kivev_reset() {
+  if (!kiv_locks_ready()) kiv_locks_init();
+  kiv_lock(KIV_LOCK_EVENTS);
+  noutlets = 0;
+  memset(repeats, 0, sizeof repeats);
+  kiv_unlock(KIV_LOCK_EVENTS);
+}
+
+void kivev_emit(kivev_event *ev) {
+  if (!ev || emitting) return;
+  if (!kiv_locks_ready()) kiv_locks_init();
+  emitting = 1;
+  ev->time = kiv_time();
+  // The lock covers the table of outlets and the repeat limit, not the outlets' calls:
+  // an outlet may log, and a logging thread may be emitting (a trace that failed).
+  kiv_lock(KIV_LOCK_EVENTS);
+  outlet copy[KIVEV_MAXOUTLETS];
+  int n = noutlets;
+  memcpy(copy, outlets, sizeof copy);
+  bool limited = false;
+  for (int i = 0; i < n; i++) limited |= (copy[i].flags & KIVEV_LIMITED) != 0;
+  bool pass = !limited || pass_limit(ev);
+  kiv_unlock(KIV_LOCK_EVENTS);
+  for (int i = 0; i < n; i++) {
+    if (!(copy[i].flags & KIVEV_LIMITED)) {
+      int held = ev->held;
+      ev->held = 0;  // said by limited outlets only
+      copy[i].call(copy[i].context, ev);
+      ev->held = held;
+    } else if (pass) {
+      copy[i].call(copy[i].context, ev);
+    }
+  }
+  emitting = 0;
+}
+
+int kivev_severity(int id) {
+  const definition *d = find(id);
+  return d ? d->severity : -1;
+}
+
+const char *kivev_name(int id) {
+  const definition *d = find(id);
+  return d ? d->name : nullptr;
+}
+
+int kivev_fields(int id, const kivev_field **fields) {
+  const definition *d = find(id);
+  if (!d) return -1;
+  if (fields) *fields = d->fields;
+  return d->nfields;
+}
+
+int kivev_at(int i) { return i >= 0 && i < KIVEV_NEVENTS ? definitions[i].id : -1; }
+
+int kivev_inserts(const kivev_event *ev, char *buffer, int size, const char **inserts) {
+  const definition *d = ev ? find(ev->id) : nullptr;
+  if (!d) return KIV_EINVAL;
+  char *at = buffer;
+  int room = size;
+  for (int i = 0; i < d->nfields; i++) {
+    char text[512];
+    const char *value = text;
+    text[0] = '\0';
+    enum { NONE, SIGNED, UNSIGNED, HEX } kind = NONE;  // a number, formatted below
+    long number = 0;
+    unsigned long unsignednumber = 0;
+    switch (d->fields[i]) {
+      case KIVEV_F_PORT:
+        kind = SIGNED, number = ev->port;
+        break;
+      case KIVEV_F_SERVICE:
+        value = ev->service;
+        break;
+      case KIVEV_F_PROGRAM:
+        value = ev->program;
+        break;
+      case KIVEV_F_PID:
+        kind = UNSIGNED, unsignednumber = ev->pid;
+        break;
+      case KIVEV_F_EXIT:
+        kind = UNSIGNED, unsignednumber = ev->exitcode;
+        break;
+      case KIVEV_F_EXCEPTION:
+        kind = HEX, unsignednumber = ev->exitcode;
+        break;
+      case KIVEV_F_SYSERROR:
+        kind = SIGNED, number = ev->syserror;
+        break;
+      case KIVEV_F_ERRORTEXT:
+        if (ev->errortext)
+          value = ev->errortext;
+        else
+          kivev_systext(ev->syserror, text, sizeof text);
+        break;
+      case KIVEV_F_UNTIL:
+        localtext(ev->until, text, sizeof text);
+        break;
+      case KIVEV_F_COUNT:
+        kind = SIGNED, number = ev->count;
+        break;
+      case KIVEV_F_PERIOD:
+        kind = SIGNED, number = ev->period;
+        break;
+      case KIVEV_F_SIZE:
+        kind = UNSIGNED, unsignednumber = ev->size;
+        break;
+      case KIVEV_F_TEXT:
+        value = ev->text;
+        break;
+      case KIVEV_F_VALUE:
+        value = ev->value;
+        break;
+      case KIVEV_F_CODE:
+        kind = SIGNED, number = ev->code;
+        break;
+    }
+    if (kind == SIGNED)
+      snprintf(text, sizeof text, "%ld", number);
+    else if (kind == UNSIGNED)
+      snprintf(text, sizeof text, "%lu", unsignednumber);
+    else if (kind == HEX)
+      snprintf(text, sizeof text, "0x%08lX", unsignednumber);
+    if (!value) value = "";
+    inserts[i] = at;
+    if (room <= 0) {
+      inserts[i] = "";
+      continue;
+    }
+    size_t length = strlen(value);
+    if (length > static_cast<size_t>(room - 1)) length = static_cast<size_t>(room - 1);
+    memcpy(at, value, length);
+    at[length] = '\0';
+    at += length + 1;
+    room -= static_cast<int>(length) + 1;
+  }
+  return d->nfields;
+}

@@ -1,0 +1,125 @@
+// kivd's events: the record of what happened to a port, service or global program, each
+// with a fixed number, a severity and its fields. The port manager and the control channel
+// emit them; the service host hands in the outlets at start-up (the Windows event log, a
+// per-record ring). Events come in addition to the debug log's lines, never instead.
+#pragma once
+#include <ctime>
+
+// Severities, as the Windows event log's types.
+constexpr int KIVEV_INFO = 0;
+constexpr int KIVEV_WARNING = 1;
+constexpr int KIVEV_ERROR = 2;
+
+// The fields an event's message takes as its inserts, in the message's order.
+enum kivev_field {
+  KIVEV_F_PORT,       // port number
+  KIVEV_F_SERVICE,    // service name
+  KIVEV_F_PROGRAM,    // global program name
+  KIVEV_F_PID,        // process id
+  KIVEV_F_EXIT,       // exit code, decimal
+  KIVEV_F_EXCEPTION,  // exit code of an ending by exception, 0x%08X
+  KIVEV_F_SYSERROR,   // the system's error number
+  KIVEV_F_ERRORTEXT,  // its text
+  KIVEV_F_UNTIL,      // local date and time "%Y-%m-%d %H:%M:%S"
+  KIVEV_F_COUNT,      // a number of starts, handles, messages
+  KIVEV_F_PERIOD,     // seconds
+  KIVEV_F_SIZE,       // bytes
+  KIVEV_F_TEXT,       // a name: a configuration value's path, a file, a tag
+  KIVEV_F_VALUE,      // a configuration value as read
+  KIVEV_F_CODE,       // a toolkit result code
+};
+
+// Every event: X(NAME, number, severity, inserts...). The number is the one the message
+// table gives it (service/kivd.mc, checked by the compiler against the generated header);
+// a new event is one row here and one message there.
+#define KIVEV_EVENTS(X)                                                                        \
+  X(SERVICE_STARTED, 1, KIVEV_INFO)                                                            \
+  X(SERVICE_STOPPED, 2, KIVEV_INFO, KIVEV_F_CODE)                                              \
+  X(PORT_LISTEN_FAILED, 101, KIVEV_ERROR, KIVEV_F_PORT, KIVEV_F_SERVICE, KIVEV_F_SYSERROR,     \
+    KIVEV_F_ERRORTEXT, KIVEV_F_UNTIL)                                                          \
+  X(PORT_THROTTLED, 102, KIVEV_WARNING, KIVEV_F_PORT, KIVEV_F_SERVICE, KIVEV_F_COUNT,          \
+    KIVEV_F_PERIOD, KIVEV_F_UNTIL)                                                             \
+  X(PORT_START_FAILED, 103, KIVEV_ERROR, KIVEV_F_PORT, KIVEV_F_SERVICE, KIVEV_F_SYSERROR,      \
+    KIVEV_F_ERRORTEXT, KIVEV_F_UNTIL)                                                          \
+  X(PORT_EXCEPTION, 104, KIVEV_WARNING, KIVEV_F_PORT, KIVEV_F_SERVICE, KIVEV_F_PID,            \
+    KIVEV_F_EXCEPTION, KIVEV_F_UNTIL)                                                          \
+  X(PORT_NO_PROGRAM, 105, KIVEV_WARNING, KIVEV_F_PORT, KIVEV_F_SERVICE)                        \
+  X(CONFIG_REFUSED, 106, KIVEV_WARNING, KIVEV_F_TEXT, KIVEV_F_VALUE)                           \
+  X(PORT_DISABLED, 107, KIVEV_INFO, KIVEV_F_PORT, KIVEV_F_SERVICE)                             \
+  X(PORT_ENABLED, 108, KIVEV_INFO, KIVEV_F_PORT, KIVEV_F_SERVICE)                              \
+  X(AGENT_ENDED, 201, KIVEV_WARNING, KIVEV_F_SERVICE, KIVEV_F_PID, KIVEV_F_EXIT)               \
+  X(PROG_ENDED, 202, KIVEV_WARNING, KIVEV_F_PROGRAM, KIVEV_F_PID, KIVEV_F_EXIT)                \
+  X(PROG_EXCEPTION, 203, KIVEV_WARNING, KIVEV_F_PROGRAM, KIVEV_F_PID, KIVEV_F_EXCEPTION,       \
+    KIVEV_F_UNTIL)                                                                             \
+  X(PROG_THROTTLED, 204, KIVEV_WARNING, KIVEV_F_PROGRAM, KIVEV_F_COUNT, KIVEV_F_PERIOD,        \
+    KIVEV_F_UNTIL)                                                                             \
+  X(PROG_START_FAILED, 205, KIVEV_ERROR, KIVEV_F_PROGRAM, KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT, \
+    KIVEV_F_UNTIL)                                                                             \
+  X(PIPE_CLIENT_HUNG_UP, 301, KIVEV_WARNING, KIVEV_F_COUNT, KIVEV_F_SIZE)                      \
+  X(WAIT_FAILED, 302, KIVEV_ERROR, KIVEV_F_COUNT, KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT)         \
+  X(OUT_OF_MEMORY, 303, KIVEV_ERROR, KIVEV_F_SIZE, KIVEV_F_TEXT)                               \
+  X(TRACE_FAILED, 304, KIVEV_WARNING, KIVEV_F_TEXT, KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT)       \
+  X(TRACE_RESUMED, 305, KIVEV_INFO, KIVEV_F_TEXT)
+
+#define KIVEV_NUMBER(name, number, ...) KIVEV_##name = number,
+enum kivev_id : int { KIVEV_EVENTS(KIVEV_NUMBER) };
+#undef KIVEV_NUMBER
+
+// One event as emitted. The emitter fills id and the fields its event has (the rest stay
+// zero or null); texts are the emitter's and live only for the call, so an outlet copies
+// what it keeps.
+struct kivev_event {
+  int id;               // KIVEV_*
+  time_t time;          // set by kivev_emit
+  int port;             // 0: none
+  const char *service;  // the service of the port, or of the agent
+  const char *program;  // a global program's name
+  unsigned long pid;
+  unsigned long exitcode;  // exit code, or the code of the exception
+  long syserror;           // the system's error number
+  const char *errortext;   // its text; kivev_systext gives the platform's
+  time_t until;            // when a rest ends
+  long count;
+  long period;
+  unsigned long size;
+  const char *text;
+  const char *value;
+  int code;  // a toolkit result code
+  int held;  // limited outlets: identical events held back before this one
+};
+
+#define KIVEV_COUNT_ONE(...) +1
+constexpr int KIVEV_NEVENTS = 0 KIVEV_EVENTS(KIVEV_COUNT_ONE);
+#undef KIVEV_COUNT_ONE
+// Identical events (same number, port, service and program) reach a limited outlet at
+// most once in this many seconds; the next one that does carries the count held back.
+constexpr int KIVEV_REPEAT_SECONDS = 60;
+constexpr int KIVEV_MAXOUTLETS = 4;
+constexpr int KIVEV_MAXINSERTS = 5;  // fields of the largest event
+constexpr int KIVEV_LIMITED = 1;     // kivev_addoutlet flag
+
+// Called for each event, from the thread that emits it (the loop, or a thread whose log
+// line failed): quick, never blocking, guarding its own state. An event emitted from
+// inside an outlet on the same thread is dropped, so an outlet cannot loop.
+using kivev_outlet = void (*)(void *context, const kivev_event *ev);
+
+// Adds an outlet; with KIVEV_LIMITED it gets the repeat limit. 0, or KIV_EOVERFLOW when
+// KIVEV_MAXOUTLETS are registered already.
+int kivev_addoutlet(kivev_outlet outlet, void *context, int flags);
+// Removes every outlet and forgets what the repeat limit held back (shutdown, tests).
+void kivev_reset();
+// Stamps the event with kiv_time() and hands it to every outlet.
+void kivev_emit(kivev_event *ev);
+
+// The event's definition: severity, name ("PORT_LISTEN_FAILED"), its inserts in order
+// (the count, -1 for a number that is no event). The i-th event in number order: kivev_at.
+int kivev_severity(int id);
+const char *kivev_name(int id);
+int kivev_fields(int id, const kivev_field **fields);
+int kivev_at(int i);
+// The event's inserts as texts, in its message's order: each written into buffer (size
+// bytes, cut to fit, each terminated) and pointed to from inserts. Returns their count, or
+// KIV_EINVAL for a number that is no event.
+int kivev_inserts(const kivev_event *ev, char *buffer, int size, const char **inserts);
+// The platform's text for a system error number, without a trailing line end.
+void kivev_systext(long syserror, char *buffer, int size);
