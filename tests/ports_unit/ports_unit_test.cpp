@@ -346,10 +346,6 @@ TEST_F(Ports, ServicePathsBounded) {
   std::string fits(255 - 10 - 12, 'a'), over = fits + "a";
   EXPECT_NE(nullptr, addservice(fits.c_str()));
   EXPECT_EQ(nullptr, addservice(over.c_str()));
-  char path[PATH_SIZE];
-  EXPECT_EQ(0, service_path(path, "a.b.c", ".program"));
-  EXPECT_STREQ(".services.a_b_c.program", path);
-  EXPECT_EQ(KIV_EOVERFLOW, service_path(path, over.c_str(), ".description"));
 }
 
 // An agent command is one line with CR LF; a closed pipe gets nothing and logs nothing.
