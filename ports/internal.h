@@ -50,7 +50,7 @@ constexpr DWORD EXIT_EXCEPTION = 0xC0000000;  // exit codes at or above: ended b
 constexpr DWORD EXIT_UNKNOWN = 0x4711;        // used when GetExitCodeProcess fails
 
 // Fixed buffers and limits.
-constexpr int PATH_SIZE = SCHEMA_PATH_SIZE;           // configuration paths built from names
+constexpr int PATH_SIZE = SCHEMA_PATH_SIZE;            // configuration paths built from names
 constexpr int PROGRAM_MAX = SCHEMA_AGENT_PROGRAM_MAX;  // agent program text of a service
 constexpr int EXTRA_ARGS_MAX = 226;
 constexpr int CMDLINE_SIZE = 512;  // agent command line before the -C piece

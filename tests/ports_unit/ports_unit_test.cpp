@@ -346,6 +346,11 @@ TEST_F(Ports, ServicePathsBounded) {
   std::string fits(255 - 10 - 12, 'a'), over = fits + "a";
   EXPECT_NE(nullptr, addservice(fits.c_str()));
   EXPECT_EQ(nullptr, addservice(over.c_str()));
+  char path[PATH_SIZE];
+  EXPECT_EQ(0, kivschema_path(path, schema_values[SCHEMA_SERVICE_PROGRAM], "a.b.c"));
+  EXPECT_STREQ(".services.a_b_c.program", path);
+  EXPECT_EQ(KIV_EOVERFLOW,
+            kivschema_path(path, schema_values[SCHEMA_SERVICE_DESCRIPTION], over.c_str()));
 }
 
 // An agent command is one line with CR LF; a closed pipe gets nothing and logs nothing.

@@ -33,8 +33,8 @@ const schema_value schema_values[SCHEMA_VALUES] = {
     {SCHEMA_PORTS, "start", "start mode", SCHEMA_WORDS, PORT_STARTS, false, 0, 0, nullptr, nullptr,
      true},
     {SCHEMA_PORTS, "service", "service", SCHEMA_NAME, nullptr, false, 0, 0, nullptr, nullptr, true},
-    {SCHEMA_SERVICES, "program", "program", SCHEMA_LINE, nullptr, false, 1, SCHEMA_AGENT_PROGRAM_MAX,
-     nullptr, nullptr, true},
+    {SCHEMA_SERVICES, "program", "program", SCHEMA_LINE, nullptr, false, 1,
+     SCHEMA_AGENT_PROGRAM_MAX, nullptr, nullptr, true},
     {SCHEMA_SERVICES, "description", "description", SCHEMA_TEXT, nullptr, false, 0, 0, nullptr,
      nullptr, false},
     {SCHEMA_SERVICES, "lifespan", "lifespan", SCHEMA_DIGITS, nullptr, false, 0, WIRE_LIFESPAN_MAX,
@@ -52,7 +52,8 @@ int kivschema_judge(const schema_value &v, const char *text) {
       return length >= static_cast<size_t>(v.min) && length <= static_cast<size_t>(v.max) ? 0 : -1;
     case SCHEMA_WORDS:
       for (int i = 0; v.words[i]; i++)
-        if ((v.anycase ? xstrncasecmp(text, v.words[i], length + 1) : strcmp(text, v.words[i])) == 0)
+        if ((v.anycase ? xstrncasecmp(text, v.words[i], length + 1) : strcmp(text, v.words[i])) ==
+            0)
           return i;
       return -1;
     case SCHEMA_DIGITS: {

@@ -100,10 +100,10 @@ std::string fault_of(const applycfg &cfg, const schema_value &v, const applycfg_
     case SCHEMA_WORDS:
       return usable ? "" : std::string("unknown ") + v.label + " " + text + " for " + key;
     case SCHEMA_DIGITS:
-      return usable ? ""
-                    : std::string(v.label) + " " + text + " of " + key + " is not a number of " +
-                          v.unit + " from " + std::to_string(v.min) + " to " +
-                          std::to_string(v.max);
+      return usable
+                 ? ""
+                 : std::string(v.label) + " " + text + " of " + key + " is not a number of " +
+                       v.unit + " from " + std::to_string(v.min) + " to " + std::to_string(v.max);
     case SCHEMA_LINE:
       if (text.empty()) return key + " has no " + v.label;
       return usable ? ""
