@@ -15,6 +15,11 @@
 #define WIRE_REMOVE "remove tcp::"  // followed by the port
 #define WIRE_EXIT "exit"
 #define WIRE_RECONFIG "reconfig"
+// The lifespan line's seconds: the manager sends WIRE_DEFAULT_LIFESPAN for a service that
+// names none; an agent reads up to WIRE_LIFESPAN_MAX (its milliseconds fit 32 bits). A
+// number, so both ends can check theirs against it; the manager sends its decimal text.
+#define WIRE_DEFAULT_LIFESPAN 86400
+constexpr unsigned long WIRE_LIFESPAN_MAX = 4294967;
 
 // The protocol information of a handed-over socket: a WSAPROTOCOL_INFOA of the 64-bit
 // system (each side that knows the record asserts the size), and its length in base64

@@ -11,9 +11,11 @@
 
 #include "ports/ssock.h"
 #include "ports/util.h"
+#include "toolkit/config/schema.h"
 #include "toolkit/runtime/log.h"
 
-// Start modes; the listing names them through START_NAMES.
+// Start modes; the listing names them through START_NAMES. Each is its configuration
+// word's index in the port's start row plus 1.
 constexpr int START_AUTO = 1;
 constexpr int START_HOOK = 2;
 constexpr int START_ON = 3;
@@ -48,8 +50,8 @@ constexpr DWORD EXIT_EXCEPTION = 0xC0000000;  // exit codes at or above: ended b
 constexpr DWORD EXIT_UNKNOWN = 0x4711;        // used when GetExitCodeProcess fails
 
 // Fixed buffers and limits.
-constexpr int PATH_SIZE = 256;    // configuration paths built from names
-constexpr int PROGRAM_MAX = 256;  // agent program text of a service
+constexpr int PATH_SIZE = SCHEMA_PATH_SIZE;            // configuration paths built from names
+constexpr int PROGRAM_MAX = SCHEMA_AGENT_PROGRAM_MAX;  // agent program text of a service
 constexpr int EXTRA_ARGS_MAX = 226;
 constexpr int CMDLINE_SIZE = 512;  // agent command line before the -C piece
 constexpr int SENDCMD_SIZE = 1024;
@@ -138,9 +140,6 @@ port_record *addport(int number, service_record *svc, int start);
 // Creates or refreshes the prog (flags cleared, program re-read, refs counted). Null when
 // the name is too long for its configuration path (logged) or the heap refuses.
 prog_record *addprog(const char *name);
-// Formats ".services.<name><suffix>" into buffer (PATH_SIZE) with every "." of the name
-// made "_". KIV_EOVERFLOW when it would not fit.
-int service_path(char *buffer, const char *name, const char *suffix);
 // Closes a port's socket and its event together.
 void close_socket(port_record *p);
 // Destructors of records already taken out of their lists (or of an agent no port holds

@@ -242,16 +242,12 @@ int start_agent(port_record *p) {
     }
   }
   sendcmd(c, WIRE_END_PORTS);
-  char *name = xstrdup(svc->name, nullptr);
+  const schema_value &row = schema_values[SCHEMA_SERVICE_LIFESPAN];
   char path[PATH_SIZE];
   char *lifespan = nullptr;
-  if (name) {
-    xsnprintf(path, sizeof path, ".services.%.*s.lifespan", 236, kivinfo_fixname(name));
-    kivinfo_get(nullptr, path, &lifespan);
-  }
-  sendcmd(c, WIRE_LIFESPAN "%s", lifespan ? lifespan : "86400");
+  if (kivschema_path(path, row, svc->name) == 0) kivinfo_get(nullptr, path, &lifespan);
+  sendcmd(c, WIRE_LIFESPAN "%s", lifespan ? lifespan : row.fallback);
   xfree(lifespan);
-  xfree(name);
   return 0;
 }
 

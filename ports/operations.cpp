@@ -68,18 +68,19 @@ int ssock_add(int port, const char *pid, const char *extra_args) {
     KIV_LOG(3, TAG, "Port %d exists", port);
     if (existing->start != START_HOOK) return KIV_ECONFIG;
   }
+  const schema_value &start = schema_values[SCHEMA_PORT_START];
   char key[PATH_SIZE];
   char *value = nullptr;
-  xsnprintf(key, sizeof key, ".tcp.s%d.start", port);
+  kivschema_path(key, start, port);
   // Numbers the configuration could not hold count as not configured for hooking.
-  if (port < 1 || port > 65534 || kivinfo_get(nullptr, key, &value) != 0 ||
-      strcmp(value, "hook") != 0) {
+  if (port < SCHEMA_PORT_MIN || port > SCHEMA_PORT_MAX || kivinfo_get(nullptr, key, &value) != 0 ||
+      kivschema_judge(start, value) + 1 != START_HOOK) {
     xfree(value);
     KIV_LOG(3, TAG, "Port %d not configured as hook", port);
     return KIV_ECONFIG;
   }
   xfree(value);
-  xsnprintf(key, sizeof key, ".tcp.s%d.service", port);
+  kivschema_path(key, schema_values[SCHEMA_PORT_SERVICE], port);
   char *name = nullptr;
   if (kivinfo_get(nullptr, key, &name) != 0) {
     KIV_LOG(3, TAG, "No service for port %d", port);

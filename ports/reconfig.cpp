@@ -1,13 +1,12 @@
 // Reconfiguration: the tables made to agree with the registry configuration.
-#include <cstdlib>
 #include <cstring>
 
 #include "lib/heap.h"
 #include "lib/printf.h"
-#include "lib/strcase.h"
 #include "lib/wire.h"
 #include "ports/internal.h"
 #include "toolkit/config/info.h"
+#include "toolkit/config/schema.h"
 #include "toolkit/runtime/error.h"
 
 int servnode_cb(const char *path, const char *value, void *) {
@@ -18,21 +17,15 @@ int servnode_cb(const char *path, const char *value, void *) {
 int tcpnode_cb(const char *path, const char *value, void *) {
   static const char TAG[] = "ssock.tcpnode_cb";
   KIV_LOG(4, TAG, "%s = %s", path, value);
-  if (xstrncasecmp(path, ".tcp.s", 6) != 0) return 0;
-  char *end = nullptr;
-  long number = strtol(path + 6, &end, 10);
-  if (number < 1 || number >= 65535) return 0;
-  if (xstrncasecmp(end, ".start", 6) != 0) return 0;
+  const char *end = nullptr;
+  long number = kivschema_port(path, &end);
+  if (number == 0) return 0;
+  if (!kivschema_is(end, schema_values[SCHEMA_PORT_START])) return 0;
   KIV_LOG(3, TAG, "Found port %d, start=%s", static_cast<int>(number), value);
-  int start;
-  if (strcmp(value, "auto") == 0)
-    start = START_AUTO;
-  else if (strcmp(value, "on") == 0)
-    start = START_ON;
-  else
-    return 0;
+  int start = kivschema_judge(schema_values[SCHEMA_PORT_START], value) + 1;
+  if (start != START_AUTO && start != START_ON) return 0;
   char key[PATH_SIZE];
-  xsnprintf(key, sizeof key, ".tcp.s%u.service", static_cast<unsigned>(number));
+  kivschema_path(key, schema_values[SCHEMA_PORT_SERVICE], number);
   char *name = nullptr;
   if (kivinfo_get(nullptr, key, &name) != 0) return 0;
   service_record *svc = find_service(name);
@@ -59,23 +52,18 @@ int tcpnode_cb(const char *path, const char *value, void *) {
 
 int startnode_cb(const char *path, const char *value, void *) {
   static const char TAG[] = "ssock.startnode_cb";
-  static const char PREFIX[] = ".global.start.", SUFFIX[] = ".start";
-  constexpr size_t PREFIXLEN = sizeof PREFIX - 1, SUFFIXLEN = sizeof SUFFIX - 1;
+  const schema_value &row = schema_values[SCHEMA_PROGRAM_START];
   KIV_LOG(4, TAG, "%s = %s", path, value);
-  size_t length = strlen(path);
-  // The name between the two must not be empty, so the two may not overlap.
-  if (length <= PREFIXLEN + SUFFIXLEN - 1 || xstrncasecmp(path, PREFIX, PREFIXLEN) != 0 ||
-      xstrncasecmp(path + length - SUFFIXLEN, SUFFIX, SUFFIXLEN) != 0)
-    return 0;
-  if (xstrncasecmp(value, "on", 3) != 0) return 0;
-  size_t namelength = length - PREFIXLEN - SUFFIXLEN;
+  size_t namelength = 0;
+  const char *key = kivschema_key(path, row, &namelength);
+  if (!key) return 0;
+  if (kivschema_judge(row, value) != 0) return 0;  // word 0: "on"
   char name[PATH_SIZE];
   if (namelength >= sizeof name) {
-    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ECONFIG, "Prog name too long: %.40s...",
-                 path + PREFIXLEN);
+    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ECONFIG, "Prog name too long: %.40s...", key);
     return 0;
   }
-  memcpy(name, path + PREFIXLEN, namelength);
+  memcpy(name, key, namelength);
   name[namelength] = '\0';
   KIV_LOG(3, TAG, "Adding prog %s", name);
   addprog(name);
@@ -84,12 +72,13 @@ int startnode_cb(const char *path, const char *value, void *) {
 
 int ssock_reconfig() {
   static const char TAG[] = "ssock.ssock_reconfig";
-  static const char *const SUBTREES[3][2] = {
-      {".global", "%.*s\\global"}, {".services", "%.*s\\services"}, {".tcp", "%.*s\\tcp"}};
-  for (const auto &subtree : SUBTREES) {
-    char source[PATH_SIZE];
-    xsnprintf(source, sizeof source, subtree[1], 240, SSOCK_ROOT);
-    kivinfo_set(subtree[0], source, KIVINFO_REGISTRY);
+  // Each section's top key ("global" of "global.start") is attached as a registry source.
+  for (const schema_section &section : schema_sections) {
+    int top = static_cast<int>(strcspn(section.folder, "."));
+    char path[PATH_SIZE], source[PATH_SIZE];
+    xsnprintf(path, sizeof path, ".%.*s", top, section.folder);
+    xsnprintf(source, sizeof source, "%.*s\\%.*s", 240, SSOCK_ROOT, top, section.folder);
+    kivinfo_set(path, source, KIVINFO_REGISTRY);
   }
   int oldcount = 0;
   for (port_record *p = ssock_ports; p; p = p->next) {
@@ -99,9 +88,12 @@ int ssock_reconfig() {
   for (service_record *s = ssock_services; s; s = s->next) s->refs = 0;
   for (prog_record *g = ssock_progs; g; g = g->next) g->refs = 0;
 
-  kivinfo_walk(".services", servnode_cb, nullptr);
-  kivinfo_walk(".tcp", tcpnode_cb, nullptr);
-  kivinfo_walk(".global.start", startnode_cb, nullptr);
+  static const kivinfo_walkfunc WALKS[SCHEMA_SECTIONS] = {servnode_cb, tcpnode_cb, startnode_cb};
+  for (int i = 0; i < SCHEMA_SECTIONS; i++) {
+    char path[PATH_SIZE];
+    xsnprintf(path, sizeof path, ".%s", schema_sections[i].folder);
+    kivinfo_walk(path, WALKS[i], nullptr);
+  }
 
   for (port_record *p = ssock_ports; p; p = p->next) {
     if (p->refs == 0 && !(p->flags & PORT_REMOVE) && p->start != START_HOOK) {

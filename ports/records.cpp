@@ -6,6 +6,7 @@
 #include "lib/wire.h"
 #include "ports/internal.h"
 #include "toolkit/config/info.h"
+#include "toolkit/config/schema.h"
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/memory.h"
@@ -39,15 +40,6 @@ prog_record *find_prog(const char *name) {
   return nullptr;
 }
 
-int service_path(char *buffer, const char *name, const char *suffix) {
-  constexpr int PREFIX = 10;  // ".services."
-  int n = xsnprintf(buffer, PATH_SIZE, ".services.%s%s", name, suffix);
-  if (n < 0 || n >= PATH_SIZE) return KIV_EOVERFLOW;
-  for (char *c = buffer + PREFIX; c < buffer + n - strlen(suffix); c++)
-    if (*c == '.') *c = '_';
-  return 0;
-}
-
 // A new zeroed record named by a copy of name, pushed at the head of its list.
 template <typename R>
 R *push_new(R *&head, const char *name, const char *tag) {
@@ -63,27 +55,27 @@ R *push_new(R *&head, const char *name, const char *tag) {
   return r;
 }
 
-// The value at path, or null when it is missing; the caller owns it.
-static char *getvalue(const char *path) {
+// Value v of the key name, or null when it is missing; the caller owns it.
+static char *getvalue(const schema_value &v, const char *name) {
+  char path[PATH_SIZE];
   char *value = nullptr;
+  if (kivschema_path(path, v, name) != 0) return nullptr;
   return kivinfo_get(nullptr, path, &value) == 0 ? value : nullptr;
 }
 
 service_record *addservice(const char *name) {
   static const char TAG[] = "ssock.addservice";
-  char description[PATH_SIZE], program[PATH_SIZE];
   // A name whose paths would not fit in their buffers is refused before a record exists.
-  if (service_path(description, name, ".description") != 0 ||
-      service_path(program, name, ".program") != 0) {
+  if (strlen(name) > kivschema_name_max(SCHEMA_SERVICES)) {
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ECONFIG, "Service name too long: %.40s...", name);
     return nullptr;
   }
   service_record *s = find_service(name);
   if (!s && !(s = push_new(ssock_services, name, TAG))) return nullptr;
   xfree(s->description);
-  s->description = getvalue(description);
+  s->description = getvalue(schema_values[SCHEMA_SERVICE_DESCRIPTION], name);
   xfree(s->program);
-  s->program = getvalue(program);
+  s->program = getvalue(schema_values[SCHEMA_SERVICE_PROGRAM], name);
   return s;
 }
 
@@ -135,9 +127,7 @@ port_record *addport(int number, service_record *svc, int start) {
 
 prog_record *addprog(const char *name) {
   static const char TAG[] = "ssock.addprog";
-  char path[PATH_SIZE];
-  int n = xsnprintf(path, sizeof path, ".global.start.%s.program", name);
-  if (n < 0 || n >= PATH_SIZE) {
+  if (strlen(name) > kivschema_name_max(SCHEMA_PROGRAMS)) {
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ECONFIG, "Prog name too long: %.40s...", name);
     return nullptr;
   }
@@ -145,7 +135,7 @@ prog_record *addprog(const char *name) {
   if (!g && !(g = push_new(ssock_progs, name, TAG))) return nullptr;
   g->flags = 0;
   xfree(g->program);
-  g->program = getvalue(path);
+  g->program = getvalue(schema_values[SCHEMA_PROGRAM_PROGRAM], name);
   g->refs++;
   return g;
 }

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "tests/lib/testing.h"
+#include "toolkit/config/schema.h"
 #include "tools/kivctl/applycfg.h"
 
 namespace {
@@ -23,6 +24,42 @@ std::string read_text(const std::string &text, applycfg *cfg) {
 
 const std::string SVC = "services.e:\n\tprogram = x\n";  // two lines
 
+// Each value's texts are judged alike by the port manager's reading and by apply's check
+// of a file that gives the text at "@" ("-": leaves the value out) and is otherwise
+// valid: what apply refuses, kivd cannot use.
+TEST(ApplyCfg, ValuesJudgedAsThePortManagerReadsThem) {
+  std::string program(256, 'p'), line(32766, 'p'), name(234, 'n'), most(233, 'n');
+  // The port manager finds the service at ".services.<name>" with "." made "_", letter
+  // case ignored.
+  std::string port = SVC + "tcp.s1:\n",
+              relay = "services.Mail_Relay:\n\tprogram = x\ntcp.S65534:\n";
+  std::string top = "services:\n" + SVC, dflt = schema_values[SCHEMA_SERVICE_LIFESPAN].fallback;
+  struct row {
+    int value;
+    std::string file;
+    std::vector<std::string> taken, refused;
+  } rows[] = {
+      {SCHEMA_PORT_START, port + "\tservice = e\n@", {"auto", "on", "hook"}, {"Auto", "off", "-"}},
+      {SCHEMA_PORT_SERVICE, relay + "\tstart = on\n@", {"mail.relay"}, {"", name, "-"}},
+      {SCHEMA_SERVICE_PROGRAM, "services.e:\n@", {program}, {program + "p", "", "-"}},
+      {SCHEMA_SERVICE_LIFESPAN, top + "@", {"0", "4294967", "0000060", dflt, "-"}, {"00000060"}},
+      {SCHEMA_SERVICE_LIFESPAN, SVC + "@", {}, {"4294968", "+60", ""}},
+      {SCHEMA_PROGRAM_START, "global.start.g:\n\tprogram = p\n@", {"ON", "off", "-"}, {"yes"}},
+      {SCHEMA_PROGRAM_PROGRAM, "global.start." + most + ":\n@", {line}, {line + "p", "", "-"}},
+  };
+  for (const row &r : rows)
+    for (bool taken : {true, false})
+      for (const std::string &text : taken ? r.taken : r.refused) {
+        const schema_value &v = schema_values[r.value];
+        SCOPED_TRACE(std::string(v.name) + " = " + text.substr(0, 20));
+        EXPECT_EQ(taken, text == "-" ? !v.required : kivschema_judge(v, text.c_str()) >= 0);
+        std::string file = r.file, given = "\t" + std::string(v.name) + " = " + text + "\n";
+        file.replace(file.find('@'), 1, text == "-" ? "" : given);
+        applycfg cfg;
+        EXPECT_EQ(taken, read_text(file, &cfg).empty());
+      }
+}
+
 TEST(ApplyCfg, RefusesWithTheLineAndTheMessage) {
   struct refusal {
     std::string text, error;
@@ -34,20 +71,14 @@ TEST(ApplyCfg, RefusesWithTheLineAndTheMessage) {
       // Port keys: one spelling of a number from 1 to 65534 (more in the loop below).
       {SVC + "\n# comment\ntcp.s0:\n\tstart = auto\n\tservice = e\n",
        "5: bad port s0 (s and a number from 1 to 65534)"},
-      // A port needs a start mode the port manager knows and a service that is given.
-      {SVC + "tcp.s25:\n\tstart = auto\n", "3: port 25 has no service"},
-      {SVC + "tcp.s25:\n\tstart = auto\n\tservice =\n", "5: port 25 has no service"},
+      // A fault of each kind of value (which texts: the table above).
       {SVC + "tcp.s25:\n\tservice = e\n", "3: port 25 has no start mode"},
-      {SVC + "tcp.s25:\n\tservice = e\n\tstart = Auto\n", "5: unknown start mode Auto for port 25"},
-      {SVC + "tcp.s25:\n\tservice = e\n\tstart = off\n", "5: unknown start mode off for port 25"},
       {SVC + "tcp.s25:\n\tstart = on\n\tservice = f\n", "5: service f of port 25 is not given"},
-      // Services and global programs.
-      {"services.e:\n\tdescription = d\n", "1: service e has no program"},
       {"services.e:\n\tprogram =\n", "2: service e has no program"},
-      {SVC + "\tlifespan = 1d\n", "3: lifespan 1d of service e is not a number of seconds"},
-      {"global.start.g:\n\tstart = on\n", "1: global program g has no program"},
-      {"global.start.g:\n\tprogram = p\n\tstart = yes\n",
-       "3: unknown start mode yes for global program g"},
+      {"services.e:\n\tprogram = " + std::string(257, 'p') + "\n",
+       "2: program of service e is longer than 256 characters"},
+      {SVC + "\tlifespan = 1d\n",
+       "3: lifespan 1d of service e is not a number of seconds from 0 to 4294967"},
       {"services." + std::string(234, 'n') + ":\n\tprogram = x\n",
        "1: name too long (234 characters, at most 233)"},
       // Anything else is refused rather than written where nothing reads it.
@@ -76,21 +107,9 @@ TEST(ApplyCfg, RefusesWithTheLineAndTheMessage) {
 }
 
 TEST(ApplyCfg, TakesWhatThePortManagerReads) {
-  std::string cases[] = {
-      "",
-      "# nothing\n\n",
-      // The port manager finds the service at ".services.<name>" with "." made "_",
-      // letter case ignored.
-      "services.Mail_Relay:\n\tprogram = x\ntcp.S25:\n\tstart = on\n\tservice = mail.relay\n",
-      SVC + "tcp.s1:\n\tstart = hook\n\tservice = e\ntcp.s65534:\n\tstart = auto\n\tservice = E\n",
-      "global.start.a:\n\tprogram = p\n\tstart = ON\n"
-      "global.start.b:\n\tprogram = p\n\tstart = off\nglobal.start.c:\n\tprogram = p\n",
-      "global.start." + std::string(233, 'n') + ":\n\tprogram = x\n",
-      "services:\nservices.e:\n\tprogram = x\n\tlifespan = 60\n\tdescription = \"\"\n",
-  };
-  for (auto &text : cases) {
+  for (const char *empty : {"", "# nothing\n\n"}) {
     applycfg cfg;
-    EXPECT_EQ(read_text(text, &cfg), "") << text;
+    EXPECT_EQ(read_text(empty, &cfg), "") << empty;
   }
   applycfg cfg;
   ASSERT_EQ(read_text("tcp.s25:\n\tService = Echo\n\tstart = on\nservices.Echo:\n\tProgram = a b\n",

@@ -104,5 +104,22 @@ TEST_F(Reconfig, ChangedAndRemovedKeys) {
   EXPECT_EQ(waits(0, {agent_b}), waits());
 }
 
+// A disable by command outlives the record: its replacement, for another service and
+// then another start mode, stays disabled until the enable command.
+TEST_F(Reconfig, DisableByCommandCarriesOverToTheReplacement) {
+  unsigned port = free_ports(1)[0];
+  set_service("a", agent_program(record_path("a")));
+  set_service("b", agent_program(record_path("b")));
+  set_port(port, "auto", "a");
+  ASSERT_EQ(0, ssock_reconfig());
+  ASSERT_EQ(0, ssock_disable(int(port)));
+  const char *const modes[][2] = {{"auto", "Auto"}, {"on", "On"}};  // configured, listed
+  for (auto mode : modes) {
+    set_port(port, mode[0], "b");
+    ASSERT_EQ(0, ssock_reconfig());
+    EXPECT_EQ(lines({line_of(port, "b", mode[1]) + disable_of(0x7FFFFFFF)}), listing());
+  }
+}
+
 }  // namespace
 }  // namespace porttest

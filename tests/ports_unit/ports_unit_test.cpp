@@ -347,9 +347,10 @@ TEST_F(Ports, ServicePathsBounded) {
   EXPECT_NE(nullptr, addservice(fits.c_str()));
   EXPECT_EQ(nullptr, addservice(over.c_str()));
   char path[PATH_SIZE];
-  EXPECT_EQ(0, service_path(path, "a.b.c", ".program"));
+  EXPECT_EQ(0, kivschema_path(path, schema_values[SCHEMA_SERVICE_PROGRAM], "a.b.c"));
   EXPECT_STREQ(".services.a_b_c.program", path);
-  EXPECT_EQ(KIV_EOVERFLOW, service_path(path, over.c_str(), ".description"));
+  EXPECT_EQ(KIV_EOVERFLOW,
+            kivschema_path(path, schema_values[SCHEMA_SERVICE_DESCRIPTION], over.c_str()));
 }
 
 // An agent command is one line with CR LF; a closed pipe gets nothing and logs nothing.

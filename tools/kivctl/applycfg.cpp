@@ -8,6 +8,8 @@
 
 #include "lib/heap.h"
 #include "toolkit/config/conf.h"
+#include "toolkit/config/info.h"
+#include "toolkit/config/schema.h"
 #include "toolkit/runtime/error.h"
 
 namespace {
@@ -19,69 +21,45 @@ std::string folded(const std::string &text) {
   return out;
 }
 
-std::vector<std::string> components(const std::string &dotted) {
-  std::vector<std::string> parts;
-  size_t start = 0;
-  for (;;) {
-    size_t dot = dotted.find('.', start);
-    parts.push_back(dotted.substr(start, dot == std::string::npos ? dot : dot - start));
-    if (dot == std::string::npos) return parts;
-    start = dot + 1;
+constexpr int NODE = SCHEMA_SECTIONS, UNKNOWN = -1;
+
+// What a key is by its name: a section's folder or a folder above one ("global"), NODE;
+// one key of a section (the last component being its name), that section; else UNKNOWN.
+int section_of(const std::string &foldedname) {
+  for (int s = 0; s < SCHEMA_SECTIONS; s++) {
+    std::string folder = schema_sections[s].folder;
+    if (folder == foldedname || folder.compare(0, foldedname.size() + 1, foldedname + ".") == 0)
+      return NODE;
+    if (foldedname.compare(0, folder.size() + 1, folder + ".") == 0 &&
+        foldedname.find('.', folder.size() + 1) == std::string::npos)
+      return s;
   }
+  return UNKNOWN;
 }
 
-enum class shape { NODE, PORT, SERVICE, PROGRAM, UNKNOWN };
-
-// What a key is by its name: the folders tcp, services, global and global.start, or one
-// port, service or global program (the last component being its name).
-shape shape_of(const std::string &foldedname) {
-  if (foldedname == "tcp" || foldedname == "services" || foldedname == "global" ||
-      foldedname == "global.start")
-    return shape::NODE;
-  std::vector<std::string> parts = components(foldedname);
-  if (parts.size() == 2 && parts[0] == "tcp") return shape::PORT;
-  if (parts.size() == 2 && parts[0] == "services") return shape::SERVICE;
-  if (parts.size() == 3 && parts[0] == "global" && parts[1] == "start") return shape::PROGRAM;
-  return shape::UNKNOWN;
-}
-
-const char *const PORT_VALUES[] = {"start", "service", nullptr};
-const char *const SERVICE_VALUES[] = {"program", "description", "lifespan", nullptr};
-const char *const PROGRAM_VALUES[] = {"start", "program", nullptr};
-
-const char *const *values_of(shape s) {
-  switch (s) {
-    case shape::PORT:
-      return PORT_VALUES;
-    case shape::SERVICE:
-      return SERVICE_VALUES;
-    case shape::PROGRAM:
-      return PROGRAM_VALUES;
-    default:
-      return nullptr;
-  }
-}
-
-bool known_value(shape s, const std::string &foldedname) {
-  const char *const *names = values_of(s);
-  for (; names && *names; names++)
-    if (foldedname == *names) return true;
-  return false;
+// The row of the value named foldedname in section s, or null.
+const schema_value *row_of(int s, const std::string &foldedname) {
+  for (const schema_value &v : schema_values)
+    if (v.section == s && foldedname == v.name) return &v;
+  return nullptr;
 }
 
 // The number of a port key's last component "s<number>" (either case of s, no sign, no
-// leading zero, 1..65534), or 0. The port manager reads the number as strtol does, so
-// "s025" would be port 25 too: only one spelling per port is taken, so that two keys can
-// never name one port.
+// leading zero, within the ports' range), or 0. The port manager reads the number as
+// strtol does, so "s025" would be port 25 too: only one spelling per port is taken, so
+// that two keys can never name one port.
 int port_number(const std::string &name) {
-  if (name.size() < 2 || name.size() > 6 || (name[0] != 's' && name[0] != 'S') || name[1] == '0')
+  const std::string prefix = schema_sections[SCHEMA_PORTS].prefix;
+  if (name.size() <= prefix.size() || folded(name.substr(0, prefix.size())) != prefix ||
+      name.size() > prefix.size() + std::to_string(SCHEMA_PORT_MAX).size() ||
+      name[prefix.size()] == '0')
     return 0;
   long number = 0;
-  for (size_t i = 1; i < name.size(); i++) {
+  for (size_t i = prefix.size(); i < name.size(); i++) {
     if (name[i] < '0' || name[i] > '9') return 0;
     number = number * 10 + (name[i] - '0');
   }
-  return number >= 1 && number <= 65534 ? static_cast<int>(number) : 0;
+  return number >= SCHEMA_PORT_MIN && number <= SCHEMA_PORT_MAX ? static_cast<int>(number) : 0;
 }
 
 const std::string &last_component(const std::string &dotted, std::string *holder) {
@@ -102,33 +80,52 @@ struct faults {
   }
 };
 
-const applycfg_value *value_of(const applycfg_key &key, const char *name) {
-  auto it = key.values.find(name);
-  return it == key.values.end() ? nullptr : &it->second;
-}
-
-bool all_digits(const std::string &text) {
-  if (text.empty()) return false;
-  for (char c : text)
-    if (c < '0' || c > '9') return false;
-  return true;
-}
-
 // The port manager looks a port's service up at ".services.<name>" with "." made "_",
 // without regard to case: the same folding finds it here.
-std::string service_lookup_name(const std::string &service) {
-  std::string out = folded(service);
-  std::replace(out.begin(), out.end(), '.', '_');
-  return out;
+std::string service_key(const std::string &service) {
+  std::string out = service;
+  kivinfo_fixname(&out[0]);
+  return std::string(schema_sections[SCHEMA_SERVICES].folder) + "." + out;
+}
+
+// The fault of value v, given as text (null when absent), of the key that a message
+// names as id, or "" when the port manager can use it.
+std::string fault_of(const applycfg &cfg, const schema_value &v, const applycfg_value *given,
+                     const std::string &id) {
+  std::string key = std::string(schema_sections[v.section].what) + " " + id;
+  if (!given) return v.required ? key + " has no " + v.label : "";
+  const std::string &text = given->text;
+  bool usable = kivschema_judge(v, text.c_str()) >= 0;
+  switch (v.kind) {
+    case SCHEMA_WORDS:
+      return usable ? "" : std::string("unknown ") + v.label + " " + text + " for " + key;
+    case SCHEMA_DIGITS:
+      return usable
+                 ? ""
+                 : std::string(v.label) + " " + text + " of " + key + " is not a number of " +
+                       v.unit + " from " + std::to_string(v.min) + " to " + std::to_string(v.max);
+    case SCHEMA_LINE:
+      if (text.empty()) return key + " has no " + v.label;
+      return usable ? ""
+                    : std::string(v.label) + " of " + key + " is longer than " +
+                          std::to_string(v.max) + " characters";
+    case SCHEMA_NAME:
+      if (text.empty()) return key + " has no " + v.label;
+      return usable && cfg.keys.count(service_key(text))
+                 ? ""
+                 : std::string(v.label) + " " + text + " of " + key + " is not given";
+    default:
+      return "";
+  }
 }
 
 void check(const applycfg &cfg, faults *f) {
   for (const auto &entry : cfg.keys) {
     const applycfg_key &key = entry.second;
-    shape s = shape_of(entry.first);
+    int s = section_of(entry.first);
     std::string name;
     last_component(key.name, &name);
-    if (s == shape::UNKNOWN) {
+    if (s == UNKNOWN) {
       if (key.name.empty())  // values outside any section
         for (const auto &v : key.values) f->add(v.second.line, "unknown entry " + v.second.name);
       else
@@ -136,49 +133,29 @@ void check(const applycfg &cfg, faults *f) {
       continue;
     }
     for (const auto &v : key.values)
-      if (!known_value(s, v.first))
+      if (s == NODE || !row_of(s, v.first))
         f->add(v.second.line, "unknown value " + v.second.name + " in " + key.name);
-    if (s != shape::NODE && name.size() > APPLYCFG_NAME_MAX)
+    if (s == NODE) continue;
+    if (name.size() > kivschema_name_max(s))
       f->add(key.line, "name too long (" + std::to_string(name.size()) + " characters, at most " +
-                           std::to_string(APPLYCFG_NAME_MAX) + ")");
-    if (s == shape::PORT) {
+                           std::to_string(kivschema_name_max(s)) + ")");
+    std::string id = name;
+    if (s == SCHEMA_PORTS) {
       int port = port_number(name);
       if (!port) {
-        f->add(key.line, "bad port " + name + " (s and a number from 1 to 65534)");
+        f->add(key.line, "bad port " + name + " (" + schema_sections[s].prefix +
+                             " and a number from " + std::to_string(SCHEMA_PORT_MIN) + " to " +
+                             std::to_string(SCHEMA_PORT_MAX) + ")");
         continue;
       }
-      std::string number = std::to_string(port);
-      const applycfg_value *start = value_of(key, "start");
-      const applycfg_value *service = value_of(key, "service");
-      if (!start)
-        f->add(key.line, "port " + number + " has no start mode");
-      else if (start->text != "auto" && start->text != "on" && start->text != "hook")
-        f->add(start->line, "unknown start mode " + start->text + " for port " + number);
-      if (!service || service->text.empty()) {
-        f->add(service ? service->line : key.line, "port " + number + " has no service");
-      } else {
-        auto it = cfg.keys.find("services." + service_lookup_name(service->text));
-        if (it == cfg.keys.end())
-          f->add(service->line,
-                 "service " + service->text + " of port " + number + " is not given");
-      }
-    } else if (s == shape::SERVICE) {
-      const applycfg_value *program = value_of(key, "program");
-      if (!program || program->text.empty())
-        f->add(program ? program->line : key.line, "service " + name + " has no program");
-      const applycfg_value *lifespan = value_of(key, "lifespan");
-      if (lifespan && !all_digits(lifespan->text))
-        f->add(lifespan->line, "lifespan " + lifespan->text + " of service " + name +
-                                   " is not a number of seconds");
-    } else if (s == shape::PROGRAM) {
-      const applycfg_value *program = value_of(key, "program");
-      if (!program || program->text.empty())
-        f->add(program ? program->line : key.line, "global program " + name + " has no program");
-      const applycfg_value *start = value_of(key, "start");
-      // The port manager starts a global program for "on" in any letter case; "off" is
-      // the one other word taken, so that a misspelt "on" is not silently off.
-      if (start && folded(start->text) != "on" && folded(start->text) != "off")
-        f->add(start->line, "unknown start mode " + start->text + " for global program " + name);
+      id = std::to_string(port);
+    }
+    for (const schema_value &v : schema_values) {
+      if (v.section != s) continue;
+      auto it = key.values.find(v.name);
+      const applycfg_value *given = it == key.values.end() ? nullptr : &it->second;
+      std::string fault = fault_of(cfg, v, given, id);
+      if (!fault.empty()) f->add(given ? given->line : key.line, fault);
     }
   }
 }
@@ -322,49 +299,38 @@ std::vector<std::string> applycfg_diff(const applycfg &old, const applycfg &next
 }
 
 std::string applycfg_export(const applycfg &cfg, std::vector<std::string> *skipped) {
-  std::vector<const applycfg_key *> services, programs;
-  std::vector<std::pair<int, const applycfg_key *>> ports;
+  std::vector<std::pair<int, const applycfg_key *>> keys[SCHEMA_SECTIONS];
   for (const auto &entry : cfg.keys) {
     const applycfg_key &key = entry.second;
-    shape s = shape_of(entry.first);
+    int s = section_of(entry.first);
     if (key.values.empty()) continue;
     std::string name;
     last_component(key.name, &name);
-    if (s == shape::NODE || s == shape::UNKNOWN || !name_survives(name)) {
+    int port = s == SCHEMA_PORTS ? port_number(name) : 0;
+    if (s == NODE || s == UNKNOWN || !name_survives(name) || (s == SCHEMA_PORTS && !port)) {
       for (const auto &v : key.values) skipped->push_back(key.name + "." + v.second.name);
       continue;
     }
-    if (s == shape::PORT) {
-      int port = port_number(name);
-      if (!port) {
-        for (const auto &v : key.values) skipped->push_back(key.name + "." + v.second.name);
-        continue;
+    keys[s].emplace_back(port, &key);
+  }
+  std::string out;
+  // Services, then global programs, then ports by number: what a port names comes first.
+  for (int s : {SCHEMA_SERVICES, SCHEMA_PROGRAMS, SCHEMA_PORTS}) {
+    std::stable_sort(keys[s].begin(), keys[s].end(),
+                     [](const auto &a, const auto &b) { return a.first < b.first; });
+    for (const auto &k : keys[s]) {
+      const applycfg_key &key = *k.second;
+      std::string name, body;
+      last_component(key.name, &name);
+      for (const auto &v : key.values) {
+        if (!row_of(s, v.first)) {
+          skipped->push_back(key.name + "." + v.second.name);
+          continue;
+        }
+        body += "\t" + v.first + " = " + value_text(v.second.text) + "\n";
       }
-      ports.emplace_back(port, &key);
-    } else {
-      (s == shape::SERVICE ? services : programs).push_back(&key);
+      if (!body.empty()) out += std::string(schema_sections[s].folder) + "." + name + ":\n" + body;
     }
   }
-  std::sort(ports.begin(), ports.end());
-  std::string out;
-  auto section = [&](const applycfg_key &key, shape s) {
-    std::string name;
-    last_component(key.name, &name);
-    const char *kind = s == shape::PORT      ? "tcp."
-                       : s == shape::SERVICE ? "services."
-                                             : "global.start.";
-    std::string body;
-    for (const auto &v : key.values) {
-      if (!known_value(s, v.first)) {
-        skipped->push_back(key.name + "." + v.second.name);
-        continue;
-      }
-      body += "\t" + v.first + " = " + value_text(v.second.text) + "\n";
-    }
-    if (!body.empty()) out += kind + name + ":\n" + body;
-  };
-  for (const applycfg_key *k : services) section(*k, shape::SERVICE);
-  for (const applycfg_key *k : programs) section(*k, shape::PROGRAM);
-  for (const auto &p : ports) section(*p.second, shape::PORT);
   return out;
 }

@@ -26,20 +26,15 @@ struct applycfg {
   std::map<std::string, applycfg_key> keys;
 };
 
-// Longest service or global program name: ".services.<name>.description" and
-// ".global.start.<name>.program" must fit the port manager's 255-character paths.
-constexpr size_t APPLYCFG_NAME_MAX = 233;
-
 // Records one report of a configuration reader: dotted is the full name of a node
 // (value null) or of a value (the text). The registry loader's reports are fed here as
 // they come, so nothing of the registry is walked twice.
 void applycfg_add(applycfg *cfg, const char *dotted, const char *value, int line);
 
 // Reads a configuration file from stream (opened in binary mode, seekable) with the
-// project's parser and checks it: only the keys tcp.s<1..65534>, services.<name> and
-// global.start.<name> with their known values; every port has a start mode ("auto",
-// "on" or "hook") and a service that is given with a program; every service has a
-// program; every global program a program and a start of "on" or "off". 0 with *out
+// project's parser and checks it against the configuration's schema: only the keys of
+// its sections with their values, each value one the port manager can use, every
+// required value given, and a port's service given in the file. 0 with *out
 // the checked configuration (key and value names in their written form); -1 with
 // *error a heap text "<line>: <message>" (caller frees with xfree, null when the heap
 // refused it) for the first fault in the file.

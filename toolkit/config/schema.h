@@ -1,0 +1,82 @@
+// schema: every value of the configuration in one table (the section whose keys hold it,
+// its name, how its text is judged, its default) and the tree paths built from it. kivd's
+// readers and kivctl apply's check and export walk this table, so a value is described
+// once: adding one is a row here plus the code that uses it. Portable.
+#pragma once
+#include <cstddef>
+
+// Tree paths built from a key's name fit buffers of this size, terminator included.
+constexpr int SCHEMA_PATH_SIZE = 256;
+
+// The numbers a port key may carry.
+constexpr long SCHEMA_PORT_MIN = 1;
+constexpr long SCHEMA_PORT_MAX = 65534;
+// The longest agent program of a service that kivd launches.
+constexpr long SCHEMA_AGENT_PROGRAM_MAX = 256;
+
+// Sections, in the order kivd walks them: one key per service, port or global program.
+enum { SCHEMA_SERVICES, SCHEMA_PORTS, SCHEMA_PROGRAMS, SCHEMA_SECTIONS };
+
+struct schema_section {
+  const char *folder;  // the keys' parent, dotted below the root: "tcp", "global.start"
+  const char *prefix;  // what a key's name begins with: "s" before a port's number
+  const char *what;    // how messages name one key: "port", "global program"
+};
+extern const schema_section schema_sections[SCHEMA_SECTIONS];
+
+// How a value's text is judged.
+enum {
+  SCHEMA_TEXT,    // anything
+  SCHEMA_LINE,    // a command line of 1 to `max` characters
+  SCHEMA_WORDS,   // one of `words`: exactly, or in any letter case with `anycase`
+  SCHEMA_DIGITS,  // decimal digits, no more of them than `max` has, worth `min` to `max`
+  SCHEMA_NAME,    // a service's name, one its section's paths can be built from
+};
+
+struct schema_value {
+  int section;
+  const char *name;   // as the registry holds it: "start"
+  const char *label;  // how messages name it: "start mode"
+  int kind;
+  const char *const *words;  // SCHEMA_WORDS: null-terminated
+  bool anycase;
+  long min, max;
+  const char *unit;      // SCHEMA_DIGITS: what the number counts, for messages
+  const char *fallback;  // what kivd takes when the value is absent, or null
+  bool required;         // a key without it means nothing to kivd
+};
+
+// The rows, by section, in this order. A port's start words are in the order of kivd's
+// start modes (1 auto, 2 hook, 3 on): the word's index plus 1 is the mode.
+enum {
+  SCHEMA_PORT_START,
+  SCHEMA_PORT_SERVICE,
+  SCHEMA_SERVICE_PROGRAM,
+  SCHEMA_SERVICE_DESCRIPTION,
+  SCHEMA_SERVICE_LIFESPAN,
+  SCHEMA_PROGRAM_START,  // word 0, "on" in any letter case, starts the program
+  SCHEMA_PROGRAM_PROGRAM,
+  SCHEMA_VALUES
+};
+extern const schema_value schema_values[SCHEMA_VALUES];
+
+// kivd's judgement of text by v's row: for SCHEMA_WORDS the index of the word it is, for
+// the other kinds 0; -1 when kivd cannot use it.
+int kivschema_judge(const schema_value &v, const char *text);
+// The longest key name of a section whose every value path fits SCHEMA_PATH_SIZE.
+size_t kivschema_name_max(int section);
+// The tree path of value v of the key named name (a port's decimal number), as the
+// registry loader stores it: ".<folder>.<prefix><name>.<value>" with every "." of the
+// name made "_". 0, or KIV_EOVERFLOW when it would not fit SCHEMA_PATH_SIZE.
+int kivschema_path(char *buffer, const schema_value &v, const char *name);
+int kivschema_path(char *buffer, const schema_value &v, long port);
+// The port number of a tree path below the ports' folder as kivd reads it: the folder and
+// prefix in any letter case, then the number as strtol reads it; 0 when that is outside
+// SCHEMA_PORT_MIN..SCHEMA_PORT_MAX. *rest receives what follows the number.
+long kivschema_port(const char *path, const char **rest);
+// True when rest begins with "." and v's name, in any letter case: the walks take a value
+// by the beginning of what follows the key's name.
+bool kivschema_is(const char *rest, const schema_value &v);
+// The key's name in a path ".<folder>.<name>.<value>" of value v (folder and value name
+// in any letter case): a pointer into path, its length in *length; null for another path.
+const char *kivschema_key(const char *path, const schema_value &v, size_t *length);
