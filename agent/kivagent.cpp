@@ -206,7 +206,11 @@ static bool command_line(kivagent_state *s, const char *line) {
   return true;
 }
 
-// "lifespan <seconds>": digits only, at most 4294967 (so that milliseconds fit 32 bits).
+// The public header cannot include the wire contract, so its default is checked here.
+static_assert(KIVAGENT_DEFAULT_LIFESPAN == WIRE_DEFAULT_LIFESPAN, "one default lifespan");
+
+// "lifespan <seconds>": digits only, at most WIRE_LIFESPAN_MAX (its milliseconds fit 32
+// bits), so no more than its seven digits.
 static bool parse_lifespan(const char *text, unsigned long *out) {
   size_t len = strlen(text);
   if (len == 0 || len > 7) return false;
@@ -215,7 +219,7 @@ static bool parse_lifespan(const char *text, unsigned long *out) {
     if (text[i] < '0' || text[i] > '9') return false;
     v = v * 10 + unsigned(text[i] - '0');
   }
-  if (v > 4294967ul) return false;
+  if (v > WIRE_LIFESPAN_MAX) return false;
   *out = v;
   return true;
 }
