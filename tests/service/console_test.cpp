@@ -359,7 +359,7 @@ TEST(Console, WhyTellsWhatHappenedAndWhatComesNext) {
     EXPECT_NE(last.find(c.next), std::string::npos) << r.out;
   }
   kt::ran j = kivctl("why --json " + a);
-  EXPECT_EQ(j.out.substr(0, 26), "[{\"number\":101,\"time\":\"20") << j.out;
+  EXPECT_EQ(j.out.substr(0, 25), "[{\"number\":101,\"time\":\"20") << j.out;
   EXPECT_NE(j.out.find("\"severity\":\"error\""), std::string::npos) << j.out;
   EXPECT_NE(j.out.find("\"fields\":{\"port\":" + a + ",\"service\":\"taken\",\"syserror\":"),
             std::string::npos)
