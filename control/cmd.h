@@ -30,3 +30,6 @@ void cmd_remove(int pipe, int argc, char **argv);
 void cmd_disable(int pipe, int argc, char **argv);
 void cmd_enable(int pipe, int argc, char **argv);
 void cmd_ls(int pipe, int argc, char **argv);
+// why [port|name]: a listing of the recent events of a port, service or global program,
+// or without a word of kivd itself; "-Failed with code -..." for one it does not know.
+void cmd_why(int pipe, int argc, char **argv);

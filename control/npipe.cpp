@@ -2,6 +2,7 @@
 
 #include "lib/heap.h"
 #include "toolkit/runtime/error.h"
+#include "toolkit/runtime/events.h"
 #include "toolkit/runtime/log.h"
 #include "toolkit/runtime/memory.h"
 
@@ -294,6 +295,11 @@ int npipe_write(int pipe, const char *bytes, int length) {
     kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_EOVERFLOW,
                  "Client %d does not read its replies (%d queued): hung up", pipe - 1,
                  in->queued_count);
+    kivev_event ev{};
+    ev.id = KIVEV_PIPE_CLIENT_HUNG_UP;
+    ev.count = in->queued_count;
+    ev.size = static_cast<unsigned long>(in->queued_bytes);
+    kivev_emit(&ev);
     reset_pipe(pipe - 1);
     return KIV_EOVERFLOW;
   }

@@ -12,6 +12,7 @@
 #include "ports/ssock.h"
 #include "ports/util.h"
 #include "toolkit/config/schema.h"
+#include "toolkit/runtime/events.h"
 #include "toolkit/runtime/log.h"
 
 // Start modes; the listing names them through START_NAMES. Each is its configuration
@@ -76,6 +77,7 @@ struct port_record {
   service_record *service;  // not owned
   child_record *agent;      // the agent that holds the port, shared with its other ports
   port_record *next;
+  kivev_ring *ring;  // its recent events, for `why`; a successor of its number takes it over
 };
 
 struct service_record {
@@ -89,6 +91,7 @@ struct service_record {
   int account;          // ACCOUNT_* its agents run as
   job_limits limits;    // of each agent's job
   service_record *next;
+  kivev_ring *ring;  // its recent events, for `why`
 };
 
 struct prog_record {
@@ -105,6 +108,7 @@ struct prog_record {
   job_limits limits;  // of its job
   HANDLE job;         // holds the running process and what it starts; closed at its end
   prog_record *next;
+  kivev_ring *ring;  // its recent events, for `why`
 };
 
 struct child_record {
@@ -170,6 +174,8 @@ int start_agent(port_record *p);
 int start_child(const char *application, const char *command_line, DWORD pipe_size, int account,
                 const job_limits &limits, child_record *c);
 int start_prog(prog_record *pg);  // 0, KIV_EINVAL (throttled), KIV_ESYS
+// The system's error of the last start that failed with KIV_ESYS, for its event.
+extern DWORD ssock_starterror;
 // Writes one agent command and CR LF; nothing once the child's pipe is closed.
 void sendcmd(child_record *c, const char *format, ...) KIV_PRINTF(2, 3);
 // The throttle shared by agents and programs: counts a start in *starts / *period_start;
@@ -179,7 +185,8 @@ bool start_allowed(int *starts, time_t *period_start, int limit);
 // Supervision (supervise.cpp).
 // Rests p for `seconds` (its socket closed), unless it is marked for removal or disabled
 // by command: a rest neither revives a removed record nor shortens such a disable.
-void disable_port(port_record *p, int seconds);
+// A rest that takes effect emits `why` (when given) with p's port, service and the rest's end.
+void disable_port(port_record *p, int seconds, kivev_event *why = nullptr);
 // A live record taken out of service by the disable command: the pass tells its agent and
 // closes its socket, and it stays, disabled, until enabled. Its successor inherits it.
 inline bool disabled_by_command(const port_record *p) {

@@ -140,8 +140,9 @@ int run_in_job(const char *application, char *line, const char *shown, int accou
                                       nullptr, startup, info);
   startup->lpDesktop = nullptr;
   if (!started) {
+    ssock_starterror = GetLastError();
     kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ESYS, "CreateProcess(%s,%s) failed %d",
-                 application, shown, static_cast<int>(GetLastError()));
+                 application, shown, static_cast<int>(ssock_starterror));
     return KIV_ESYS;
   }
   scoped_handle j;
@@ -149,6 +150,7 @@ int run_in_job(const char *application, char *line, const char *shown, int accou
       job_create(limits, j.put(), tag) == 0 && AssignProcessToJobObject(j.get(), info->hProcess);
   if (!joined) {
     DWORD error = GetLastError();
+    ssock_starterror = error;
     if (limited(limits)) {
       kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ESYS, "Process %d not started: no job [%d]",
                    static_cast<int>(info->dwProcessId), static_cast<int>(error));
@@ -168,6 +170,8 @@ int run_in_job(const char *application, char *line, const char *shown, int accou
 
 }  // namespace
 
+DWORD ssock_starterror;
+
 bool start_allowed(int *starts, time_t *period_start, int limit) {
   if (*period_start != 0 && (*starts)++ < limit) return true;
   time_t now = kiv_time();
@@ -184,15 +188,24 @@ int start_agent(port_record *p) {
   if (!svc->program || strlen(svc->program) > PROGRAM_MAX) {
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ECONFIG, "No program configured for service %s",
                  svc->name);
+    kivev_event ev{};
+    ev.id = KIVEV_PORT_NO_PROGRAM;
+    ev.port = p->port;
+    ev.service = svc->name;
+    kivev_emit(&ev);
     return KIV_ECONFIG;
   }
   if (!start_allowed(&svc->starts, &svc->period_start, AGENT_STARTS)) {
     KIV_LOG(3, TAG, "Too many agents started for service %s", svc->name);
-    disable_port(p, DISABLE_THROTTLED);
+    kivev_event ev{};
+    ev.id = KIVEV_PORT_THROTTLED;
+    ev.count = AGENT_STARTS + 1;
+    ev.period = START_PERIOD;
+    disable_port(p, DISABLE_THROTTLED, &ev);
     for (port_record *q = ssock_ports; q; q = q->next)
       if (q != p && q->service == svc && !q->agent && q->sock != INVALID_SOCKET &&
           !(q->flags & PORT_REMOVE))
-        disable_port(q, DISABLE_THROTTLED);
+        disable_port(q, DISABLE_THROTTLED, &ev);
     return KIV_EINVAL;
   }
   if (p->extra_args && strlen(p->extra_args) > EXTRA_ARGS_MAX) {
@@ -266,8 +279,9 @@ int start_child(const char *application, const char *command_line, DWORD pipe_si
   PROCESS_INFORMATION info = {};
   int rc = KIV_ESYS;
   if (!CreatePipe(read.put(), write.put(), nullptr, pipe_size)) {
+    ssock_starterror = GetLastError();
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "CreatePipe() failed %d",
-                 static_cast<int>(GetLastError()));
+                 static_cast<int>(ssock_starterror));
   } else if (!DuplicateHandle(GetCurrentProcess(), read.release(), GetCurrentProcess(),
                               &inheritable, 0, TRUE,
                               DUPLICATE_CLOSE_SOURCE | DUPLICATE_SAME_ACCESS)) {
@@ -308,6 +322,7 @@ int start_prog(prog_record *pg) {
   int rc = line ? run_in_job(nullptr, line, pg->program, pg->account, pg->limits, FALSE, 0,
                              &startup, &info, &pg->job, TAG)
                 : KIV_ESYS;
+  if (!line) ssock_starterror = ERROR_INVALID_PARAMETER;
   if (!line)
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "CreateProcess(%s) failed %d", pg->program,
                  static_cast<int>(ERROR_INVALID_PARAMETER));

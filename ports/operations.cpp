@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <initializer_list>
 #include <vector>
 
 #include "lib/heap.h"
@@ -148,6 +149,12 @@ int ssock_disable(int port) {
   p->until = UNTIL_ENABLED;
   p->flags |= PORT_DISABLED;  // the pass tells its agent and closes its socket
   KIV_LOG(3, "ssock.ssock_disable", "Port %d disabled", port);
+  kivev_event ev{};
+  ev.id = KIVEV_PORT_DISABLED;
+  ev.port = port;
+  ev.service = p->service->name;
+  ev.until = UNTIL_ENABLED;
+  kivev_emit(&ev);
   ssock_update();
   return 0;
 }
@@ -159,6 +166,11 @@ int ssock_enable(int port) {
   p->until = 0;
   p->flags &= ~PORT_DISABLED;
   KIV_LOG(3, "ssock.ssock_enable", "Port %d enabled", port);
+  kivev_event ev{};
+  ev.id = KIVEV_PORT_ENABLED;
+  ev.port = port;
+  ev.service = p->service->name;
+  kivev_emit(&ev);
   ssock_update();
   return 0;
 }
@@ -181,6 +193,36 @@ int ssock_info(int context, ssock_writefunc write) {
     write(context, line, n);
   }
   return 0;
+}
+
+int ssock_why(const char *what, int context, ssock_writefunc write) {
+  const kivev_ring *ring = nullptr;
+  bool digits = *what != '\0' && strspn(what, "0123456789") == strlen(what);
+  if (digits) {
+    port_record *p = strlen(what) <= 5 ? find_port(atoi(what)) : nullptr;
+    if (!p) return KIV_ENOTFOUND;
+    ring = p->ring;
+  } else if (service_record *s = find_service(what)) {
+    ring = s->ring;
+  } else if (prog_record *g = find_prog(what)) {
+    ring = g->ring;
+  } else {
+    return KIV_ENOTFOUND;
+  }
+  for (int i = 0; const char *line = kivev_kept(ring, i); i++)
+    write(context, line, static_cast<int>(strlen(line)));
+  return 0;
+}
+
+bool ssock_keep(const kivev_event *ev, const char *text) {
+  bool kept = false;
+  port_record *p = ev->port ? find_port(ev->port) : nullptr;
+  service_record *s = ev->service ? find_service(ev->service) : nullptr;
+  prog_record *g = ev->program ? find_prog(ev->program) : nullptr;
+  for (kivev_ring **ring : {p ? &p->ring : nullptr, s ? &s->ring : nullptr, g ? &g->ring : nullptr})
+    if (ring) kivev_keep(ring, ev, text), kept = true;
+  // An event of a port is kept when its port has a record, not by its service alone.
+  return ev->port ? p != nullptr : kept;
 }
 
 int ssock_cleanup() {

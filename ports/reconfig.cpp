@@ -35,6 +35,11 @@ int tcpnode_cb(const char *path, const char *value, void *) {
   svc->refs++;
   if (!svc->program) {
     KIV_LOG(1, TAG, "No program for service %s. %d not added", svc->name, static_cast<int>(number));
+    kivev_event ev{};
+    ev.id = KIVEV_PORT_NO_PROGRAM;
+    ev.port = static_cast<int>(number);
+    ev.service = svc->name;
+    kivev_emit(&ev);
     return 0;
   }
   port_record *p = find_port(static_cast<int>(number));

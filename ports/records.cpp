@@ -99,6 +99,8 @@ port_record *addport(int number, service_record *svc, int start) {
   cur->next = p;
   if (cur->port == p->port) {
     bool held_off = !(cur->flags & PORT_REMOVE) && disabled_by_command(cur);
+    p->ring = cur->ring;  // `why` goes on with the number's history
+    cur->ring = nullptr;
     cur->flags |= PORT_REMOVE;
     if (cur->start == start) {
       p->sock = cur->sock;
@@ -153,6 +155,7 @@ void free_port(port_record *p) {
   if (p->parent) CloseHandle(p->parent);
   p->service->nports--;
   xfree(p->extra_args);
+  kivev_forget(&p->ring);
   xfree(p);
 }
 
@@ -160,6 +163,7 @@ void free_service(service_record *s) {
   xfree(s->name);
   xfree(s->description);
   xfree(s->program);
+  kivev_forget(&s->ring);
   xfree(s);
 }
 
@@ -168,6 +172,7 @@ void free_prog(prog_record *g) {
   if (g->job) CloseHandle(g->job);
   xfree(g->name);
   xfree(g->program);
+  kivev_forget(&g->ring);
   xfree(g);
 }
 

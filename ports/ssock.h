@@ -7,6 +7,8 @@
 
 #include <ctime>
 
+#include "toolkit/runtime/events.h"
+
 // Registry key that holds the configuration (subkeys "tcp", "services", "global").
 extern const char SSOCK_ROOT[];  // WIRE_ROOT (lib/wire.h)
 
@@ -42,6 +44,16 @@ int ssock_enable(int port);   // 0, KIV_ENOTFOUND, KIV_ECONFIG
 // and the pipe number. Always 0.
 using ssock_writefunc = int (*)(int context, const char *text, int length);
 int ssock_info(int context, ssock_writefunc write);
+
+// `why`: the recent events of a port (what is all digits) or else of a service or global
+// program of that name, one line each, oldest first (toolkit/runtime/events.h's format).
+// 0 or KIV_ENOTFOUND (nothing written).
+int ssock_why(const char *what, int context, ssock_writefunc write);
+// The ring outlet's half in the manager: keeps ev's line (text, its message) in the rings
+// of the records it names (its port, service, program). Events that name none are left
+// alone, so a thread other than the loop's never touches the records through it.
+// True when a record took it (for an event of a port: the port's record).
+bool ssock_keep(const kivev_event *ev, const char *text);
 
 // Shutdown, after the main loop has ended: agents told to exit and waited for up to 5 s,
 // then terminated with the global programs. Always 0; the records are not freed.

@@ -50,18 +50,23 @@ void tell_agent(port_record *p) {
 void start_listening(port_record *p) {
   SOCKET s = INVALID_SOCKET;
   int rc = listen_on(p->port, &s);
+  long error = WSAGetLastError();  // listen_on leaves its failing call's error
   WSAEVENT event = WSA_INVALID_EVENT;
   if (rc == 0) {
     event = WSACreateEvent();
     // A port without its event could never report a connection: treated as a failure.
     if (event == WSA_INVALID_EVENT) {
+      error = WSAGetLastError();
       closesocket(s);
       rc = KIV_ESYS;
     }
   }
   if (rc != 0) {
     kiv_logerror(nullptr, UPDATE_TAG, KIV_SEV_ERROR, rc, "Failed to listen to port %d", p->port);
-    disable_port(p, DISABLE_THROTTLED);
+    kivev_event ev{};
+    ev.id = KIVEV_PORT_LISTEN_FAILED;
+    ev.syserror = error;
+    disable_port(p, DISABLE_THROTTLED, &ev);
     return;
   }
   p->flags &= ~PORT_DISABLED;
@@ -137,10 +142,18 @@ void prog_pass(time_t now) {
       }
     } else if (!g->process && !stopping() && (!(g->flags & PROG_DISABLED) || now > g->until)) {
       g->flags &= ~PROG_DISABLED;
-      if (start_prog(g) != 0) {
+      if (int rc = start_prog(g)) {
         g->flags |= PROG_DISABLED;
         g->until = now + PROG_DISABLE_FAILED;
         KIV_LOG(3, UPDATE_TAG, "Prog %s disabled for 600 sec.", g->name);
+        kivev_event ev{};
+        ev.id = rc == KIV_EINVAL ? KIVEV_PROG_THROTTLED : KIVEV_PROG_START_FAILED;
+        ev.program = g->name;
+        ev.count = PROG_STARTS + 1;
+        ev.period = START_PERIOD;
+        ev.syserror = static_cast<long>(ssock_starterror);
+        ev.until = g->until;
+        kivev_emit(&ev);
       }
     }
     if ((g->flags & PROG_DISABLED) && g->until < ssock_nextdue) ssock_nextdue = g->until;
@@ -240,7 +253,10 @@ int port_event(uint16_t number, HANDLE h) {
   // A stopping service starts nothing: the connection is refused like one without agent.
   int rc = stopping() ? KIV_ENOTREADY : start_agent(p);
   if (rc == KIV_ESYS) {
-    disable_port(p, DISABLE_CRASHED);
+    kivev_event ev{};
+    ev.id = KIVEV_PORT_START_FAILED;
+    ev.syserror = static_cast<long>(ssock_starterror);
+    disable_port(p, DISABLE_CRASHED, &ev);
   } else if (rc != 0 && p->sock != INVALID_SOCKET) {
     sockaddr_in peer = {};
     int length = sizeof peer;
@@ -265,11 +281,20 @@ int process_event(unsigned index, HANDLE h) {
     // What the program left running ends with it.
     if (g->job) CloseHandle(g->job);
     g->job = nullptr;
+    kivev_event ev{};
+    ev.id = KIVEV_PROG_ENDED;
+    ev.program = g->name;
+    ev.pid = g->pid;
+    ev.exitcode = code;
     if (code >= EXIT_EXCEPTION) {
       g->flags |= PROG_DISABLED;
       g->until = kiv_time() + PROG_DISABLE_CRASHED;
       KIV_LOG(3, CALLBACK_TAG, "Prog %s disabled for 1 minute", g->name);
+      ev.id = KIVEV_PROG_EXCEPTION;
+      ev.until = g->until;
     }
+    // A program removed or killed by kivd is not started again: its end changes nothing.
+    if (!(g->flags & PROG_REMOVE)) kivev_emit(&ev);
     ssock_update();
     return 0;
   }
@@ -305,10 +330,18 @@ int process_event(unsigned index, HANDLE h) {
     p->agent = nullptr;
     p->flags &= ~PORT_TOLD;
     c->links--;
+    kivev_event ev{};
+    ev.pid = c->pid;
+    ev.exitcode = code;
     if (code >= EXIT_EXCEPTION) {
-      disable_port(p, DISABLE_CRASHED);
+      ev.id = KIVEV_PORT_EXCEPTION;
+      disable_port(p, DISABLE_CRASHED, &ev);
     } else if (code != 0) {
       close_socket(p);  // the next pass listens on a new socket
+      ev.id = KIVEV_AGENT_ENDED;
+      ev.port = p->port;
+      ev.service = p->service->name;
+      if (!(p->flags & PORT_REMOVE)) kivev_emit(&ev);
     } else if (p->flags & PORT_REMOVE) {
       KIV_LOG(3, CALLBACK_TAG, "Stale old port %d", p->port);
     } else if (p->sock != INVALID_SOCKET) {
@@ -352,7 +385,7 @@ int ssock_callback(unsigned index) {
   return number > 0 ? port_event(number, h) : process_event(index, h);
 }
 
-void disable_port(port_record *p, int seconds) {
+void disable_port(port_record *p, int seconds, kivev_event *why) {
   close_socket(p);
   // A rest never revives a removed record (it would stand beside its successor) and
   // never cuts short a disable by command.
@@ -360,4 +393,9 @@ void disable_port(port_record *p, int seconds) {
   KIV_LOG(3, "ssock.disable_port", "Port %d disabled for %d seconds", p->port, seconds);
   p->flags |= PORT_DISABLED;
   p->until = kiv_time() + seconds;
+  if (!why) return;
+  why->port = p->port;
+  why->service = p->service->name;
+  why->until = p->until;
+  kivev_emit(why);
 }

@@ -140,8 +140,34 @@ void evlog_note(int held, long dropped, char *buffer, int size) {
               " %ld events before this one were dropped: the event log did not keep up.", dropped);
 }
 
+void evlog_text(const kivev_event *ev, char *buffer, int size) {
+  char text[TEXT - NOTE];
+  const char *inserts[KIVEV_MAXINSERTS + 1];
+  int n = kivev_inserts(ev, text, sizeof text, inserts);
+  const char *name = kivev_name(ev->id);
+  xsnprintf(buffer, static_cast<unsigned>(size), "%s", name ? name : "");
+  if (n < 0) return;
+  inserts[n] = "";
+  // FORMAT_MESSAGE_MAX_WIDTH_MASK: one line, as the listing needs it.
+  DWORD length = FormatMessageA(
+      FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY | FORMAT_MESSAGE_MAX_WIDTH_MASK,
+      nullptr, evlog_msgid(ev->id), 0, buffer, static_cast<DWORD>(size),
+      reinterpret_cast<va_list *>(const_cast<char **>(inserts)));
+  if (length == 0) {
+    xsnprintf(buffer, static_cast<unsigned>(size), "%s", name ? name : "");
+    return;
+  }
+  while (length > 0 && (buffer[length - 1] == ' ' || buffer[length - 1] == '\r' ||
+                        buffer[length - 1] == '\n'))
+    buffer[--length] = '\0';
+}
+
 int evlog_start(evlog_report report) {
   InitializeCriticalSection(&lock);
+  // A start after a stop (tests start the outlet more than once) begins with an empty queue.
+  stopping = false;
+  head = queued = 0;
+  dropped = 0;
   reportfn = report ? report : report_event;
   // A source not registered (kivd never installed) still writes, without its sentences.
   source = RegisterEventSourceA(nullptr, WIRE_SERVICE);

@@ -3,6 +3,8 @@
 #pragma once
 #include <windows.h>
 
+#include "toolkit/runtime/events.h"
+
 // Under HKEY_LOCAL_MACHINE: the source's key, named as the service (WIRE_SERVICE).
 extern const char EVLOG_KEY[];
 constexpr DWORD EVLOG_TYPES =
@@ -17,6 +19,9 @@ WORD evlog_type(int id);
 // The event log's last insert of each message: how many identical events were held back
 // before it and how many the full queue dropped; empty when both are 0.
 void evlog_note(int held, long dropped, char *buffer, int size);
+// The event's sentence from the message table of the running executable (kivd.exe), with
+// its inserts and without the note; its name ("PORT_THROTTLED") where no table has it.
+void evlog_text(const kivev_event *ev, char *buffer, int size);
 
 // Writes one event: ReportEventA with these arguments (no category, no user, no data).
 using evlog_report = BOOL (*)(HANDLE source, WORD type, DWORD id, WORD count, const char **inserts);

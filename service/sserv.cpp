@@ -319,11 +319,24 @@ void *MakePipeSecurity() {
   return sd;
 }
 
+// The per-record ring's outlet: the event's sentence kept with its record for `why`.
+// Not limited: `why` shows every event, the event log the first of a minute's repeats.
+// Events of kivd itself (no port, service or program) go to its own ring, which any
+// thread may reach; the records' rings only from the loop's thread. An event of a port
+// that has no record (a port whose service has no program) goes to kivd's ring too.
+static void keep_event(void *, const kivev_event *ev) {
+  char text[KIVEV_LINE_SIZE];
+  evlog_text(ev, text, sizeof text);
+  if ((!ev->port && !ev->service && !ev->program) || !ssock_keep(ev, text))
+    kivev_keep_own(ev, text);
+}
+
 int initialize() {
   static const char tag[] = "sserv.initialize";
   WSADATA wsa;
   if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return KIV_ESYS;
   evlog_start(nullptr);
+  kivev_addoutlet(keep_event, nullptr, 0);
   HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
   InterlockedExchangePointer(&die, event);
   if (event && InterlockedCompareExchange(&stop_early, 0, 0)) SetEvent(event);
@@ -370,10 +383,17 @@ int loop_wait(DWORD count, HANDLE *handles, DWORD timeout, DWORD *index) {
     failing = false;
     return p;
   }
-  if (!failing)
+  if (!failing) {
+    long error = static_cast<long>(GetLastError());
     kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ESYS,
                  "Wait on %d handles failed [%d]: serving stop and the pipe alone",
-                 static_cast<int>(count), static_cast<int>(GetLastError()));
+                 static_cast<int>(count), static_cast<int>(error));
+    kivev_event ev{};
+    ev.id = KIVEV_WAIT_FAILED;
+    ev.count = static_cast<long>(count);
+    ev.syserror = error;
+    kivev_emit(&ev);
+  }
   failing = true;
   // `die` and the pipe still work while the whole set cannot be waited on; the whole set
   // is tried again a second later, never at once.

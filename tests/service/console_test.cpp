@@ -144,8 +144,13 @@ TEST(Console, RepliesOverThePipeAndThroughKivctl) {
       {"info", "My UserName: " + kt::user_name() + "\n", "", 0},
       {"remove 7", "", "kivctl: Failed with code -4\n", 1},
       {"--bogus ls", "", "kivctl: unknown option --bogus (--raw, --json, --version)\n", 1},
-      {"status --json", "",
-       "kivctl: status takes no words (options go first: kivctl --json status)\n", 1},
+      // kivctl's own options count wherever they stand before a "--", never after it.
+      {"status --json", status, "", 0},
+      {"status now", "", "kivctl: status takes no words\n", 1},
+      {"update --raw", "+\n", "", 0},
+      {"remove --json 7", "{\"ok\":false,\"error\":\"Failed with code -4\"}\n", "", 1},
+      {"add -p 7 -- --json", "", "kivctl: Failed with code -24\n", 1},
+      {"-- --raw update", "", "kivctl: Unknown command\n", 1},
       {"--version", std::string("kivctl ") + KIV_VERSION + "\n", "", 0},
       // Status at a glance, for people and for scripts (installed and running: dist_test.cpp).
       {"status",
@@ -303,6 +308,8 @@ TEST(ConsoleEnd, ARestingPortComesBackWhateverTheClientsDo) {
     EXPECT_EQ(c.command("ls").size(), IDLE + 3u);
     EXPECT_TRUE(flood.hung_up(60000)) << d.err();
     EXPECT_TRUE(d.log_has("does not read its replies"));
+    replies own = c.command("why");  // kivd's own events
+    EXPECT_EQ(own.size() > 2 ? own[own.size() - 2].substr(0, 4) : "", "301\t");
     EXPECT_EQ(c.command("ls").size(), IDLE + 3u);
     c.close();
     EXPECT_EQ(d.log_count("RIP!"), 0);
@@ -310,6 +317,57 @@ TEST(ConsoleEnd, ARestingPortComesBackWhateverTheClientsDo) {
     sender.join();
   }
   EXPECT_EQ(d.log_count("RIP!"), 1);
+}
+
+// Each cause, through kivd.exe and kivctl: the event's sentence and the next step.
+TEST(Console, WhyTellsWhatHappenedAndWhatComesNext) {
+  kt::registry reg;
+  std::vector<int> p = kt::free_ports(5);
+  unsigned bound = static_cast<unsigned>(p[0]);
+  SOCKET blocker = kt::listen_on(&bound);
+  ASSERT_NE(blocker, INVALID_SOCKET);
+  reg.auto_ports("taken", kt::NO_PROGRAM, {p[0]});
+  reg.auto_ports("gone", kt::NO_PROGRAM, {p[1]});
+  reg.port(p[2], "auto", "bare");
+  reg.auto_ports("crash", "\"" + kt::testagent_exe() + "\" -V", {p[3]});
+  reg.auto_ports("calm", kt::NO_PROGRAM, {p[4]});
+  kt::kivd daemon("-D3");
+  ASSERT_TRUE(daemon.log_has(kt::listening(p[4])));
+  for (int port : {p[1], p[2], p[3]}) closesocket(kt::connect_to(port));
+  EXPECT_EQ(kivctl("disable " + std::to_string(p[4])).code, 0u);
+  std::string a = std::to_string(p[0]);
+  struct {
+    int port;
+    std::string said, next;
+  } cases[] = {
+      {p[0], "Port " + a + " of service taken could not be listened on: ", "Next: resting until "},
+      {p[1], "The agent of service gone could not be started for port " + std::to_string(p[1]),
+       "Next: resting until "},
+      {p[2], "Service bare has no program configured: ",
+       "Next: not serving the port until a program is configured"},
+      {p[3], "ended by exception 0xC0000005. The port rests until ", "Next: resting until "},
+      {p[4], "Port " + std::to_string(p[4]) + " of service calm was disabled",
+       "Next: disabled until enabled"},
+  };
+  for (auto &c : cases) {
+    std::string port = std::to_string(c.port);
+    ASSERT_TRUE(kt::poll([&] { return kt::client().command("why " + port).size() > 2; }))
+        << port << daemon.err();
+    kt::ran r = kivctl("why " + port);
+    std::string last = r.out.substr(r.out.rfind('\n', r.out.size() - 2) + 1);
+    EXPECT_NE(last.find(c.said), std::string::npos) << r.out;
+    EXPECT_NE(last.find(c.next), std::string::npos) << r.out;
+  }
+  kt::ran j = kivctl("why --json " + a);
+  EXPECT_EQ(j.out.substr(0, 25), "[{\"number\":101,\"time\":\"20") << j.out;
+  EXPECT_NE(j.out.find("\"severity\":\"error\""), std::string::npos) << j.out;
+  EXPECT_NE(j.out.find("\"fields\":{\"port\":" + a + ",\"service\":\"taken\",\"syserror\":"),
+            std::string::npos)
+      << j.out;
+  kt::ran st = kivctl("status");
+  EXPECT_NE(st.out.find("port " + a + ":  disabled until "), std::string::npos) << st.out;
+  EXPECT_EQ(kivctl("why 7").err, "kivctl: Failed with code -4\n");
+  closesocket(blocker);
 }
 
 }  // namespace

@@ -5,9 +5,11 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "lib/heap.h"
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/locks.h"
+#include "toolkit/runtime/memory.h"
 #include "toolkit/runtime/platform.h"
 
 namespace {
@@ -55,6 +57,7 @@ struct repeat {
 };
 constexpr int NREPEATS = 256;
 repeat repeats[NREPEATS];
+kivev_ring own_ring;  // kivev_keep_own's, under the events lock
 
 // Events emitted from inside an outlet are dropped: this thread is already emitting.
 thread_local int emitting;
@@ -134,6 +137,7 @@ void kivev_reset() {
   kiv_lock(KIV_LOCK_EVENTS);
   noutlets = 0;
   memset(repeats, 0, sizeof repeats);
+  memset(&own_ring, 0, sizeof own_ring);
   kiv_unlock(KIV_LOCK_EVENTS);
 }
 
@@ -266,4 +270,92 @@ int kivev_inserts(const kivev_event *ev, char *buffer, int size, const char **in
     room -= static_cast<int>(length) + 1;
   }
   return d->nfields;
+}
+
+const char *kivev_fieldname(kivev_field field) {
+  static const char *const names[] = {"port",     "service",   "program", "pid",   "exit",
+                                      "exception", "syserror", "errortext", "until", "count",
+                                      "period",   "size",      "text",    "value", "code"};
+  static_assert(sizeof names / sizeof names[0] == KIVEV_F_CODE + 1, "one name per field");
+  return names[field];
+}
+
+namespace {
+
+// Appends text to the line at *at, tabs and line ends turned into spaces unless it is the
+// line's own separator; stops at the end.
+void append(char *buffer, int size, int *at, const char *text, bool separator = false) {
+  for (; *text && *at < size - 1; text++) {
+    char c = *text;
+    buffer[(*at)++] = !separator && (c == '\t' || c == '\r' || c == '\n') ? ' ' : c;
+  }
+  buffer[*at] = '\0';
+}
+
+}  // namespace
+
+int kivev_line(const kivev_event *ev, const char *text, char *buffer, int size) {
+  static const char *const severities[] = {"info", "warning", "error"};
+  int severity = kivev_severity(ev->id);
+  char head[64];
+  snprintf(head, sizeof head, "%d\t%lld\t%s\t", ev->id, static_cast<long long>(ev->time),
+           severity >= 0 ? severities[severity] : "info");
+  int at = 0;
+  buffer[0] = '\0';
+  append(buffer, size, &at, head, true);
+  append(buffer, size, &at, text ? text : "");
+  char values[KIVEV_MAXINSERTS * 128];
+  const char *inserts[KIVEV_MAXINSERTS];
+  const kivev_field *fields = nullptr;
+  int n = kivev_inserts(ev, values, sizeof values, inserts);
+  kivev_fields(ev->id, &fields);
+  for (int i = 0; i < n; i++) {
+    char number[24];
+    // The reader formats the time of a rest in its own zone.
+    if (fields[i] == KIVEV_F_UNTIL) {
+      snprintf(number, sizeof number, "%lld", static_cast<long long>(ev->until));
+      inserts[i] = number;
+    }
+    append(buffer, size, &at, "\t", true);
+    append(buffer, size, &at, kivev_fieldname(fields[i]));
+    append(buffer, size, &at, "=");
+    append(buffer, size, &at, inserts[i]);
+  }
+  return at;
+}
+
+void kivev_keep(kivev_ring **ring, const kivev_event *ev, const char *text) {
+  if (!*ring) *ring = static_cast<kivev_ring *>(kiv_zalloc(sizeof(kivev_ring), "kivev_keep"));
+  kivev_ring *r = *ring;
+  if (!r) return;
+  kivev_line(ev, text, r->lines[r->next], KIVEV_LINE_SIZE);
+  r->next = (r->next + 1) % KIVEV_RING;
+  if (r->count < KIVEV_RING) r->count++;
+}
+
+void kivev_forget(kivev_ring **ring) {
+  xfree(*ring);
+  *ring = nullptr;
+}
+
+const char *kivev_kept(const kivev_ring *ring, int i) {
+  if (!ring || i < 0 || i >= ring->count) return nullptr;
+  return ring->lines[(ring->next - ring->count + i + KIVEV_RING) % KIVEV_RING];
+}
+
+void kivev_keep_own(const kivev_event *ev, const char *text) {
+  if (!kiv_locks_ready()) kiv_locks_init();
+  kivev_ring *ring = &own_ring;
+  kiv_lock(KIV_LOCK_EVENTS);
+  kivev_keep(&ring, ev, text);
+  kiv_unlock(KIV_LOCK_EVENTS);
+}
+
+bool kivev_own_line(int i, char *buffer, int size) {
+  if (!kiv_locks_ready()) kiv_locks_init();
+  kiv_lock(KIV_LOCK_EVENTS);
+  const char *line = kivev_kept(&own_ring, i);
+  if (line) snprintf(buffer, static_cast<size_t>(size), "%s", line);
+  kiv_unlock(KIV_LOCK_EVENTS);
+  return line != nullptr;
 }

@@ -123,3 +123,32 @@ int kivev_at(int i);
 int kivev_inserts(const kivev_event *ev, char *buffer, int size, const char **inserts);
 // The platform's text for a system error number, without a trailing line end.
 void kivev_systext(long syserror, char *buffer, int size);
+
+// The per-record ring that `why` lists: the last KIVEV_RING events of a port, service or
+// global program, each kept as its listing line. The port manager holds one per record
+// (null until its first event) and frees it with the record.
+constexpr int KIVEV_RING = 8;
+constexpr int KIVEV_LINE_SIZE = 640;
+struct kivev_ring {
+  int next;  // the slot the next event takes
+  int count;
+  char lines[KIVEV_RING][KIVEV_LINE_SIZE];
+};
+// The line of an event, tab-separated: its number, time (seconds since 1970, UTC), severity
+// ("info", "warning", "error"), text, then one "name=value" per field (until in seconds
+// since 1970 too). Tabs and line ends inside texts become spaces; a line too long is cut.
+// Returns its length.
+int kivev_line(const kivev_event *ev, const char *text, char *buffer, int size);
+// Appends ev's line to *ring, allocating the ring at its first event (nothing is kept when
+// the heap refuses). kivev_forget frees it and sets *ring null.
+void kivev_keep(kivev_ring **ring, const kivev_event *ev, const char *text);
+void kivev_forget(kivev_ring **ring);
+// The i-th kept line, oldest first (i from 0 to count-1); null past the end or for no ring.
+const char *kivev_kept(const kivev_ring *ring, int i);
+// A field's name in an event's line: "port", "service", ... "code".
+const char *kivev_fieldname(kivev_field field);
+// kivd's own ring: the events that name no port, service or program (the service started,
+// a pipe client hung up on, a wait that failed, ...). Any thread may keep and read; the
+// line is copied into buffer (size bytes). kivev_own_line: false past the end.
+void kivev_keep_own(const kivev_event *ev, const char *text);
+bool kivev_own_line(int i, char *buffer, int size);

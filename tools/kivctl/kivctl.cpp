@@ -1,5 +1,7 @@
 // kivctl: the control client. `kivctl [--raw|--json] WORDS...` sends one command and
 // prints its reply; with no words it reads commands from standard input, one per line.
+// kivctl's own options count wherever they stand before a "--". `kivctl why PORT|NAME` lists
+// what happened to a port, service or global program and what kivd does next.
 // Output: for people by default (ls as a table, no protocol framing, a "-" reply's text on
 // standard error), the protocol's elements one per line with --raw, JSON with --json.
 // Exit codes: 0 for "+", a listing, or a "quit" that hung up; 1 for a "-" reply or a
@@ -22,6 +24,7 @@
 #include "tools/kivctl/apply.h"
 #include "tools/kivctl/client.h"
 #include "tools/kivctl/listing.h"
+#include "tools/kivctl/why.h"
 #include "toolkit/runtime/scoped_win.h"
 
 namespace {
@@ -58,6 +61,16 @@ void print_reply(output mode, const std::string &word, const std::vector<std::st
     return;
   }
   std::vector<std::string> inner(elements.begin() + 1, elements.end() - 1);
+  std::vector<why_event> events;
+  for (const std::string &line : inner) {
+    why_event e;
+    if (!parse_why_line(line, &e)) break;
+    events.push_back(e);
+  }
+  if (_stricmp(word.c_str(), "why") == 0 && events.size() == inner.size()) {
+    printf("%s", mode == output::json ? (why_json(events) + "\n").c_str() : why_table(events).c_str());
+    return;
+  }
   std::vector<listed_port> ports;
   for (const std::string &line : inner) {
     listed_port p;
@@ -144,6 +157,17 @@ int status(output mode) {
            n.disabled, n.hooked);
   else
     printf("kivd:     not running\n");
+  // Each port that neither serves nor waits idle, with the latest reason kivd gave.
+  for (const listed_port &p : ports) {
+    if (!p.disabled) continue;
+    std::string line = "why " + std::to_string(p.port), reason;
+    elements.clear();
+    why_event e;
+    if (client_exchange(pipe.get(), line.c_str(), static_cast<int>(line.size()), &elements) == 0 &&
+        elements.size() > 2 && parse_why_line(elements[elements.size() - 2], &e))
+      reason = ": " + e.text;
+    printf("port %d:  %s%s\n", p.port, port_state(p).c_str(), reason.c_str());
+  }
   return 0;
 }
 
@@ -178,24 +202,37 @@ bool read_line(FILE *in, dstr *line) {
 
 int main(int argc, char **argv) {
   output mode = output::people;
-  for (; argc > 1 && strncmp(argv[1], "--", 2) == 0; argc--, argv++) {
-    if (strcmp(argv[1], "--version") == 0) {
+  // kivctl's own options count wherever they stand before a "--" (which stays, a word of
+  // the command); other "--" words are refused before the command word and kept after it
+  // (apply --dry-run).
+  int kept = 1;
+  bool command = false, ended = false;
+  for (int i = 1; i < argc; i++) {
+    const char *word = argv[i];
+    if (ended || strncmp(word, "--", 2) != 0) {
+      command = true;
+    } else if (strcmp(word, "--") == 0) {
+      ended = true;
+      if (!command) continue;
+    } else if (strcmp(word, "--version") == 0) {
       printf("kivctl %s\n", KIV_VERSION);
       return 0;
-    } else if (strcmp(argv[1], "--raw") == 0) {
+    } else if (strcmp(word, "--raw") == 0) {
       mode = output::raw;
-    } else if (strcmp(argv[1], "--json") == 0) {
+      continue;
+    } else if (strcmp(word, "--json") == 0) {
       mode = output::json;
-    } else {
-      fprintf(stderr, "kivctl: unknown option %s (--raw, --json, --version)\n", argv[1]);
+      continue;
+    } else if (!command) {
+      fprintf(stderr, "kivctl: unknown option %s (--raw, --json, --version)\n", word);
       return 1;
     }
-    argv[1] = argv[0];
+    argv[kept++] = argv[i];
   }
+  argc = kept;
   if (argc > 1 && strcmp(argv[1], "status") == 0) {
-    // Options go before the command; one after it would otherwise pass unnoticed.
     if (argc > 2) {
-      fprintf(stderr, "kivctl: status takes no words (options go first: kivctl --json status)\n");
+      fprintf(stderr, "kivctl: status takes no words\n");
       return 1;
     }
     return status(mode);
