@@ -49,7 +49,7 @@ void tell_agent(port_record *p) {
 // Opens the listening socket of a port that should listen; a failure disables the port.
 void start_listening(port_record *p) {
   SOCKET s = INVALID_SOCKET;
-  int rc = listen_on(p->port, &s);
+  int rc = listen_on(p->port, &s, p->address);
   WSAEVENT event = WSA_INVALID_EVENT;
   if (rc == 0) {
     event = WSACreateEvent();
