@@ -61,15 +61,16 @@ bool has(const std::string &text, const std::string &part) {
 
 TEST(Address, PortsListenWhereTheyAreConfigured) {
   kt::registry reg;
-  std::vector<int> ports = kt::free_ports(7);
+  std::vector<int> ports = kt::free_ports(8);
   int v4 = ports[0], v6 = ports[1], dual = ports[2], plain = ports[3], bad = ports[4],
-      moved = ports[5], on6 = ports[6];
+      moved = ports[5], on6 = ports[6], hook = ports[7];
   reg.service("up", KIVEXEC + " -- " + UPCASE);
   reg.service("env", KIVEXEC + " -- " + UPCASE + " env");
   reg.service("on", KIVEXEC + " -- " + UPCASE);
   for (int p : {v4, v6, plain, bad, moved}) reg.port(p, "auto", "up");
   reg.port(dual, "auto", "env");
   reg.port(on6, "on", "on");
+  reg.port(hook, "hook", "up");
   auto address = [&](int port, const char *text) {
     reg.set("tcp\\s" + std::to_string(port), "address", text);
   };
@@ -79,6 +80,7 @@ TEST(Address, PortsListenWhereTheyAreConfigured) {
   address(bad, "localhost");
   address(moved, "127.0.0.1");
   address(on6, "::1");
+  address(hook, "::1");
   kt::kivd d("-D3");
   EXPECT_EQ(served_at("127.0.0.1", v4, "a"), "AEND\n");
   EXPECT_EQ(ask_at("::1", v4, "a"), REFUSED);
@@ -116,6 +118,11 @@ TEST(Address, PortsListenWhereTheyAreConfigured) {
   EXPECT_TRUE(has(json.out, "\"port\":" + std::to_string(v6) + ",") &&
               has(json.out, "\"address\":\"::1\"") && has(json.out, "\"address\":null"))
       << json.out;
+
+  // A hooked port listens where its configuration says.
+  EXPECT_EQ(c.command("add -p " + std::to_string(hook)), std::vector<std::string>{"+"});
+  EXPECT_EQ(served_at("::1", hook, "l"), "LEND\n");
+  EXPECT_EQ(ask_at("127.0.0.1", hook, "l"), REFUSED);
 
   // A move by reconfiguration: the connection being served is served to its end, and
   // the port then serves at its new address only.
