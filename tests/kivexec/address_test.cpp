@@ -144,8 +144,9 @@ TEST(Address, PortsListenWhereTheyAreConfigured) {
 TEST(Address, KivexecPassesTheProgramLineAsWritten) {
   kt::registry reg;
   int port = kt::free_port();
-  reg.service("quote", KIVEXEC + " --max 2 -- C:\\windows\\system32\\cmd.exe /q /c echo \"ab\" "
-                                 "\"c d\"  x\\\"y");
+  reg.service("quote", KIVEXEC +
+                           " --max 2 -- C:\\windows\\system32\\cmd.exe /q /c echo \"ab\" "
+                           "\"c d\"  x\\\"y");
   reg.port(port, "auto", "quote");
   kt::kivd d("-D3");
   EXPECT_EQ(served_at("127.0.0.1", port, ""), "\"ab\" \"c d\"  x\\\"y\r\n");
