@@ -1,5 +1,7 @@
 #include "agent/kivagent.h"
 
+#include <ws2tcpip.h>
+
 #include <cstdint>
 #include <cstring>
 
@@ -146,21 +148,45 @@ static int set_mode(SOCKET sock, unsigned flags) {
   return ioctlsocket(sock, FIONBIO, &nonblocking) == SOCKET_ERROR ? KIVAGENT_ESYS : 0;
 }
 
-static int add_port(kivagent *a, unsigned port, SOCKET sock) {
+static int add_port(kivagent *a, unsigned port, SOCKET sock, const char *address) {
+  char *copy = nullptr;
+  if (address && !(copy = xstrdup(address, nullptr))) return KIVAGENT_ENOMEM;
   void *grown = xrealloc(a->ports, (a->nports + 1) * sizeof(kivagent_port), nullptr);
-  if (!grown) return KIVAGENT_ENOMEM;
+  if (!grown) {
+    xfree(copy);
+    return KIVAGENT_ENOMEM;
+  }
   a->ports = static_cast<kivagent_port *>(grown);
   a->ports[a->nports].port = port;
   a->ports[a->nports].sock = sock;
+  a->ports[a->nports].address = copy;
   a->nports++;
   return 0;
 }
 
-// One port line: "-Ptcp::<port>" or "-Ptcp::<port>@<base64>". Errors become events.
+// One port line: "-Ptcp::<port>", "-Ptcp::<port>@<base64>" or "-Ptcp:<address>:<port>"
+// (brackets around an IPv6 address). Errors become events.
 static void port_line(kivagent *a, const char *line, unsigned flags) {
   kivagent_state *s = a->state;
   const char *number = line + strlen(WIRE_PORT);
-  const char *at = strchr(number, '@');
+  const char *at = nullptr;
+  char address[WIRE_ADDRESS_MAX + 1] = "";
+  if (!starts(line, WIRE_PORT)) {
+    // The address runs to the last ":" (after the "]" of a bracketed one).
+    const char *text = line + strlen(WIRE_PORT_AT);
+    bool bracket = text[0] == '[';
+    const char *close = bracket ? strchr(text, ']') : nullptr;
+    const char *colon = strrchr(text, ':');
+    const char *first = text + bracket, *last = bracket ? close : colon;
+    if (!last || !colon || (bracket && colon != close + 1) || last == first ||
+        size_t(last - first) > WIRE_ADDRESS_MAX)
+      return push_error(s, KIVAGENT_EINVAL, 0, line);
+    memcpy(address, first, size_t(last - first));
+    address[last - first] = '\0';
+    number = colon + 1;
+  } else {
+    at = strchr(number, '@');
+  }
   unsigned port = parse_port(number, at ? size_t(at - number) : strlen(number));
   if (!port) return push_error(s, KIVAGENT_EINVAL, 0, line);
   for (unsigned i = 0; i < a->nports; i++)
@@ -181,7 +207,7 @@ static void port_line(kivagent *a, const char *line, unsigned flags) {
     // The manager's event selection left the socket non-blocking; set what was asked for.
     if (set_mode(sock, flags) != 0) push_error(s, KIVAGENT_ESYS, port, line);
   }
-  if (add_port(a, port, sock) != 0) {
+  if (add_port(a, port, sock, address[0] ? address : nullptr) != 0) {
     if (sock != INVALID_SOCKET) closesocket(sock);
     push_error(s, KIVAGENT_ENOMEM, port, line);
   }
@@ -303,7 +329,7 @@ int kivagent_start(kivagent *a, int argc, char **argv, unsigned flags) {
     }
     if (n < 0) {
       push_error(s, n, 0, line);
-    } else if (starts(line, WIRE_PORT)) {
+    } else if (starts(line, WIRE_PORT_AT)) {
       port_line(a, line, flags);
     } else if (starts(line, WIRE_LIFESPAN)) {
       // An unreadable lifespan keeps the manager's own default; the start-up ends anyway.
@@ -360,16 +386,42 @@ int kivagent_drop(kivagent *a, unsigned port) {
 }
 
 int kivagent_listen(unsigned port, unsigned flags, SOCKET *out) {
+  return kivagent_listen_on(port, nullptr, flags, out);
+}
+
+int kivagent_listen_on(unsigned port, const char *address, unsigned flags, SOCKET *out) {
   *out = INVALID_SOCKET;
   if (port == 0 || port > 65535) return KIVAGENT_EINVAL;
-  SOCKET sock = WSASocketA(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WIRE_SOCKET_FLAGS);
+  sockaddr_storage addr{};
+  int addrlen = sizeof(sockaddr_in);
+  auto *v4 = reinterpret_cast<sockaddr_in *>(&addr);
+  v4->sin_family = AF_INET;
+  v4->sin_port = htons(static_cast<u_short>(port));
+  v4->sin_addr.s_addr = htonl(INADDR_ANY);
+  if (address) {
+    addrinfo hints{}, *found = nullptr;
+    hints.ai_flags = AI_NUMERICHOST | AI_PASSIVE;
+    hints.ai_socktype = SOCK_STREAM;
+    if (getaddrinfo(address, nullptr, &hints, &found) != 0 || !found ||
+        found->ai_addrlen > sizeof addr) {
+      if (found) freeaddrinfo(found);
+      return KIVAGENT_EINVAL;
+    }
+    memcpy(&addr, found->ai_addr, found->ai_addrlen);
+    addrlen = static_cast<int>(found->ai_addrlen);
+    freeaddrinfo(found);
+    // Both families keep the port at the same offset.
+    v4->sin_port = htons(static_cast<u_short>(port));
+  }
+  SOCKET sock = WSASocketA(addr.ss_family, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WIRE_SOCKET_FLAGS);
   if (sock == INVALID_SOCKET) return KIVAGENT_ESYS;
   SetHandleInformation(reinterpret_cast<HANDLE>(sock), HANDLE_FLAG_INHERIT, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<u_short>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_ANY);
-  if (bind(sock, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == SOCKET_ERROR ||
+  // "::" takes IPv4 clients too, as the manager's own listening does.
+  DWORD v6only = 0;
+  if ((addr.ss_family == AF_INET6 &&
+       setsockopt(sock, IPPROTO_IPV6, IPV6_V6ONLY, reinterpret_cast<const char *>(&v6only),
+                  sizeof v6only) == SOCKET_ERROR) ||
+      bind(sock, reinterpret_cast<sockaddr *>(&addr), addrlen) == SOCKET_ERROR ||
       listen(sock, 10) == SOCKET_ERROR || set_mode(sock, flags) != 0) {
     int err = WSAGetLastError();
     closesocket(sock);
@@ -382,8 +434,10 @@ int kivagent_listen(unsigned port, unsigned flags, SOCKET *out) {
 
 void kivagent_end(kivagent *a) {
   if (!a) return;
-  for (unsigned i = 0; i < a->nports; i++)
+  for (unsigned i = 0; i < a->nports; i++) {
     if (a->ports[i].sock != INVALID_SOCKET) closesocket(a->ports[i].sock);
+    xfree(const_cast<char *>(a->ports[i].address));
+  }
   xfree(a->ports);
   if (kivagent_state *s = a->state) {
     if (s->thread) {

@@ -4,6 +4,8 @@
  * and writes on the inherited pipe, one line each ending in CR LF:
  *   "-Ptcp::<port>@<base64 of a 372-byte WSAPROTOCOL_INFOA>"  a handed-over listening socket
  *   "-Ptcp::<port>"                                            an "on" port: listen yourself
+ *   "-Ptcp:<address>:<port>"  an "on" port configured with a local address: listen there
+ *                             (an IPv6 address in brackets: "-Ptcp:[::1]:7007")
  *   "--"                                                       end of the port lines
  *   "lifespan <seconds>"                                       last line of the start-up
  * and later "remove tcp::<port>", "exit" and "reconfig". The manager closes the pipe
@@ -45,6 +47,8 @@ struct kivagent_port {
   SOCKET sock;   /* the handed-over listening socket; INVALID_SOCKET for an "on" port,
                       where the agent may store the socket it opens itself (see
                       kivagent_listen): kivagent_drop and kivagent_end close it too */
+  const char *address; /* an "on" port's configured local address ("127.0.0.1", "::1",
+                          "::"), owned by the library; NULL for every IPv4 address */
 };
 
 enum kivagent_kind {
@@ -98,6 +102,9 @@ int kivagent_drop(struct kivagent *agent, unsigned port);
  * the ports it holds: non-inheritable, without overlapped I/O, backlog 10, in the mode
  * flags ask for. Meant for "on" ports. Returns 0 with *sock set, or KIVAGENT_EINVAL/KIVAGENT_ESYS. */
 int kivagent_listen(unsigned port, unsigned flags, SOCKET *sock);
+/* The same on address (an "on" port's kivagent_port.address): a numeric IPv4 or IPv6
+ * address, "::" taking IPv4 clients too; NULL is kivagent_listen. */
+int kivagent_listen_on(unsigned port, const char *address, unsigned flags, SOCKET *sock);
 
 /* Closes every socket still in agent->ports, the pipe and the event, and frees what
  * kivagent_start allocated; *agent is cleared. Safe on a cleared record. */

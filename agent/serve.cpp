@@ -195,7 +195,8 @@ unsigned start_servers(serving_state *st, kivagent *agent) {
     kivagent_port *p = &agent->ports[i];
     server *sv = &st->servers[i];
     // An "on" port comes without a socket: listen on it as the manager would have.
-    if (p->sock == INVALID_SOCKET && kivagent_listen(p->port, KIVAGENT_BLOCKING, &p->sock) != 0) {
+    if (p->sock == INVALID_SOCKET &&
+        kivagent_listen_on(p->port, p->address, KIVAGENT_BLOCKING, &p->sock) != 0) {
       fprintf(stderr, "%s: cannot listen on port %u (%d)\n", st->serving.name, p->port,
               WSAGetLastError());
       continue;

@@ -31,6 +31,12 @@ constexpr int WIRE_INFO_TEXT = (WIRE_INFO_SIZE + 2) / 3 * 4;
 // a duplicated socket requires. A connection accepted on such a socket is a handle a
 // program can take as its standard input and output.
 constexpr unsigned WIRE_SOCKET_FLAGS = 0;
+// An "on" port with a configured address: "-Ptcp:<address>:<port>", an IPv6 address in
+// brackets. Its start differs from WIRE_PORT, so an agent that knows only "-Ptcp::"
+// refuses the line rather than listen on every address. The address is at most
+// WIRE_ADDRESS_MAX characters.
+#define WIRE_PORT_AT "-Ptcp:"
+constexpr int WIRE_ADDRESS_MAX = 63;
 // The longest port line: port 65535 handed over, without its CR LF.
 constexpr int WIRE_PORT_LINE_MAX = sizeof WIRE_PORT "65535@" - 1 + WIRE_INFO_TEXT;
 

@@ -78,6 +78,7 @@ struct port_record {
   child_record *agent;      // the agent that holds the port, shared with its other ports
   port_record *next;
   kivev_ring *ring;  // its recent events, for `why`; a successor of its number takes it over
+  char *address;  // the configured local address (text); null: every IPv4 address
 };
 
 struct service_record {
@@ -137,10 +138,17 @@ prog_record *find_prog(const char *name);
 // Creates or refreshes the service (description and program re-read). Null when the name
 // is too long for its configuration paths (logged) or the heap refuses.
 service_record *addservice(const char *name);
-// Inserts a new record in order; a current record of the number is marked for removal
-// and hands its socket over (same mode) or is told to exit (other mode). Null only when
-// the heap refuses.
-port_record *addport(int number, service_record *svc, int start);
+// Inserts a new record in order, listening on address (copied; null: every IPv4 address);
+// a current record of the number is marked for removal and hands its socket over (same
+// mode and address), is told to remove the port (another address) or to exit (other
+// mode). Null only when the heap refuses.
+port_record *addport(int number, service_record *svc, int start, const char *address = nullptr);
+// The configured address of port number: 0 with *address (the caller's) or null when none
+// is configured; KIV_ECONFIG (reported, naming the port and the value) for a value that
+// is not an address, which is never taken for every address.
+int port_address(int number, char **address);
+// True when a and b are the same address text, or both are null.
+bool same_address(const char *a, const char *b);
 // Creates or refreshes the prog (flags cleared, program re-read, refs counted). Null when
 // the name is too long for its configuration path (logged) or the heap refuses.
 prog_record *addprog(const char *name);

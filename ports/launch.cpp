@@ -228,7 +228,12 @@ int start_agent(port_record *p) {
   KIV_LOG(3, TAG, "Child %d started for port %d [%s, %s]", static_cast<int>(c->pid), p->port,
           svc->name, START_NAMES[p->start]);
   if (p->start == START_ON) {
-    sendcmd(c, WIRE_PORT_ON, static_cast<unsigned>(p->port));
+    if (!p->address)
+      sendcmd(c, WIRE_PORT_ON, static_cast<unsigned>(p->port));
+    else if (strchr(p->address, ':'))
+      sendcmd(c, WIRE_PORT_AT "[%s]:%u", p->address, static_cast<unsigned>(p->port));
+    else
+      sendcmd(c, WIRE_PORT_AT "%s:%u", p->address, static_cast<unsigned>(p->port));
     p->agent = c;
     c->links++;
   } else {

@@ -9,6 +9,7 @@
 
 #include "lib/heap.h"
 #include "lib/printf.h"
+#include "lib/wire.h"
 #include "ports/internal.h"
 #include "toolkit/config/info.h"
 #include "toolkit/runtime/error.h"
@@ -20,6 +21,8 @@ namespace {
 // "  " after the name (9), " Hook" (5), " Disable=" with a date whose year takes up to 11
 // characters (32), " Parent=%d" (19) and " Agent=%d" (18).
 constexpr int LISTING_FIXED = 83;
+// Room past LISTING_SIZE for " Address=" and the longest address.
+constexpr int LISTING_ADDRESS = 9 + WIRE_ADDRESS_MAX;
 // Longer service names are cut in the listing so that the rest of the line always fits.
 constexpr int LISTING_NAME_MAX = LISTING_SIZE - 1 - LISTING_FIXED;
 static_assert(LISTING_NAME_MAX >= 160, "the listing shows long service names whole");
@@ -91,17 +94,24 @@ int ssock_add(int port, const char *pid, const char *extra_args) {
   service_record *svc = addservice(name);
   xfree(name);
   if (!svc) return KIV_ECONFIG;  // a name too long for its paths, logged by addservice
+  // A hooked port listens where its configuration says, as a configured one does.
+  char *address = nullptr;
+  if (port_address(port, &address) != 0) return KIV_ECONFIG;
   HANDLE parent = nullptr;
   DWORD parent_pid = 0;
   if (pid) {
     parent_pid = static_cast<DWORD>(atoi(pid));
     if (existing) {
-      if (existing->parent_pid != parent_pid) return KIV_EBUSY;
+      if (existing->parent_pid != parent_pid) {
+        xfree(address);
+        return KIV_EBUSY;
+      }
       parent = existing->parent;
       existing->parent = nullptr;
     } else {
       parent = OpenProcess(SYNCHRONIZE, FALSE, parent_pid);
       if (!parent) {
+        xfree(address);
         kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "Failed to open process %d [%d]",
                      static_cast<int>(parent_pid), static_cast<int>(GetLastError()));
         return KIV_ESYS;
@@ -109,7 +119,8 @@ int ssock_add(int port, const char *pid, const char *extra_args) {
       KIV_LOG(3, TAG, "Got handle to process %d", static_cast<int>(parent_pid));
     }
   }
-  port_record *p = addport(port, svc, START_HOOK);
+  port_record *p = addport(port, svc, START_HOOK, address);
+  xfree(address);
   if (!p) {
     if (parent) CloseHandle(parent);
     return KIV_ENOMEM;
@@ -177,7 +188,7 @@ int ssock_enable(int port) {
 
 int ssock_info(int context, ssock_writefunc write) {
   for (port_record *p = ssock_ports; p; p = p->next) {
-    char line[LISTING_SIZE];
+    char line[LISTING_SIZE + LISTING_ADDRESS];
     int n = xsnprintf(line, sizeof line, "%5d  %-11.*s   %s", p->port, LISTING_NAME_MAX,
                       p->service->name, START_NAMES[p->start]);
     if (p->flags & PORT_DISABLED) {
@@ -190,6 +201,7 @@ int ssock_info(int context, ssock_writefunc write) {
       n += xsnprintf(line + n, sizeof line - n, " Parent=%d", static_cast<int>(p->parent_pid));
     if (p->agent)
       n += xsnprintf(line + n, sizeof line - n, " Agent=%d", static_cast<int>(p->agent->pid));
+    if (p->address) n += xsnprintf(line + n, sizeof line - n, " Address=%s", p->address);
     write(context, line, n);
   }
   return 0;

@@ -42,12 +42,16 @@ int tcpnode_cb(const char *path, const char *value, void *) {
     kivev_emit(&ev);
     return 0;
   }
+  char *address = nullptr;
+  if (port_address(static_cast<int>(number), &address) != 0) return 0;
   port_record *p = find_port(static_cast<int>(number));
-  if (p && (p->service != svc || p->start != start)) p = nullptr;
+  if (p && (p->service != svc || p->start != start || !same_address(p->address, address)))
+    p = nullptr;
   if (!p) {
-    p = addport(static_cast<int>(number), svc, start);
+    p = addport(static_cast<int>(number), svc, start, address);
+    xfree(address);
     if (!p) return 0;
-  } else if ((p->flags & PORT_DISABLED) && p->until != UNTIL_ENABLED) {
+  } else if (xfree(address), (p->flags & PORT_DISABLED) && p->until != UNTIL_ENABLED) {
     KIV_LOG(3, TAG, "Reenable port %d", static_cast<int>(number));
     p->flags &= ~PORT_DISABLED;
   }

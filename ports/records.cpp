@@ -79,10 +79,33 @@ service_record *addservice(const char *name) {
   return s;
 }
 
-port_record *addport(int number, service_record *svc, int start) {
+int port_address(int number, char **address) {
+  const schema_value &row = schema_values[SCHEMA_PORT_ADDRESS];
+  char path[PATH_SIZE];
+  *address = nullptr;
+  kivschema_path(path, row, number);
+  if (kivinfo_get(nullptr, path, address) != 0) return 0;
+  if (kivschema_judge(row, *address) == 0) return 0;
+  kiv_logerror(nullptr, "ssock.port_address", KIV_SEV_ERROR, KIV_ECONFIG,
+               "Port %d: bad address \"%.*s\", not listened on", number,
+               static_cast<int>(WIRE_ADDRESS_MAX) + 1, *address);
+  xfree(*address);
+  *address = nullptr;
+  return KIV_ECONFIG;
+}
+
+bool same_address(const char *a, const char *b) {
+  return a && b ? strcmp(a, b) == 0 : a == b;
+}
+
+port_record *addport(int number, service_record *svc, int start, const char *address) {
   static const char TAG[] = "ssock.addport";
   auto *p = static_cast<port_record *>(kiv_zalloc(sizeof(port_record), TAG));
   if (!p) return nullptr;
+  if (address && !(p->address = xstrdup(address, nullptr))) {
+    xfree(p);
+    return nullptr;
+  }
   p->port = static_cast<uint16_t>(number);
   p->start = start;
   p->service = svc;
@@ -102,7 +125,7 @@ port_record *addport(int number, service_record *svc, int start) {
     p->ring = cur->ring;  // `why` goes on with the number's history
     cur->ring = nullptr;
     cur->flags |= PORT_REMOVE;
-    if (cur->start == start) {
+    if (cur->start == start && same_address(cur->address, p->address)) {
       p->sock = cur->sock;
       p->event = cur->event;
       cur->sock = INVALID_SOCKET;
@@ -111,6 +134,10 @@ port_record *addport(int number, service_record *svc, int start) {
       // no agent and is in the wait list, so it must really listen. A pending
       // connection signals the event again.
       if (p->sock != INVALID_SOCKET) WSAEventSelect(p->sock, p->event, FD_ACCEPT);
+    } else if (cur->start == start) {
+      // Another address: the old record's agent is told to remove the port and the new
+      // record listens anew.
+      KIV_LOG(3, TAG, "Port %d moves to %s", p->port, p->address ? p->address : "0.0.0.0");
     } else {
       cur->flags |= PORT_EXIT;
       KIV_LOG(3, TAG, "New port disabled for 10 seconds");
@@ -156,6 +183,7 @@ void free_port(port_record *p) {
   p->service->nports--;
   xfree(p->extra_args);
   kivev_forget(&p->ring);
+  xfree(p->address);
   xfree(p);
 }
 

@@ -49,7 +49,7 @@ void tell_agent(port_record *p) {
 // Opens the listening socket of a port that should listen; a failure disables the port.
 void start_listening(port_record *p) {
   SOCKET s = INVALID_SOCKET;
-  int rc = listen_on(p->port, &s);
+  int rc = listen_on(p->port, &s, p->address);
   long error = WSAGetLastError();  // listen_on leaves its failing call's error
   WSAEVENT event = WSA_INVALID_EVENT;
   if (rc == 0) {

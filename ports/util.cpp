@@ -1,8 +1,12 @@
 #include "ports/util.h"
 
 #include <ws2spi.h>
+#include <ws2tcpip.h>
+
+#include <cstring>
 
 #include "lib/heap.h"
+#include "lib/printf.h"
 #include "lib/wire.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/log.h"
@@ -47,9 +51,32 @@ SOCKET non_lsp_socket(int family, int type, int protocol) {
   return s;
 }
 
-int listen_on(uint16_t port, SOCKET *out) {
+int listen_on(uint16_t port, SOCKET *out, const char *address) {
   static const char TAG[] = "ssock.listen_on";
-  SOCKET s = non_lsp_socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  sockaddr_storage local = {};
+  int locallength = sizeof(sockaddr_in);
+  auto *v4 = reinterpret_cast<sockaddr_in *>(&local);
+  v4->sin_family = AF_INET;
+  v4->sin_port = htons(port);
+  v4->sin_addr.s_addr = htonl(INADDR_ANY);
+  if (address) {
+    addrinfo hints = {}, *found = nullptr;
+    hints.ai_flags = AI_NUMERICHOST | AI_PASSIVE;
+    hints.ai_socktype = SOCK_STREAM;
+    char number[8];
+    xsnprintf(number, sizeof number, "%u", static_cast<unsigned>(port));
+    int rc = getaddrinfo(address, number, &hints, &found);
+    if (rc != 0 || !found || found->ai_addrlen > sizeof local) {
+      kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ECONFIG, "Port %d: bad address \"%.64s\" (%d)",
+                   static_cast<int>(port), address, rc);
+      if (found) freeaddrinfo(found);
+      return KIV_ECONFIG;
+    }
+    memcpy(&local, found->ai_addr, found->ai_addrlen);
+    locallength = static_cast<int>(found->ai_addrlen);
+    freeaddrinfo(found);
+  }
+  SOCKET s = non_lsp_socket(local.ss_family, SOCK_STREAM, IPPROTO_TCP);
   if (s == INVALID_SOCKET) {
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "socket() -> %d", WSAGetLastError());
     return KIV_ESYS;
@@ -57,11 +84,17 @@ int listen_on(uint16_t port, SOCKET *out) {
   // Agents are started with inheritance on: a listening socket reaches them only
   // through WSADuplicateSocketA.
   SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_ANY);
-  if (bind(s, reinterpret_cast<sockaddr *>(&address), sizeof address) == SOCKET_ERROR) {
+  // Windows makes IPv6 sockets IPv6-only; "::" also takes IPv4 clients (as mapped
+  // addresses), and a mapped address can be bound only so. No other IPv6 address sees IPv4.
+  DWORD v6only = 0;
+  if (local.ss_family == AF_INET6 &&
+      setsockopt(s, IPPROTO_IPV6, IPV6_V6ONLY, reinterpret_cast<const char *>(&v6only),
+                 sizeof v6only) == SOCKET_ERROR) {
+    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "setsockopt() -> %d", WSAGetLastError());
+    closesocket(s);
+    return KIV_ESYS;
+  }
+  if (bind(s, reinterpret_cast<sockaddr *>(&local), locallength) == SOCKET_ERROR) {
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "bind() -> %d", WSAGetLastError());
     closesocket(s);
     return KIV_ESYS;

@@ -7,10 +7,11 @@
 
 #include <cstdint>
 
-// Opens a non-inheritable TCP socket on a base provider, bound to port on every local
-// IPv4 address and listening with a backlog of 10. 0 and the socket in *out, or
-// KIV_ESYS (reported) with nothing stored.
-int listen_on(uint16_t port, SOCKET *out);
+// Opens a non-inheritable TCP socket on a base provider, bound to port on address (a
+// numeric IPv4 or IPv6 address, "::" taking IPv4 clients too; null: every local IPv4
+// address) and listening with a backlog of 10. 0 and the socket in *out; KIV_ECONFIG
+// for an address that does not parse, KIV_ESYS; both reported, nothing stored.
+int listen_on(uint16_t port, SOCKET *out, const char *address = nullptr);
 // A socket of the first base (non-layered) provider of the catalogue that serves family,
 // type and protocol; INVALID_SOCKET with the Winsock last error set to the reason
 // (WSAENOBUFS, WSAEPROTONOSUPPORT or WSASocketW's own).

@@ -38,34 +38,44 @@ struct options {
   DWORD grace_ms = 10000;
   bool stderr_too = false;
   std::string program;       // for messages
-  std::string command_line;  // PROGRAM and its arguments, quoted for CreateProcess
+  std::string command_line;  // PROGRAM and its arguments as kivexec's own line has them
 };
 options opt;
 
-// One argument as CreateProcess's parser reads it back: in quotes when it holds a blank
-// or a quote, backslashes doubled only where a quote follows them.
-void append_quoted(std::string *line, const std::string &arg) {
-  if (!line->empty()) *line += ' ';
-  if (!arg.empty() && arg.find_first_of(" \t\n\v\"") == std::string::npos) {
-    *line += arg;
-    return;
-  }
-  *line += '"';
-  for (size_t i = 0;; i++) {
-    size_t backslashes = 0;
-    while (i < arg.size() && arg[i] == '\\') i++, backslashes++;
-    if (i == arg.size()) {
-      line->append(backslashes * 2, '\\');
-      break;
+// Where each argument of a command line begins and ends (ends[i] is one past it), as the
+// C runtime splits it into argv: the program name up to a blank (or within quotes), then
+// words separated by blanks outside quotes; a quote after an even run of backslashes
+// opens or closes quoting, and "" within quotes is a quote.
+void split_offsets(const char *line, std::vector<size_t> *starts, std::vector<size_t> *ends) {
+  size_t i = 0;
+  bool quoted = false;
+  starts->push_back(0);
+  for (; line[i] && (quoted || (line[i] != ' ' && line[i] != '\t')); i++)
+    if (line[i] == '"') quoted = !quoted;
+  ends->push_back(i);
+  for (;;) {
+    while (line[i] == ' ' || line[i] == '\t') i++;
+    if (!line[i]) return;
+    starts->push_back(i);
+    quoted = false;
+    while (line[i] && (quoted || (line[i] != ' ' && line[i] != '\t'))) {
+      if (line[i] == '\\') {
+        size_t backslashes = 0;
+        while (line[i] == '\\') i++, backslashes++;
+        if (line[i] == '"' && backslashes % 2) i++;  // an escaped quote
+      } else if (line[i] == '"') {
+        if (quoted && line[i + 1] == '"') {
+          i += 2;  // "" within quotes: a quote
+        } else {
+          quoted = !quoted;
+          i++;
+        }
+      } else {
+        i++;
+      }
     }
-    if (arg[i] == '"') {
-      line->append(backslashes * 2 + 1, '\\');
-    } else {
-      line->append(backslashes, '\\');
-    }
-    *line += arg[i];
+    ends->push_back(i);
   }
-  *line += '"';
 }
 
 bool number(const char *text, unsigned long low, unsigned long high, unsigned long *out) {
@@ -132,7 +142,16 @@ bool parse(int argc, char **argv) {
     return false;
   }
   opt.program = argv[i + 1];
-  for (int k = i + 1; k < end; k++) append_quoted(&opt.command_line, argv[k]);
+  // The program's line is kivexec's own as written, from the program to the last argument
+  // before those the manager appended: quotes the program reads itself stay as they are.
+  const char *own = GetCommandLineA();
+  std::vector<size_t> starts, ends;
+  split_offsets(own, &starts, &ends);
+  if (starts.size() != static_cast<size_t>(argc)) {
+    fprintf(stderr, "kivexec: cannot find the program in the command line\n");
+    return false;
+  }
+  opt.command_line.assign(own + starts[i + 1], own + ends[end - 1]);
   return true;
 }
 
@@ -159,6 +178,24 @@ void read_environment() {
   if (block) FreeEnvironmentStringsA(block);
 }
 
+// The address's numeric text and port; an IPv4 peer of a dual-stack port (a mapped IPv6
+// address) as plain dotted IPv4, the way it connected. false when it cannot be written.
+bool address_text(const sockaddr_storage &given, int size, char (&host)[NI_MAXHOST],
+                  char (&port)[NI_MAXSERV]) {
+  sockaddr_storage a = given;
+  const auto *v6 = reinterpret_cast<const sockaddr_in6 *>(&given);
+  if (given.ss_family == AF_INET6 && IN6_IS_ADDR_V4MAPPED(&v6->sin6_addr)) {
+    auto *v4 = reinterpret_cast<sockaddr_in *>(&a);
+    memset(&a, 0, sizeof a);
+    v4->sin_family = AF_INET;
+    v4->sin_port = v6->sin6_port;
+    memcpy(&v4->sin_addr, &v6->sin6_addr.s6_addr[12], 4);
+    size = sizeof *v4;
+  }
+  return getnameinfo(reinterpret_cast<sockaddr *>(&a), size, host, sizeof host, port,
+                     sizeof port, NI_NUMERICHOST | NI_NUMERICSERV) == 0;
+}
+
 std::string environment_for(SOCKET s) {
   std::vector<std::string> env = base_environment;
   sockaddr_storage a;
@@ -167,9 +204,7 @@ std::string environment_for(SOCKET s) {
     int size = sizeof a;
     int r = remote ? getpeername(s, reinterpret_cast<sockaddr *>(&a), &size)
                    : getsockname(s, reinterpret_cast<sockaddr *>(&a), &size);
-    if (r != 0 || getnameinfo(reinterpret_cast<sockaddr *>(&a), size, host, sizeof host, port,
-                              sizeof port, NI_NUMERICHOST | NI_NUMERICSERV) != 0)
-      continue;
+    if (r != 0 || !address_text(a, size, host, port)) continue;
     env.push_back(std::string(remote ? "TCPREMOTEIP=" : "TCPLOCALIP=") + host);
     env.push_back(std::string(remote ? "TCPREMOTEPORT=" : "TCPLOCALPORT=") + port);
   }
@@ -184,11 +219,8 @@ std::string environment_for(SOCKET s) {
 }
 
 std::string remote_address(const kivagent_client *client) {
-  char host[NI_MAXHOST];
-  if (getnameinfo(reinterpret_cast<const sockaddr *>(&client->peer), client->peerlen, host,
-                  sizeof host, nullptr, 0, NI_NUMERICHOST) != 0)
-    return "?";
-  return host;
+  char host[NI_MAXHOST], port[NI_MAXSERV];
+  return address_text(client->peer, client->peerlen, host, port) ? host : "?";
 }
 
 // Starts the program for connection c and closes kivexec's copy of c, whatever happens.

@@ -80,6 +80,31 @@ std::string b64_of(size_t count, unsigned char fill) {
 
 }  // namespace
 
+// An "on" port configured with an address names it, an IPv6 one in brackets; a line of
+// that kind without its parts is an error event, and the other ports are still taken.
+TEST(KivAgent, OnPortsWithAnAddress) {
+  kivagent a;
+  feed f;
+  ASSERT_EQ(0, start(&a, &f,
+                     {"-Ptcp:127.0.0.1:7001", "-Ptcp:[::1]:7002", "-Ptcp:[::1:7003",
+                      "-Ptcp:[::1]7004", "-Ptcp::7005:1", "-Ptcp:7006", "--", "lifespan 1"},
+                     KIVAGENT_BLOCKING, {}));
+  ASSERT_EQ(2u, a.nports);
+  EXPECT_EQ(7001u, a.ports[0].port);
+  EXPECT_STREQ("127.0.0.1", a.ports[0].address);
+  EXPECT_EQ(7002u, a.ports[1].port);
+  EXPECT_STREQ("::1", a.ports[1].address);
+  EXPECT_EQ(INVALID_SOCKET, a.ports[1].sock);
+  for (const char *garbled : {"-Ptcp:[::1:7003", "-Ptcp:[::1]7004", "-Ptcp::7005:1", "-Ptcp:7006"}) {
+    kivagent_event ev = next_event(&a);
+    EXPECT_EQ(KIVAGENT_ERROR, ev.kind) << garbled;
+    EXPECT_STREQ(garbled, ev.line);
+  }
+  SOCKET s = INVALID_SOCKET;
+  EXPECT_EQ(KIVAGENT_EINVAL, kivagent_listen_on(free_port(), "localhost", 0, &s));
+  kivagent_end(&a);
+}
+
 // The start-up rebuilds the handed-over sockets in their order and in the mode asked; then
 // each command arrives as an event without blocking, and many pending at once are kept in
 // order as the queue grows.

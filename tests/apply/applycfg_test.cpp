@@ -41,6 +41,10 @@ TEST(ApplyCfg, ValuesJudgedAsThePortManagerReadsThem) {
   } rows[] = {
       {SCHEMA_PORT_START, port + "\tservice = e\n@", {"auto", "on", "hook"}, {"Auto", "off", "-"}},
       {SCHEMA_PORT_SERVICE, relay + "\tstart = on\n@", {"mail.relay"}, {"", name, "-"}},
+      {SCHEMA_PORT_ADDRESS, port + "\tservice = e\n\tstart = auto\n@",
+       {"127.0.0.1", "0.0.0.0", "::1", "::", "fe80::1%12", "::ffff:127.0.0.1", "-"},
+       {"", "localhost", "127.0.0.1:7007", "[::1]", "1.2.3.4.5", "fe80::1%", "1::2::3",
+        std::string(64, '1')}},
       {SCHEMA_SERVICE_PROGRAM, "services.e:\n@", {program}, {program + "p", "", "-"}},
       {SCHEMA_SERVICE_LIFESPAN, top + "@", {"0", "4294967", "0000060", dflt, "-"}, {"00000060"}},
       {SCHEMA_SERVICE_LIFESPAN, SVC + "@", {}, {"4294968", "+60", ""}},
@@ -74,6 +78,8 @@ TEST(ApplyCfg, RefusesWithTheLineAndTheMessage) {
       // A fault of each kind of value (which texts: the table above).
       {SVC + "tcp.s25:\n\tservice = e\n", "3: port 25 has no start mode"},
       {SVC + "tcp.s25:\n\tstart = on\n\tservice = f\n", "5: service f of port 25 is not given"},
+      {SVC + "tcp.s25:\n\tstart = on\n\tservice = e\n\taddress = localhost\n",
+       "6: address localhost of port 25 is not a numeric IPv4 or IPv6 address"},
       {"services.e:\n\tprogram =\n", "2: service e has no program"},
       {"services.e:\n\tprogram = " + std::string(257, 'p') + "\n",
        "2: program of service e is longer than 256 characters"},

@@ -39,11 +39,13 @@ TEST(Listing, LinesBecomeTheTableAndJson) {
   EXPECT_EQ(
       listing_json({ports[4], ports[5], ports[7]}),
       "[{\"port\":7009,\"service\":\"say \\\"hi\\\"\\\\\",\"mode\":\"hook\",\"state\":"
-      "\"serving\",\"agent\":78,\"parent\":77,\"disabled_until\":null,\"until_enabled\":false},\n"
+      "\"serving\",\"agent\":78,\"parent\":77,\"disabled_until\":null,\"until_enabled\":false,"
+      "\"address\":null},\n"
       " {\"port\":7010,\"service\":\"echo\",\"mode\":\"auto\",\"state\":\"disabled\",\"agent\":"
-      "null,\"parent\":null,\"disabled_until\":\"2026-11-24 22:10\",\"until_enabled\":false},\n"
+      "null,\"parent\":null,\"disabled_until\":\"2026-11-24 22:10\",\"until_enabled\":false,"
+      "\"address\":null},\n"
       " {\"port\":7012,\"service\":\"echo\",\"mode\":\"on\",\"state\":\"disabled\",\"agent\":"
-      "5,\"parent\":null,\"disabled_until\":null,\"until_enabled\":true}]");
+      "5,\"parent\":null,\"disabled_until\":null,\"until_enabled\":true,\"address\":null}]");
   EXPECT_EQ(listing_json({}), "[]");
   port_counts n = count_ports(ports);
   EXPECT_EQ(std::vector<int>({n.total, n.idle, n.serving, n.disabled, n.hooked}),
@@ -57,6 +59,33 @@ TEST(Listing, LinesBecomeTheTableAndJson) {
     listed_port p;
     EXPECT_FALSE(parse_listing_line(bad, &p)) << '"' << bad << '"';
   }
+}
+
+// A port with an address ends its line with " Address=<text>"; optional items come in
+// any order and names kivctl does not know are skipped. ls shows the port where it
+// listens; JSON has the address, null for every IPv4 address.
+TEST(Listing, AddressesAndItemsInAnyOrder) {
+  std::vector<listed_port> ports;
+  for (const char *line : {" 7007  echo          Auto Address=127.0.0.1",
+                           " 7008  echo          On Address=::1 Agent=6",
+                           " 7009  echo          Hook Agent=8 Address=:: Later=x Parent=7",
+                           "   25  echo          Auto"}) {
+    ports.emplace_back();
+    ASSERT_TRUE(parse_listing_line(line, &ports.back())) << line;
+  }
+  EXPECT_EQ(listing_table(ports),
+            "PORT            SERVICE  MODE  STATE\n"
+            "127.0.0.1:7007  echo     auto  idle\n"
+            "    [::1]:7008  echo     on    serving (pid 6)\n"
+            "     [::]:7009  echo     hook  serving (pid 8), hooked by pid 7\n"
+            "            25  echo     auto  idle\n");
+  EXPECT_EQ(listing_json({ports[1], ports[3]}),
+            "[{\"port\":7008,\"service\":\"echo\",\"mode\":\"on\",\"state\":\"serving\","
+            "\"agent\":6,\"parent\":null,\"disabled_until\":null,\"until_enabled\":false,"
+            "\"address\":\"::1\"},\n"
+            " {\"port\":25,\"service\":\"echo\",\"mode\":\"auto\",\"state\":\"idle\","
+            "\"agent\":null,\"parent\":null,\"disabled_until\":null,\"until_enabled\":false,"
+            "\"address\":null}]");
 }
 
 }  // namespace

@@ -3,6 +3,13 @@
 
 #include <cstdlib>
 #include <cstring>
+#ifdef _WIN32
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#else
+#include <netdb.h>
+#include <sys/socket.h>
+#endif
 
 #include "lib/printf.h"
 #include "lib/strcase.h"
@@ -27,12 +34,37 @@ const char *const PROGRAM_STARTS[] = {"on", "off", nullptr};
 // A global program's line goes to CreateProcess, which takes at most 32767 characters
 // with the terminator.
 constexpr long PROGRAM_LINE_MAX = 32766;
+
+// True when the system's own parser reads text as one numeric IPv4 or IPv6 address (a
+// scope included), as kivd's listen does; kivd and kivctl apply judge by this one call.
+bool numeric_address(const char *text) {
+#ifdef _WIN32
+  // Counted: kivd's own start-up stays in force; kivctl apply has none of its own.
+  WSADATA data;
+  if (WSAStartup(MAKEWORD(2, 2), &data) != 0) return false;
+#endif
+  // Some systems' parsers take "[::1]" too; the brackets are how kivd writes an address
+  // before a port, never part of one.
+  if (text[0] == '[') return false;
+  addrinfo hints = {}, *found = nullptr;
+  hints.ai_flags = AI_NUMERICHOST | AI_PASSIVE;
+  hints.ai_socktype = SOCK_STREAM;
+  int rc = getaddrinfo(text, "1", &hints, &found);
+  bool ok = rc == 0 && found && (found->ai_family == AF_INET || found->ai_family == AF_INET6);
+  if (found) freeaddrinfo(found);
+#ifdef _WIN32
+  WSACleanup();
+#endif
+  return ok;
+}
 }  // namespace
 
 const schema_value schema_values[SCHEMA_VALUES] = {
     {SCHEMA_PORTS, "start", "start mode", SCHEMA_WORDS, PORT_STARTS, false, 0, 0, nullptr, nullptr,
      true},
     {SCHEMA_PORTS, "service", "service", SCHEMA_NAME, nullptr, false, 0, 0, nullptr, nullptr, true},
+    {SCHEMA_PORTS, "address", "address", SCHEMA_ADDRESS, nullptr, false, 1, WIRE_ADDRESS_MAX,
+     nullptr, nullptr, false},
     {SCHEMA_SERVICES, "program", "program", SCHEMA_LINE, nullptr, false, 1,
      SCHEMA_AGENT_PROGRAM_MAX, nullptr, nullptr, true},
     {SCHEMA_SERVICES, "description", "description", SCHEMA_TEXT, nullptr, false, 0, 0, nullptr,
@@ -66,6 +98,11 @@ int kivschema_judge(const schema_value &v, const char *text) {
     }
     case SCHEMA_NAME:
       return length >= 1 && length <= kivschema_name_max(SCHEMA_SERVICES) ? 0 : -1;
+    case SCHEMA_ADDRESS:
+      return length >= static_cast<size_t>(v.min) && length <= static_cast<size_t>(v.max) &&
+                     numeric_address(text)
+                 ? 0
+                 : -1;
     default:
       return 0;
   }

@@ -31,6 +31,8 @@ enum {
   SCHEMA_WORDS,   // one of `words`: exactly, or in any letter case with `anycase`
   SCHEMA_DIGITS,  // decimal digits, no more of them than `max` has, worth `min` to `max`
   SCHEMA_NAME,    // a service's name, one its section's paths can be built from
+  SCHEMA_ADDRESS, // a numeric IPv4 or IPv6 address of at most `max` characters, as the
+                  // system's getaddrinfo reads it with AI_NUMERICHOST
 };
 
 struct schema_value {
@@ -51,6 +53,7 @@ struct schema_value {
 enum {
   SCHEMA_PORT_START,
   SCHEMA_PORT_SERVICE,
+  SCHEMA_PORT_ADDRESS,  // the local address a port listens on; absent: every IPv4 address
   SCHEMA_SERVICE_PROGRAM,
   SCHEMA_SERVICE_DESCRIPTION,
   SCHEMA_SERVICE_LIFESPAN,

@@ -114,6 +114,10 @@ std::string fault_of(const applycfg &cfg, const schema_value &v, const applycfg_
       return usable && cfg.keys.count(service_key(text))
                  ? ""
                  : std::string(v.label) + " " + text + " of " + key + " is not given";
+    case SCHEMA_ADDRESS:
+      return usable ? ""
+                    : std::string(v.label) + " " + text + " of " + key +
+                          " is not a numeric IPv4 or IPv6 address";
     default:
       return "";
   }

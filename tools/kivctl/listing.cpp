@@ -3,22 +3,26 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 
 namespace {
 
-// Removes " Key=value" from the end of rest when it ends so; value is what followed "=".
-bool take_field(std::string *rest, const char *key, std::string *value) {
-  std::string marker = std::string(" ") + key + "=";
-  size_t at = rest->rfind(marker);
-  if (at == std::string::npos || rest->find(' ', at + 1) != std::string::npos) return false;
-  *value = rest->substr(at + marker.size());
-  rest->erase(at);
-  return !value->empty();
+// The optional " Name=value" items that end a listing line, taken off rest (the mode
+// word then ends it) in whatever order they come; a later kivd may add names.
+std::map<std::string, std::string> take_items(std::string *rest) {
+  std::map<std::string, std::string> items;
+  for (size_t blank; (blank = rest->rfind(' ')) != std::string::npos;) {
+    size_t equals = rest->find('=', blank);
+    if (equals == std::string::npos || equals == blank + 1) break;
+    items[rest->substr(blank + 1, equals - blank - 1)] = rest->substr(equals + 1);
+    rest->erase(blank);
+  }
+  return items;
 }
 
-bool take_pid(std::string *rest, const char *key, unsigned *pid) {
-  std::string value;
-  if (!take_field(rest, key, &value)) return true;
+bool take_pid(std::map<std::string, std::string> &items, const char *key, unsigned *pid) {
+  std::string value = items[key];
+  if (value.empty()) return true;
   char *end = nullptr;
   unsigned long n = strtoul(value.c_str(), &end, 10);
   if (*end != '\0' || n == 0) return false;
@@ -64,10 +68,12 @@ bool parse_listing_line(const std::string &line, listed_port *out) {
   if (end != line.c_str() + 5 || port < 1 || port > 65535) return false;
   out->port = static_cast<int>(port);
   std::string rest = line.substr(7);
-  std::string until;
-  if (!take_pid(&rest, "Agent", &out->agent) || !take_pid(&rest, "Parent", &out->parent))
+  std::map<std::string, std::string> items = take_items(&rest);
+  std::string until = items["Disable"];
+  out->address = items["Address"];
+  if (!take_pid(items, "Agent", &out->agent) || !take_pid(items, "Parent", &out->parent))
     return false;
-  if (take_field(&rest, "Disable", &until)) {
+  if (!until.empty()) {
     out->disabled = true;
     out->until_enabled = until_enabled(until);
     if (!out->until_enabled) {
@@ -111,15 +117,25 @@ port_counts count_ports(const std::vector<listed_port> &ports) {
   return n;
 }
 
+std::string port_text(const listed_port &p) {
+  std::string number = std::to_string(p.port);
+  if (p.address.empty()) return number;
+  bool v6 = p.address.find(':') != std::string::npos;
+  return (v6 ? "[" + p.address + "]" : p.address) + ":" + number;
+}
+
 std::string listing_table(const std::vector<listed_port> &ports) {
-  size_t service_width = strlen("SERVICE");
-  for (const auto &p : ports)
-    if (p.service.size() > service_width) service_width = p.service.size();
-  std::string out = "PORT   " + padded("SERVICE", service_width) + "  MODE  STATE\n";
+  size_t service_width = strlen("SERVICE"), port_width = 5;
   for (const auto &p : ports) {
-    char number[8];
-    snprintf(number, sizeof number, "%5d", p.port);
-    out += std::string(number) + "  " + padded(p.service, service_width) + "  " +
+    if (p.service.size() > service_width) service_width = p.service.size();
+    if (port_text(p).size() > port_width) port_width = port_text(p).size();
+  }
+  std::string out = padded("PORT", port_width + 2) + padded("SERVICE", service_width) +
+                    "  MODE  STATE\n";
+  for (const auto &p : ports) {
+    std::string number = port_text(p);
+    number = std::string(port_width - number.size(), ' ') + number;
+    out += number + "  " + padded(p.service, service_width) + "  " +
            padded(p.mode, 4) + "  " + port_state(p) + "\n";
   }
   return out;
@@ -153,7 +169,8 @@ std::string listing_json(const std::vector<listed_port> &ports) {
         ",\"agent\":" + (p.agent ? std::to_string(p.agent) : "null") +
         ",\"parent\":" + (p.parent ? std::to_string(p.parent) : "null") +
         ",\"disabled_until\":" + (p.disabled && !p.until_enabled ? json_string(p.until) : "null") +
-        ",\"until_enabled\":" + (p.until_enabled ? "true" : "false") + "}";
+        ",\"until_enabled\":" + (p.until_enabled ? "true" : "false") +
+        ",\"address\":" + (p.address.empty() ? "null" : json_string(p.address)) + "}";
   }
   return out + "]";
 }

@@ -14,11 +14,12 @@ struct listed_port {
   std::string until;           // local "YYYY-MM-DD HH:MM" of a disable for a time
   unsigned parent = 0;         // pid of the process that hooked the port, 0 when none
   unsigned agent = 0;          // pid of the agent serving the port, 0 when idle
+  std::string address;         // the configured local address; "" for every IPv4 address
 };
 
-// Parses a listing line as kivd writes it ("%5d  %-11s   Mode[ Disable=...][ Parent=n]
-// [ Agent=n]"), whatever kivd's time zone and this one. false when the line is not a
-// listing line.
+// Parses a listing line as kivd writes it ("%5d  %-11s   Mode" and optional " Name=value"
+// items: Disable, Parent, Agent, Address; in any order, unknown names skipped), whatever
+// kivd's time zone and this one. false when the line is not a listing line.
 bool parse_listing_line(const std::string &line, listed_port *out);
 
 // "idle", "serving (pid N)", "disabled until DATE", "disabled until enabled", followed by
@@ -37,9 +38,11 @@ std::string listing_table(const std::vector<listed_port> &ports);
 
 // The text as a JSON string, quotes included.
 std::string json_string(const std::string &text);
+// The port as ls shows it: "7007", "127.0.0.1:7007", "[::1]:7007".
+std::string port_text(const listed_port &p);
 // The listing as a JSON array of objects: port, service, mode, state ("idle", "serving",
 // "disabled"), agent and parent (numbers or null), disabled_until (text or null),
-// until_enabled (boolean).
+// until_enabled (boolean), address (text, or null for every IPv4 address).
 std::string listing_json(const std::vector<listed_port> &ports);
 // A reply element as JSON: "+" is {"ok":true}, "-text" is {"ok":false,"error":"text"}.
 std::string reply_json(const std::string &reply);
