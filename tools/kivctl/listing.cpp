@@ -1,28 +1,21 @@
 #include "tools/kivctl/listing.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 
 namespace {
 
-// Removes " Key=value" from the end of rest when it ends so; value is what followed "=".
-bool take_field(std::string *rest, const char *key, std::string *value) {
-  std::string marker = std::string(" ") + key + "=";
-  size_t at = rest->rfind(marker);
-  if (at == std::string::npos || rest->find(' ', at + 1) != std::string::npos) return false;
-  *value = rest->substr(at + marker.size());
-  rest->erase(at);
-  return !value->empty();
-}
-
-bool take_pid(std::string *rest, const char *key, unsigned *pid) {
-  std::string value;
-  if (!take_field(rest, key, &value)) return true;
+// The number of an item, or false when it is given and not a positive number.
+bool take_number(std::map<std::string, std::string> &items, const char *key, unsigned *n) {
+  auto it = items.find(key);
+  if (it == items.end()) return true;
   char *end = nullptr;
-  unsigned long n = strtoul(value.c_str(), &end, 10);
-  if (*end != '\0' || n == 0) return false;
-  *pid = static_cast<unsigned>(n);
+  unsigned long value = strtoul(it->second.c_str(), &end, 10);
+  if (it->second.empty() || *end != '\0' || value == 0) return false;
+  *n = static_cast<unsigned>(value);
   return true;
 }
 
@@ -48,6 +41,8 @@ const char *state_word(const listed_port &p) {
   return p.disabled ? "disabled" : p.agent ? "serving" : "idle";
 }
 
+std::string number_or_null(unsigned n) { return n ? std::to_string(n) : "null"; }
+
 std::string padded(const std::string &s, size_t width) {
   return s.size() >= width ? s : s + std::string(width - s.size(), ' ');
 }
@@ -64,10 +59,20 @@ bool parse_listing_line(const std::string &line, listed_port *out) {
   if (end != line.c_str() + 5 || port < 1 || port > 65535) return false;
   out->port = static_cast<int>(port);
   std::string rest = line.substr(7);
-  std::string until;
-  if (!take_pid(&rest, "Agent", &out->agent) || !take_pid(&rest, "Parent", &out->parent))
+  // The " Name=value" items after the mode, taken from the end: the mode is the last word
+  // without "=", so a service name may hold blanks and "=".
+  std::map<std::string, std::string> items;
+  for (size_t blank, equals; (blank = rest.rfind(' ')) != std::string::npos &&
+                             (equals = rest.find('=', blank)) != std::string::npos;
+       rest.erase(blank))
+    items[rest.substr(blank + 1, equals - blank - 1)] = rest.substr(equals + 1);
+  if (!take_number(items, "Agent", &out->agent) || !take_number(items, "Parent", &out->parent) ||
+      !take_number(items, "Memory", &out->memory) ||
+      !take_number(items, "Processes", &out->processes) || !take_number(items, "Cpu", &out->cpu))
     return false;
-  if (take_field(&rest, "Disable", &until)) {
+  out->account = items["Account"];
+  if (!items["Disable"].empty()) {
+    const std::string &until = items["Disable"];
     out->disabled = true;
     out->until_enabled = until_enabled(until);
     if (!out->until_enabled) {
@@ -112,15 +117,24 @@ port_counts count_ports(const std::vector<listed_port> &ports) {
 }
 
 std::string listing_table(const std::vector<listed_port> &ports) {
-  size_t service_width = strlen("SERVICE");
-  for (const auto &p : ports)
+  size_t service_width = strlen("SERVICE"), account_width = 0;
+  for (const auto &p : ports) {
     if (p.service.size() > service_width) service_width = p.service.size();
-  std::string out = "PORT   " + padded("SERVICE", service_width) + "  MODE  STATE\n";
+    if (!p.account.empty())
+      account_width = std::max(account_width, std::max(p.account.size(), strlen("ACCOUNT")));
+  }
+  // kivd's own account shows as "system" once some other account has a column.
+  auto account = [&](const std::string &a) {
+    return account_width ? padded(a, account_width) + "  " : "";
+  };
+  std::string out =
+      "PORT   " + padded("SERVICE", service_width) + "  MODE  " + account("ACCOUNT") + "STATE\n";
   for (const auto &p : ports) {
     char number[8];
     snprintf(number, sizeof number, "%5d", p.port);
     out += std::string(number) + "  " + padded(p.service, service_width) + "  " +
-           padded(p.mode, 4) + "  " + port_state(p) + "\n";
+           padded(p.mode, 4) + "  " + account(p.account.empty() ? "system" : p.account) +
+           port_state(p) + "\n";
   }
   return out;
 }
@@ -153,7 +167,10 @@ std::string listing_json(const std::vector<listed_port> &ports) {
         ",\"agent\":" + (p.agent ? std::to_string(p.agent) : "null") +
         ",\"parent\":" + (p.parent ? std::to_string(p.parent) : "null") +
         ",\"disabled_until\":" + (p.disabled && !p.until_enabled ? json_string(p.until) : "null") +
-        ",\"until_enabled\":" + (p.until_enabled ? "true" : "false") + "}";
+        ",\"until_enabled\":" + (p.until_enabled ? "true" : "false") +
+        ",\"account\":" + (p.account.empty() ? "null" : json_string(p.account)) +
+        ",\"memory\":" + number_or_null(p.memory) +
+        ",\"processes\":" + number_or_null(p.processes) + ",\"cpu\":" + number_or_null(p.cpu) + "}";
   }
   return out + "]";
 }
