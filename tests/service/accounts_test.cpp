@@ -49,7 +49,8 @@ TEST(Accounts, EachServiceRunsAsItsAccountInItsJob) {
   };
   kt::registry reg;
   std::vector<int> ports = kt::free_ports(4);
-  std::string agent = "\"" + kt::testagent_exe() + "\" -R";
+  // -I: the agent ignores the end of its pipe, so only its job can end it with kivd.
+  std::string agent = "\"" + kt::testagent_exe() + "\" -R -I";
   for (size_t i = 0; i < 4; i++) {
     reg.auto_ports(rows[i].service, agent, {ports[i]});
     for (const auto &v : rows[i].values)
