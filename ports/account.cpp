@@ -1,14 +1,10 @@
 // The accounts agents and global programs run as, and the jobs that hold them.
 #include <cstring>
 
-#include "lib/strcase.h"
 #include "ports/util.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/log.h"
 #include "toolkit/runtime/scoped_win.h"
-
-const char *const ACCOUNT_NAMES[ACCOUNT_KINDS] = {"system", "LocalService", "NetworkService",
-                                                  "restricted"};
 
 namespace {
 
@@ -98,13 +94,9 @@ HANDLE restricted_token(const char *tag) {
 }  // namespace
 
 int account_parse(const char *text, int *kind) {
-  *kind = ACCOUNT_SYSTEM;
-  for (int k = 0; text && k < ACCOUNT_KINDS; k++)
-    if (xstrncasecmp(text, ACCOUNT_NAMES[k], strlen(ACCOUNT_NAMES[k]) + 1) == 0) {
-      *kind = k;
-      return 0;
-    }
-  return KIV_EINVAL;
+  int k = text ? kivschema_judge(schema_values[SCHEMA_SERVICE_ACCOUNT], text) : -1;
+  *kind = k < 0 ? ACCOUNT_SYSTEM : k;
+  return k < 0 ? KIV_EINVAL : 0;
 }
 
 int account_token(int kind, HANDLE *token, const char *tag) {

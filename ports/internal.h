@@ -56,7 +56,7 @@ constexpr int PROGRAM_MAX = SCHEMA_AGENT_PROGRAM_MAX;  // agent program text of 
 constexpr int EXTRA_ARGS_MAX = 226;
 constexpr int CMDLINE_SIZE = 512;  // agent command line before the -C piece
 constexpr int SENDCMD_SIZE = 1024;
-constexpr int LISTING_SIZE = 256;
+constexpr int LISTING_SIZE = 320;
 constexpr int WAIT_SPARE = 5;  // free entries after the wait list's handles
 constexpr int RECONFIG_AGENTS = 100;
 
@@ -135,8 +135,9 @@ extern time_t ssock_nextdue;
 port_record *find_port(int number);
 service_record *find_service(const char *name);  // exact, case-sensitive
 prog_record *find_prog(const char *name);
-// Creates or refreshes the service (description and program re-read). Null when the name
-// is too long for its configuration paths (logged) or the heap refuses.
+// Creates or refreshes the service (description, program, account and limits re-read; an
+// account or limit its row refuses is logged and leaves the service without a program).
+// Null when the name is too long for its configuration paths (logged) or the heap refuses.
 service_record *addservice(const char *name);
 // Inserts a new record in order, listening on address (copied; null: every IPv4 address);
 // a current record of the number is marked for removal and hands its socket over (same
@@ -149,8 +150,9 @@ port_record *addport(int number, service_record *svc, int start, const char *add
 int port_address(int number, char **address);
 // True when a and b are the same address text, or both are null.
 bool same_address(const char *a, const char *b);
-// Creates or refreshes the prog (flags cleared, program re-read, refs counted). Null when
-// the name is too long for its configuration path (logged) or the heap refuses.
+// Creates or refreshes the prog (flags cleared, program, account and limits re-read, refs
+// counted). Null when the name is too long for its configuration path or its account or a
+// limit is refused (both logged), or the heap refuses.
 prog_record *addprog(const char *name);
 // Closes a port's socket and its event together.
 void close_socket(port_record *p);

@@ -19,8 +19,10 @@ namespace {
 
 // The longest pieces of a listing line besides the service name: "%5d  " of a port and
 // "  " after the name (9), " Hook" (5), " Disable=" with a date whose year takes up to 11
-// characters (32), " Parent=%d" (19) and " Agent=%d" (18).
-constexpr int LISTING_FIXED = 83;
+// characters (32), " Parent=%d" (19) and " Agent=%d" (18); then the service's account and
+// limits: " Account=NetworkService" (23), " Memory=1048576" (15), " Processes=65536" (16)
+// and " Cpu=100" (8).
+constexpr int LISTING_FIXED = 83 + 62;
 // Room past LISTING_SIZE for " Address=" and the longest address.
 constexpr int LISTING_ADDRESS = 9 + WIRE_ADDRESS_MAX;
 // Longer service names are cut in the listing so that the rest of the line always fits.
@@ -202,6 +204,14 @@ int ssock_info(int context, ssock_writefunc write) {
     if (p->agent)
       n += xsnprintf(line + n, sizeof line - n, " Agent=%d", static_cast<int>(p->agent->pid));
     if (p->address) n += xsnprintf(line + n, sizeof line - n, " Address=%s", p->address);
+    // Only what differs from kivd's own account and no limit, so other lines stay as they were.
+    const service_record *s = p->service;
+    if (s->account != ACCOUNT_SYSTEM)
+      n += xsnprintf(line + n, sizeof line - n, " Account=%s", ACCOUNT_NAMES[s->account]);
+    if (s->limits.memory) n += xsnprintf(line + n, sizeof line - n, " Memory=%u", s->limits.memory);
+    if (s->limits.processes)
+      n += xsnprintf(line + n, sizeof line - n, " Processes=%u", s->limits.processes);
+    if (s->limits.cpu) n += xsnprintf(line + n, sizeof line - n, " Cpu=%u", s->limits.cpu);
     write(context, line, n);
   }
   return 0;

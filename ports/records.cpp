@@ -1,4 +1,5 @@
 // The records' lists, the lookups, the record constructors and their destructors.
+#include <cstdlib>
 #include <cstring>
 
 #include "lib/heap.h"
@@ -63,6 +64,35 @@ static char *getvalue(const schema_value &v, const char *name) {
   return kivinfo_get(nullptr, path, &value) == 0 ? value : nullptr;
 }
 
+// The account and job limits of the key name from the rows at first (its section's
+// account row). A value its row refuses is reported, naming the key and the value, and
+// false returned: the caller starts nothing rather than fall back to kivd's own account
+// or to no limit.
+static bool getlimits(int first, const char *name, int *account, job_limits *limits,
+                      const char *tag) {
+  unsigned *numbers[SCHEMA_LIMITS] = {nullptr, &limits->memory, &limits->processes, &limits->cpu};
+  *account = ACCOUNT_SYSTEM;
+  *limits = job_limits();
+  bool usable = true;
+  for (int i = 0; i < SCHEMA_LIMITS; i++) {
+    const schema_value &v = schema_values[first + i];
+    char *text = getvalue(v, name);
+    if (!text) continue;
+    int judged = kivschema_judge(v, text);
+    if (judged < 0) {
+      kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ECONFIG, "Bad %s %.40s of %s %s: not started",
+                   v.label, text, schema_sections[v.section].what, name);
+      usable = false;
+    } else if (numbers[i]) {
+      *numbers[i] = static_cast<unsigned>(strtoul(text, nullptr, 10));
+    } else {
+      *account = judged;
+    }
+    xfree(text);
+  }
+  return usable;
+}
+
 service_record *addservice(const char *name) {
   static const char TAG[] = "ssock.addservice";
   // A name whose paths would not fit in their buffers is refused before a record exists.
@@ -76,6 +106,11 @@ service_record *addservice(const char *name) {
   s->description = getvalue(schema_values[SCHEMA_SERVICE_DESCRIPTION], name);
   xfree(s->program);
   s->program = getvalue(schema_values[SCHEMA_SERVICE_PROGRAM], name);
+  // Refused: no program, so that its ports rest as those of a service without one.
+  if (!getlimits(SCHEMA_SERVICE_ACCOUNT, name, &s->account, &s->limits, TAG)) {
+    xfree(s->program);
+    s->program = nullptr;
+  }
   return s;
 }
 
@@ -160,8 +195,14 @@ prog_record *addprog(const char *name) {
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ECONFIG, "Prog name too long: %.40s...", name);
     return nullptr;
   }
+  int account;
+  job_limits limits;
+  // Refused: not counted, so that the reconfiguration ends a program already running.
+  if (!getlimits(SCHEMA_PROGRAM_ACCOUNT, name, &account, &limits, TAG)) return nullptr;
   prog_record *g = find_prog(name);
   if (!g && !(g = push_new(ssock_progs, name, TAG))) return nullptr;
+  g->account = account;
+  g->limits = limits;
   g->flags = 0;
   xfree(g->program);
   g->program = getvalue(schema_values[SCHEMA_PROGRAM_PROGRAM], name);

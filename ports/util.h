@@ -7,6 +7,8 @@
 
 #include <cstdint>
 
+#include "toolkit/config/schema.h"
+
 // Opens a non-inheritable TCP socket on a base provider, bound to port on address (a
 // numeric IPv4 or IPv6 address, "::" taking IPv4 clients too; null: every local IPv4
 // address) and listening with a backlog of 10. 0 and the socket in *out; KIV_ECONFIG
@@ -22,8 +24,9 @@ constexpr int ACCOUNT_SYSTEM = 0;          // kivd's own token
 constexpr int ACCOUNT_LOCALSERVICE = 1;    // service logon of NT AUTHORITY\LocalService
 constexpr int ACCOUNT_NETWORKSERVICE = 2;  // service logon of NT AUTHORITY\NetworkService
 constexpr int ACCOUNT_RESTRICTED = 3;      // kivd's own token filtered
-constexpr int ACCOUNT_KINDS = 4;
-extern const char *const ACCOUNT_NAMES[ACCOUNT_KINDS];  // "system", "LocalService", ...
+constexpr int ACCOUNT_KINDS = SCHEMA_ACCOUNT_KINDS;
+// "system", "LocalService", ...: the configuration's words, so that kivd takes what apply does.
+inline const char *const *const ACCOUNT_NAMES = SCHEMA_ACCOUNTS;
 
 // The account named by text in any letter case: 0 and the kind in *kind, or KIV_EINVAL
 // for anything else (a null text too), with *kind left at ACCOUNT_SYSTEM. The caller

@@ -28,11 +28,12 @@ const std::string SVC = "services.e:\n\tprogram = x\n";  // two lines
 // of a file that gives the text at "@" ("-": leaves the value out) and is otherwise
 // valid: what apply refuses, kivd cannot use.
 TEST(ApplyCfg, ValuesJudgedAsThePortManagerReadsThem) {
-  std::string program(256, 'p'), line(32766, 'p'), name(234, 'n'), most(233, 'n');
+  std::string program(256, 'p'), line(32766, 'p'), name(234, 'n'), most(231, 'n');
   // The port manager finds the service at ".services.<name>" with "." made "_", letter
   // case ignored.
   std::string port = SVC + "tcp.s1:\n",
               relay = "services.Mail_Relay:\n\tprogram = x\ntcp.S65534:\n";
+  std::string prog = "global.start.g:\n\tprogram = p\n";
   std::string top = "services:\n" + SVC, dflt = schema_values[SCHEMA_SERVICE_LIFESPAN].fallback;
   struct row {
     int value;
@@ -50,6 +51,17 @@ TEST(ApplyCfg, ValuesJudgedAsThePortManagerReadsThem) {
       {SCHEMA_SERVICE_LIFESPAN, SVC + "@", {}, {"4294968", "+60", ""}},
       {SCHEMA_PROGRAM_START, "global.start.g:\n\tprogram = p\n@", {"ON", "off", "-"}, {"yes"}},
       {SCHEMA_PROGRAM_PROGRAM, "global.start." + most + ":\n@", {line}, {line + "p", "", "-"}},
+      {SCHEMA_SERVICE_ACCOUNT,
+       SVC + "@",
+       {"system", "LocalService", "networkservice", "RESTRICTED", "-"},
+       {"admin", "local service", "LocalServic", ""}},
+      {SCHEMA_SERVICE_MEMORY, SVC + "@", {"1", "64", "1048576", "-"}, {"0", "1048577", "64M", ""}},
+      {SCHEMA_SERVICE_PROCESSES, SVC + "@", {"1", "10", "65536", "-"}, {"0", "65537", "-1"}},
+      {SCHEMA_SERVICE_CPU, SVC + "@", {"1", "100", "-"}, {"0", "101", "50%"}},
+      {SCHEMA_PROGRAM_ACCOUNT, prog + "@", {"localSERVICE", "-"}, {"nobody"}},
+      {SCHEMA_PROGRAM_MEMORY, prog + "@", {"64", "-"}, {"0"}},
+      {SCHEMA_PROGRAM_PROCESSES, prog + "@", {"10", "-"}, {"0"}},
+      {SCHEMA_PROGRAM_CPU, prog + "@", {"100", "-"}, {"101"}},
   };
   for (const row &r : rows)
     for (bool taken : {true, false})
@@ -87,6 +99,11 @@ TEST(ApplyCfg, RefusesWithTheLineAndTheMessage) {
        "3: lifespan 1d of service e is not a number of seconds from 0 to 4294967"},
       {"services." + std::string(234, 'n') + ":\n\tprogram = x\n",
        "1: name too long (234 characters, at most 233)"},
+      {SVC + "\taccount = admin\n", "3: unknown account admin for service e"},
+      {SVC + "\tmemory = 0\n",
+       "3: memory 0 of service e is not a number of megabytes from 1 to 1048576"},
+      {"global.start.g:\n\tprogram = p\n\tcpu = 101\n",
+       "3: cpu 101 of global program g is not a number of percent from 1 to 100"},
       // Anything else is refused rather than written where nothing reads it.
       {SVC + "\tprogam = y\n", "3: unknown value progam in services.e"},
       {SVC + "tcp:\n\tx = 1\n", "4: unknown value x in tcp"},

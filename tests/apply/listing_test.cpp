@@ -40,12 +40,13 @@ TEST(Listing, LinesBecomeTheTableAndJson) {
       listing_json({ports[4], ports[5], ports[7]}),
       "[{\"port\":7009,\"service\":\"say \\\"hi\\\"\\\\\",\"mode\":\"hook\",\"state\":"
       "\"serving\",\"agent\":78,\"parent\":77,\"disabled_until\":null,\"until_enabled\":false,"
-      "\"address\":null},\n"
+      "\"address\":null,\"account\":null,\"memory\":null,\"processes\":null,\"cpu\":null},\n"
       " {\"port\":7010,\"service\":\"echo\",\"mode\":\"auto\",\"state\":\"disabled\",\"agent\":"
       "null,\"parent\":null,\"disabled_until\":\"2026-11-24 22:10\",\"until_enabled\":false,"
-      "\"address\":null},\n"
+      "\"address\":null,\"account\":null,\"memory\":null,\"processes\":null,\"cpu\":null},\n"
       " {\"port\":7012,\"service\":\"echo\",\"mode\":\"on\",\"state\":\"disabled\",\"agent\":"
-      "5,\"parent\":null,\"disabled_until\":null,\"until_enabled\":true,\"address\":null}]");
+      "5,\"parent\":null,\"disabled_until\":null,\"until_enabled\":true,"
+      "\"address\":null,\"account\":null,\"memory\":null,\"processes\":null,\"cpu\":null}]");
   EXPECT_EQ(listing_json({}), "[]");
   port_counts n = count_ports(ports);
   EXPECT_EQ(std::vector<int>({n.total, n.idle, n.serving, n.disabled, n.hooked}),
@@ -55,7 +56,8 @@ TEST(Listing, LinesBecomeTheTableAndJson) {
   EXPECT_EQ(reply_json("-\x01 odd"), "{\"ok\":false,\"error\":\"\\u0001 odd\"}");
   for (const char *bad : {"", "!", "+", " 7007 echo Auto", "  abc  echo          Auto",
                           " 7007  echo          Sometimes", " 7007  echo          Auto Agent=x",
-                          "    0  echo          Auto", "Auto"}) {
+                          "    0  echo          Auto", "Auto", " 7007  echo          Auto Cpu=0",
+                          " 7007  echo          Auto Memory=64M"}) {
     listed_port p;
     EXPECT_FALSE(parse_listing_line(bad, &p)) << '"' << bad << '"';
   }
@@ -82,10 +84,37 @@ TEST(Listing, AddressesAndItemsInAnyOrder) {
   EXPECT_EQ(listing_json({ports[1], ports[3]}),
             "[{\"port\":7008,\"service\":\"echo\",\"mode\":\"on\",\"state\":\"serving\","
             "\"agent\":6,\"parent\":null,\"disabled_until\":null,\"until_enabled\":false,"
-            "\"address\":\"::1\"},\n"
+            "\"address\":\"::1\",\"account\":null,\"memory\":null,\"processes\":null,\"cpu\":null},\n"
             " {\"port\":25,\"service\":\"echo\",\"mode\":\"auto\",\"state\":\"idle\","
             "\"agent\":null,\"parent\":null,\"disabled_until\":null,\"until_enabled\":false,"
-            "\"address\":null}]");
+            "\"address\":null,\"account\":null,\"memory\":null,\"processes\":null,\"cpu\":null}]");
+}
+
+// A service's account and limits follow the other items, each only when set; items come in
+// any order and unknown ones are skipped. The table shows the account only when some port
+// has one.
+TEST(Listing, AccountAndLimits) {
+  std::vector<listed_port> ports(3);
+  ASSERT_TRUE(parse_listing_line(" 7007  echo          Auto", &ports[0]));
+  ASSERT_TRUE(parse_listing_line(
+      "   25  a=b c         Auto Agent=7 Account=LocalService Memory=64 Processes=10 Cpu=50",
+      &ports[1]));
+  ASSERT_TRUE(parse_listing_line(
+      "   26  echo          On Later=x Processes=3 Account=restricted Disable=2026-11-24_22:10",
+      &ports[2]));
+  EXPECT_EQ(listing_table(ports),
+            "PORT   SERVICE  MODE  ACCOUNT       STATE\n"
+            " 7007  echo     auto  system        idle\n"
+            "   25  a=b c    auto  LocalService  serving (pid 7)\n"
+            "   26  echo     on    restricted    disabled until 2026-11-24 22:10\n");
+  EXPECT_EQ(listing_json({ports[1], ports[2]}),
+            "[{\"port\":25,\"service\":\"a=b c\",\"mode\":\"auto\",\"state\":\"serving\","
+            "\"agent\":7,\"parent\":null,\"disabled_until\":null,\"until_enabled\":false,"
+            "\"address\":null,\"account\":\"LocalService\",\"memory\":64,\"processes\":10,\"cpu\":50},\n"
+            " {\"port\":26,\"service\":\"echo\",\"mode\":\"on\",\"state\":\"disabled\","
+            "\"agent\":null,\"parent\":null,\"disabled_until\":\"2026-11-24 22:10\","
+            "\"until_enabled\":false,\"address\":null,\"account\":\"restricted\",\"memory\":null,"
+            "\"processes\":3,\"cpu\":null}]");
 }
 
 }  // namespace

@@ -85,13 +85,8 @@ const expected OWN = {"own", "own", "own", "own"};
 const expected FILTERED = {"own", "admins 0x19", "privileges SeChangeNotifyPrivilege",
                            "integrity S-1-16-8192"};
 
-// The job line for limits as Windows reads them back; Wine reads back only membership.
 std::string job_line(const job_limits &l) {
-  if (wine) return "job in=1 kill=0 memory=0 processes=0 cpu=0 hardcap=0";
-  return "job in=1 kill=1 memory=" +
-         std::to_string(static_cast<unsigned long long>(l.memory) << 20) +
-         " processes=" + std::to_string(l.processes) + " cpu=" + std::to_string(l.cpu * 100) +
-         " hardcap=" + std::to_string(l.cpu != 0);
+  return expected_job_line(l.memory, l.processes, l.cpu);
 }
 
 void expect_report(const std::string &report, const expected &e, const job_limits &limits) {

@@ -145,7 +145,7 @@ TEST_F(Ports, ListingLine) {
   p5->until = UNTIL_ENABLED;
   agent->links = 1;
   ASSERT_EQ(0, ssock_info(7, collect));
-  std::string cut(LISTING_SIZE - 1 - 83, 'n');
+  std::string cut(LISTING_SIZE - 1 - 83 - 62, 'n');  // room for the account and limits
   std::vector<std::string> expected = {
       "    8  " + cut + "   Hook Disable=2038-01-19_03:14 Parent=-1 Agent=4321",
       "  110  twelve-chars   On Disable=2038-01-19_03:14",

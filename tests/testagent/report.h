@@ -113,3 +113,13 @@ inline std::vector<std::string> self_report() {
   lines.push_back(job);
   return lines;
 }
+
+// The job line self_report gives in a job with these limits (megabytes, processes, percent;
+// 0: none) as Windows reads them back. Wine reads back only that the process is in a job.
+inline std::string expected_job_line(unsigned long long memory, unsigned processes, unsigned cpu) {
+  if (GetProcAddress(GetModuleHandleA("ntdll.dll"), "wine_get_version"))
+    return "job in=1 kill=0 memory=0 processes=0 cpu=0 hardcap=0";
+  return "job in=1 kill=1 memory=" + std::to_string(memory << 20) +
+         " processes=" + std::to_string(processes) + " cpu=" + std::to_string(cpu * 100) +
+         " hardcap=" + std::to_string(cpu != 0);
+}

@@ -57,7 +57,17 @@ bool numeric_address(const char *text) {
 #endif
   return ok;
 }
+// A job's memory limit in megabytes, at most 1 TB: far above what one agent should need,
+// and its bytes fit any SIZE_T of 64 bits.
+constexpr long MEMORY_MAX = 1048576;
+// Processes alive in one job at once: one agent and the programs it starts. The bound is
+// a sanity check of the number, well below what any machine can run.
+constexpr long PROCESSES_MAX = 65536;
 }  // namespace
+
+// An absent account is kivd's own ("system"), an absent limit no limit.
+const char *const SCHEMA_ACCOUNTS[SCHEMA_ACCOUNT_KINDS + 1] = {
+    "system", "LocalService", "NetworkService", "restricted", nullptr};
 
 const schema_value schema_values[SCHEMA_VALUES] = {
     {SCHEMA_PORTS, "start", "start mode", SCHEMA_WORDS, PORT_STARTS, false, 0, 0, nullptr, nullptr,
@@ -71,10 +81,26 @@ const schema_value schema_values[SCHEMA_VALUES] = {
      nullptr, false},
     {SCHEMA_SERVICES, "lifespan", "lifespan", SCHEMA_DIGITS, nullptr, false, 0, WIRE_LIFESPAN_MAX,
      "seconds", SCHEMA_TEXT_OF(WIRE_DEFAULT_LIFESPAN), false},
+    {SCHEMA_SERVICES, "account", "account", SCHEMA_WORDS, SCHEMA_ACCOUNTS, true, 0, 0, nullptr,
+     nullptr, false},
+    {SCHEMA_SERVICES, "memory", "memory", SCHEMA_DIGITS, nullptr, false, 1, MEMORY_MAX, "megabytes",
+     nullptr, false},
+    {SCHEMA_SERVICES, "processes", "processes", SCHEMA_DIGITS, nullptr, false, 1, PROCESSES_MAX,
+     "processes", nullptr, false},
+    {SCHEMA_SERVICES, "cpu", "cpu", SCHEMA_DIGITS, nullptr, false, 1, 100, "percent", nullptr,
+     false},
     {SCHEMA_PROGRAMS, "start", "start mode", SCHEMA_WORDS, PROGRAM_STARTS, true, 0, 0, nullptr,
      nullptr, false},
     {SCHEMA_PROGRAMS, "program", "program", SCHEMA_LINE, nullptr, false, 1, PROGRAM_LINE_MAX,
      nullptr, nullptr, true},
+    {SCHEMA_PROGRAMS, "account", "account", SCHEMA_WORDS, SCHEMA_ACCOUNTS, true, 0, 0, nullptr,
+     nullptr, false},
+    {SCHEMA_PROGRAMS, "memory", "memory", SCHEMA_DIGITS, nullptr, false, 1, MEMORY_MAX, "megabytes",
+     nullptr, false},
+    {SCHEMA_PROGRAMS, "processes", "processes", SCHEMA_DIGITS, nullptr, false, 1, PROCESSES_MAX,
+     "processes", nullptr, false},
+    {SCHEMA_PROGRAMS, "cpu", "cpu", SCHEMA_DIGITS, nullptr, false, 1, 100, "percent", nullptr,
+     false},
 };
 
 int kivschema_judge(const schema_value &v, const char *text) {

@@ -13,6 +13,10 @@ constexpr long SCHEMA_PORT_MIN = 1;
 constexpr long SCHEMA_PORT_MAX = 65534;
 // The longest agent program of a service that kivd launches.
 constexpr long SCHEMA_AGENT_PROGRAM_MAX = 256;
+// The accounts an agent or a global program runs as (the `account` value), taken in any
+// letter case; ports' ACCOUNT_* kinds are their indexes.
+constexpr int SCHEMA_ACCOUNT_KINDS = 4;
+extern const char *const SCHEMA_ACCOUNTS[SCHEMA_ACCOUNT_KINDS + 1];  // null-terminated
 
 // Sections, in the order kivd walks them: one key per service, port or global program.
 enum { SCHEMA_SERVICES, SCHEMA_PORTS, SCHEMA_PROGRAMS, SCHEMA_SECTIONS };
@@ -57,9 +61,25 @@ enum {
   SCHEMA_SERVICE_PROGRAM,
   SCHEMA_SERVICE_DESCRIPTION,
   SCHEMA_SERVICE_LIFESPAN,
+  SCHEMA_SERVICE_ACCOUNT,  // then memory, processes and cpu, as SCHEMA_LIMITS orders them
+  SCHEMA_SERVICE_MEMORY,
+  SCHEMA_SERVICE_PROCESSES,
+  SCHEMA_SERVICE_CPU,
   SCHEMA_PROGRAM_START,  // word 0, "on" in any letter case, starts the program
   SCHEMA_PROGRAM_PROGRAM,
+  SCHEMA_PROGRAM_ACCOUNT,  // as the service's four
+  SCHEMA_PROGRAM_MEMORY,
+  SCHEMA_PROGRAM_PROCESSES,
+  SCHEMA_PROGRAM_CPU,
   SCHEMA_VALUES
+};
+// The account and the three job limits, in this order from a section's account row.
+enum {
+  SCHEMA_LIMIT_ACCOUNT,
+  SCHEMA_LIMIT_MEMORY,
+  SCHEMA_LIMIT_PROCESSES,
+  SCHEMA_LIMIT_CPU,
+  SCHEMA_LIMITS
 };
 extern const schema_value schema_values[SCHEMA_VALUES];
 

@@ -1,5 +1,6 @@
 #include "tools/kivctl/listing.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,13 +21,14 @@ std::map<std::string, std::string> take_items(std::string *rest) {
   return items;
 }
 
-bool take_pid(std::map<std::string, std::string> &items, const char *key, unsigned *pid) {
-  std::string value = items[key];
-  if (value.empty()) return true;
+// The number of an item, or false when it is given and not a positive number.
+bool take_number(std::map<std::string, std::string> &items, const char *key, unsigned *n) {
+  auto it = items.find(key);
+  if (it == items.end()) return true;
   char *end = nullptr;
-  unsigned long n = strtoul(value.c_str(), &end, 10);
-  if (*end != '\0' || n == 0) return false;
-  *pid = static_cast<unsigned>(n);
+  unsigned long value = strtoul(it->second.c_str(), &end, 10);
+  if (it->second.empty() || *end != '\0' || value == 0) return false;
+  *n = static_cast<unsigned>(value);
   return true;
 }
 
@@ -52,6 +54,8 @@ const char *state_word(const listed_port &p) {
   return p.disabled ? "disabled" : p.agent ? "serving" : "idle";
 }
 
+std::string number_or_null(unsigned n) { return n ? std::to_string(n) : "null"; }
+
 std::string padded(const std::string &s, size_t width) {
   return s.size() >= width ? s : s + std::string(width - s.size(), ' ');
 }
@@ -71,7 +75,10 @@ bool parse_listing_line(const std::string &line, listed_port *out) {
   std::map<std::string, std::string> items = take_items(&rest);
   std::string until = items["Disable"];
   out->address = items["Address"];
-  if (!take_pid(items, "Agent", &out->agent) || !take_pid(items, "Parent", &out->parent))
+  out->account = items["Account"];
+  if (!take_number(items, "Agent", &out->agent) || !take_number(items, "Parent", &out->parent) ||
+      !take_number(items, "Memory", &out->memory) ||
+      !take_number(items, "Processes", &out->processes) || !take_number(items, "Cpu", &out->cpu))
     return false;
   if (!until.empty()) {
     out->disabled = true;
@@ -125,18 +132,24 @@ std::string port_text(const listed_port &p) {
 }
 
 std::string listing_table(const std::vector<listed_port> &ports) {
-  size_t service_width = strlen("SERVICE"), port_width = 5;
+  size_t service_width = strlen("SERVICE"), port_width = 5, account_width = 0;
   for (const auto &p : ports) {
     if (p.service.size() > service_width) service_width = p.service.size();
     if (port_text(p).size() > port_width) port_width = port_text(p).size();
+    if (!p.account.empty())
+      account_width = std::max(account_width, std::max(p.account.size(), strlen("ACCOUNT")));
   }
+  // kivd's own account shows as "system" once some other account has a column.
+  auto account = [&](const std::string &a) {
+    return account_width ? padded(a, account_width) + "  " : "";
+  };
   std::string out = padded("PORT", port_width + 2) + padded("SERVICE", service_width) +
-                    "  MODE  STATE\n";
+                    "  MODE  " + account("ACCOUNT") + "STATE\n";
   for (const auto &p : ports) {
     std::string number = port_text(p);
     number = std::string(port_width - number.size(), ' ') + number;
-    out += number + "  " + padded(p.service, service_width) + "  " +
-           padded(p.mode, 4) + "  " + port_state(p) + "\n";
+    out += number + "  " + padded(p.service, service_width) + "  " + padded(p.mode, 4) + "  " +
+           account(p.account.empty() ? "system" : p.account) + port_state(p) + "\n";
   }
   return out;
 }
@@ -170,7 +183,10 @@ std::string listing_json(const std::vector<listed_port> &ports) {
         ",\"parent\":" + (p.parent ? std::to_string(p.parent) : "null") +
         ",\"disabled_until\":" + (p.disabled && !p.until_enabled ? json_string(p.until) : "null") +
         ",\"until_enabled\":" + (p.until_enabled ? "true" : "false") +
-        ",\"address\":" + (p.address.empty() ? "null" : json_string(p.address)) + "}";
+        ",\"address\":" + (p.address.empty() ? "null" : json_string(p.address)) +
+        ",\"account\":" + (p.account.empty() ? "null" : json_string(p.account)) +
+        ",\"memory\":" + number_or_null(p.memory) +
+        ",\"processes\":" + number_or_null(p.processes) + ",\"cpu\":" + number_or_null(p.cpu) + "}";
   }
   return out + "]";
 }

@@ -15,11 +15,16 @@ struct listed_port {
   unsigned parent = 0;         // pid of the process that hooked the port, 0 when none
   unsigned agent = 0;          // pid of the agent serving the port, 0 when idle
   std::string address;         // the configured local address; "" for every IPv4 address
+  std::string account;         // the service's account, empty for kivd's own
+  unsigned memory = 0;         // the service's job limits, 0 when unset: megabytes,
+  unsigned processes = 0;      // processes at once,
+  unsigned cpu = 0;            // percent of the machine
 };
 
 // Parses a listing line as kivd writes it ("%5d  %-11s   Mode" and optional " Name=value"
-// items: Disable, Parent, Agent, Address; in any order, unknown names skipped), whatever
-// kivd's time zone and this one. false when the line is not a listing line.
+// items in any order: Disable, Parent, Agent, Address, Account, Memory, Processes, Cpu;
+// others are skipped), whatever kivd's time zone and this one. false when the line is not
+// a listing line.
 bool parse_listing_line(const std::string &line, listed_port *out);
 
 // "idle", "serving (pid N)", "disabled until DATE", "disabled until enabled", followed by
@@ -33,7 +38,8 @@ struct port_counts {
 };
 port_counts count_ports(const std::vector<listed_port> &ports);
 
-// The listing as an aligned table with a header line, each line ending in "\n".
+// The listing as an aligned table with a header line, each line ending in "\n"; an
+// ACCOUNT column only when some port's service has an account.
 std::string listing_table(const std::vector<listed_port> &ports);
 
 // The text as a JSON string, quotes included.
@@ -42,7 +48,8 @@ std::string json_string(const std::string &text);
 std::string port_text(const listed_port &p);
 // The listing as a JSON array of objects: port, service, mode, state ("idle", "serving",
 // "disabled"), agent and parent (numbers or null), disabled_until (text or null),
-// until_enabled (boolean), address (text, or null for every IPv4 address).
+// until_enabled (boolean), address (text, or null for every IPv4 address), account (text
+// or null), memory, processes and cpu (numbers or null).
 std::string listing_json(const std::vector<listed_port> &ports);
 // A reply element as JSON: "+" is {"ok":true}, "-text" is {"ok":false,"error":"text"}.
 std::string reply_json(const std::string &reply);

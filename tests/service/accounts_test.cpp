@@ -1,0 +1,113 @@
+// kivd.exe starting each service's agents as the account the registry names, in a job with
+// its limits: the test agent reports its token and job from inside itself to a client of
+// its port. A refused account or limit is logged and its port rests; a killed kivd ends
+// the agents of every account. Under Wine a service logon gives no token, so LocalService
+// and NetworkService start nothing there (they are tested through the launcher in
+// tests/ports_account); Wine keeps the restricted token's integrity and reads no job
+// limit back.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "tests/support/support.h"
+#include "tests/testagent/report.h"
+
+namespace {
+
+const bool wine = GetProcAddress(GetModuleHandleA("ntdll.dll"), "wine_get_version") != nullptr;
+
+TEST(Accounts, EachServiceRunsAsItsAccountInItsJob) {
+  std::vector<std::string> own = self_report();
+  struct row {
+    const char *service;
+    std::vector<std::pair<const char *, const char *>> values;  // account and limits
+    std::string listed;              // what the listing line shows after the mode
+    std::string refusal;             // kivd's error: nothing starts, the port is not listed
+    std::string admins, privileges;  // the agent's report lines, "" for kivd's own
+    unsigned memory, processes;
+  } rows[] = {
+      {"plain", {}, "", "", "", "", 0, 0},
+      {"filtered",
+       {{"account", "Restricted"}, {"memory", "128"}, {"processes", "5"}},
+       " Account=restricted Memory=128 Processes=5",
+       "",
+       "admins 0x19",
+       "privileges SeChangeNotifyPrivilege",
+       128,
+       5},
+      {"nobody", {{"account", "admin"}}, "", "Bad account admin of service nobody", "", "", 0, 0},
+      {"greedy",
+       {{"account", "restricted"}, {"cpu", "101"}},
+       "",
+       "Bad cpu 101 of service greedy",
+       "",
+       "",
+       0,
+       0},
+  };
+  kt::registry reg;
+  std::vector<int> ports = kt::free_ports(4);
+  // -I: the agent ignores the end of its pipe, so only its job can end it with kivd.
+  std::string agent = "\"" + kt::testagent_exe() + "\" -R -I";
+  for (size_t i = 0; i < 4; i++) {
+    reg.auto_ports(rows[i].service, agent, {ports[i]});
+    for (const auto &v : rows[i].values)
+      reg.set(std::string("services\\") + rows[i].service, v.first, v.second);
+  }
+  // A global program refused alike would record its start in the file.
+  std::string started = kt::build_dir() + "\\accounts_prog.txt";
+  DeleteFileA(started.c_str());
+  reg.set("global\\start\\g", "start", "on");
+  reg.set("global\\start\\g", "program", "\"" + kt::testagent_exe() + "\" -F" + started);
+  reg.set("global\\start\\g", "memory", "0");
+  kt::kivd daemon("-D3");
+  EXPECT_TRUE(daemon.log_has("Bad memory 0 of global program g")) << daemon.err();
+  std::vector<HANDLE> agents;
+  kt::client control;
+  std::vector<std::string> listed = kt::listed_ports(control.command("ls"));
+  for (size_t i = 0; i < 4; i++) {
+    const row &r = rows[i];
+    SCOPED_TRACE(r.service);
+    if (!r.refusal.empty()) {
+      EXPECT_TRUE(daemon.log_has(r.refusal)) << daemon.err();
+      EXPECT_EQ(kt::connect_to(ports[i]), INVALID_SOCKET);
+      for (const std::string &line : listed) EXPECT_EQ(line.find(r.service), std::string::npos);
+      continue;
+    }
+    EXPECT_NE(std::find(listed.begin(), listed.end(),
+                        kt::port_line(ports[i], r.service, "Auto") + r.listed),
+              listed.end());
+    SOCKET c = kt::connect_to(ports[i]);
+    ASSERT_NE(c, INVALID_SOCKET);
+    std::string hello = kt::read_line(c);
+    ASSERT_EQ(hello.find("agent "), 0u) << hello;
+    std::vector<std::string> report;
+    for (std::string line = kt::read_line(c); !line.empty() && line != "."; line = kt::read_line(c))
+      report.push_back(line);
+    closesocket(c);
+    ASSERT_GE(report.size(), 6u);
+    EXPECT_EQ(report[0], own[0]);  // kivd's own user, filtered or not
+    EXPECT_EQ(report[1], r.admins.empty() ? own[1] : r.admins);
+    EXPECT_EQ(report[2], r.privileges.empty() ? own[2] : r.privileges);
+    // Medium integrity on Windows; Wine keeps kivd's.
+    EXPECT_EQ(report[3], r.admins.empty() || wine ? own[3] : "integrity S-1-16-8192");
+    EXPECT_EQ(report[4], expected_job_line(r.memory, r.processes, 0));
+    EXPECT_EQ(report[5], "#handles listening=0 sockets=0 pipes=0 other=0 own=1");
+    HANDLE h = OpenProcess(SYNCHRONIZE, FALSE, std::stoul(hello.substr(6)));
+    ASSERT_NE(h, nullptr);
+    agents.push_back(h);
+  }
+  EXPECT_EQ(GetFileAttributesA(started.c_str()), INVALID_FILE_ATTRIBUTES);
+  control.close();
+  // Each agent's job, kill-on-close, ends it with kivd whatever its account.
+  ASSERT_TRUE(TerminateProcess(daemon.h, 9));
+  ASSERT_TRUE(daemon.wait(10000));
+  for (HANDLE h : agents) {
+    EXPECT_EQ(WaitForSingleObject(h, 10000), WAIT_OBJECT_0);
+    CloseHandle(h);
+  }
+}
+
+}  // namespace
