@@ -157,7 +157,7 @@ TEST(Console, RepliesOverThePipeAndThroughKivctl) {
       {"--json Ls",
        "[{\"port\":" + a +
            ",\"service\":\"svc\",\"mode\":\"auto\",\"state\":\"idle\",\"agent\":null,"
-           "\"parent\":null,\"disabled_until\":null,\"until_enabled\":false}]\n",
+           "\"parent\":null,\"disabled_until\":null,\"until_enabled\":false,\"address\":null}]\n",
        "", 0},
       {"--json update", "{\"ok\":true}\n", "", 0},
       {"--json remove 7", "{\"ok\":false,\"error\":\"Failed with code -4\"}\n", "", 1},
