@@ -162,8 +162,8 @@ TEST(Console, RepliesOverThePipeAndThroughKivctl) {
       {"--json Ls",
        "[{\"port\":" + a +
            ",\"service\":\"svc\",\"mode\":\"auto\",\"state\":\"idle\",\"agent\":null,"
-           "\"parent\":null,\"disabled_until\":null,\"until_enabled\":false,\"account\":null,"
-           "\"memory\":null,\"processes\":null,\"cpu\":null}]\n",
+           "\"parent\":null,\"disabled_until\":null,\"until_enabled\":false,\"address\":null,"
+           "\"account\":null,\"memory\":null,\"processes\":null,\"cpu\":null}]\n",
        "", 0},
       {"--json update", "{\"ok\":true}\n", "", 0},
       {"--json remove 7", "{\"ok\":false,\"error\":\"Failed with code -4\"}\n", "", 1},
