@@ -10,6 +10,7 @@
 #include "toolkit/config/schema.h"
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
+#include "toolkit/runtime/events.h"
 #include "toolkit/runtime/memory.h"
 
 const char SSOCK_ROOT[] = WIRE_ROOT;
@@ -64,6 +65,19 @@ static char *getvalue(const schema_value &v, const char *name) {
   return kivinfo_get(nullptr, path, &value) == 0 ? value : nullptr;
 }
 
+// The event of a value its row refuses, named by the value's path. It is kivd's own
+// event: the record the value belongs to rests without a program and may be gone by the
+// end of the reconfiguration, so `why` without a name lists it (and the event log has it).
+static void refused(const schema_value &v, const char *name, int port, const char *text) {
+  char path[PATH_SIZE];
+  int rc = port ? kivschema_path(path, v, port) : kivschema_path(path, v, name);
+  kivev_event ev{};
+  ev.id = KIVEV_CONFIG_REFUSED;
+  ev.text = rc == 0 ? path : v.name;
+  ev.value = text;
+  kivev_emit(&ev);
+}
+
 // The account and job limits of the key name from the rows at first (its section's
 // account row). A value its row refuses is reported, naming the key and the value, and
 // false returned: the caller starts nothing rather than fall back to kivd's own account
@@ -82,6 +96,7 @@ static bool getlimits(int first, const char *name, int *account, job_limits *lim
     if (judged < 0) {
       kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ECONFIG, "Bad %s %.40s of %s %s: not started",
                    v.label, text, schema_sections[v.section].what, name);
+      refused(v, name, 0, text);
       usable = false;
     } else if (numbers[i]) {
       *numbers[i] = static_cast<unsigned>(strtoul(text, nullptr, 10));
@@ -124,6 +139,7 @@ int port_address(int number, char **address) {
   kiv_logerror(nullptr, "ssock.port_address", KIV_SEV_ERROR, KIV_ECONFIG,
                "Port %d: bad address \"%.*s\", not listened on", number,
                static_cast<int>(WIRE_ADDRESS_MAX) + 1, *address);
+  refused(row, nullptr, number, *address);
   xfree(*address);
   *address = nullptr;
   return KIV_ECONFIG;

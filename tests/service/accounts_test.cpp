@@ -72,6 +72,12 @@ TEST(Accounts, EachServiceRunsAsItsAccountInItsJob) {
     SCOPED_TRACE(r.service);
     if (!r.refusal.empty()) {
       EXPECT_TRUE(daemon.log_has(r.refusal)) << daemon.err();
+      // The refusal is kivd's own event, named by the value's path.
+      std::vector<std::string> why = control.command("why");
+      std::string path = std::string("services.") + r.service + "." + r.values.back().first;
+      EXPECT_TRUE(std::any_of(why.begin(), why.end(), [&](const std::string &l) {
+        return l.rfind("106\t", 0) == 0 && l.find(path) != std::string::npos;
+      })) << why.size();
       EXPECT_EQ(kt::connect_to(ports[i]), INVALID_SOCKET);
       for (const std::string &line : listed) EXPECT_EQ(line.find(r.service), std::string::npos);
       continue;
