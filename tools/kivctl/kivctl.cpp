@@ -44,6 +44,18 @@ std::string first_word(const char *line, int length) {
   return words[0];
 }
 
+// Every line of a listing read by parse into *out; false at the first line it refuses, so
+// the caller prints the lines as kivd sent them.
+template <typename T>
+bool parse_all(const std::vector<std::string> &lines, bool (*parse)(const std::string &, T *),
+               std::vector<T> *out) {
+  for (const std::string &line : lines) {
+    out->emplace_back();
+    if (!parse(line, &out->back())) return false;
+  }
+  return true;
+}
+
 // Prints the elements of one reply to the command `word` as `mode` asks.
 void print_reply(output mode, const std::string &word, const std::vector<std::string> &elements) {
   if (mode == output::raw) {
@@ -62,22 +74,12 @@ void print_reply(output mode, const std::string &word, const std::vector<std::st
   }
   std::vector<std::string> inner(elements.begin() + 1, elements.end() - 1);
   std::vector<why_event> events;
-  for (const std::string &line : inner) {
-    why_event e;
-    if (!parse_why_line(line, &e)) break;
-    events.push_back(e);
-  }
-  if (_stricmp(word.c_str(), "why") == 0 && events.size() == inner.size()) {
+  if (_stricmp(word.c_str(), "why") == 0 && parse_all(inner, parse_why_line, &events)) {
     printf("%s", mode == output::json ? (why_json(events) + "\n").c_str() : why_table(events).c_str());
     return;
   }
   std::vector<listed_port> ports;
-  for (const std::string &line : inner) {
-    listed_port p;
-    if (!parse_listing_line(line, &p)) break;
-    ports.push_back(p);
-  }
-  if (_stricmp(word.c_str(), "ls") == 0 && ports.size() == inner.size()) {
+  if (_stricmp(word.c_str(), "ls") == 0 && parse_all(inner, parse_listing_line, &ports)) {
     printf("%s", mode == output::json ? (listing_json(ports) + "\n").c_str()
                                       : listing_table(ports).c_str());
   } else if (mode == output::json) {
