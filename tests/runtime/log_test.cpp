@@ -1,5 +1,11 @@
+#ifdef _WIN32
+#include <windows.h>
+#endif
+
 #include <atomic>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -286,8 +292,8 @@ TEST_F(Log, FileRotatesAtItsSize) {
     const char *size;
     int lines;
     int limit;  // bytes, 0 for no rotation
-  } cases[] = {{"<1K", 50, 0}, {"<100", 500, 100}, {"<0", 500, 0}, {"", 500, 0},
-               {"<1k", 500, 1024}};
+  } cases[] = {
+      {"<1K", 50, 0}, {"<100", 500, 100}, {"<0", 500, 0}, {"", 500, 0}, {"<1k", 500, 1024}};
   for (const auto &c : cases) {
     fs::remove_all(dir);
     ASSERT_TRUE(fs::create_directories(dir));
@@ -313,9 +319,108 @@ TEST_F(Log, FileRotatesAtItsSize) {
     }
     EXPECT_EQ(c.lines, expected) << c.size;
     EXPECT_FALSE(fs::exists(file + ".4")) << c.size;
+    // Past three kept files too: Windows renames nothing onto the oldest while it exists.
+    if (c.limit) {
+      EXPECT_LT(fs::exists(file) ? fs::file_size(file) : 0, static_cast<uintmax_t>(c.limit))
+          << c.size;
+    }
   }
   EXPECT_EQ(fs::file_size(file + ".1"), fs::file_size(file + ".3")) << "three kept";
 }
+
+namespace {
+
+std::string content(const std::string &name) {
+  std::stringstream text;
+  text << std::ifstream(name, std::ios::binary).rdbuf();
+  return text.str();
+}
+
+// The numbers of the "line %04d" lines of the files, oldest file first, in order.
+std::vector<int> numbered(const std::vector<std::string> &files) {
+  std::vector<int> numbers;
+  for (const std::string &name : files) {
+    std::istringstream lines(content(name));
+    int n;
+    for (std::string line; std::getline(lines, line);)
+      if (sscanf(line.c_str(), "line %d", &n) == 1) numbers.push_back(n);
+  }
+  return numbers;
+}
+
+// The log file's path in a fresh, empty folder of that name.
+std::string fresh_file(const char *folder) {
+  std::filesystem::path dir = testdir() / folder;
+  std::filesystem::remove_all(dir);
+  EXPECT_TRUE(std::filesystem::create_directories(dir));
+  return (dir / "kivd.txt").string();
+}
+
+std::vector<int> upto(int count) {
+  std::vector<int> numbers(static_cast<size_t>(count));
+  for (int i = 0; i < count; i++) numbers[static_cast<size_t>(i)] = i;
+  return numbers;
+}
+
+}  // namespace
+
+// A rotation that fails (the heap refuses the names it needs) leaves the lines going into F
+// and is tried again an eighth of the size on, not at the next line.
+TEST_F(Log, AFailedRotationIsTriedAgainAnEighthOfTheSizeOn) {
+  namespace fs = std::filesystem;
+  std::string file = fresh_file("rotate_retry");
+#ifdef _WIN32
+  const uintmax_t LINE = 11;
+#else
+  const uintmax_t LINE = 10;
+#endif
+  const int LIMIT = 8000;
+  kiv_logreset();
+  kiv_logconfig(("3;=;>" + file + "<8000").c_str());
+  int line = 0;
+  kiv_log(nullptr, "a.b", "line %04d", line++);
+  while (fs::file_size(file) + LINE < static_cast<uintmax_t>(LIMIT))
+    kiv_log(nullptr, "a.b", "line %04d", line++);
+  xheap_failafter(0);  // the line that reaches the size: its rotation fails
+  kiv_log(nullptr, "a.b", "line %04d", line++);
+  xheap_failafter(-1);
+  EXPECT_FALSE(fs::exists(file + ".1"));
+  while (!fs::exists(file + ".1") && line < 2000) kiv_log(nullptr, "a.b", "line %04d", line++);
+  kiv_logreset();
+  EXPECT_GE(fs::file_size(file + ".1"), static_cast<uintmax_t>(LIMIT + LIMIT / 8));
+  EXPECT_EQ(numbered({file + ".1", file}), upto(line));
+}
+
+#ifdef _WIN32
+// A reader that holds F open without delete sharing (following it live) keeps it from
+// being renamed: the kept files stay as they were, lines go on into F, and the rotation is
+// tried again until the reader lets go.
+TEST_F(Log, ARotationThatCannotRenameKeepsTheKeptFiles) {
+  namespace fs = std::filesystem;
+  std::string file = fresh_file("rotate_held");
+  for (int i = 1; i <= KIV_LOGKEEP; i++)
+    std::ofstream(file + "." + std::to_string(i), std::ios::binary) << "kept " << i << "\n";
+  HANDLE reader = CreateFileA(file.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                              nullptr, OPEN_ALWAYS, 0, nullptr);
+  ASSERT_NE(reader, INVALID_HANDLE_VALUE);
+  kiv_logreset();
+  kiv_logconfig(("3;=;>" + file + "<1k").c_str());
+  int line = 0;
+  while (line < 400) kiv_log(nullptr, "a.b", "line %04d", line++);  // past the size four times
+  for (int i = 1; i <= KIV_LOGKEEP; i++)
+    EXPECT_EQ(content(file + "." + std::to_string(i)), "kept " + std::to_string(i) + "\n") << i;
+  EXPECT_GE(fs::file_size(file), 4400u);
+  CloseHandle(reader);
+  // The next retry is at most an eighth of the size on: F becomes F.1, the oldest goes.
+  while (line < 440) kiv_log(nullptr, "a.b", "line %04d", line++);
+  kiv_logreset();
+  EXPECT_EQ(content(file + ".3"), "kept 2\n");
+  EXPECT_EQ(content(file + ".2"), "kept 1\n");
+  EXPECT_EQ(numbered({file + ".1", file}), upto(line));
+  EXPECT_LT(fs::file_size(file), 1024u);
+  EXPECT_FALSE(fs::exists(file + ".0"));
+}
+#endif
 
 static std::atomic<int> inside{0}, overlaps{0};
 static std::string sunk;

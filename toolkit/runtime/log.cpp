@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include <sys/stat.h>
+
 #include "lib/heap.h"
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
@@ -35,16 +37,16 @@ struct module {
   int excluded;  // 1 for a "!" item
 };
 
-module *modules;       // ended by an entry with a null name; null when the debug spec names none
-int nmodules;          // entries in use, the terminator not counted
-int modcapacity;       // entries the block is known to hold, terminator included
-char *prefix;          // the template; null means KIV_LOGPREFIX
-char *filename;        // set by the ">" item
-char *keptspec;        // copy of the last debug spec, handed on to agents
-FILE *stream;          // the open log file; null while lines go to standard error
+module *modules;  // ended by an entry with a null name; null when the debug spec names none
+int nmodules;     // entries in use, the terminator not counted
+int modcapacity;  // entries the block is known to hold, terminator included
+char *prefix;     // the template; null means KIV_LOGPREFIX
+char *filename;   // set by the ">" item
+char *keptspec;   // copy of the last debug spec, handed on to agents
+FILE *stream;     // the open log file; null while lines go to standard error
 long rotatesize = KIV_LOGROTATE;  // 0: never rotated
-long filesize;         // bytes in the open log file
-long rotateat;         // filesize at which the next rotation is tried
+long filesize;                    // bytes in the open log file
+long rotateat;                    // filesize at which the next rotation is tried
 bool failing;          // the file could not be opened or written: said once, until it can
 const char *progname;  // printed by %n; nothing in this system sets it
 uint32_t prevtime;     // hundredths of a second of the previous %t line
@@ -88,10 +90,17 @@ long filesizeof(const char *text, size_t length) {
   if (i + 1 == length) {
     int shift = 0;
     switch (text[i] | 0x20) {
-      case 'k': shift = 10; break;
-      case 'm': shift = 20; break;
-      case 'g': shift = 30; break;
-      default: return -1;
+      case 'k':
+        shift = 10;
+        break;
+      case 'm':
+        shift = 20;
+        break;
+      case 'g':
+        shift = 30;
+        break;
+      default:
+        return -1;
     }
     size <<= shift;
     i++;
@@ -211,6 +220,7 @@ void kiv_logconfig(const char *debugspec) {
           xfree(filename);
           filename = copy;
           rotatesize = size;
+          rotateat = 0;
           if (stream) fclose(stream);
           stream = nullptr;
         }
@@ -450,31 +460,45 @@ void tracestate(bool fails, int error) {
   kivev_emit(&ev);
 }
 
-// F.3 goes, F.2 becomes F.3, F.1 F.2 and F F.1; the next line opens a new F. Renamed
-// while closed: Windows renames no open file. When F cannot be renamed (another process
-// holds it), lines go on into F and the rotation is tried again an eighth of the size on.
+bool exists(const char *name) {
+  struct stat st;
+  return stat(name, &st) == 0;
+}
+
+// F.1 becomes free and F takes its name, the kept files moving up only as far as the first
+// free name (the oldest removed when there is none). F moves aside first, so a file that
+// cannot be renamed (another process holds it) leaves every kept file as it was. The three
+// buffers take size bytes each. false when any step fails; F is then back under its name.
+bool rotate_files(char *from, char *to, char *aside, size_t size) {
+  auto kept = [&](char *into, int i) {
+    xsnprintf(into, static_cast<unsigned>(size), "%s.%d", filename, i);
+    return into;
+  };
+  xsnprintf(aside, static_cast<unsigned>(size), "%s.0", filename);
+  remove(aside);  // left by a rotation cut short
+  if (rename(filename, aside) != 0) return false;
+  int gap = 1;
+  while (gap < KIV_LOGKEEP && exists(kept(to, gap))) gap++;
+  // Windows renames nothing onto an existing file: the oldest goes before the others move.
+  bool moved = !exists(kept(to, gap)) || remove(to) == 0;
+  for (int i = gap; moved && i > 1; i--) moved = rename(kept(from, i - 1), kept(to, i)) == 0;
+  if (moved && rename(aside, kept(to, 1)) == 0) return true;
+  rename(aside, filename);
+  return false;
+}
+
+// Renamed while closed: Windows renames no open file. When the files cannot be renamed,
+// lines go on into F and the rotation is tried again an eighth of the size on.
 void rotate() {
   fclose(stream);
   stream = nullptr;
-  size_t length = strlen(filename);
-  char *from = static_cast<char *>(kiv_allocsize(length + 8, TAG));
-  char *to = static_cast<char *>(kiv_allocsize(length + 8, TAG));
-  bool renamed = false;
-  if (from && to) {
-    for (int i = KIV_LOGKEEP; i >= 1; i--) {
-      xsnprintf(to, static_cast<unsigned>(length + 8), "%s.%d", filename, i);
-      if (i == KIV_LOGKEEP) remove(to);
-      if (i > 1)
-        xsnprintf(from, static_cast<unsigned>(length + 8), "%s.%d", filename, i - 1);
-      else
-        xsnprintf(from, static_cast<unsigned>(length + 8), "%s", filename);
-      int rc = rename(from, to);
-      if (i == 1) renamed = rc == 0;
-    }
-  }
-  xfree(from);
-  xfree(to);
-  if (!renamed) rotateat = filesize + rotatesize / 8 + 1;
+  size_t size = strlen(filename) + 8;
+  char *buffers[3];
+  bool rotated = true;
+  for (char *&b : buffers) rotated = (b = static_cast<char *>(kiv_allocsize(size, TAG))) && rotated;
+  rotated = rotated && rotate_files(buffers[0], buffers[1], buffers[2], size);
+  for (char *b : buffers) xfree(b);
+  rotateat = rotated ? rotatesize : filesize + rotatesize / 8 + 1;
 }
 
 }  // namespace
@@ -490,7 +514,8 @@ void kiv_logtofile(const char *line) {
       fseek(f, 0, SEEK_END);
       filesize = ftell(f);
       if (filesize < 0) filesize = 0;
-      rotateat = rotatesize;
+      // A reopen after a rotation that failed keeps its later retry point.
+      if (rotateat == 0) rotateat = rotatesize;
     } else {
       tracestate(true, errno);
     }

@@ -39,7 +39,9 @@ extern kiv_sinkfunc kiv_logsink;
 // anything else now.
 void kiv_logconfig(const char *debugspec);
 // A log file that passes its size is renamed F.1 (F.1 to F.2, F.2 to F.3, the old F.3
-// removed) and the next line starts a new F.
+// removed) and the next line starts a new F. When F cannot be renamed (a reader holds it
+// without delete sharing) the kept files stay as they are, lines go on into F, and the
+// rotation is tried again each eighth of the size.
 constexpr long KIV_LOGROTATE = 10L * 1024 * 1024;
 constexpr int KIV_LOGKEEP = 3;
 // The debug spec last given to kiv_logconfig, or null when none was given (or its copy
