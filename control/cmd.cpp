@@ -26,10 +26,9 @@ struct command {
   handler run;
 };
 const command table[] = {
-    {"quit", cmd_quit},       {"info", cmd_info},     {"reconfig", cmd_reconfig},
-    {"update", cmd_update},   {"add", cmd_add},       {"remove", cmd_remove},
-    {"disable", cmd_disable}, {"enable", cmd_enable}, {"ls", cmd_ls},
-    {"why", cmd_why},
+    {"quit", cmd_quit}, {"info", cmd_info},     {"reconfig", cmd_reconfig}, {"update", cmd_update},
+    {"add", cmd_add},   {"remove", cmd_remove}, {"disable", cmd_disable},   {"enable", cmd_enable},
+    {"ls", cmd_ls},     {"why", cmd_why},
 };
 
 void reply(int pipe, const char *text) { npipe_write(pipe, text, static_cast<int>(strlen(text))); }
@@ -137,7 +136,8 @@ void cmd_ls(int pipe, int, char **) {
 }
 
 void cmd_why(int pipe, int argc, char **argv) {
-  // Without a word: kivd's own events, those that name no port, service or program.
+  // Without a word: kivd's own events (those that name no record, refused values, and the
+  // events of ports without a record).
   if (argc < 2) {
     reply(pipe, "!");
     char line[KIVEV_LINE_SIZE];
@@ -148,22 +148,7 @@ void cmd_why(int pipe, int argc, char **argv) {
   // The listing's "!" goes first: ssock_why writes nothing for a name it does not know,
   // so it is asked first with a writer that discards.
   if (int rc = ssock_why(argv[1], pipe, [](int, const char *, int) { return 0; })) {
-    // A port without a record (its service has no program): kivd's own events of it.
-    char field[16], line[KIVEV_LINE_SIZE];
-    int port = atoi(argv[1]);
-    xsnprintf(field, sizeof field, "\tport=%d", port);
-    bool listed = false;
-    for (int i = 0; port > 0 && kivev_own_line(i, line, sizeof line); i++) {
-      const char *at = strstr(line, field);
-      if (!at || (at[strlen(field)] != '\t' && at[strlen(field)] != '\0')) continue;
-      if (!listed) reply(pipe, "!");
-      listed = true;
-      reply(pipe, line);
-    }
-    if (listed)
-      reply(pipe, ".");
-    else
-      reply_result(pipe, rc);
+    reply_result(pipe, rc);
     return;
   }
   reply(pipe, "!");

@@ -12,6 +12,7 @@
 #include "lib/wire.h"
 #include "ports/internal.h"
 #include "toolkit/config/info.h"
+#include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/mwait.h"
 
@@ -217,19 +218,112 @@ int ssock_info(int context, ssock_writefunc write) {
   return 0;
 }
 
+namespace {
+
+// Writes kivd's own kept lines that carry field ("\tport=80") exactly, not as the start of
+// a longer value ("\tport=8080"). Returns how many.
+int own_lines(const char *field, int context, ssock_writefunc write) {
+  char line[KIVEV_LINE_SIZE];
+  size_t length = strlen(field);
+  int written = 0;
+  for (int i = 0; kivev_own_line(i, line, sizeof line); i++) {
+    for (const char *at = strstr(line, field); at; at = strstr(at + 1, field)) {
+      if (at[length] != '\t' && at[length] != '\0') continue;
+      write(context, line, static_cast<int>(strlen(line)));
+      written++;
+      break;
+    }
+  }
+  return written;
+}
+
+// The last line of `why PORT`: the port's state now, in the events' line format with
+// number 0 (port, service, state and what the state has of pid, parent and until).
+void write_state(const port_record *p, int number, int context, ssock_writefunc write) {
+  time_t now = kiv_time();
+  char line[KIVEV_LINE_SIZE], fields[160] = "";
+  int n = xsnprintf(line, sizeof line, "0\t%lld\tinfo\t", static_cast<long long>(now));
+  if (!p) {
+    n += xsnprintf(line + n, sizeof line - n, "Port %d is not listened on.\tport=%d\tstate=down",
+                   number, number);
+    write(context, line, n);
+    return;
+  }
+  // Service names have no tab or line end (the configuration's keys cannot hold them).
+  n += xsnprintf(line + n, sizeof line - n, "Port %d of service %.*s ", number, 160,
+                 p->service->name);
+  const char *state;
+  if (disabled_by_command(p)) {
+    state = "disabled";
+    n += xsnprintf(line + n, sizeof line - n, "is disabled until enabled.");
+    xsnprintf(fields, sizeof fields, "\tuntil=%lld", static_cast<long long>(p->until));
+  } else if ((p->flags & PORT_DISABLED) && p->until > now) {
+    tm when;
+    local_breakdown(p->until, &when);
+    state = "resting";
+    n += xsnprintf(line + n, sizeof line - n, "rests until %d-%02d-%02d %02d:%02d:%02d.",
+                   when.tm_year + 1900, when.tm_mon + 1, when.tm_mday, when.tm_hour, when.tm_min,
+                   when.tm_sec);
+    xsnprintf(fields, sizeof fields, "\tuntil=%lld", static_cast<long long>(p->until));
+  } else if (p->agent) {
+    state = "serving";
+    n += xsnprintf(line + n, sizeof line - n, "is served by its agent, process %lu.",
+                   static_cast<unsigned long>(p->agent->pid));
+    xsnprintf(fields, sizeof fields, "\tpid=%lu", static_cast<unsigned long>(p->agent->pid));
+  } else if (p->sock != INVALID_SOCKET) {
+    state = "idle";
+    n += xsnprintf(line + n, sizeof line - n,
+                   "is listened on: its agent starts at the next connection.");
+  } else {
+    state = "idle";
+    n += xsnprintf(line + n, sizeof line - n, "is neither listened on nor served.");
+  }
+  if (p->start == START_HOOK && p->parent)
+    n += xsnprintf(line + n, sizeof line - n, " It is hooked by process %lu.",
+                   static_cast<unsigned long>(p->parent_pid));
+  else if (p->start == START_HOOK)
+    n += xsnprintf(line + n, sizeof line - n, " It is hooked.");
+  n += xsnprintf(line + n, sizeof line - n, "\tport=%d\tservice=%.*s\tstate=%s%s", number, 160,
+                 p->service->name, state, fields);
+  if (p->start == START_HOOK && p->parent)
+    n += xsnprintf(line + n, sizeof line - n, "\tparent=%lu",
+                   static_cast<unsigned long>(p->parent_pid));
+  write(context, line, n);
+}
+
+}  // namespace
+
 int ssock_why(const char *what, int context, ssock_writefunc write) {
-  const kivev_ring *ring = nullptr;
+  char field[16 + PATH_SIZE];
   bool digits = *what != '\0' && strspn(what, "0123456789") == strlen(what);
   if (digits) {
-    port_record *p = strlen(what) <= 5 ? find_port(atoi(what)) : nullptr;
-    if (!p) return KIV_ENOTFOUND;
-    ring = p->ring;
-  } else if (service_record *s = find_service(what)) {
+    int number = strlen(what) <= 5 ? atoi(what) : 0;
+    if (number <= 0 || number > 65535) return KIV_ENOTFOUND;
+    if (port_record *p = find_port(number)) {
+      for (int i = 0; const char *line = kivev_kept(p->ring, i); i++)
+        write(context, line, static_cast<int>(strlen(line)));
+      write_state(p, number, context, write);
+      return 0;
+    }
+    // A port without a record (no program, a refused value): kivd's own events that name it.
+    xsnprintf(field, sizeof field, "\tport=%d", number);
+    if (own_lines(field, context, write) == 0) return KIV_ENOTFOUND;
+    write_state(nullptr, number, context, write);
+    return 0;
+  }
+  const kivev_ring *ring = nullptr;
+  if (service_record *s = find_service(what)) {
     ring = s->ring;
   } else if (prog_record *g = find_prog(what)) {
     ring = g->ring;
   } else {
-    return KIV_ENOTFOUND;
+    // A service or program without a record (its account or a limit refused).
+    int written = 0;
+    for (const char *name : {"service", "program"}) {
+      xsnprintf(field, sizeof field, "\t%s=%.*s", name, PATH_SIZE - 1, what);
+      written += own_lines(field, context, write);
+    }
+    return written ? 0 : KIV_ENOTFOUND;
   }
   for (int i = 0; const char *line = kivev_kept(ring, i); i++)
     write(context, line, static_cast<int>(strlen(line)));

@@ -65,14 +65,17 @@ static char *getvalue(const schema_value &v, const char *name) {
   return kivinfo_get(nullptr, path, &value) == 0 ? value : nullptr;
 }
 
-// The event of a value its row refuses, named by the value's path. It is kivd's own
-// event: the record the value belongs to rests without a program and may be gone by the
-// end of the reconfiguration, so `why` without a name lists it (and the event log has it).
+// The event of a value its row refuses, named by the value's path and by the port, service
+// or program it belongs to: `why` finds it by that name, and the repeat limit tells the
+// records apart. The record may rest without a program or be gone by the end of the
+// reconfiguration, so kivd's own events keep it too (service/).
 static void refused(const schema_value &v, const char *name, int port, const char *text) {
   char path[PATH_SIZE];
   int rc = port ? kivschema_path(path, v, port) : kivschema_path(path, v, name);
   kivev_event ev{};
   ev.id = KIVEV_CONFIG_REFUSED;
+  ev.port = port;
+  if (!port) (v.section == SCHEMA_PROGRAMS ? ev.program : ev.service) = name;
   ev.text = rc == 0 ? path : v.name;
   ev.value = text;
   kivev_emit(&ev);
@@ -145,9 +148,7 @@ int port_address(int number, char **address) {
   return KIV_ECONFIG;
 }
 
-bool same_address(const char *a, const char *b) {
-  return a && b ? strcmp(a, b) == 0 : a == b;
-}
+bool same_address(const char *a, const char *b) { return a && b ? strcmp(a, b) == 0 : a == b; }
 
 port_record *addport(int number, service_record *svc, int start, const char *address) {
   static const char TAG[] = "ssock.addport";

@@ -46,8 +46,11 @@ using ssock_writefunc = int (*)(int context, const char *text, int length);
 int ssock_info(int context, ssock_writefunc write);
 
 // `why`: the recent events of a port (what is all digits) or else of a service or global
-// program of that name, one line each, oldest first (toolkit/runtime/events.h's format).
-// 0 or KIV_ENOTFOUND (nothing written).
+// program of that name, one line each, oldest first (toolkit/runtime/events.h's format);
+// a port's end with its state now, a line of number 0 (its fields port, service, state of
+// serving, idle, resting, disabled or down, and pid, parent, until where they apply). A
+// port, service or program without a record is answered from kivd's own events that name
+// it. 0 or KIV_ENOTFOUND (nothing written: no record and no such event).
 int ssock_why(const char *what, int context, ssock_writefunc write);
 // The ring outlet's half in the manager: keeps ev's line (text, its message) in the rings
 // of the records it names (its port, service, program). Events that name none are left

@@ -134,10 +134,15 @@ void evlog_note(int held, long dropped, char *buffer, int size) {
   int n = 0;
   if (held > 0)
     n = xsnprintf(buffer, static_cast<unsigned>(size),
-                  " %d identical events before this one were held back.", held);
+                  held == 1 ? " %d identical event before this one was held back."
+                            : " %d identical events before this one were held back.",
+                  held);
   if (dropped > 0 && n >= 0 && n < size)
     xsnprintf(buffer + n, static_cast<unsigned>(size - n),
-              " %ld events before this one were dropped: the event log did not keep up.", dropped);
+              dropped == 1
+                  ? " %ld event before this one was dropped: the event log did not keep up."
+                  : " %ld events before this one were dropped: the event log did not keep up.",
+              dropped);
 }
 
 void evlog_text(const kivev_event *ev, char *buffer, int size) {
@@ -157,8 +162,8 @@ void evlog_text(const kivev_event *ev, char *buffer, int size) {
     xsnprintf(buffer, static_cast<unsigned>(size), "%s", name ? name : "");
     return;
   }
-  while (length > 0 && (buffer[length - 1] == ' ' || buffer[length - 1] == '\r' ||
-                        buffer[length - 1] == '\n'))
+  while (length > 0 &&
+         (buffer[length - 1] == ' ' || buffer[length - 1] == '\r' || buffer[length - 1] == '\n'))
     buffer[--length] = '\0';
 }
 

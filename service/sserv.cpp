@@ -203,8 +203,7 @@ int install_service(int action, const char *debugspec) {
   scoped_service service(OpenServiceA(manager.get(), SSERV_NAME, ALL_SERVICE));
   if (action == 'U') {
     // The event source goes whether or not the service is still there.
-    if (long rc = evlog_unregister())
-      printf("Failed to remove the event source. Error %ld\n", rc);
+    if (long rc = evlog_unregister()) printf("Failed to remove the event source. Error %ld\n", rc);
     if (!service.get()) {
       printf("Service not installed\n");
       return 0;
@@ -323,11 +322,13 @@ void *MakePipeSecurity() {
 // Not limited: `why` shows every event, the event log the first of a minute's repeats.
 // Events of kivd itself (no port, service or program) go to its own ring, which any
 // thread may reach; the records' rings only from the loop's thread. An event of a port
-// that has no record (a port whose service has no program) goes to kivd's ring too.
+// that has no record (a port whose service has no program) goes to kivd's ring too, and
+// so does every refused value: its record may be gone by the end of the reconfiguration.
 static void keep_event(void *, const kivev_event *ev) {
   char text[KIVEV_LINE_SIZE];
   evlog_text(ev, text, sizeof text);
-  if ((!ev->port && !ev->service && !ev->program) || !ssock_keep(ev, text))
+  if ((!ev->port && !ev->service && !ev->program) || !ssock_keep(ev, text) ||
+      ev->id == KIVEV_CONFIG_REFUSED)
     kivev_keep_own(ev, text);
 }
 

@@ -74,6 +74,80 @@ TEST_F(Events, RepeatLimit) {
   for (auto &line : unlimited) EXPECT_EQ('0', line.back()) << line;  // held is not theirs
 }
 
+// A refused value is limited by the record it belongs to and by its path: every refused
+// value of a reconfiguration reaches the event log, each only once a minute.
+TEST_F(Events, RefusedValuesAreLimitedByTheirRecordAndPath) {
+  ASSERT_EQ(0, kivev_addoutlet(record, &limited, KIVEV_LIMITED));
+  struct {
+    int port;
+    const char *service, *program, *path, *value;
+    bool written;
+  } steps[] = {
+      {8080, nullptr, nullptr, ".tcp.s8080.address", "bogus", true},
+      {8081, nullptr, nullptr, ".tcp.s8081.address", "bogus", true},  // another port
+      {0, "echo", nullptr, ".services.echo.account", "admin", true},
+      {0, "echo", nullptr, ".services.echo.memory", "0", true},  // another value of it
+      {0, "other", nullptr, ".services.other.account", "admin", true},
+      {0, nullptr, "echo", ".global.start.echo.account", "admin", true},  // a program
+      {0, "echo", nullptr, ".services.echo.account", "root", true},       // another value
+      {8080, nullptr, nullptr, ".tcp.s8080.address", "bogus", false},     // the same again
+      {0, "echo", nullptr, ".services.echo.memory", "0", false},
+  };
+  now = 7000;
+  std::vector<std::string> expected;
+  for (auto &s : steps) {
+    kivev_event ev{};
+    ev.id = KIVEV_CONFIG_REFUSED;
+    ev.port = s.port;
+    ev.service = s.service;
+    ev.program = s.program;
+    ev.text = s.path;
+    ev.value = s.value;
+    kivev_emit(&ev);
+    if (s.written)
+      expected.push_back("106 " + std::to_string(s.port) + " " + (s.service ? s.service : "-") +
+                         " 0");
+  }
+  EXPECT_EQ(expected, limited);
+}
+
+// A line names the record its event belongs to, also where the event's message does not:
+// `why` finds a refused value's line by its port, service or program.
+TEST_F(Events, ALineNamesItsRecord) {
+  kivev_event ev{};
+  ev.id = KIVEV_CONFIG_REFUSED;
+  ev.time = 1700000000;
+  ev.text = ".tcp.s8080.address";
+  ev.value = "bogus";
+  char line[KIVEV_LINE_SIZE];
+  struct {
+    int port;
+    const char *service, *program, *tail;
+  } rows[] = {
+      {8080, nullptr, nullptr, "\tport=8080"},
+      {0, "echo", nullptr, "\tservice=echo"},
+      {0, nullptr, "sweeper", "\tprogram=sweeper"},
+      {0, nullptr, nullptr, ""},
+  };
+  for (const auto &r : rows) {
+    ev.port = r.port;
+    ev.service = r.service;
+    ev.program = r.program;
+    kivev_line(&ev, "refused", line, sizeof line);
+    EXPECT_EQ(
+        std::string("106\t1700000000\twarning\trefused\ttext=.tcp.s8080.address\tvalue=bogus") +
+            r.tail,
+        line);
+  }
+  // Fields the message has already are not said twice.
+  ev = kivev_event{};
+  ev.id = KIVEV_PORT_ENABLED;
+  ev.port = 8080;
+  ev.service = "echo";
+  kivev_line(&ev, "enabled", line, sizeof line);
+  EXPECT_EQ(std::string("108\t0\tinfo\tenabled\tport=8080\tservice=echo"), line);
+}
+
 // The limit's table is bounded: past it, events pass unlimited rather than be lost, and
 // the ones it holds are still limited.
 TEST_F(Events, RepeatLimitTableIsBounded) {

@@ -4,6 +4,7 @@
 #include <sddl.h>
 
 #include <atomic>
+#include <sstream>
 #include <thread>
 
 #include "kiv_version.h"
@@ -352,12 +353,18 @@ TEST(Console, WhyTellsWhatHappenedAndWhatComesNext) {
   };
   for (auto &c : cases) {
     std::string port = std::to_string(c.port);
-    ASSERT_TRUE(kt::poll([&] { return kt::client().command("why " + port).size() > 2; }))
+    // "!", the event, the port's state now, ".".
+    ASSERT_TRUE(kt::poll([&] { return kt::client().command("why " + port).size() > 3; }))
         << port << daemon.err();
     kt::ran r = kivctl("why " + port);
-    std::string last = r.out.substr(r.out.rfind('\n', r.out.size() - 2) + 1);
+    std::vector<std::string> lines;
+    std::istringstream out(r.out);
+    for (std::string line; std::getline(out, line);) lines.push_back(line);
+    ASSERT_GE(lines.size(), 2u) << r.out;
+    const std::string &last = lines[lines.size() - 2];
     EXPECT_NE(last.find(c.said), std::string::npos) << r.out;
     EXPECT_NE(last.find(c.next), std::string::npos) << r.out;
+    EXPECT_NE(lines.back().find("  now      Port " + port + " "), std::string::npos) << r.out;
   }
   kt::ran j = kivctl("why --json " + a);
   EXPECT_EQ(j.out.substr(0, 25), "[{\"number\":101,\"time\":\"20") << j.out;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "service/evlog.h"
+#include "toolkit/runtime/clock.h"
 #include "tests/support/support.h"
 #include "toolkit/runtime/events.h"
 #include "toolkit/runtime/platform.h"
@@ -139,6 +140,55 @@ TEST(Messages, EveryEventFormatsFromKivdsOwnTable) {
 }  // namespace
 
 namespace {
+
+std::vector<std::string> notes;  // "id|last insert" of each event written
+BOOL report(HANDLE, WORD, DWORD id, WORD count, const char **inserts) {
+  notes.push_back(std::to_string(id & 0xFFFF) + "|" + inserts[count - 1]);
+  return TRUE;
+}
+time_t clock_now;
+time_t test_clock() { return clock_now; }
+
+// The note says what the repeat limit held back and the full queue dropped, one as well
+// as many; through the outlet, a port disabled twice within a minute says it held one back
+// with its next event of the same kind.
+TEST(EventLogOutlet, TheNoteCountsOneAsWellAsMany) {
+  struct {
+    int held;
+    long dropped;
+    const char *note;
+  } rows[] = {
+      {0, 0, ""},
+      {1, 0, " 1 identical event before this one was held back."},
+      {2, 0, " 2 identical events before this one were held back."},
+      {0, 1, " 1 event before this one was dropped: the event log did not keep up."},
+      {1, 5,
+       " 1 identical event before this one was held back. 5 events before this one were "
+       "dropped: the event log did not keep up."},
+  };
+  for (const auto &r : rows) {
+    char note[192];
+    evlog_note(r.held, r.dropped, note, sizeof note);
+    EXPECT_STREQ(note, r.note) << r.held << " " << r.dropped;
+  }
+  kivev_reset();
+  notes.clear();
+  kiv_setclock(test_clock, nullptr);
+  ASSERT_EQ(evlog_start(report), 0);
+  for (time_t t : {1000, 1030, 1060}) {
+    clock_now = t;
+    kivev_event ev{};
+    ev.id = KIVEV_PORT_DISABLED;
+    ev.port = 8080;
+    ev.service = "echo";
+    kivev_emit(&ev);
+  }
+  evlog_stop(0);
+  kivev_reset();
+  kiv_setclock(nullptr, nullptr);
+  EXPECT_EQ(notes, (std::vector<std::string>{
+                       "107|", "107| 1 identical event before this one was held back.", "2|"}));
+}
 
 HANDLE go;                         // the event log "answers" once set
 std::vector<std::string> written;  // "id|last insert" of each event written

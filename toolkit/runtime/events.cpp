@@ -1,5 +1,6 @@
 #include "toolkit/runtime/events.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -48,8 +49,8 @@ struct outlet {
 outlet outlets[KIVEV_MAXOUTLETS];
 int noutlets;
 
-// The repeat limit: one entry per (number, port, service, program) seen in the last
-// minute, found by a 64-bit hash of the four. A bounded table: an emitter cannot grow it.
+// The repeat limit: one entry per (number, port, service, program, text, value) seen in
+// the last minute, found by a 64-bit hash of the six. A bounded table: an emitter cannot grow it.
 struct repeat {
   uint64_t key;  // 0: free
   time_t written;
@@ -72,8 +73,9 @@ uint64_t keyof(const kivev_event *ev) {
   uint64_t h = 0xCBF29CE484222325ull;
   h = hash(h, &ev->id, sizeof ev->id);
   h = hash(h, &ev->port, sizeof ev->port);
-  // The separators keep ("ab", "c") apart from ("a", "bc").
-  for (const char *text : {ev->service, ev->program}) {
+  // The separators keep ("ab", "c") apart from ("a", "bc"). The text and value tell two
+  // refused values of one record apart.
+  for (const char *text : {ev->service, ev->program, ev->text, ev->value}) {
     if (text) h = hash(h, text, strlen(text));
     h = hash(h, "\0", 1);
   }
@@ -273,9 +275,9 @@ int kivev_inserts(const kivev_event *ev, char *buffer, int size, const char **in
 }
 
 const char *kivev_fieldname(kivev_field field) {
-  static const char *const names[] = {"port",     "service",   "program", "pid",   "exit",
+  static const char *const names[] = {"port",      "service",  "program",   "pid",   "exit",
                                       "exception", "syserror", "errortext", "until", "count",
-                                      "period",   "size",      "text",    "value", "code"};
+                                      "period",    "size",     "text",      "value", "code"};
   static_assert(sizeof names / sizeof names[0] == KIVEV_F_CODE + 1, "one name per field");
   return names[field];
 }
@@ -320,6 +322,24 @@ int kivev_line(const kivev_event *ev, const char *text, char *buffer, int size) 
     append(buffer, size, &at, kivev_fieldname(fields[i]));
     append(buffer, size, &at, "=");
     append(buffer, size, &at, inserts[i]);
+  }
+  // The record an event names even where its message does not (a refused value names
+  // it by the value's path), so that `why` finds the line by it.
+  char port[16];
+  snprintf(port, sizeof port, "%d", ev->port);
+  const struct {
+    kivev_field field;
+    const char *value;
+  } names[] = {{KIVEV_F_PORT, ev->port ? port : nullptr},
+               {KIVEV_F_SERVICE, ev->service},
+               {KIVEV_F_PROGRAM, ev->program}};
+  const kivev_field *end = fields + (n < 0 ? 0 : n);
+  for (const auto &name : names) {
+    if (!name.value || std::find(fields, end, name.field) != end) continue;
+    append(buffer, size, &at, "\t", true);
+    append(buffer, size, &at, kivev_fieldname(name.field));
+    append(buffer, size, &at, "=");
+    append(buffer, size, &at, name.value);
   }
   return at;
 }

@@ -65,9 +65,9 @@ enum kivev_field {
 enum kivev_id : int { KIVEV_EVENTS(KIVEV_NUMBER) };
 #undef KIVEV_NUMBER
 
-// One event as emitted. The emitter fills id and the fields its event has (the rest stay
-// zero or null); texts are the emitter's and live only for the call, so an outlet copies
-// what it keeps.
+// One event as emitted. The emitter fills id, the fields its event has and the port,
+// service or program it belongs to (the rest stay zero or null); texts are the emitter's
+// and live only for the call, so an outlet copies what it keeps.
 struct kivev_event {
   int id;               // KIVEV_*
   time_t time;          // set by kivev_emit
@@ -91,8 +91,9 @@ struct kivev_event {
 #define KIVEV_COUNT_ONE(...) +1
 constexpr int KIVEV_NEVENTS = 0 KIVEV_EVENTS(KIVEV_COUNT_ONE);
 #undef KIVEV_COUNT_ONE
-// Identical events (same number, port, service and program) reach a limited outlet at
-// most once in this many seconds; the next one that does carries the count held back.
+// Identical events (same number, port, service, program, text and value) reach a limited
+// outlet at most once in this many seconds; the next one that does carries the count held
+// back.
 constexpr int KIVEV_REPEAT_SECONDS = 60;
 constexpr int KIVEV_MAXOUTLETS = 4;
 constexpr int KIVEV_MAXINSERTS = 5;  // fields of the largest event
@@ -136,7 +137,8 @@ struct kivev_ring {
 };
 // The line of an event, tab-separated: its number, time (seconds since 1970, UTC), severity
 // ("info", "warning", "error"), text, then one "name=value" per field (until in seconds
-// since 1970 too). Tabs and line ends inside texts become spaces; a line too long is cut.
+// since 1970 too), then port, service and program where the event names them and its
+// fields do not. Tabs and line ends inside texts become spaces; a line too long is cut.
 // Returns its length.
 int kivev_line(const kivev_event *ev, const char *text, char *buffer, int size);
 // Appends ev's line to *ring, allocating the ring at its first event (nothing is kept when

@@ -75,7 +75,8 @@ void print_reply(output mode, const std::string &word, const std::vector<std::st
   std::vector<std::string> inner(elements.begin() + 1, elements.end() - 1);
   std::vector<why_event> events;
   if (_stricmp(word.c_str(), "why") == 0 && parse_all(inner, parse_why_line, &events)) {
-    printf("%s", mode == output::json ? (why_json(events) + "\n").c_str() : why_table(events).c_str());
+    printf("%s",
+           mode == output::json ? (why_json(events) + "\n").c_str() : why_table(events).c_str());
     return;
   }
   std::vector<listed_port> ports;
@@ -165,9 +166,11 @@ int status(output mode) {
     std::string line = "why " + std::to_string(p.port), reason;
     elements.clear();
     why_event e;
-    if (client_exchange(pipe.get(), line.c_str(), static_cast<int>(line.size()), &elements) == 0 &&
-        elements.size() > 2 && parse_why_line(elements[elements.size() - 2], &e))
-      reason = ": " + e.text;
+    bool answered =
+        client_exchange(pipe.get(), line.c_str(), static_cast<int>(line.size()), &elements) == 0;
+    // The latest event, not the state line that ends the listing.
+    for (size_t i = 1; answered && i + 1 < elements.size(); i++)
+      if (parse_why_line(elements[i], &e) && e.number != WHY_STATE) reason = ": " + e.text;
     printf("port %d:  %s%s\n", p.port, port_state(p).c_str(), reason.c_str());
   }
   return 0;

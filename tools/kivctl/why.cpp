@@ -58,7 +58,7 @@ bool parse_why_line(const std::string &line, why_event *out) {
 
 std::string why_next(const why_event &e) {
   std::string until = field(e, "until");
-  if (!until.empty()) {
+  if (!until.empty() && e.number != WHY_STATE) {
     long long t = atoll(until.c_str());
     if (t >= UNTIL_ENABLED) return "disabled until enabled";
     // A rest that ends another day says the day too.
@@ -66,6 +66,8 @@ std::string why_next(const why_event &e) {
     return "resting until " + format_time(t, today ? "%H:%M:%S" : "%Y-%m-%d %H:%M:%S", false);
   }
   switch (e.number) {
+    case WHY_STATE:
+      return "";  // the state says it
     case 1:
       return "serving";
     case 2:
@@ -100,8 +102,10 @@ std::string why_table(const std::vector<why_event> &events) {
   std::string out;
   for (const why_event &e : events) {
     char head[64];
-    snprintf(head, sizeof head, "%s  %-7s  ", format_time(e.time, "%Y-%m-%d %H:%M:%S", false).c_str(),
-             e.severity.c_str());
+    // A port's state stands last, as of the time it was asked: "now" in the severity's place.
+    snprintf(head, sizeof head, "%s  %-7s  ",
+             format_time(e.time, "%Y-%m-%d %H:%M:%S", false).c_str(),
+             e.number == WHY_STATE ? "now" : e.severity.c_str());
     std::string next = why_next(e);
     out += head + e.text + (next.empty() ? "" : "  Next: " + next) + "\n";
   }
