@@ -13,7 +13,6 @@
 
 #include "ports/util.h"
 #include "tests/testagent/report.h"
-#include "toolkit/runtime/log.h"
 
 namespace {
 
@@ -57,7 +56,6 @@ std::vector<std::string> expected_dacl(const std::string &user, const std::strin
 }
 
 TEST(RestrictedToken, WritesPassOnlyForItsOwnSids) {
-  kiv_logsink = [](const char *) {};
   std::string user = own_user(), logons[2];
   for (std::string &logon : logons) {
     HANDLE token = nullptr;
@@ -95,7 +93,6 @@ TEST(RestrictedToken, WritesPassOnlyForItsOwnSids) {
   }
   // One agent's objects are not another's: each token has a logon SID of its own.
   EXPECT_NE(logons[0], logons[1]);
-  kiv_logreset();
 }
 
 // The restricting SIDs and the default access list for kivd's user as a service (the
