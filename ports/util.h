@@ -23,7 +23,7 @@ SOCKET non_lsp_socket(int family, int type, int protocol);
 constexpr int ACCOUNT_SYSTEM = 0;          // kivd's own token
 constexpr int ACCOUNT_LOCALSERVICE = 1;    // service logon of NT AUTHORITY\LocalService
 constexpr int ACCOUNT_NETWORKSERVICE = 2;  // service logon of NT AUTHORITY\NetworkService
-constexpr int ACCOUNT_RESTRICTED = 3;      // kivd's own token filtered
+constexpr int ACCOUNT_RESTRICTED = 3;      // kivd's own token filtered and contained
 constexpr int ACCOUNT_KINDS = SCHEMA_ACCOUNT_KINDS;
 // "system", "LocalService", ...: the configuration's words, so that kivd takes what apply does.
 inline const char *const *const ACCOUNT_NAMES = SCHEMA_ACCOUNTS;
@@ -36,6 +36,19 @@ int account_parse(const char *text, int *kind);
 // (the process starts with kivd's own). 0, KIV_EINVAL for an unknown kind, or KIV_ESYS
 // (reported under tag).
 int account_token(int kind, HANDLE *token, const char *tag);
+
+// What a restricted token has beyond kivd's own token. Every write must also pass for one
+// of `restricting`: RESTRICTED, which an operator can grant, and a logon SID new to this
+// token, which only what the token creates grants. `dacl`, the default access list of
+// what it creates, grants user (kivd's own) and that logon SID in full, the system
+// account in full and the administrators reading. Points into itself: never copied.
+struct containment {
+  alignas(8) BYTE sids[4][SECURITY_MAX_SID_SIZE];  // RESTRICTED, logon, system, administrators
+  SID_AND_ATTRIBUTES restricting[2];
+  alignas(8) BYTE dacl[512];  // four entries of at most 76 bytes each
+};
+// Fills *c for user: 0, or KIV_ESYS with the system's error left in GetLastError.
+int containment_build(PSID user, containment *c);
 
 // What a job lets its processes use together; 0 is no limit.
 struct job_limits {

@@ -83,7 +83,7 @@ struct expected {
 };
 const expected OWN = {"own", "own", "own", "own"};
 const expected FILTERED = {"own", "admins 0x19", "privileges SeChangeNotifyPrivilege",
-                           "integrity S-1-16-8192"};
+                           "integrity S-1-16-4096"};
 
 std::string job_line(const job_limits &l) {
   return expected_job_line(l.memory, l.processes, l.cpu);

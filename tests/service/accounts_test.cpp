@@ -97,8 +97,8 @@ TEST(Accounts, EachServiceRunsAsItsAccountInItsJob) {
     EXPECT_EQ(report[0], own[0]);  // kivd's own user, filtered or not
     EXPECT_EQ(report[1], r.admins.empty() ? own[1] : r.admins);
     EXPECT_EQ(report[2], r.privileges.empty() ? own[2] : r.privileges);
-    // Medium integrity on Windows; Wine keeps kivd's.
-    EXPECT_EQ(report[3], r.admins.empty() || wine ? own[3] : "integrity S-1-16-8192");
+    // Low integrity on Windows; Wine keeps kivd's.
+    EXPECT_EQ(report[3], r.admins.empty() || wine ? own[3] : "integrity S-1-16-4096");
     EXPECT_EQ(report[4], expected_job_line(r.memory, r.processes, 0));
     EXPECT_EQ(report[5], "#handles listening=0 sockets=0 pipes=0 other=0 own=1");
     HANDLE h = OpenProcess(SYNCHRONIZE, FALSE, std::stoul(hello.substr(6)));
