@@ -21,7 +21,7 @@ struct known_sid {
 // A service logon of the built-in account: no password, the system keeps the account's
 // secret. The names are looked up from the account's SID, since systems in other
 // languages name them differently.
-HANDLE service_logon(int kind, WELL_KNOWN_SID_TYPE type, const char *tag) {
+HANDLE service_logon(int kind, WELL_KNOWN_SID_TYPE type, const char *tag, DWORD *error) {
   known_sid account(type);
   wchar_t user[64], domain[64];
   DWORD user_size = 64, domain_size = 64;
@@ -38,8 +38,9 @@ HANDLE service_logon(int kind, WELL_KNOWN_SID_TYPE type, const char *tag) {
   // nothing; such a handle is not closed either, since it may name nothing at all.
   if (!LogonUserW(user, domain, nullptr, LOGON32_LOGON_SERVICE, LOGON32_PROVIDER_DEFAULT, &token) ||
       !GetTokenInformation(token, TokenType, &token_type, sizeof token_type, &size)) {
+    *error = GetLastError();
     kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ESYS, "LogonUser(%s) failed %d",
-                 ACCOUNT_NAMES[kind], static_cast<int>(GetLastError()));
+                 ACCOUNT_NAMES[kind], static_cast<int>(*error));
     return nullptr;
   }
   return token;
@@ -139,19 +140,21 @@ int account_parse(const char *text, int *kind) {
   return k < 0 ? KIV_EINVAL : 0;
 }
 
-int account_token(int kind, HANDLE *token, const char *tag) {
+int account_token(int kind, HANDLE *token, const char *tag, DWORD *error) {
   *token = nullptr;
   switch (kind) {
     case ACCOUNT_SYSTEM:
       return 0;
     case ACCOUNT_LOCALSERVICE:
-      *token = service_logon(kind, WinLocalServiceSid, tag);
+      *token = service_logon(kind, WinLocalServiceSid, tag, error);
       break;
     case ACCOUNT_NETWORKSERVICE:
-      *token = service_logon(kind, WinNetworkServiceSid, tag);
+      *token = service_logon(kind, WinNetworkServiceSid, tag, error);
       break;
     case ACCOUNT_RESTRICTED:
       *token = restricted_token(tag);
+      // Read after its log line, which may have changed it: its own call's error would be exact.
+      if (!*token) *error = GetLastError();
       break;
     default:
       return KIV_EINVAL;
@@ -159,7 +162,7 @@ int account_token(int kind, HANDLE *token, const char *tag) {
   return *token ? 0 : KIV_ESYS;
 }
 
-int job_create(const job_limits &limits, HANDLE *job, const char *tag) {
+int job_create(const job_limits &limits, HANDLE *job, const char *tag, DWORD *error) {
   *job = nullptr;
   scoped_handle j(CreateJobObjectA(nullptr, nullptr));
   JOBOBJECT_EXTENDED_LIMIT_INFORMATION extended = {};
@@ -186,8 +189,9 @@ int job_create(const job_limits &limits, HANDLE *job, const char *tag) {
           SetInformationJobObject(j.get(), JobObjectCpuRateControlInformation, &rate, sizeof rate));
   }
   if (!ok) {
+    *error = GetLastError();
     kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ESYS, "%s() failed %d", step,
-                 static_cast<int>(GetLastError()));
+                 static_cast<int>(*error));
     return KIV_ESYS;
   }
   *job = j.release();
