@@ -54,7 +54,7 @@ HANDLE service_logon(int kind, WELL_KNOWN_SID_TYPE type, const char *tag, DWORD 
 // Low, not medium: restricting SIDs guard only the rights a type counts as generic write,
 // not WRITE_DAC, WRITE_OWNER or DELETE, which kivd's user holds on most of the registry
 // and the system's files; unlabelled objects count as medium, which closes all of them.
-HANDLE restricted_token(const char *tag) {
+HANDLE restricted_token(const char *tag, DWORD *error) {
   scoped_handle own, restricted;
   known_sid admins(WinBuiltinAdministratorsSid), low(WinLowLabelSid);
   SID_AND_ATTRIBUTES deny = {admins.get(), 0};
@@ -98,8 +98,9 @@ HANDLE restricted_token(const char *tag) {
          SetTokenInformation(restricted.get(), TokenDefaultDacl, &dacl, sizeof dacl);
   }
   if (!ok) {
+    *error = GetLastError();
     kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ESYS, "%s() failed %d", step,
-                 static_cast<int>(GetLastError()));
+                 static_cast<int>(*error));
     return nullptr;
   }
   return restricted.release();
@@ -152,9 +153,7 @@ int account_token(int kind, HANDLE *token, const char *tag, DWORD *error) {
       *token = service_logon(kind, WinNetworkServiceSid, tag, error);
       break;
     case ACCOUNT_RESTRICTED:
-      *token = restricted_token(tag);
-      // Read after its log line, which may have changed it: its own call's error would be exact.
-      if (!*token) *error = GetLastError();
+      *token = restricted_token(tag, error);
       break;
     default:
       return KIV_EINVAL;

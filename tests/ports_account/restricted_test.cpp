@@ -59,7 +59,8 @@ TEST(RestrictedToken, WritesPassOnlyForItsOwnSids) {
   std::string user = own_user(), logons[2];
   for (std::string &logon : logons) {
     HANDLE token = nullptr;
-    ASSERT_EQ(0, account_token(ACCOUNT_RESTRICTED, &token, "test"));
+    DWORD error = 0;
+    ASSERT_EQ(0, account_token(ACCOUNT_RESTRICTED, &token, "test", &error)) << error;
     std::vector<char> dacl = report_detail::token_info(token, TokenDefaultDacl);
     ASSERT_FALSE(dacl.empty());
     std::vector<std::string> got =
