@@ -135,12 +135,13 @@ TEST(Accounts, EachServiceRunsAsItsAccountInItsJob) {
     agents.push_back(h);
   }
   EXPECT_EQ(GetFileAttributesA(started.c_str()), INVALID_FILE_ATTRIBUTES);
-  // kivctl reads a cpu limit alone: ls lists its port, --json has it beside no memory.
+  // kivctl reads a cpu limit alone: ls lists its port in the table, --json has it beside
+  // no memory.
   const std::string capped = std::to_string(ports[2]);
   ASSERT_STREQ(rows[2].service, "capped");
   kt::ran ls = kt::run("\"" + kt::kivctl_exe() + "\" ls"),
           json = kt::run("\"" + kt::kivctl_exe() + "\" --json ls");
-  EXPECT_NE(ls.out.find(capped + "  capped"), std::string::npos) << ls.out;
+  EXPECT_NE(ls.out.find(capped + "  capped    auto  "), std::string::npos) << ls.out;
   size_t record = json.out.find("{\"port\":" + capped + ",");
   ASSERT_NE(record, std::string::npos) << json.out;
   std::string fields = json.out.substr(record, json.out.find('}', record) - record);
