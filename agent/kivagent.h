@@ -149,7 +149,9 @@ struct kivagent_serving {
  * its own that accepts. Follows the commands: "remove" closes that port (its clients are
  * served to their end); "exit" and the pipe's end close every port, give clients grace_ms
  * to return, then signal their stop and wait stop_ms more; "reconfig" changes nothing.
- * Ends by itself after lifespan seconds without a client. Garbled lines are written to
+ * Ends by itself once lifespan seconds have passed without a client and no connection
+ * waits (so 0 serves the connections that started the agent, then ends; a connection taken
+ * as it ends is served first). Garbled lines are written to
  * standard error and otherwise ignored. Returns the agent's exit code (KIVAGENT_EXIT_*);
  * clients still running are left to the end of the process. */
 int kivagent_serve(int argc, char **argv, const struct kivagent_serving *serving);

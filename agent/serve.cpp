@@ -159,20 +159,43 @@ void wait_clients(serving_state *st, DWORD ms) {
     WaitForSingleObject(st->changed, static_cast<DWORD>(deadline - now));
 }
 
-// Follows the manager until "exit", the pipe's end or the lifespan.
-void follow(serving_state *st, kivagent *agent) {
+// True when a connection waits in the backlog of a port still served: the accepting thread
+// is about to count it as a client.
+bool waiting(serving_state *st) {
+  for (unsigned i = 0; i < st->nservers; i++) {
+    server *sv = &st->servers[i];
+    if (!sv->st || sv->stopping) continue;
+    fd_set ready;
+    FD_ZERO(&ready);
+    FD_SET(sv->sock, &ready);
+    timeval now = {0, 0};
+    if (select(0, &ready, nullptr, nullptr, &now) == 1) return true;
+  }
+  return false;
+}
+
+// Follows the manager: true at "exit" or the pipe's end. false once no client is left and,
+// while accepting, the lifespan has passed since the last one with no connection waiting
+// (so a lifespan of 0 still serves the connection that started the agent).
+bool follow(serving_state *st, kivagent *agent, bool accepting) {
   for (;;) {
+    // The backlog first: a connection taken from it since is counted by the time the count
+    // is read, unless its thread stalls between its accept and its count.
+    bool queued = accepting && waiting(st);
     DWORD timeout = INFINITE;
     EnterCriticalSection(&st->lock);
     if (st->clients == 0) {
-      ULONGLONG idle = GetTickCount64() - st->idle_since, life = agent->lifespan * 1000ull;
+      ULONGLONG idle = GetTickCount64() - st->idle_since;
+      ULONGLONG life = accepting ? agent->lifespan * 1000ull : 0;
       timeout = idle >= life ? 0 : static_cast<DWORD>(life - idle);
     }
     LeaveCriticalSection(&st->lock);
-    if (timeout == 0) return;
+    // A queued connection's accept is a moment away: look again soon.
+    if (timeout == 0 && queued) timeout = 50;
+    if (timeout == 0) return false;
     HANDLE wait[2] = {agent->event, st->changed};
     DWORD w = WaitForMultipleObjects(2, wait, FALSE, timeout);
-    if (w == WAIT_FAILED) return;
+    if (w == WAIT_FAILED) return true;
     if (w != WAIT_OBJECT_0) continue;  // a client returned or time passed: reckon again
     kivagent_event ev;
     while (kivagent_next(agent, &ev)) {
@@ -180,7 +203,7 @@ void follow(serving_state *st, kivagent *agent) {
         for (unsigned i = 0; i < st->nservers; i++)
           if (st->servers[i].port == ev.port) stop_server(agent, &st->servers[i]);
       } else if (ev.kind == KIVAGENT_EXIT || ev.kind == KIVAGENT_CLOSED) {
-        return;
+        return true;
       } else if (ev.kind == KIVAGENT_ERROR) {
         fprintf(stderr, "%s: line ignored (%d): %s\n", st->serving.name, ev.code, ev.line);
       }  // "reconfig": what the library serves does not depend on the configuration
@@ -208,6 +231,7 @@ unsigned start_servers(serving_state *st, kivagent *agent) {
     HANDLE t = thread(accept_loop, sv);
     if (!t) {
       InterlockedDecrement(&st->refs);
+      sv->st = nullptr;
       continue;
     }
     CloseHandle(t);
@@ -262,13 +286,16 @@ int kivagent_serve(int argc, char **argv, const kivagent_serving *serving) {
   }
   st->serving.name = name;
   int code = KIVAGENT_EXIT_NOPORT;
+  bool told = true;
   if (start_servers(st, &agent) > 0) {
     code = KIVAGENT_EXIT_DONE;
-    follow(st, &agent);
+    told = follow(st, &agent, true);
   }
   SetEvent(st->stopping);
-  for (unsigned i = 0; i < st->nservers; i++) InterlockedExchange(&st->servers[i].stopping, 1);
-  kivagent_end(&agent);  // closes the listening sockets: no accept is left waiting
+  for (unsigned i = 0; i < st->nservers; i++) stop_server(&agent, &st->servers[i]);
+  // A connection taken as the lifespan ended is served to its end, as any other.
+  if (!told) follow(st, &agent, false);
+  kivagent_end(&agent);
   wait_clients(st, st->serving.grace_ms);
   SetEvent(st->stop);
   wait_clients(st, st->serving.stop_ms);

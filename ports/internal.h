@@ -78,7 +78,7 @@ struct port_record {
   child_record *agent;      // the agent that holds the port, shared with its other ports
   port_record *next;
   kivev_ring *ring;  // its recent events, for `why`; a successor of its number takes it over
-  char *address;  // the configured local address (text); null: every IPv4 address
+  char *address;     // the configured local address (text); null: every IPv4 address
 };
 
 struct service_record {
@@ -175,17 +175,17 @@ int tcpnode_cb(const char *path, const char *value, void *arg);
 int startnode_cb(const char *path, const char *value, void *arg);
 
 // Launching (launch.cpp).
+// Each start below that fails with KIV_ESYS puts the system's error of that failure, for
+// its event, in *error; other results leave *error as it was.
 // 0, KIV_ECONFIG, KIV_EINVAL (throttled), KIV_ESYS, KIV_ENOMEM.
-int start_agent(port_record *p);
+int start_agent(port_record *p, DWORD *error);
 // Starts command_line plus " -C<read end>" as `account`, in a job of its own with `limits`;
 // the new process inherits the read end of a fresh pipe of pipe_size bytes (and the
 // standard handles, nothing else). c gets the process, its id, the pipe's write end and
 // the job. 0, KIV_ESYS, KIV_ENOMEM.
 int start_child(const char *application, const char *command_line, DWORD pipe_size, int account,
-                const job_limits &limits, child_record *c);
-int start_prog(prog_record *pg);  // 0, KIV_EINVAL (throttled), KIV_ESYS
-// The system's error of the last start that failed with KIV_ESYS, for its event.
-extern DWORD ssock_starterror;
+                const job_limits &limits, child_record *c, DWORD *error);
+int start_prog(prog_record *pg, DWORD *error);  // 0, KIV_EINVAL (throttled), KIV_ESYS
 // Writes one agent command and CR LF; nothing once the child's pipe is closed.
 void sendcmd(child_record *c, const char *format, ...) KIV_PRINTF(2, 3);
 // The throttle shared by agents and programs: counts a start in *starts / *period_start;

@@ -116,7 +116,8 @@ struct agent_startup {
 bool limited(const job_limits &limits) { return limits.memory || limits.processes || limits.cpu; }
 
 // Starts line as `account` in a job of its own with `limits`, the job in *job; every
-// failure is reported, a failed CreateProcess naming application and `shown`. Created
+// failure is reported, a failed CreateProcess naming application and `shown`, and its
+// system error goes to *error. Created
 // suspended, the process joins its job before its first instruction, so whatever it
 // starts joins too; the job ends them all when kivd closes it, however kivd ends. A
 // process that cannot join (a system without nested jobs, when kivd runs in a job itself)
@@ -126,10 +127,10 @@ bool limited(const job_limits &limits) { return limits.memory || limits.processe
 // account): kivd's station and desktop stay closed to them and no access list changes.
 int run_in_job(const char *application, char *line, const char *shown, int account,
                const job_limits &limits, BOOL inherit, DWORD flags, STARTUPINFOA *startup,
-               PROCESS_INFORMATION *info, HANDLE *job, const char *tag) {
+               PROCESS_INFORMATION *info, HANDLE *job, const char *tag, DWORD *error) {
   *job = nullptr;
   scoped_handle token;
-  if (int rc = account_token(account, token.put(), tag)) return rc;
+  if (int rc = account_token(account, token.put(), tag, error)) return rc;
   char own_session[] = "";
   if (token.valid()) startup->lpDesktop = own_session;
   flags |= CREATE_SUSPENDED;
@@ -140,27 +141,30 @@ int run_in_job(const char *application, char *line, const char *shown, int accou
                                       nullptr, startup, info);
   startup->lpDesktop = nullptr;
   if (!started) {
-    ssock_starterror = GetLastError();
+    *error = GetLastError();
     kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ESYS, "CreateProcess(%s,%s) failed %d",
-                 application, shown, static_cast<int>(ssock_starterror));
+                 application, shown, static_cast<int>(*error));
     return KIV_ESYS;
   }
   scoped_handle j;
-  bool joined =
-      job_create(limits, j.put(), tag) == 0 && AssignProcessToJobObject(j.get(), info->hProcess);
+  DWORD job_error = 0;
+  bool joined = job_create(limits, j.put(), tag, &job_error) == 0;
+  if (joined && !AssignProcessToJobObject(j.get(), info->hProcess)) {
+    job_error = GetLastError();
+    joined = false;
+  }
   if (!joined) {
-    DWORD error = GetLastError();
-    ssock_starterror = error;
     if (limited(limits)) {
+      *error = job_error;
       kiv_logerror(nullptr, tag, KIV_SEV_ERROR, KIV_ESYS, "Process %d not started: no job [%d]",
-                   static_cast<int>(info->dwProcessId), static_cast<int>(error));
+                   static_cast<int>(info->dwProcessId), static_cast<int>(job_error));
       TerminateProcess(info->hProcess, 1);
       CloseHandle(info->hThread);
       CloseHandle(info->hProcess);
       return KIV_ESYS;
     }
     kiv_logerror(nullptr, tag, KIV_SEV_WARNING, KIV_ESYS, "Process %d runs outside kivd's job [%d]",
-                 static_cast<int>(info->dwProcessId), static_cast<int>(error));
+                 static_cast<int>(info->dwProcessId), static_cast<int>(job_error));
   }
   ResumeThread(info->hThread);
   CloseHandle(info->hThread);
@@ -169,8 +173,6 @@ int run_in_job(const char *application, char *line, const char *shown, int accou
 }
 
 }  // namespace
-
-DWORD ssock_starterror;
 
 bool start_allowed(int *starts, time_t *period_start, int limit) {
   if (*period_start != 0 && (*starts)++ < limit) return true;
@@ -182,7 +184,7 @@ bool start_allowed(int *starts, time_t *period_start, int limit) {
   return allowed;
 }
 
-int start_agent(port_record *p) {
+int start_agent(port_record *p, DWORD *error) {
   static const char TAG[] = "ssock.start_agent";
   service_record *svc = p->service;
   if (!svc->program || strlen(svc->program) > PROGRAM_MAX) {
@@ -216,8 +218,9 @@ int start_agent(port_record *p) {
   char fixed[CMDLINE_SIZE];
   char *line = agent_command_line(svc->program, kiv_logspec(), p->extra_args, fixed);
   auto *c = static_cast<child_record *>(kiv_zalloc(sizeof(child_record), TAG));
-  int rc = line && c ? start_child(nullptr, line, agent_pipe_size(p), svc->account, svc->limits, c)
-                     : KIV_ENOMEM;
+  int rc = line && c
+               ? start_child(nullptr, line, agent_pipe_size(p), svc->account, svc->limits, c, error)
+               : KIV_ENOMEM;
   if (line != fixed) xfree(line);
   if (rc != 0) {
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, rc, "Failed to start agent for service %s. Code = %d",
@@ -240,8 +243,9 @@ int start_agent(port_record *p) {
     char b64[B64_SIZE];
     WSAEventSelect(p->sock, p->event, 0);
     if (!handover(p, c, b64)) {
+      *error = static_cast<DWORD>(WSAGetLastError());
       kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS,
-                   "Failed to WSADuplicateSocket(). Error %d", WSAGetLastError());
+                   "Failed to WSADuplicateSocket(). Error %d", static_cast<int>(*error));
       WSAEventSelect(p->sock, p->event, FD_ACCEPT);
       // The agent runs on without its port; closing its pipe tells it so.
       free_child(c);
@@ -270,7 +274,7 @@ int start_agent(port_record *p) {
 }
 
 int start_child(const char *application, const char *command_line, DWORD pipe_size, int account,
-                const job_limits &limits, child_record *c) {
+                const job_limits &limits, child_record *c, DWORD *error) {
   static const char TAG[] = "ssock.start_child";
   c->pipe = nullptr;
   c->process = nullptr;
@@ -284,15 +288,16 @@ int start_child(const char *application, const char *command_line, DWORD pipe_si
   PROCESS_INFORMATION info = {};
   int rc = KIV_ESYS;
   if (!CreatePipe(read.put(), write.put(), nullptr, pipe_size)) {
-    ssock_starterror = GetLastError();
+    *error = GetLastError();
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "CreatePipe() failed %d",
-                 static_cast<int>(ssock_starterror));
+                 static_cast<int>(*error));
   } else if (!DuplicateHandle(GetCurrentProcess(), read.release(), GetCurrentProcess(),
                               &inheritable, 0, TRUE,
                               DUPLICATE_CLOSE_SOURCE | DUPLICATE_SAME_ACCESS)) {
     // DUPLICATE_CLOSE_SOURCE closes the source even when the duplication fails.
+    *error = GetLastError();
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "DuplicateHandle() failed %d",
-                 static_cast<int>(GetLastError()));
+                 static_cast<int>(*error));
   } else {
     read.reset(inheritable);
     // The handle value is what the agent's -C names; handles fit in 32 bits.
@@ -300,7 +305,7 @@ int start_child(const char *application, const char *command_line, DWORD pipe_si
               static_cast<unsigned>(reinterpret_cast<uintptr_t>(inheritable)));
     agent_startup startup(inheritable);
     rc = run_in_job(application, line, command_line, account, limits, TRUE, startup.flags(),
-                    &startup.info.StartupInfo, &info, &c->job, TAG);
+                    &startup.info.StartupInfo, &info, &c->job, TAG, error);
   }
   // The read end now lives on in the agent alone.
   read.reset();
@@ -312,7 +317,7 @@ int start_child(const char *application, const char *command_line, DWORD pipe_si
   return 0;
 }
 
-int start_prog(prog_record *pg) {
+int start_prog(prog_record *pg, DWORD *error) {
   static const char TAG[] = "ssock.start_prog";
   if (!start_allowed(&pg->starts, &pg->period_start, PROG_STARTS)) {
     KIV_LOG(3, TAG, "Too many prog started for %s", pg->name);
@@ -325,12 +330,13 @@ int start_prog(prog_record *pg) {
   startup.cb = sizeof startup;
   PROCESS_INFORMATION info = {};
   int rc = line ? run_in_job(nullptr, line, pg->program, pg->account, pg->limits, FALSE, 0,
-                             &startup, &info, &pg->job, TAG)
+                             &startup, &info, &pg->job, TAG, error)
                 : KIV_ESYS;
-  if (!line) ssock_starterror = ERROR_INVALID_PARAMETER;
-  if (!line)
+  if (!line) {
+    *error = ERROR_INVALID_PARAMETER;
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "CreateProcess(%s) failed %d", pg->program,
                  static_cast<int>(ERROR_INVALID_PARAMETER));
+  }
   xfree(line);
   if (rc != 0) return rc;
   pg->process = info.hProcess;

@@ -1,5 +1,9 @@
 // Supervision: the pass that carries out removals, listens, launches and restarts, the
 // wait list it leaves for the main loop, and the handling of one signalled entry.
+#include <ws2tcpip.h>
+
+#include <cstring>
+
 #include "lib/heap.h"
 #include "lib/wire.h"
 #include "ports/internal.h"
@@ -49,8 +53,8 @@ void tell_agent(port_record *p) {
 // Opens the listening socket of a port that should listen; a failure disables the port.
 void start_listening(port_record *p) {
   SOCKET s = INVALID_SOCKET;
-  int rc = listen_on(p->port, &s, p->address);
-  long error = WSAGetLastError();  // listen_on leaves its failing call's error
+  int error = 0;
+  int rc = listen_on(p->port, &s, p->address, &error);
   WSAEVENT event = WSA_INVALID_EVENT;
   if (rc == 0) {
     event = WSACreateEvent();
@@ -74,6 +78,14 @@ void start_listening(port_record *p) {
   p->event = event;
   WSAEventSelect(s, event, FD_ACCEPT);
   KIV_LOG(3, UPDATE_TAG, "Listening on port %d for %s", p->port, p->service->name);
+}
+
+// A launch for p that the system refused: p rests a little, as after a crash, and says why.
+void rest_failed_start(port_record *p, DWORD error) {
+  kivev_event ev{};
+  ev.id = KIVEV_PORT_START_FAILED;
+  ev.syserror = static_cast<long>(error);
+  disable_port(p, DISABLE_CRASHED, &ev);
 }
 
 // Takes a port out of service: its agent is told, its socket closed.
@@ -111,7 +123,12 @@ int port_pass(time_t now) {
     } else if (p->start == START_ON) {
       if (!((p->flags & PORT_DISABLED) && now < p->until)) {
         p->flags &= ~PORT_DISABLED;
-        if (start_agent(p) == 0) p->agent->listed = 0;
+        DWORD error = 0;
+        int rc = start_agent(p, &error);
+        if (rc == 0)
+          p->agent->listed = 0;
+        else if (rc == KIV_ESYS)
+          rest_failed_start(p, error);
       }
     } else if (p->sock == INVALID_SOCKET) {
       if (!((p->flags & PORT_DISABLED) && now < p->until)) start_listening(p);
@@ -142,7 +159,8 @@ void prog_pass(time_t now) {
       }
     } else if (!g->process && !stopping() && (!(g->flags & PROG_DISABLED) || now > g->until)) {
       g->flags &= ~PROG_DISABLED;
-      if (int rc = start_prog(g)) {
+      DWORD error = 0;
+      if (int rc = start_prog(g, &error)) {
         g->flags |= PROG_DISABLED;
         g->until = now + PROG_DISABLE_FAILED;
         KIV_LOG(3, UPDATE_TAG, "Prog %s disabled for 600 sec.", g->name);
@@ -151,7 +169,7 @@ void prog_pass(time_t now) {
         ev.program = g->name;
         ev.count = PROG_STARTS + 1;
         ev.period = START_PERIOD;
-        ev.syserror = static_cast<long>(ssock_starterror);
+        ev.syserror = static_cast<long>(error);
         ev.until = g->until;
         kivev_emit(&ev);
       }
@@ -224,6 +242,22 @@ DWORD exit_code(HANDLE process) {
   return GetExitCodeProcess(process, &code) ? code : EXIT_UNKNOWN;
 }
 
+// Takes the waiting connection off p's socket and closes it. The peer's storage fits
+// every family: into a sockaddr_in, Windows refuses an IPv6 peer (WSAEFAULT) and leaves it
+// queued, and the port's event would fire again at once, for ever.
+void refuse_connection(port_record *p) {
+  sockaddr_storage peer = {};
+  int length = sizeof peer;
+  SOCKET s = accept(p->sock, reinterpret_cast<sockaddr *>(&peer), &length);
+  char host[NI_MAXHOST];
+  if (s != INVALID_SOCKET) closesocket(s);
+  if (s == INVALID_SOCKET || getnameinfo(reinterpret_cast<sockaddr *>(&peer), length, host,
+                                         sizeof host, nullptr, 0, NI_NUMERICHOST) != 0)
+    memcpy(host, "?", 2);
+  KIV_LOG(3, CALLBACK_TAG, "Peer %s on port %d killed", host, p->port);
+  WSAEventSelect(p->sock, p->event, FD_ACCEPT);
+}
+
 // A connection on a listening port: launch its agent, or refuse the connection.
 int port_event(uint16_t number, HANDLE h) {
   port_record *p = find_port(number);
@@ -251,19 +285,12 @@ int port_event(uint16_t number, HANDLE h) {
     return 0;
   }
   // A stopping service starts nothing: the connection is refused like one without agent.
-  int rc = stopping() ? KIV_ENOTREADY : start_agent(p);
+  DWORD error = 0;
+  int rc = stopping() ? KIV_ENOTREADY : start_agent(p, &error);
   if (rc == KIV_ESYS) {
-    kivev_event ev{};
-    ev.id = KIVEV_PORT_START_FAILED;
-    ev.syserror = static_cast<long>(ssock_starterror);
-    disable_port(p, DISABLE_CRASHED, &ev);
+    rest_failed_start(p, error);
   } else if (rc != 0 && p->sock != INVALID_SOCKET) {
-    sockaddr_in peer = {};
-    int length = sizeof peer;
-    SOCKET s = accept(p->sock, reinterpret_cast<sockaddr *>(&peer), &length);
-    if (s != INVALID_SOCKET) closesocket(s);
-    KIV_LOG(3, CALLBACK_TAG, "Peer %s on port %d killed", inet_ntoa(peer.sin_addr), number);
-    WSAEventSelect(p->sock, p->event, FD_ACCEPT);
+    refuse_connection(p);
   }
   ssock_update();
   return rc;

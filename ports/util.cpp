@@ -51,7 +51,21 @@ SOCKET non_lsp_socket(int family, int type, int protocol) {
   return s;
 }
 
-int listen_on(uint16_t port, SOCKET *out, const char *address) {
+namespace {
+
+// A listen_on step that failed: its error, read before the log line and the close that
+// could change it, goes to *error and into the report.
+int listen_failed(SOCKET s, const char *step, int *error) {
+  int code = WSAGetLastError();
+  if (error) *error = code;
+  if (s != INVALID_SOCKET) closesocket(s);
+  kiv_logerror(nullptr, "ssock.listen_on", KIV_SEV_ERROR, KIV_ESYS, "%s() -> %d", step, code);
+  return KIV_ESYS;
+}
+
+}  // namespace
+
+int listen_on(uint16_t port, SOCKET *out, const char *address, int *error) {
   static const char TAG[] = "ssock.listen_on";
   sockaddr_storage local = {};
   int locallength = sizeof(sockaddr_in);
@@ -77,10 +91,7 @@ int listen_on(uint16_t port, SOCKET *out, const char *address) {
     freeaddrinfo(found);
   }
   SOCKET s = non_lsp_socket(local.ss_family, SOCK_STREAM, IPPROTO_TCP);
-  if (s == INVALID_SOCKET) {
-    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "socket() -> %d", WSAGetLastError());
-    return KIV_ESYS;
-  }
+  if (s == INVALID_SOCKET) return listen_failed(s, "socket", error);
   // Agents are started with inheritance on: a listening socket reaches them only
   // through WSADuplicateSocketA.
   SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
@@ -89,21 +100,11 @@ int listen_on(uint16_t port, SOCKET *out, const char *address) {
   DWORD v6only = 0;
   if (local.ss_family == AF_INET6 &&
       setsockopt(s, IPPROTO_IPV6, IPV6_V6ONLY, reinterpret_cast<const char *>(&v6only),
-                 sizeof v6only) == SOCKET_ERROR) {
-    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "setsockopt() -> %d", WSAGetLastError());
-    closesocket(s);
-    return KIV_ESYS;
-  }
-  if (bind(s, reinterpret_cast<sockaddr *>(&local), locallength) == SOCKET_ERROR) {
-    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "bind() -> %d", WSAGetLastError());
-    closesocket(s);
-    return KIV_ESYS;
-  }
-  if (listen(s, 10) == SOCKET_ERROR) {
-    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "listen() -> %d", WSAGetLastError());
-    closesocket(s);
-    return KIV_ESYS;
-  }
+                 sizeof v6only) == SOCKET_ERROR)
+    return listen_failed(s, "setsockopt", error);
+  if (bind(s, reinterpret_cast<sockaddr *>(&local), locallength) == SOCKET_ERROR)
+    return listen_failed(s, "bind", error);
+  if (listen(s, 10) == SOCKET_ERROR) return listen_failed(s, "listen", error);
   *out = s;
   return 0;
 }

@@ -282,6 +282,25 @@ void WINAPI kivw32_service_ctrl(DWORD control) {
   LeaveCriticalSection(&status_lock);
 }
 
+// The integrity the pipe is labelled with: high, or kivd's own where that is lower. A
+// label above the creator's own is refused; a console kivd of a user who is not elevated
+// keeps its pipe at its own level, still above its restricted agents (low), and only the
+// system account and elevated administrators pass the access list in any case.
+static DWORD pipe_integrity() {
+  DWORD level = SECURITY_MANDATORY_HIGH_RID, size = 0;
+  alignas(8) BYTE buffer[sizeof(TOKEN_MANDATORY_LABEL) + SECURITY_MAX_SID_SIZE];
+  HANDLE token = nullptr;
+  if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) {
+    if (GetTokenInformation(token, TokenIntegrityLevel, buffer, sizeof buffer, &size)) {
+      PSID sid = reinterpret_cast<TOKEN_MANDATORY_LABEL *>(buffer)->Label.Sid;
+      DWORD own = *GetSidSubAuthority(sid, *GetSidSubAuthorityCount(sid) - 1);
+      if (own < level) level = own;
+    }
+    CloseHandle(token);
+  }
+  return level;
+}
+
 void *MakePipeSecurity() {
   static const char tag[] = "sserv.MakePipeSecurity";
   char system[] = "SYSTEM", admins[] = "ADMINISTRATORS";
@@ -300,7 +319,16 @@ void *MakePipeSecurity() {
   }
   unsigned aclsize = acl->AclSize;
   KIV_LOG(3, tag, "ACL size: %d", static_cast<int>(aclsize));
-  unsigned size = sizeof(SECURITY_DESCRIPTOR) + aclsize;
+  // The label, in a system access list behind the access list: a restricted agent runs as
+  // kivd's own user, so only its integrity keeps it from opening the pipe at all.
+  alignas(8) BYTE label[SECURITY_MAX_SID_SIZE];
+  SID_IDENTIFIER_AUTHORITY mandatory = SECURITY_MANDATORY_LABEL_AUTHORITY;
+  InitializeSid(label, &mandatory, 1);
+  *GetSidSubAuthority(label, 0) = pipe_integrity();
+  unsigned saclsize =
+      (sizeof(ACL) + sizeof(SYSTEM_MANDATORY_LABEL_ACE) - sizeof(DWORD) + GetLengthSid(label) + 3) &
+      ~3u;
+  unsigned size = sizeof(SECURITY_DESCRIPTOR) + aclsize + saclsize;
   auto *sd = static_cast<SECURITY_DESCRIPTOR *>(kiv_alloc(size, tag));
   if (!sd || !InitializeSecurityDescriptor(sd, SECURITY_DESCRIPTOR_REVISION)) {
     kiv_logerror(nullptr, tag, KIV_SEV_FATAL, 0, "InitializeSecurityDescriptor() failed: %d", 0);
@@ -309,8 +337,19 @@ void *MakePipeSecurity() {
   }
   PACL copy = reinterpret_cast<PACL>(sd + 1);
   memcpy(copy, acl, aclsize);
-  if (!SetSecurityDescriptorDacl(sd, TRUE, copy, FALSE)) {
-    kiv_logerror(nullptr, tag, KIV_SEV_FATAL, 0, "SetSecurityDescriptorDacl() failed: %d",
+  PACL sacl = reinterpret_cast<PACL>(reinterpret_cast<char *>(copy) + aclsize);
+  const char *step = "SetSecurityDescriptorDacl";
+  bool ok = SetSecurityDescriptorDacl(sd, TRUE, copy, FALSE);
+  if (ok) {
+    step = "AddMandatoryAce";
+    ok = InitializeAcl(sacl, saclsize, ACL_REVISION) &&
+         AddMandatoryAce(sacl, ACL_REVISION, 0,
+                         SYSTEM_MANDATORY_LABEL_NO_WRITE_UP | SYSTEM_MANDATORY_LABEL_NO_READ_UP,
+                         label) &&
+         SetSecurityDescriptorSacl(sd, TRUE, sacl, FALSE);
+  }
+  if (!ok) {
+    kiv_logerror(nullptr, tag, KIV_SEV_FATAL, 0, "%s() failed: %d", step,
                  static_cast<int>(GetLastError()));
     xfree(sd);
     return nullptr;

@@ -34,7 +34,9 @@ void WINAPI kivw32_service_ctrl(DWORD control);
 // or the pipe setup's code. Runs once per process.
 int initialize();
 // A block holding an absolute security descriptor whose access list admits the system
-// account and the administrators (read and write), or null. Released with xfree.
+// account and the administrators (read and write), with a mandatory label (high, or
+// kivd's own integrity where lower) that lets nothing below it read or write, or null.
+// Released with xfree.
 void *MakePipeSecurity();
 // One wait of the loop on count handles, `die` the last of them, and the pipe's events.
 // Returns as npipe_wait does; a time-out is MWAIT_TIMEOUT and `die` is count - 1. When

@@ -108,7 +108,8 @@ TEST(EchoAgent, ServesHandedAndOnPortsUntilRemovedOrEnded) {
 }
 
 // A client held past the lifespan keeps the agent; once the client leaves, the count
-// begins and the agent ends by itself.
+// begins and the agent ends by itself, a whole lifespan later (a slow machine can only
+// make that later).
 TEST(EchoAgent, LifespanCountsOnlyTimeWithoutClients) {
   echo_run run;
   std::vector<unsigned> ports = listen_n(&run, 1);
@@ -118,6 +119,33 @@ TEST(EchoAgent, LifespanCountsOnlyTimeWithoutClients) {
   Sleep(2500);  // well past the lifespan of 1 s, with the client still connected
   EXPECT_EQ(-1, wait_exit(run.l, 0)) << "ended with a client connected";
   EXPECT_TRUE(echoes(client, "still served"));
+  ULONGLONG left = GetTickCount64();
   closesocket(client);
   EXPECT_EQ(0, wait_exit(run.l, DEADLINE_MS));
+  EXPECT_GE(GetTickCount64() - left, 1000u) << "the lifespan counted from the agent's start";
+}
+
+// A lifespan of 0 serves the connections waiting when the agent starts, then ends with 0.
+TEST(EchoAgent, LifespanZeroServesWhatWaits) {
+  echo_run run;
+  std::vector<unsigned> ports = listen_n(&run, 1);
+  SOCKET first = connect_to(ports[0]), second = connect_to(ports[0]);
+  ASSERT_TRUE(start_echo(&run, ports, {}, "0"));
+  EXPECT_TRUE(echoes(first, "first"));
+  EXPECT_TRUE(echoes(second, "second"));
+  closesocket(first);
+  EXPECT_EQ(-1, wait_exit(run.l, 0)) << "ended with a client connected";
+  closesocket(second);
+  EXPECT_EQ(0, wait_exit(run.l, DEADLINE_MS));
+}
+
+// An agent that can serve none of its ports (its "on" port taken by another program) ends
+// with 1 at once, so that kivd opens new sockets, rather than idle for its lifespan.
+TEST(EchoAgent, NoPortToServeEndsWithOne) {
+  echo_run run;
+  unsigned taken = 0;
+  run.held.push_back(listen_on(&taken));
+  ASSERT_NE(INVALID_SOCKET, run.held.back());
+  ASSERT_TRUE(start_echo(&run, {}, {taken}, "600"));
+  EXPECT_EQ(1, wait_exit(run.l, DEADLINE_MS));
 }

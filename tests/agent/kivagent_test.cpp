@@ -159,6 +159,11 @@ TEST(KivAgent, StartUpThenCommandsAsEvents) {
   client = connect_to(on);
   EXPECT_NE(INVALID_SOCKET, client) << "listens on all addresses, loopback included";
   closesocket(client);
+  sockaddr_in bound = {};
+  int length = sizeof bound;
+  ASSERT_EQ(0, getsockname(a.ports[1].sock, reinterpret_cast<sockaddr *>(&bound), &length));
+  EXPECT_EQ(AF_INET, bound.sin_family);
+  EXPECT_EQ(htonl(INADDR_ANY), bound.sin_addr.s_addr) << "not on loopback alone";
   SOCKET again;
   EXPECT_EQ(KIVAGENT_ESYS, kivagent_listen(on, 0, &again)) << "the port is taken";
   EXPECT_EQ(INVALID_SOCKET, again);

@@ -59,7 +59,7 @@ TEST(ApplyCfg, ValuesJudgedAsThePortManagerReadsThem) {
       {SCHEMA_SERVICE_PROCESSES, SVC + "@", {"1", "10", "65536", "-"}, {"0", "65537", "-1"}},
       {SCHEMA_SERVICE_CPU, SVC + "@", {"1", "100", "-"}, {"0", "101", "50%"}},
       {SCHEMA_PROGRAM_ACCOUNT, prog + "@", {"localSERVICE", "-"}, {"nobody"}},
-      {SCHEMA_PROGRAM_MEMORY, prog + "@", {"64", "-"}, {"0"}},
+      {SCHEMA_PROGRAM_MEMORY, prog + "@", {"64", "65537", "1048576", "-"}, {"0", "1048577"}},
       {SCHEMA_PROGRAM_PROCESSES, prog + "@", {"10", "-"}, {"0"}},
       {SCHEMA_PROGRAM_CPU, prog + "@", {"100", "-"}, {"101"}},
   };

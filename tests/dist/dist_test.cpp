@@ -7,6 +7,7 @@
 
 #include "kiv_version.h"
 #include "service/sserv.h"
+#include "tests/dist/pe_sections.h"
 
 namespace {
 
@@ -66,6 +67,10 @@ void expect_serving(const std::string &dir, const char *version, int port) {
     EXPECT_EQ(file_version(dir + "\\" + exe, "ProductVersion"), want) << exe;
     EXPECT_EQ(file_version(dir + "\\" + exe, "CompanyName"), "Orvane") << exe;
     EXPECT_EQ(file_version(dir + "\\" + exe, "ProductName"), "kivd") << exe;
+    // The package ships the executables without their debug information.
+    std::vector<kt::pe_section> sections = kt::pe_sections(dir + "\\" + exe);
+    EXPECT_FALSE(sections.empty()) << exe;
+    EXPECT_EQ(kt::pe_named(sections, ".debug_"), std::vector<std::string>()) << exe;
   }
   // kivctl installed with it reads the service manager and the pipe alike.
   std::string status,

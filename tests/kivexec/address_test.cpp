@@ -90,9 +90,18 @@ TEST(Address, PortsListenWhereTheyAreConfigured) {
   EXPECT_EQ(ask_at("127.0.0.1", on6, "c"), REFUSED);
   EXPECT_EQ(served_at("127.0.0.1", plain, "d"), "DEND\n");
   EXPECT_EQ(ask_at("::1", plain, "d"), REFUSED) << "the default is IPv4 only";
-  // Dual stack: an IPv4 client is seen as plain dotted IPv4, an IPv6 one as IPv6.
-  std::string from4 = served_at("127.0.0.1", dual, "e"), from6 = served_at("::1", dual, "f");
-  EXPECT_TRUE(has(from4, "TCPREMOTEIP=127.0.0.1\n") && has(from4, "TCPLOCALIP=127.0.0.1\n"))
+  // Dual stack: an IPv4 client is seen as plain dotted IPv4 with both ports, an IPv6 one
+  // as IPv6.
+  std::string from6 = served_at("::1", dual, "f");
+  SOCKET four = connect_at("127.0.0.1", dual);
+  ASSERT_NE(four, INVALID_SOCKET);
+  sockaddr_in me = {};
+  int size = sizeof me;
+  getsockname(four, reinterpret_cast<sockaddr *>(&me), &size);
+  std::string from4 = finish(four, "e");
+  EXPECT_TRUE(
+      has(from4, "TCPREMOTEIP=127.0.0.1\nTCPREMOTEPORT=" + std::to_string(ntohs(me.sin_port)) +
+                     "\nTCPLOCALIP=127.0.0.1\nTCPLOCALPORT=" + std::to_string(dual) + "\n"))
       << from4;
   EXPECT_TRUE(has(from6, "TCPREMOTEIP=::1\n") && has(from6, "TCPLOCALIP=::1\n")) << from6;
   EXPECT_TRUE(d.log_has("Port " + std::to_string(bad) + ": bad address \"localhost\""));
@@ -140,16 +149,17 @@ TEST(Address, PortsListenWhereTheyAreConfigured) {
 }
 
 // The program gets kivexec's line after "--" as written, quotes and all, without what
-// kivd appends (-D when it traces, -C).
+// kivd appends (-D when it traces, -C); an escaped backslash before a closing quote ends
+// an argument as the C runtime reads it.
 TEST(Address, KivexecPassesTheProgramLineAsWritten) {
   kt::registry reg;
   int port = kt::free_port();
   reg.service("quote", KIVEXEC +
                            " --max 2 -- C:\\windows\\system32\\cmd.exe /q /c echo \"ab\" "
-                           "\"c d\"  x\\\"y");
+                           "\"c d\"  x\\\"y \"C:\\dir\\\\\"");
   reg.port(port, "auto", "quote");
   kt::kivd d("-D3");
-  EXPECT_EQ(served_at("127.0.0.1", port, ""), "\"ab\" \"c d\"  x\\\"y\r\n");
+  EXPECT_EQ(served_at("127.0.0.1", port, ""), "\"ab\" \"c d\"  x\\\"y \"C:\\dir\\\\\"\r\n");
   d.quit();
 }
 

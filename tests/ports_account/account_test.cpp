@@ -39,6 +39,26 @@ std::string read_report(SOCKET s) {
   return text;
 }
 
+// Inheritable handles of every kind the handle scan tells apart, held while kivd's
+// launcher runs: no process it starts may get one (a socket, both ends of a pipe, an event).
+struct decoys {
+  SOCKET sock = INVALID_SOCKET;
+  HANDLE read = nullptr, write = nullptr, event = nullptr;
+  decoys() {
+    SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
+    unsigned port = 0;
+    sock = kt::listen_on(&port);
+    SetHandleInformation(reinterpret_cast<HANDLE>(sock), HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
+    CreatePipe(&read, &write, &inherit, 0);
+    event = CreateEventA(&inherit, TRUE, FALSE, nullptr);
+  }
+  ~decoys() {
+    closesocket(sock);
+    for (HANDLE h : {read, write, event}) CloseHandle(h);
+  }
+  bool held() const { return sock != INVALID_SOCKET && read && write && event; }
+};
+
 struct Accounts : ::testing::Test {
   static void SetUpTestSuite() {
     kiv_locks_init();
@@ -48,11 +68,13 @@ struct Accounts : ::testing::Test {
   void SetUp() override {
     logged.clear();
     kiv_logsink = capture;
+    ASSERT_TRUE(inheritable.held());
   }
   void TearDown() override {
     ssock_reset();
     kiv_logreset();
   }
+  decoys inheritable;
 };
 
 TEST_F(Accounts, Names) {
@@ -83,7 +105,7 @@ struct expected {
 };
 const expected OWN = {"own", "own", "own", "own"};
 const expected FILTERED = {"own", "admins 0x19", "privileges SeChangeNotifyPrivilege",
-                           "integrity S-1-16-8192"};
+                           "integrity S-1-16-4096"};
 
 std::string job_line(const job_limits &l) {
   return expected_job_line(l.memory, l.processes, l.cpu);
@@ -142,10 +164,13 @@ TEST_F(Accounts, AgentsReportTheirTokenAndJob) {
     port_record *p = addport(kt::free_port(), svc, START_AUTO);
     ASSERT_EQ(0, listen_on(p->port, &p->sock));
     p->event = WSACreateEvent();
-    int rc = start_agent(p);
+    DWORD error = 0;
+    int rc = start_agent(p, &error);
     if (wine && r.wine_refusal) {
-      // Never started in another account or without its limits.
+      // Never started in another account or without its limits; the error is the refusal's.
       EXPECT_EQ(KIV_ESYS, rc);
+      std::string refusal = r.wine_refusal;
+      EXPECT_EQ(refusal.substr(refusal.rfind(' ') + 1), std::to_string(error));
       EXPECT_EQ(nullptr, p->agent);
       ASSERT_FALSE(logged.empty());
       EXPECT_NE(logged[0].find(r.wine_refusal), std::string::npos) << logged[0];
@@ -174,7 +199,8 @@ TEST_F(Accounts, ProgramReportsItsTokenAndJob) {
       xstrdup(("\"" + kt::testagent_exe() + "\" -R" + std::to_string(port)).c_str(), nullptr);
   g->account = ACCOUNT_RESTRICTED;
   g->limits = {32, 3, 0};
-  ASSERT_EQ(0, start_prog(g));
+  DWORD error = 0;
+  ASSERT_EQ(0, start_prog(g, &error));
   SOCKET c = INVALID_SOCKET;
   ASSERT_TRUE(kt::poll([&] { return (c = accept(listener, nullptr, nullptr)) != INVALID_SOCKET; }));
   u_long blocking = 0;

@@ -3,6 +3,7 @@
 #include <winsock2.h>
 // winsock2.h first: windows.h would otherwise bring the old winsock.h.
 #include <windows.h>
+#include <ws2tcpip.h>
 
 #include <cstdlib>
 #include <string>
@@ -429,6 +430,35 @@ TEST_F(Ports, ListeningSockets) {
   ASSERT_TRUE(GetHandleInformation(reinterpret_cast<HANDLE>(s), &flags));
   EXPECT_EQ(0u, flags & HANDLE_FLAG_INHERIT);
   closesocket(s);
+  // Where the socket an agent gets is bound: no address is every IPv4 one, not loopback.
+  struct row {
+    const char *address, *bound;
+    bool dual;  // takes IPv4 clients too
+  } rows[] = {{nullptr, "0.0.0.0", false},
+              {"127.0.0.1", "127.0.0.1", false},
+              {"::1", "::1", false},
+              {"::", "::", true}};
+  for (const row &r : rows) {
+    SCOPED_TRACE(r.address ? r.address : "(none)");
+    s = INVALID_SOCKET;
+    ASSERT_EQ(0, listen_on(0, &s, r.address));
+    sockaddr_storage local = {};
+    int length = sizeof local;
+    ASSERT_EQ(0, getsockname(s, reinterpret_cast<sockaddr *>(&local), &length));
+    char host[NI_MAXHOST] = "";
+    getnameinfo(reinterpret_cast<sockaddr *>(&local), length, host, sizeof host, nullptr, 0,
+                NI_NUMERICHOST);
+    EXPECT_STREQ(r.bound, host);
+    DWORD v6only = 1;
+    int size = sizeof v6only;
+    if (r.dual) {
+      EXPECT_EQ(
+          0, getsockopt(s, IPPROTO_IPV6, IPV6_V6ONLY, reinterpret_cast<char *>(&v6only), &size) == 0
+                 ? v6only
+                 : 1);
+    }
+    closesocket(s);
+  }
   EXPECT_EQ(INVALID_SOCKET, non_lsp_socket(AF_INET, SOCK_STREAM, IPPROTO_UDP));
   EXPECT_EQ(WSAEPROTONOSUPPORT, WSAGetLastError());
 }

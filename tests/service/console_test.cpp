@@ -144,7 +144,7 @@ TEST(Console, RepliesOverThePipeAndThroughKivctl) {
        0},
       {"info", "My UserName: " + kt::user_name() + "\n", "", 0},
       {"remove 7", "", "kivctl: Failed with code -4\n", 1},
-      {"--bogus ls", "", "kivctl: unknown option --bogus (--raw, --json, --version)\n", 1},
+      {"--bogus ls", "", "kivctl: unknown option --bogus (--raw, --json, --version, --help)\n", 1},
       // kivctl's own options count wherever they stand before a "--", never after it.
       {"status --json", status, "", 0},
       {"status now", "", "kivctl: status takes no words\n", 1},
@@ -183,6 +183,22 @@ TEST(Console, RepliesOverThePipeAndThroughKivctl) {
     EXPECT_EQ(r.err, c.err) << what;
     EXPECT_EQ(r.code, c.code) << what;
   }
+  // The usage however a Windows user asks for it, whole, exit code 0: every command with its
+  // words, kivctl's options, the exit codes. After a command word, -h is the command's.
+  const std::string usage = kivctl("--help").out;
+  for (const char *item :
+       {"\n  ls ", "\n  why [PORT|NAME]", "\n  disable PORT", "\n  enable PORT",
+        "\n  add -p PORT [-i PID]", "\n  remove PORT", "\n  reconfig ", "\n  update ", "\n  info ",
+        "\n  quit [-Q]", "\n  status ", "\n  apply [--dry-run] FILE", "\n  export ", "\n  --raw ",
+        "\n  --json ", "\n  --version ", "\nExit codes: 0", "\napply: 0"})
+    EXPECT_NE(usage.find(item), std::string::npos) << item << " in:\n" << usage;
+  for (const char *args : {"-h", "/?", "-?", "--raw --help", "ls --help", "--help -- update"}) {
+    kt::ran r = kivctl(args);
+    EXPECT_EQ(r.out, usage) << args;
+    EXPECT_EQ(r.err, "") << args;
+    EXPECT_EQ(r.code, 0u) << args;
+  }
+  EXPECT_EQ(kivctl("--raw ls -h").out, listing);
   // The disable command's mark is read as such whatever time zone kivctl runs in.
   ASSERT_EQ(kt::client().command("disable " + a), replies{"+"});
   SetEnvironmentVariableA("TZ", "XXX-14");

@@ -64,8 +64,8 @@ TEST(Messages, EveryEventFormatsFromKivdsOwnTable) {
        "The agent of service echo (process 4242) on port 8080 ended by exception 0xC0000005. "
        "The port rests until @."},
       {KIVEV_PORT_NO_PROGRAM, W, 0, "",
-       "Service echo has no program configured: each connection to port 8080 is closed at "
-       "once."},
+       "Service echo has no program configured: port 8080 is not served until one is "
+       "configured."},
       {KIVEV_CONFIG_REFUSED, W, 0, ".tcp.s8080.start",
        "The configuration value .tcp.s8080.start = \"sometimes\" is refused: what it configures "
        "is not served until it is corrected."},

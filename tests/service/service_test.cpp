@@ -285,6 +285,11 @@ TEST(PipeSecurity, TheDescriptorBlock) {
   EXPECT_FALSE(defaulted);
   // The access list lives in the same block, right behind the descriptor.
   EXPECT_EQ(reinterpret_cast<char *>(dacl), reinterpret_cast<char *>(sd + 1));
+  // So does the label's list, behind the access list: one xfree releases all of it.
+  PACL sacl = nullptr;
+  ASSERT_TRUE(GetSecurityDescriptorSacl(sd, &present, &sacl, &defaulted));
+  EXPECT_TRUE(present);
+  EXPECT_EQ(reinterpret_cast<char *>(sacl), reinterpret_cast<char *>(dacl) + dacl->AclSize);
   xfree(sd);  // its entries: the console test reads them back from the pipe
 }
 

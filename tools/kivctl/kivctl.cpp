@@ -7,7 +7,8 @@
 // Exit codes: 0 for "+", a listing, or a "quit" that hung up; 1 for a "-" reply or a
 // wrong option; 2 when the pipe cannot be opened or breaks.
 // `kivctl status` says whether the service is installed, its state, and kivd's pid and
-// ports by state. `kivctl --version` prints the version. `kivctl apply [--dry-run] FILE.cfg` and `kivctl
+// ports by state. `kivctl --version` prints the version; `--help` (or `-h`, `/?` as the
+// first word) prints the usage. `kivctl apply [--dry-run] FILE.cfg` and `kivctl
 // export` work on the registry (apply.h).
 #include <windows.h>
 
@@ -32,6 +33,50 @@ namespace {
 // How replies are printed: for people (a table, no framing, "-" texts on standard
 // error), the protocol's elements as they come (--raw), or JSON (--json).
 enum class output { people, raw, json };
+
+// What `kivctl --help` prints: every command with its words, kivctl's own options and
+// the exit codes a script tells results by.
+const char USAGE[] =
+    "usage: kivctl [--raw|--json] COMMAND [WORDS...]\n"
+    "       kivctl [--raw|--json]       commands from standard input, one per line\n"
+    "\n"
+    "Commands of kivd (over " WIRE_PIPE
+    "):\n"
+    "  ls                             the ports: service, mode, state, agent\n"
+    "  why [PORT|NAME]                the last events of a port, service or global program\n"
+    "                                 and what kivd does next; no word: kivd's own\n"
+    "  disable PORT                   take a port out of service until enabled\n"
+    "  enable PORT                    put a disabled port back into service\n"
+    "  add -p PORT [-i PID] [-- ARGS] hook a port (for process PID, extra agent arguments)\n"
+    "  remove PORT                    remove a hooked port\n"
+    "  reconfig                       read the configuration from the registry again\n"
+    "  update                         run the port manager's pass now\n"
+    "  info                           the account kivd runs as\n"
+    "  quit [-Q]                      hang up; with -Q kivd stops\n"
+    "\n"
+    "Commands of kivctl:\n"
+    "  status                         the service, kivd's pid and its ports by state\n"
+    "  apply [--dry-run] FILE.cfg     make the registry's configuration what the file says\n"
+    "  export                         the registry's configuration in the file syntax\n"
+    "\n"
+    "Options (wherever they stand before a --):\n"
+    "  --raw                          the reply's protocol elements, one per line\n"
+    "  --json                         the reply as JSON\n"
+    "  --version                      kivctl's version\n"
+    "  --help, -h, -?, /?             this text\n"
+    "\n"
+    "Exit codes: 0 success (\"+\", a listing); 1 a \"-\" reply or a wrong option;\n"
+    "  2 the pipe cannot be opened or breaks.\n"
+    "apply: 0 the registry already says what the file says; 3 it was changed (--dry-run:\n"
+    "  would be); 1 the file is refused or the usage is wrong; 2 the registry or the pipe\n"
+    "  failed. export: 0, or 2 when the registry cannot be read.\n";
+
+// A request for the usage: --help wherever kivctl's options count; -h and /? as the
+// first word only, since after a command word they may be the command's own.
+bool asks_help(const char *word, bool first) {
+  return strcmp(word, "--help") == 0 ||
+         (first && (strcmp(word, "-h") == 0 || strcmp(word, "/?") == 0 || strcmp(word, "-?") == 0));
+}
 
 // The command word of a line, as the server splits it.
 std::string first_word(const char *line, int length) {
@@ -214,6 +259,10 @@ int main(int argc, char **argv) {
   bool command = false, ended = false;
   for (int i = 1; i < argc; i++) {
     const char *word = argv[i];
+    if (!ended && asks_help(word, !command)) {
+      fputs(USAGE, stdout);
+      return 0;
+    }
     if (ended || strncmp(word, "--", 2) != 0) {
       command = true;
     } else if (strcmp(word, "--") == 0) {
@@ -229,7 +278,7 @@ int main(int argc, char **argv) {
       mode = output::json;
       continue;
     } else if (!command) {
-      fprintf(stderr, "kivctl: unknown option %s (--raw, --json, --version)\n", word);
+      fprintf(stderr, "kivctl: unknown option %s (--raw, --json, --version, --help)\n", word);
       return 1;
     }
     argv[kept++] = argv[i];

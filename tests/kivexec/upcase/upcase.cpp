@@ -6,7 +6,7 @@
 //   stderr   first "to stderr" on its standard error
 //   hang     nothing at all: it never ends by itself (ended after a minute, so that a
 //            failed test leaves nothing behind)
-// Any further argument is written first, one a line: the tests pass none.
+// Any further argument is written first, one a line: a test sees the program run.
 #include <cctype>
 #include <string>
 
