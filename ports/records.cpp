@@ -187,9 +187,15 @@ port_record *addport(int number, service_record *svc, int start, const char *add
       // connection signals the event again.
       if (p->sock != INVALID_SOCKET) WSAEventSelect(p->sock, p->event, FD_ACCEPT);
     } else if (cur->start == start) {
-      // Another address: the old record's agent is told to remove the port and the new
-      // record listens anew.
+      // Another address: the old record's agent is told to remove the port, and the new
+      // binding could collide with the agent's copy of the old socket. The pass waits for
+      // the end of an agent the port was the last of; one that keeps other ports never
+      // ends, so the new record rests as for a start-mode change.
       KIV_LOG(3, TAG, "Port %d moves to %s", p->port, p->address ? p->address : "0.0.0.0");
+      if (cur->agent && cur->agent->links > 1) {
+        p->flags |= PORT_DISABLED;
+        p->until = kiv_time() + DISABLE_MODECHANGE;
+      }
     } else {
       cur->flags |= PORT_EXIT;
       KIV_LOG(3, TAG, "New port disabled for 10 seconds");

@@ -101,6 +101,7 @@ void release_port(port_record *p) {
 // The port pass; returns the number of the port due next, or 0.
 int port_pass(time_t now) {
   int nextport = 0;
+  int held = 0;  // a number whose removed record's agent may still hold its socket
   // An unlink leaves link pointing at the successor, which is handled next.
   for (port_record **link = &ssock_ports, *p; (p = *link) != nullptr;) {
     if (p->agent) p->agent->listed = 0;
@@ -116,10 +117,12 @@ int port_pass(time_t now) {
         unlink_port(link);
         continue;
       }
+      held = p->port;
     } else if (disabled_by_command(p)) {
       release_port(p);
-    } else if (p->agent || stopping()) {
-      // Held by its agent, or the service is stopping: nothing to start.
+    } else if (p->agent || stopping() || p->port == held) {
+      // Held by its agent or by an older record's (whose end runs the pass that starts
+      // this one), or the service is stopping: nothing to start.
     } else if (p->start == START_ON) {
       if (!((p->flags & PORT_DISABLED) && now < p->until)) {
         p->flags &= ~PORT_DISABLED;

@@ -104,6 +104,61 @@ TEST_F(Reconfig, ChangedAndRemovedKeys) {
   EXPECT_EQ(waits(0, {agent_b}), waits());
 }
 
+// A changed address while the port's agent still holds the old socket, whose binding
+// the new one would collide with: the new record waits for that agent and listens at
+// once when it has let the port go. An agent that keeps other ports never ends: the new
+// record gets the start-mode change's short rest, never the failed listen's long one.
+TEST_F(Reconfig, MovedPortListensOnceItsAgentLetsGo) {
+  struct {
+    const char *from, *to;  // null: no address, every IPv4 address
+    bool other_port;        // the agent serves a second port, which stays
+  } rows[] = {
+      {nullptr, "127.0.0.1", false},
+      {"127.0.0.1", "::", false},
+      {"::", nullptr, false},
+      {nullptr, "127.0.0.1", true},
+  };
+  for (auto &r : rows) {
+    SCOPED_TRACE(std::string(r.from ? r.from : "(none)") + " -> " + (r.to ? r.to : "(none)") +
+                 (r.other_port ? ", agent with another port" : ""));
+    restart_manager();
+    auto p = free_ports(2);
+    std::string a = record_path("a");
+    set_service("a", agent_program(a));
+    bool configured = false;
+    auto configure = [&](const char *address) {
+      if (configured) remove_key("tcp\\s" + std::to_string(p[0]));
+      configured = true;
+      set_port(p[0], "auto", "a");
+      if (address) kt::set_value("tcp\\s" + std::to_string(p[0]), "address", address);
+    };
+    configure(r.from);
+    if (r.other_port) set_port(p[1], "auto", "a");
+    ASSERT_EQ(0, ssock_reconfig());
+    DWORD agent = start_agent_on(p[0], a);
+    std::string listening = "Listening on port " + std::to_string(p[0]) + " for a";
+    ASSERT_EQ(1, logged(listening));
+    configure(r.to);
+    ASSERT_EQ(0, ssock_reconfig());
+    if (r.other_port) {
+      ASSERT_TRUE(
+          pump_until([&] { return has_text(a, "#closed " + std::to_string(p[0]), agent); }));
+      EXPECT_EQ(line_of(p[0], "a", "Auto") + disable_of(now + 10) +
+                    (r.to ? std::string(" Address=") + r.to : ""),
+                listing().at(0));
+      advance(10);
+    } else {  // the agent's end, once it has read "remove", is what the manager waits for
+      EXPECT_EQ(1, logged(listening)) << "no bind while the agent may hold the port";
+      EXPECT_TRUE(pump_until([&] { return logged(listening) == 2; }));
+      EXPECT_TRUE(has_text(a, "#eof", agent));
+    }
+    EXPECT_EQ(0, logged("Failed to listen"));
+    if (logged(listening) != 2) continue;  // the port rests: nothing to connect to
+    DWORD successor = start_agent_on(p[0], a);
+    EXPECT_NE(agent, successor);
+  }
+}
+
 // A disable by command outlives the record: its replacement, for another service and
 // then another start mode, stays disabled until the enable command.
 TEST_F(Reconfig, DisableByCommandCarriesOverToTheReplacement) {
