@@ -119,6 +119,7 @@ struct child_record {
   int links;    // port records whose agent this is
   int listed;   // 0, 1, 2 while the wait list is built
   HANDLE job;   // holds the agent and what it starts; closing it ends them
+  int owed;     // bytes of a "reconfig" notice a full pipe cut, written before any other line
 };
 
 // Module state (ports/records.cpp).
@@ -186,8 +187,11 @@ int start_agent(port_record *p, DWORD *error);
 int start_child(const char *application, const char *command_line, DWORD pipe_size, int account,
                 const job_limits &limits, child_record *c, DWORD *error);
 int start_prog(prog_record *pg, DWORD *error);  // 0, KIV_EINVAL (throttled), KIV_ESYS
-// Writes one agent command and CR LF; nothing once the child's pipe is closed.
+// Writes one agent command and CR LF without waiting for the agent: a command its full
+// pipe cannot take ends the agent. Nothing once the child's pipe is closed.
 void sendcmd(child_record *c, const char *format, ...) KIV_PRINTF(2, 3);
+// Writes the "reconfig" notice, which an agent may miss: dropped while its pipe is full.
+void send_reconfig(child_record *c);
 // The throttle shared by agents and programs: counts a start in *starts / *period_start;
 // false when `limit` starts already followed the one that opened a period still running.
 bool start_allowed(int *starts, time_t *period_start, int limit);

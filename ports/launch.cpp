@@ -345,6 +345,38 @@ int start_prog(prog_record *pg, DWORD *error) {
   return 0;
 }
 
+namespace {
+
+const char NOTICE[] = WIRE_RECONFIG "\r\n";
+constexpr DWORD NOTICE_LENGTH = sizeof NOTICE - 1;
+
+// Writes what the agent's pipe takes at once: the count written, or -1 once the agent
+// has closed its end (its end is handled as any other). kivd never waits for an agent to
+// read: an anonymous pipe is a named pipe, whose write end can be made not to wait.
+long write_nowait(child_record *c, const char *text, DWORD length) {
+  DWORD mode = PIPE_READMODE_BYTE | PIPE_NOWAIT, written = 0;
+  if (!SetNamedPipeHandleState(c->pipe, &mode, nullptr, nullptr)) {
+    kiv_logerror(nullptr, "ssock.sendcmd", KIV_SEV_ERROR, KIV_ESYS,
+                 "Pipe of %d cannot be written without waiting [%d]", static_cast<int>(c->pid),
+                 static_cast<int>(GetLastError()));
+    return 0;
+  }
+  if (!WriteFile(c->pipe, text, length, &written, nullptr))
+    return GetLastError() == ERROR_NO_DATA ? -1 : 0;
+  return static_cast<long>(written);
+}
+
+// The rest of a notice that a full pipe cut (Windows writes what fits) goes before any
+// other line, so the agent never reads a line cut short; true when nothing is owed.
+bool pay_owed(child_record *c) {
+  if (c->owed == 0) return true;
+  long n = write_nowait(c, NOTICE + NOTICE_LENGTH - c->owed, static_cast<DWORD>(c->owed));
+  if (n > 0) c->owed -= static_cast<int>(n);
+  return c->owed == 0 || n < 0;
+}
+
+}  // namespace
+
 void sendcmd(child_record *c, const char *format, ...) {
   static const char TAG[] = "ssock.sendcmd";
   if (!c->pipe) return;
@@ -362,6 +394,24 @@ void sendcmd(child_record *c, const char *format, ...) {
     KIV_LOG(3, TAG, "To %d: \"%s\"", static_cast<int>(c->pid), text);
   text[length] = '\r';
   text[length + 1] = '\n';
-  DWORD written = 0;
-  WriteFile(c->pipe, text, static_cast<DWORD>(length + 2), &written, nullptr);
+  long written = pay_owed(c) ? write_nowait(c, text, static_cast<DWORD>(length + 2)) : 0;
+  if (written < 0 || written == length + 2) return;
+  // A command the agent must get (a port to drop, the end) that its full pipe cannot
+  // take: rather than wait for it, or leave it serving what it was not told, kivd ends it.
+  // Its start-up always fits: its pipe is made for it.
+  kiv_logerror(nullptr, TAG, KIV_SEV_WARNING, KIV_EBUSY, "Agent %d does not read its pipe: ended",
+               static_cast<int>(c->pid));
+  TerminateProcess(c->process, 1);
+}
+
+void send_reconfig(child_record *c) {
+  if (!c->pipe) return;
+  long written = pay_owed(c) ? write_nowait(c, NOTICE, NOTICE_LENGTH) : 0;
+  if (written > 0 && written < static_cast<long>(NOTICE_LENGTH))
+    c->owed = static_cast<int>(NOTICE_LENGTH - written);
+  // An agent may miss this notice: while its pipe is full, it is dropped, so that an agent
+  // that reads only its start-up is neither waited for nor ended for it.
+  if (written == 0)
+    KIV_LOG(2, "ssock.send_reconfig", "Pipe of %d full: reconfig notice dropped",
+            static_cast<int>(c->pid));
 }

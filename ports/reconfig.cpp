@@ -130,7 +130,7 @@ int ssock_reconfig() {
   if (oldcount > 0 && oldcount == newcount) {
     for (int i = 0; i < nagents; i++) {
       KIV_LOG(3, TAG, "No port removed/added sending reconfig");
-      sendcmd(agents[i], WIRE_RECONFIG);
+      send_reconfig(agents[i]);
     }
   }
   return 0;

@@ -11,6 +11,8 @@
 //   -C<0x..>  the read end of the agent pipe, as the manager appends it
 //   -D<spec>  the manager's debug spec (recorded with the command line only)
 //   -W<path>  read nothing from the pipe until the file <path> exists (a slow agent)
+//   -N        read nothing from the pipe after the start-up lines (an agent that never
+//             follows the manager, so its pipe fills)
 //   -R[port]  report what it runs with (tests/testagent/report.h) and the "#handles" line:
 //             to each client after the greeting, then "."; without a pipe (a global program), once to a client
 //             connection it makes to 127.0.0.1:<port>
@@ -240,7 +242,7 @@ int main(int argc, char **argv) {
     ExitProcess(0);
   }
   record("#ready");
-  CreateThread(nullptr, 0, pipe_thread, nullptr, 0, nullptr);
+  if (!opt['N']) CreateThread(nullptr, 0, pipe_thread, nullptr, 0, nullptr);
 
   while (GetTickCount() - started < LIFETIME_MS) {
     EnterCriticalSection(&lock);
