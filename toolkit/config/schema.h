@@ -70,6 +70,18 @@ constexpr long SCHEMA_PROCESSES_MAX = 65536;
 #define SCHEMA_TEXT_OF(x) SCHEMA_TEXT_OF2(x)
 #define SCHEMA_TEXT_OF2(x) #x
 
+// The account an agent or a global program runs as and its job's three limits, in the
+// order SCHEMA_LIMIT_* gives them: the same four rows in each section that has them.
+#define SCHEMA_LIMIT_ROWS(X, WHO, section)                                                       \
+  X(WHO##_ACCOUNT, section, "account", "account", SCHEMA_WORDS, SCHEMA_ACCOUNTS, true, 0, 0,     \
+    nullptr, nullptr, false)                                                                     \
+  X(WHO##_MEMORY, section, "memory", "memory", SCHEMA_DIGITS, nullptr, false, 1,                 \
+    SCHEMA_MEMORY_MAX, "megabytes", nullptr, false)                                              \
+  X(WHO##_PROCESSES, section, "processes", "processes", SCHEMA_DIGITS, nullptr, false, 1,        \
+    SCHEMA_PROCESSES_MAX, "processes", nullptr, false)                                           \
+  X(WHO##_CPU, section, "cpu", "cpu", SCHEMA_DIGITS, nullptr, false, 1, 100, "percent", nullptr, \
+    false)
+
 // Every value, by section: X(NAME, section, name, label, kind, words, anycase, min, max,
 // unit, fallback, required), in schema_value's order. SCHEMA_<NAME> is its row's index in
 // schema_values: a value added is one line here, and code naming one that has none does
@@ -88,26 +100,12 @@ constexpr long SCHEMA_PROCESSES_MAX = 65536;
     false, 0, 0, nullptr, nullptr, false)                                                         \
   X(SERVICE_LIFESPAN, SCHEMA_SERVICES, "lifespan", "lifespan", SCHEMA_DIGITS, nullptr, false, 0,  \
     WIRE_LIFESPAN_MAX, "seconds", SCHEMA_TEXT_OF(WIRE_DEFAULT_LIFESPAN), false)                   \
-  X(SERVICE_ACCOUNT, SCHEMA_SERVICES, "account", "account", SCHEMA_WORDS, SCHEMA_ACCOUNTS, true,  \
-    0, 0, nullptr, nullptr, false)                                                                \
-  X(SERVICE_MEMORY, SCHEMA_SERVICES, "memory", "memory", SCHEMA_DIGITS, nullptr, false, 1,        \
-    SCHEMA_MEMORY_MAX, "megabytes", nullptr, false)                                               \
-  X(SERVICE_PROCESSES, SCHEMA_SERVICES, "processes", "processes", SCHEMA_DIGITS, nullptr, false,  \
-    1, SCHEMA_PROCESSES_MAX, "processes", nullptr, false)                                         \
-  X(SERVICE_CPU, SCHEMA_SERVICES, "cpu", "cpu", SCHEMA_DIGITS, nullptr, false, 1, 100, "percent", \
-    nullptr, false)                                                                               \
+  SCHEMA_LIMIT_ROWS(X, SERVICE, SCHEMA_SERVICES)                                                  \
   X(PROGRAM_START, SCHEMA_PROGRAMS, "start", "start mode", SCHEMA_WORDS, SCHEMA_PROGRAM_STARTS,   \
     true, 0, 0, nullptr, nullptr, false)                                                          \
   X(PROGRAM_PROGRAM, SCHEMA_PROGRAMS, "program", "program", SCHEMA_LINE, nullptr, false, 1,       \
     SCHEMA_PROGRAM_LINE_MAX, nullptr, nullptr, true)                                              \
-  X(PROGRAM_ACCOUNT, SCHEMA_PROGRAMS, "account", "account", SCHEMA_WORDS, SCHEMA_ACCOUNTS, true,  \
-    0, 0, nullptr, nullptr, false)                                                                \
-  X(PROGRAM_MEMORY, SCHEMA_PROGRAMS, "memory", "memory", SCHEMA_DIGITS, nullptr, false, 1,        \
-    SCHEMA_MEMORY_MAX, "megabytes", nullptr, false)                                               \
-  X(PROGRAM_PROCESSES, SCHEMA_PROGRAMS, "processes", "processes", SCHEMA_DIGITS, nullptr, false,  \
-    1, SCHEMA_PROCESSES_MAX, "processes", nullptr, false)                                         \
-  X(PROGRAM_CPU, SCHEMA_PROGRAMS, "cpu", "cpu", SCHEMA_DIGITS, nullptr, false, 1, 100, "percent", \
-    nullptr, false)
+  SCHEMA_LIMIT_ROWS(X, PROGRAM, SCHEMA_PROGRAMS)
 
 #define SCHEMA_ID(NAME, ...) SCHEMA_##NAME,
 enum { SCHEMA_ROWS(SCHEMA_ID) SCHEMA_VALUES };
