@@ -422,7 +422,7 @@ int kivagent_listen_on(unsigned port, const char *address, unsigned flags, SOCKE
        setsockopt(sock, IPPROTO_IPV6, IPV6_V6ONLY, reinterpret_cast<const char *>(&v6only),
                   sizeof v6only) == SOCKET_ERROR) ||
       bind(sock, reinterpret_cast<sockaddr *>(&addr), addrlen) == SOCKET_ERROR ||
-      listen(sock, 10) == SOCKET_ERROR || set_mode(sock, flags) != 0) {
+      listen(sock, WIRE_LISTEN_BACKLOG) == SOCKET_ERROR || set_mode(sock, flags) != 0) {
     int err = WSAGetLastError();
     closesocket(sock);
     WSASetLastError(err);

@@ -37,6 +37,8 @@ constexpr unsigned WIRE_SOCKET_FLAGS = 0;
 // WIRE_ADDRESS_MAX characters.
 #define WIRE_PORT_AT "-Ptcp:"
 constexpr int WIRE_ADDRESS_MAX = 63;
+// The listen backlog of every listening socket of a port, kivd's and an "on" agent's alike.
+constexpr int WIRE_LISTEN_BACKLOG = 10;
 // The longest port line: port 65535 handed over, without its CR LF.
 constexpr int WIRE_PORT_LINE_MAX = sizeof WIRE_PORT "65535@" - 1 + WIRE_INFO_TEXT;
 

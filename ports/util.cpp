@@ -104,7 +104,7 @@ int listen_on(uint16_t port, SOCKET *out, const char *address, int *error) {
     return listen_failed(s, "setsockopt", error);
   if (bind(s, reinterpret_cast<sockaddr *>(&local), locallength) == SOCKET_ERROR)
     return listen_failed(s, "bind", error);
-  if (listen(s, 10) == SOCKET_ERROR) return listen_failed(s, "listen", error);
+  if (listen(s, WIRE_LISTEN_BACKLOG) == SOCKET_ERROR) return listen_failed(s, "listen", error);
   *out = s;
   return 0;
 }

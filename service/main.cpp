@@ -2,9 +2,14 @@
 // hands the process to the service dispatcher (-S), or runs in the foreground.
 #include "service/sserv.h"
 #include "toolkit/runtime/getopt.h"
+#include "toolkit/runtime/init.h"
 #include "toolkit/runtime/log.h"
+#include "toolkit/runtime/memory.h"
 
 int main(int argc, char **argv) {
+  // From the first allocation on, not only once the toolkit is initialised: the pipe and
+  // the event log outlet are set up before it.
+  kiv_setallocreporter(kiv_allocreport);
   const char *debugspec = nullptr;
   int action = 0;
   bool service = false;

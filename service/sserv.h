@@ -18,6 +18,7 @@ constexpr DWORD SSERV_RESET_SECONDS = 86400;
 constexpr int SSERV_CMDLINE = 388;  // the installed command line, terminator included
 constexpr int SSERV_WEEK = 604800;  // the wait when nothing is due
 
+// Installation (install.cpp).
 // `action` 'I' installs, 'U' stops and removes; debugspec may be null. Writes its
 // messages to standard output. Returns the exit code, 0 or 1.
 int install_service(int action, const char *debugspec);
@@ -25,6 +26,10 @@ int install_service(int action, const char *debugspec);
 // with a debug spec, " -D<spec>;>c:/kivd.txt",
 // into buffer of size bytes. 0, or KIV_EOVERFLOW when it does not fit (buffer then empty).
 int install_cmdline(char *buffer, int size, const char *exe, const char *debugspec);
+// The running service's own registration put right: a path with a blank registered
+// unquoted is quoted, and recovery is set when none is configured (an operator's own
+// recovery is kept). Failures are logged as warnings.
+void secure_registration();
 
 // Service main and control handler, in the forms the service dispatcher calls.
 void WINAPI kivw32_service_start(DWORD argc, char **argv);

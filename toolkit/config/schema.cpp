@@ -15,9 +15,7 @@
 #include "lib/strcase.h"
 #include "lib/wire.h"
 #include "toolkit/runtime/error.h"
-
-#define SCHEMA_TEXT_OF(x) SCHEMA_TEXT_OF2(x)
-#define SCHEMA_TEXT_OF2(x) #x
+#include "toolkit/runtime/init.h"
 
 const schema_section schema_sections[SCHEMA_SECTIONS] = {
     {"services", "", "service"},
@@ -26,23 +24,12 @@ const schema_section schema_sections[SCHEMA_SECTIONS] = {
 };
 
 namespace {
-// kivd compares a port's start exactly; "hook" only lets a port be hooked by "add".
-const char *const PORT_STARTS[] = {"auto", "hook", "on", nullptr};
-// kivd starts a global program for "on" in any letter case; "off" is the one other word
-// taken, so that a misspelt "on" is refused rather than silently off.
-const char *const PROGRAM_STARTS[] = {"on", "off", nullptr};
-// A global program's line goes to CreateProcess, which takes at most 32767 characters
-// with the terminator.
-constexpr long PROGRAM_LINE_MAX = 32766;
 
 // True when the system's own parser reads text as one numeric IPv4 or IPv6 address (a
 // scope included), as kivd's listen does; kivd and kivctl apply judge by this one call.
 bool numeric_address(const char *text) {
-#ifdef _WIN32
-  // Counted: kivd's own start-up stays in force; kivctl apply has none of its own.
-  WSADATA data;
-  if (WSAStartup(MAKEWORD(2, 2), &data) != 0) return false;
-#endif
+  // Started once per process, whoever asks first (kivctl apply has no start-up of its own).
+  if (kiv_net_init() != 0) return false;
   // Some systems' parsers take "[::1]" too; the brackets are how kivd writes an address
   // before a port, never part of one.
   if (text[0] == '[') return false;
@@ -52,56 +39,20 @@ bool numeric_address(const char *text) {
   int rc = getaddrinfo(text, "1", &hints, &found);
   bool ok = rc == 0 && found && (found->ai_family == AF_INET || found->ai_family == AF_INET6);
   if (found) freeaddrinfo(found);
-#ifdef _WIN32
-  WSACleanup();
-#endif
   return ok;
 }
-// A job's memory limit in megabytes, at most 1 TB: far above what one agent should need,
-// and its bytes fit any SIZE_T of 64 bits.
-constexpr long MEMORY_MAX = 1048576;
-// Processes alive in one job at once: one agent and the programs it starts. The bound is
-// a sanity check of the number, well below what any machine can run.
-constexpr long PROCESSES_MAX = 65536;
 }  // namespace
 
-// An absent account is kivd's own ("system"), an absent limit no limit.
 const char *const SCHEMA_ACCOUNTS[SCHEMA_ACCOUNT_KINDS + 1] = {
     "system", "LocalService", "NetworkService", "restricted", nullptr};
 
-const schema_value schema_values[SCHEMA_VALUES] = {
-    {SCHEMA_PORTS, "start", "start mode", SCHEMA_WORDS, PORT_STARTS, false, 0, 0, nullptr, nullptr,
-     true},
-    {SCHEMA_PORTS, "service", "service", SCHEMA_NAME, nullptr, false, 0, 0, nullptr, nullptr, true},
-    {SCHEMA_PORTS, "address", "address", SCHEMA_ADDRESS, nullptr, false, 1, WIRE_ADDRESS_MAX,
-     nullptr, nullptr, false},
-    {SCHEMA_SERVICES, "program", "program", SCHEMA_LINE, nullptr, false, 1,
-     SCHEMA_AGENT_PROGRAM_MAX, nullptr, nullptr, true},
-    {SCHEMA_SERVICES, "description", "description", SCHEMA_TEXT, nullptr, false, 0, 0, nullptr,
-     nullptr, false},
-    {SCHEMA_SERVICES, "lifespan", "lifespan", SCHEMA_DIGITS, nullptr, false, 0, WIRE_LIFESPAN_MAX,
-     "seconds", SCHEMA_TEXT_OF(WIRE_DEFAULT_LIFESPAN), false},
-    {SCHEMA_SERVICES, "account", "account", SCHEMA_WORDS, SCHEMA_ACCOUNTS, true, 0, 0, nullptr,
-     nullptr, false},
-    {SCHEMA_SERVICES, "memory", "memory", SCHEMA_DIGITS, nullptr, false, 1, MEMORY_MAX, "megabytes",
-     nullptr, false},
-    {SCHEMA_SERVICES, "processes", "processes", SCHEMA_DIGITS, nullptr, false, 1, PROCESSES_MAX,
-     "processes", nullptr, false},
-    {SCHEMA_SERVICES, "cpu", "cpu", SCHEMA_DIGITS, nullptr, false, 1, 100, "percent", nullptr,
-     false},
-    {SCHEMA_PROGRAMS, "start", "start mode", SCHEMA_WORDS, PROGRAM_STARTS, true, 0, 0, nullptr,
-     nullptr, false},
-    {SCHEMA_PROGRAMS, "program", "program", SCHEMA_LINE, nullptr, false, 1, PROGRAM_LINE_MAX,
-     nullptr, nullptr, true},
-    {SCHEMA_PROGRAMS, "account", "account", SCHEMA_WORDS, SCHEMA_ACCOUNTS, true, 0, 0, nullptr,
-     nullptr, false},
-    {SCHEMA_PROGRAMS, "memory", "memory", SCHEMA_DIGITS, nullptr, false, 1, MEMORY_MAX, "megabytes",
-     nullptr, false},
-    {SCHEMA_PROGRAMS, "processes", "processes", SCHEMA_DIGITS, nullptr, false, 1, PROCESSES_MAX,
-     "processes", nullptr, false},
-    {SCHEMA_PROGRAMS, "cpu", "cpu", SCHEMA_DIGITS, nullptr, false, 1, 100, "percent", nullptr,
-     false},
-};
+// kivd compares a port's start exactly; "hook" only lets a port be hooked by "add".
+const char *const SCHEMA_PORT_STARTS[] = {"auto", "hook", "on", nullptr};
+const char *const SCHEMA_PROGRAM_STARTS[] = {"on", "off", nullptr};
+
+#define SCHEMA_ROW(NAME, ...) {__VA_ARGS__},
+const schema_value schema_values[SCHEMA_VALUES] = {SCHEMA_ROWS(SCHEMA_ROW)};
+#undef SCHEMA_ROW
 
 int kivschema_judge(const schema_value &v, const char *text) {
   size_t length = strlen(text);

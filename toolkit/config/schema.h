@@ -5,6 +5,8 @@
 #pragma once
 #include <cstddef>
 
+#include "lib/wire.h"
+
 // Tree paths built from a key's name fit buffers of this size, terminator included.
 constexpr int SCHEMA_PATH_SIZE = 256;
 
@@ -30,13 +32,13 @@ extern const schema_section schema_sections[SCHEMA_SECTIONS];
 
 // How a value's text is judged.
 enum {
-  SCHEMA_TEXT,    // anything
-  SCHEMA_LINE,    // a command line of 1 to `max` characters
-  SCHEMA_WORDS,   // one of `words`: exactly, or in any letter case with `anycase`
-  SCHEMA_DIGITS,  // decimal digits, no more of them than `max` has, worth `min` to `max`
-  SCHEMA_NAME,    // a service's name, one its section's paths can be built from
-  SCHEMA_ADDRESS, // a numeric IPv4 or IPv6 address of at most `max` characters, as the
-                  // system's getaddrinfo reads it with AI_NUMERICHOST
+  SCHEMA_TEXT,     // anything
+  SCHEMA_LINE,     // a command line of 1 to `max` characters
+  SCHEMA_WORDS,    // one of `words`: exactly, or in any letter case with `anycase`
+  SCHEMA_DIGITS,   // decimal digits, no more of them than `max` has, worth `min` to `max`
+  SCHEMA_NAME,     // a service's name, one its section's paths can be built from
+  SCHEMA_ADDRESS,  // a numeric IPv4 or IPv6 address of at most `max` characters, as the
+                   // system's getaddrinfo reads it with AI_NUMERICHOST
 };
 
 struct schema_value {
@@ -52,27 +54,62 @@ struct schema_value {
   bool required;         // a key without it means nothing to kivd
 };
 
-// The rows, by section, in this order. A port's start words are in the order of kivd's
-// start modes (1 auto, 2 hook, 3 on): the word's index plus 1 is the mode.
-enum {
-  SCHEMA_PORT_START,
-  SCHEMA_PORT_SERVICE,
-  SCHEMA_PORT_ADDRESS,  // the local address a port listens on; absent: every IPv4 address
-  SCHEMA_SERVICE_PROGRAM,
-  SCHEMA_SERVICE_DESCRIPTION,
-  SCHEMA_SERVICE_LIFESPAN,
-  SCHEMA_SERVICE_ACCOUNT,  // then memory, processes and cpu, as SCHEMA_LIMITS orders them
-  SCHEMA_SERVICE_MEMORY,
-  SCHEMA_SERVICE_PROCESSES,
-  SCHEMA_SERVICE_CPU,
-  SCHEMA_PROGRAM_START,  // word 0, "on" in any letter case, starts the program
-  SCHEMA_PROGRAM_PROGRAM,
-  SCHEMA_PROGRAM_ACCOUNT,  // as the service's four
-  SCHEMA_PROGRAM_MEMORY,
-  SCHEMA_PROGRAM_PROCESSES,
-  SCHEMA_PROGRAM_CPU,
-  SCHEMA_VALUES
-};
+// The words of a port's start, in the order of kivd's start modes (1 auto, 2 hook, 3 on):
+// the word's index plus 1 is the mode. A global program's: word 0, "on" in any letter
+// case, starts it; "off" is the one other word taken, so a misspelt "on" is refused.
+extern const char *const SCHEMA_PORT_STARTS[];
+extern const char *const SCHEMA_PROGRAM_STARTS[];
+// A global program's line goes to CreateProcess: at most 32767 characters with the zero.
+constexpr long SCHEMA_PROGRAM_LINE_MAX = 32766;
+// A job's memory limit in megabytes, at most 1 TB: far above what one agent should need,
+// and its bytes fit any SIZE_T of 64 bits.
+constexpr long SCHEMA_MEMORY_MAX = 1048576;
+// Processes alive in one job at once: one agent and the programs it starts. The bound is
+// a sanity check of the number, well below what any machine can run.
+constexpr long SCHEMA_PROCESSES_MAX = 65536;
+#define SCHEMA_TEXT_OF(x) SCHEMA_TEXT_OF2(x)
+#define SCHEMA_TEXT_OF2(x) #x
+
+// The account an agent or a global program runs as and its job's three limits, in the
+// order SCHEMA_LIMIT_* gives them: the same four rows in each section that has them.
+#define SCHEMA_LIMIT_ROWS(X, WHO, section)                                                       \
+  X(WHO##_ACCOUNT, section, "account", "account", SCHEMA_WORDS, SCHEMA_ACCOUNTS, true, 0, 0,     \
+    nullptr, nullptr, false)                                                                     \
+  X(WHO##_MEMORY, section, "memory", "memory", SCHEMA_DIGITS, nullptr, false, 1,                 \
+    SCHEMA_MEMORY_MAX, "megabytes", nullptr, false)                                              \
+  X(WHO##_PROCESSES, section, "processes", "processes", SCHEMA_DIGITS, nullptr, false, 1,        \
+    SCHEMA_PROCESSES_MAX, "processes", nullptr, false)                                           \
+  X(WHO##_CPU, section, "cpu", "cpu", SCHEMA_DIGITS, nullptr, false, 1, 100, "percent", nullptr, \
+    false)
+
+// Every value, by section: X(NAME, section, name, label, kind, words, anycase, min, max,
+// unit, fallback, required), in schema_value's order. SCHEMA_<NAME> is its row's index in
+// schema_values: a value added is one line here, and code naming one that has none does
+// not compile. An absent account is kivd's own ("system"), an absent limit no limit.
+#define SCHEMA_ROWS(X)                                                                            \
+  X(PORT_START, SCHEMA_PORTS, "start", "start mode", SCHEMA_WORDS, SCHEMA_PORT_STARTS, false, 0,  \
+    0, nullptr, nullptr, true)                                                                    \
+  X(PORT_SERVICE, SCHEMA_PORTS, "service", "service", SCHEMA_NAME, nullptr, false, 0, 0, nullptr, \
+    nullptr, true)                                                                                \
+  /* the local address a port listens on; absent: every IPv4 address */                           \
+  X(PORT_ADDRESS, SCHEMA_PORTS, "address", "address", SCHEMA_ADDRESS, nullptr, false, 1,          \
+    WIRE_ADDRESS_MAX, nullptr, nullptr, false)                                                    \
+  X(SERVICE_PROGRAM, SCHEMA_SERVICES, "program", "program", SCHEMA_LINE, nullptr, false, 1,       \
+    SCHEMA_AGENT_PROGRAM_MAX, nullptr, nullptr, true)                                             \
+  X(SERVICE_DESCRIPTION, SCHEMA_SERVICES, "description", "description", SCHEMA_TEXT, nullptr,     \
+    false, 0, 0, nullptr, nullptr, false)                                                         \
+  X(SERVICE_LIFESPAN, SCHEMA_SERVICES, "lifespan", "lifespan", SCHEMA_DIGITS, nullptr, false, 0,  \
+    WIRE_LIFESPAN_MAX, "seconds", SCHEMA_TEXT_OF(WIRE_DEFAULT_LIFESPAN), false)                   \
+  SCHEMA_LIMIT_ROWS(X, SERVICE, SCHEMA_SERVICES)                                                  \
+  X(PROGRAM_START, SCHEMA_PROGRAMS, "start", "start mode", SCHEMA_WORDS, SCHEMA_PROGRAM_STARTS,   \
+    true, 0, 0, nullptr, nullptr, false)                                                          \
+  X(PROGRAM_PROGRAM, SCHEMA_PROGRAMS, "program", "program", SCHEMA_LINE, nullptr, false, 1,       \
+    SCHEMA_PROGRAM_LINE_MAX, nullptr, nullptr, true)                                              \
+  SCHEMA_LIMIT_ROWS(X, PROGRAM, SCHEMA_PROGRAMS)
+
+#define SCHEMA_ID(NAME, ...) SCHEMA_##NAME,
+enum { SCHEMA_ROWS(SCHEMA_ID) SCHEMA_VALUES };
+#undef SCHEMA_ID
 // The account and the three job limits, in this order from a section's account row.
 enum {
   SCHEMA_LIMIT_ACCOUNT,

@@ -2,8 +2,10 @@
 
 #include "toolkit/runtime/cinit.h"
 #include "toolkit/runtime/error.h"
+#include "toolkit/runtime/events.h"
 #include "toolkit/runtime/locks.h"
 #include "toolkit/runtime/log.h"
+#include "toolkit/runtime/memory.h"
 #include "toolkit/runtime/platform.h"
 
 namespace {
@@ -31,18 +33,31 @@ kiv_event *registry_event;
 
 }  // namespace
 
+void kiv_allocreport(const char *tag, unsigned size) {
+  // %d as the report gives it: a size of 2^31 or more prints negative.
+  kiv_logerror(nullptr, tag, KIV_SEV_FATAL, KIV_ENOMEM, "failed to allocate %d bytes",
+               static_cast<int>(size));
+  kivev_event ev{};
+  ev.id = KIVEV_OUT_OF_MEMORY;
+  ev.size = size;
+  ev.text = tag;
+  kivev_emit(&ev);
+}
+
 int kiv_init(kiv_initrec *rec) {
   if (initcount != 0) {
     kiv_logerror(nullptr, TAG, KIV_SEV_WARNING, KIV_EBUSY, "called more than once");
     return KIV_EBUSY;
   }
   kiv_logsetpid(kiv_processid());
+  kiv_setallocreporter(kiv_allocreport);
   if (rec) {
     int32_t version = static_cast<int32_t>(rec->version);
     int32_t revision = static_cast<int32_t>(rec->revision);
-    bool accepted = version == 0 || (version == KIV_VERSION && revision <= KIV_REVISION);
-    rec->version = KIV_VERSION;
-    rec->revision = KIV_REVISION;
+    bool accepted =
+        version == 0 || (version == KIV_INTERFACE_VERSION && revision <= KIV_INTERFACE_REVISION);
+    rec->version = KIV_INTERFACE_VERSION;
+    rec->revision = KIV_INTERFACE_REVISION;
     if (!accepted) return KIV_ENOTFOUND;
   }
   kiv_locks_init();

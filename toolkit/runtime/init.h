@@ -20,9 +20,12 @@ constexpr uint32_t KIV_INIT_NOSUB1 = 0x1;  // suppress an optional subsystem (no
 constexpr uint32_t KIV_INIT_NOSUB2 = 0x2;
 constexpr uint32_t KIV_INIT_POLICY = 0x8000;  // policymarker and policyhook are present
 constexpr uint32_t KIV_POLICY_NONEXPORTABLE = 1;
-constexpr int KIV_VERSION = 5;
-constexpr int KIV_REVISION = 0;
+constexpr int KIV_INTERFACE_VERSION = 5;  // the toolkit's, not the product's (kiv_version.h)
+constexpr int KIV_INTERFACE_REVISION = 0;
 
+// The toolkit's out-of-memory report: "failed to allocate %d bytes" (FATAL, ENOMEM) under
+// tag, and the OUT_OF_MEMORY event. kiv_init installs it in the allocator.
+void kiv_allocreport(const char *tag, unsigned size);
 // 0; KIV_EBUSY (reported as a warning) when called before; KIV_ENOTFOUND when the
 // record asks for a version that is not provided (the toolkit stays uninitialised).
 int kiv_init(kiv_initrec *rec);

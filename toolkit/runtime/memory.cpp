@@ -4,19 +4,18 @@
 #include <cstring>
 
 #include "lib/heap.h"
-#include "toolkit/runtime/error.h"
-#include "toolkit/runtime/events.h"
-#include "toolkit/runtime/log.h"
+
+namespace {
+
+// Written by the start-up before the first thread, read by every allocation after.
+kiv_allocreporter reporter;
+
+}  // namespace
+
+void kiv_setallocreporter(kiv_allocreporter report) { reporter = report; }
 
 void kiv_allocfail(const char *tag, unsigned size) {
-  // %d as the report gives it: a size of 2^31 or more prints negative.
-  kiv_logerror(nullptr, tag ? tag : "kiv_alloc", KIV_SEV_FATAL, KIV_ENOMEM,
-               "failed to allocate %d bytes", static_cast<int>(size));
-  kivev_event ev{};
-  ev.id = KIVEV_OUT_OF_MEMORY;
-  ev.size = size;
-  ev.text = tag ? tag : "kiv_alloc";
-  kivev_emit(&ev);
+  if (reporter) reporter(tag ? tag : "kiv_alloc", size);
 }
 
 void *kiv_alloc(unsigned size, const char *tag) {
