@@ -283,40 +283,33 @@ void write_state(const port_record *p, int number, int context, ssock_writefunc 
 }  // namespace
 
 int ssock_why(const char *what, int context, ssock_writefunc write, const char *head) {
-  auto found = [&] {
-    if (head) write(context, head, static_cast<int>(strlen(head)));
-    return 0;
-  };
-  kivev_ring own;  // kivd's own lines that name a record without a ring
+  // A record without a ring (a port without a program, a service whose account was
+  // refused, ...) is answered from kivd's own lines that name it.
+  kivev_ring own, programs{};
+  const kivev_ring *ring = &own;
+  port_record *p = nullptr;
+  int number = 0;
   bool digits = *what != '\0' && strspn(what, "0123456789") == strlen(what);
   if (digits) {
-    int number = strlen(what) <= 5 ? atoi(what) : 0;
+    number = strlen(what) <= 5 ? atoi(what) : 0;
     if (number <= 0 || number > 65535) return KIV_ENOTFOUND;
-    port_record *p = find_port(number);
-    // A port without a record (no program, a refused value): kivd's own events that name it.
-    if (!p && kivev_own_named(KIVEV_F_PORT, number, nullptr, &own) == 0) return KIV_ENOTFOUND;
-    found();
-    write_ring(p ? p->ring : &own, context, write);
-    write_state(p, number, context, write);
-    return 0;
-  }
-  if (service_record *s = find_service(what)) {
-    found();
-    write_ring(s->ring, context, write);
-  } else if (prog_record *g = find_prog(what)) {
-    found();
-    write_ring(g->ring, context, write);
-  } else {
-    // A service or program without a record (its account or a limit refused).
-    kivev_ring programs;
-    if (kivev_own_named(KIVEV_F_SERVICE, 0, what, &own) +
-            kivev_own_named(KIVEV_F_PROGRAM, 0, what, &programs) ==
-        0)
+    if ((p = find_port(number)))
+      ring = p->ring;
+    else if (kivev_own_named(KIVEV_F_PORT, number, nullptr, &own) == 0)
       return KIV_ENOTFOUND;
-    found();
-    write_ring(&own, context, write);
-    write_ring(&programs, context, write);
+  } else if (service_record *s = find_service(what)) {
+    ring = s->ring;
+  } else if (prog_record *g = find_prog(what)) {
+    ring = g->ring;
+  } else if (kivev_own_named(KIVEV_F_SERVICE, 0, what, &own) +
+                 kivev_own_named(KIVEV_F_PROGRAM, 0, what, &programs) ==
+             0) {
+    return KIV_ENOTFOUND;
   }
+  if (head) write(context, head, static_cast<int>(strlen(head)));
+  write_ring(ring, context, write);
+  write_ring(&programs, context, write);
+  if (digits) write_state(p, number, context, write);
   return 0;
 }
 
