@@ -145,13 +145,10 @@ void cmd_why(int pipe, int argc, char **argv) {
     reply(pipe, ".");
     return;
   }
-  // The listing's "!" goes first: ssock_why writes nothing for a name it does not know,
-  // so it is asked first with a writer that discards.
-  if (int rc = ssock_why(argv[1], pipe, [](int, const char *, int) { return 0; })) {
+  // The listing's "!" goes first, once the name is known; nothing is written for one that is not.
+  if (int rc = ssock_why(argv[1], pipe, npipe_write, "!")) {
     reply_result(pipe, rc);
     return;
   }
-  reply(pipe, "!");
-  ssock_why(argv[1], pipe, npipe_write);
   reply(pipe, ".");
 }

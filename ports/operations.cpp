@@ -220,21 +220,10 @@ int ssock_info(int context, ssock_writefunc write) {
 
 namespace {
 
-// Writes kivd's own kept lines that carry field ("\tport=80") exactly, not as the start of
-// a longer value ("\tport=8080"). Returns how many.
-int own_lines(const char *field, int context, ssock_writefunc write) {
-  char line[KIVEV_LINE_SIZE];
-  size_t length = strlen(field);
-  int written = 0;
-  for (int i = 0; kivev_own_line(i, line, sizeof line); i++) {
-    for (const char *at = strstr(line, field); at; at = strstr(at + 1, field)) {
-      if (at[length] != '\t' && at[length] != '\0') continue;
-      write(context, line, static_cast<int>(strlen(line)));
-      written++;
-      break;
-    }
-  }
-  return written;
+// Writes the lines of ring, oldest first.
+void write_ring(const kivev_ring *ring, int context, ssock_writefunc write) {
+  for (int i = 0; const char *line = kivev_kept(ring, i); i++)
+    write(context, line, static_cast<int>(strlen(line)));
 }
 
 // The last line of `why PORT`: the port's state now, in the events' line format with
@@ -293,40 +282,34 @@ void write_state(const port_record *p, int number, int context, ssock_writefunc 
 
 }  // namespace
 
-int ssock_why(const char *what, int context, ssock_writefunc write) {
-  char field[16 + PATH_SIZE];
+int ssock_why(const char *what, int context, ssock_writefunc write, const char *head) {
+  // A record without a ring (a port without a program, a service whose account was
+  // refused, ...) is answered from kivd's own lines that name it.
+  kivev_ring own, programs{};
+  const kivev_ring *ring = &own;
+  port_record *p = nullptr;
+  int number = 0;
   bool digits = *what != '\0' && strspn(what, "0123456789") == strlen(what);
   if (digits) {
-    int number = strlen(what) <= 5 ? atoi(what) : 0;
+    number = strlen(what) <= 5 ? atoi(what) : 0;
     if (number <= 0 || number > 65535) return KIV_ENOTFOUND;
-    if (port_record *p = find_port(number)) {
-      for (int i = 0; const char *line = kivev_kept(p->ring, i); i++)
-        write(context, line, static_cast<int>(strlen(line)));
-      write_state(p, number, context, write);
-      return 0;
-    }
-    // A port without a record (no program, a refused value): kivd's own events that name it.
-    xsnprintf(field, sizeof field, "\tport=%d", number);
-    if (own_lines(field, context, write) == 0) return KIV_ENOTFOUND;
-    write_state(nullptr, number, context, write);
-    return 0;
-  }
-  const kivev_ring *ring = nullptr;
-  if (service_record *s = find_service(what)) {
+    if ((p = find_port(number)))
+      ring = p->ring;
+    else if (kivev_own_named(KIVEV_F_PORT, number, nullptr, &own) == 0)
+      return KIV_ENOTFOUND;
+  } else if (service_record *s = find_service(what)) {
     ring = s->ring;
   } else if (prog_record *g = find_prog(what)) {
     ring = g->ring;
-  } else {
-    // A service or program without a record (its account or a limit refused).
-    int written = 0;
-    for (const char *name : {"service", "program"}) {
-      xsnprintf(field, sizeof field, "\t%s=%.*s", name, PATH_SIZE - 1, what);
-      written += own_lines(field, context, write);
-    }
-    return written ? 0 : KIV_ENOTFOUND;
+  } else if (kivev_own_named(KIVEV_F_SERVICE, 0, what, &own) +
+                 kivev_own_named(KIVEV_F_PROGRAM, 0, what, &programs) ==
+             0) {
+    return KIV_ENOTFOUND;
   }
-  for (int i = 0; const char *line = kivev_kept(ring, i); i++)
-    write(context, line, static_cast<int>(strlen(line)));
+  if (head) write(context, head, static_cast<int>(strlen(head)));
+  write_ring(ring, context, write);
+  write_ring(&programs, context, write);
+  if (digits) write_state(p, number, context, write);
   return 0;
 }
 

@@ -50,8 +50,9 @@ int ssock_info(int context, ssock_writefunc write);
 // a port's end with its state now, a line of number 0 (its fields port, service, state of
 // serving, idle, resting, disabled or down, and pid, parent, until where they apply). A
 // port, service or program without a record is answered from kivd's own events that name
-// it. 0 or KIV_ENOTFOUND (nothing written: no record and no such event).
-int ssock_why(const char *what, int context, ssock_writefunc write);
+// it. head, when given, is written before the first line. 0, or KIV_ENOTFOUND with nothing
+// written (no record and no such event).
+int ssock_why(const char *what, int context, ssock_writefunc write, const char *head = nullptr);
 // The ring outlet's half in the manager: keeps ev's line (text, its message) in the rings
 // of the records it names (its port, service, program). Events that name none are left
 // alone, so a thread other than the loop's never touches the records through it.

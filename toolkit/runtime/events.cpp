@@ -6,11 +6,9 @@
 #include <cstring>
 #include <initializer_list>
 
-#include "lib/heap.h"
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/locks.h"
-#include "toolkit/runtime/memory.h"
 #include "toolkit/runtime/platform.h"
 
 namespace {
@@ -19,6 +17,7 @@ struct definition {
   int id;
   int severity;
   const char *name;
+  const char *next;
   int nfields;
   kivev_field fields[KIVEV_MAXINSERTS];
 };
@@ -28,8 +27,19 @@ constexpr int nfields(F...) {
   return sizeof...(F);
 }
 
-#define KIVEV_DEFINE(name, number, severity, ...) \
-  {number, severity, #name, nfields(__VA_ARGS__), {__VA_ARGS__}},
+// Whether the event is shown right: a next step of its own, or a rest it names.
+constexpr bool next_known(const char *next, std::initializer_list<kivev_field> fields) {
+  bool rests = false;
+  for (kivev_field f : fields) rests |= f == KIVEV_F_UNTIL;
+  return (next != nullptr) != rests;
+}
+
+#define KIVEV_DEFINE(name, number, severity, next, ...) \
+  {number, severity, #name, next, nfields(__VA_ARGS__), {__VA_ARGS__}},
+#define KIVEV_CHECK(name, number, severity, next, ...) \
+  static_assert(next_known(next, {__VA_ARGS__}), "a next step or an until: " #name);
+KIVEV_EVENTS(KIVEV_CHECK)
+#undef KIVEV_CHECK
 // In number order (the list is written so): kivev_at walks it, the tests check the order.
 const definition definitions[] = {KIVEV_EVENTS(KIVEV_DEFINE)};
 #undef KIVEV_DEFINE
@@ -58,7 +68,6 @@ struct repeat {
 };
 constexpr int NREPEATS = 256;
 repeat repeats[NREPEATS];
-kivev_ring own_ring;  // kivev_keep_own's, under the events lock
 
 // Events emitted from inside an outlet are dropped: this thread is already emitting.
 thread_local int emitting;
@@ -139,8 +148,8 @@ void kivev_reset() {
   kiv_lock(KIV_LOCK_EVENTS);
   noutlets = 0;
   memset(repeats, 0, sizeof repeats);
-  memset(&own_ring, 0, sizeof own_ring);
   kiv_unlock(KIV_LOCK_EVENTS);
+  kivev_forget_own();
 }
 
 void kivev_emit(kivev_event *ev) {
@@ -186,6 +195,11 @@ int kivev_fields(int id, const kivev_field **fields) {
   if (!d) return -1;
   if (fields) *fields = d->fields;
   return d->nfields;
+}
+
+const char *kivev_next(int id) {
+  const definition *d = find(id);
+  return d ? d->next : nullptr;
 }
 
 int kivev_at(int i) { return i >= 0 && i < KIVEV_NEVENTS ? definitions[i].id : -1; }
@@ -274,12 +288,27 @@ int kivev_inserts(const kivev_event *ev, char *buffer, int size, const char **in
   return d->nfields;
 }
 
-const char *kivev_fieldname(kivev_field field) {
-  static const char *const names[] = {"port",      "service",  "program",   "pid",   "exit",
-                                      "exception", "syserror", "errortext", "until", "count",
-                                      "period",    "size",     "text",      "value", "code"};
-  static_assert(sizeof names / sizeof names[0] == KIVEV_F_CODE + 1, "one name per field");
-  return names[field];
+namespace {
+
+const struct {
+  const char *name;
+  kivev_kind kind;
+} fielddefs[] = {
+#define KIVEV_FIELD_DEFINE(name, text, kind) {text, kind},
+    KIVEV_FIELDS(KIVEV_FIELD_DEFINE)
+#undef KIVEV_FIELD_DEFINE
+};
+
+}  // namespace
+
+const char *kivev_fieldname(kivev_field field) { return fielddefs[field].name; }
+
+kivev_kind kivev_fieldkind(kivev_field field) { return fielddefs[field].kind; }
+
+int kivev_fieldof(const char *name) {
+  for (size_t i = 0; i < sizeof fielddefs / sizeof fielddefs[0]; i++)
+    if (strcmp(fielddefs[i].name, name) == 0) return static_cast<int>(i);
+  return -1;
 }
 
 namespace {
@@ -342,40 +371,4 @@ int kivev_line(const kivev_event *ev, const char *text, char *buffer, int size) 
     append(buffer, size, &at, name.value);
   }
   return at;
-}
-
-void kivev_keep(kivev_ring **ring, const kivev_event *ev, const char *text) {
-  if (!*ring) *ring = static_cast<kivev_ring *>(kiv_zalloc(sizeof(kivev_ring), "kivev_keep"));
-  kivev_ring *r = *ring;
-  if (!r) return;
-  kivev_line(ev, text, r->lines[r->next], KIVEV_LINE_SIZE);
-  r->next = (r->next + 1) % KIVEV_RING;
-  if (r->count < KIVEV_RING) r->count++;
-}
-
-void kivev_forget(kivev_ring **ring) {
-  xfree(*ring);
-  *ring = nullptr;
-}
-
-const char *kivev_kept(const kivev_ring *ring, int i) {
-  if (!ring || i < 0 || i >= ring->count) return nullptr;
-  return ring->lines[(ring->next - ring->count + i + KIVEV_RING) % KIVEV_RING];
-}
-
-void kivev_keep_own(const kivev_event *ev, const char *text) {
-  if (!kiv_locks_ready()) kiv_locks_init();
-  kivev_ring *ring = &own_ring;
-  kiv_lock(KIV_LOCK_EVENTS);
-  kivev_keep(&ring, ev, text);
-  kiv_unlock(KIV_LOCK_EVENTS);
-}
-
-bool kivev_own_line(int i, char *buffer, int size) {
-  if (!kiv_locks_ready()) kiv_locks_init();
-  kiv_lock(KIV_LOCK_EVENTS);
-  const char *line = kivev_kept(&own_ring, i);
-  if (line) snprintf(buffer, static_cast<size_t>(size), "%s", line);
-  kiv_unlock(KIV_LOCK_EVENTS);
-  return line != nullptr;
 }

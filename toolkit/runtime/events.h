@@ -10,56 +10,78 @@ constexpr int KIVEV_INFO = 0;
 constexpr int KIVEV_WARNING = 1;
 constexpr int KIVEV_ERROR = 2;
 
-// The fields an event's message takes as its inserts, in the message's order.
-enum kivev_field {
-  KIVEV_F_PORT,       // port number
-  KIVEV_F_SERVICE,    // service name
-  KIVEV_F_PROGRAM,    // global program name
-  KIVEV_F_PID,        // process id
-  KIVEV_F_EXIT,       // exit code, decimal
-  KIVEV_F_EXCEPTION,  // exit code of an ending by exception, 0x%08X
-  KIVEV_F_SYSERROR,   // the system's error number
-  KIVEV_F_ERRORTEXT,  // its text
-  KIVEV_F_UNTIL,      // local date and time "%Y-%m-%d %H:%M:%S"
-  KIVEV_F_COUNT,      // a number of starts, handles, messages
-  KIVEV_F_PERIOD,     // seconds
-  KIVEV_F_SIZE,       // bytes
-  KIVEV_F_TEXT,       // a name: a configuration value's path, a file, a tag
-  KIVEV_F_VALUE,      // a configuration value as read
-  KIVEV_F_CODE,       // a toolkit result code
+// How a field's value is written in an event's line, and read back (kivctl's JSON).
+enum kivev_kind {
+  KIVEV_DECIMAL,  // a number
+  KIVEV_HEX,      // a number written 0x%08X
+  KIVEV_WORDS,    // a text
+  KIVEV_TIME,     // seconds since 1970 in a line, local date and time in a message
 };
 
-// Every event: X(NAME, number, severity, inserts...). The number is the one the message
-// table gives it (service/kivd.mc, checked by the compiler against the generated header);
-// a new event is one row here and one message there.
-#define KIVEV_EVENTS(X)                                                                        \
-  X(SERVICE_STARTED, 1, KIVEV_INFO)                                                            \
-  X(SERVICE_STOPPED, 2, KIVEV_INFO, KIVEV_F_CODE)                                              \
-  X(PORT_LISTEN_FAILED, 101, KIVEV_ERROR, KIVEV_F_PORT, KIVEV_F_SERVICE, KIVEV_F_SYSERROR,     \
-    KIVEV_F_ERRORTEXT, KIVEV_F_UNTIL)                                                          \
-  X(PORT_THROTTLED, 102, KIVEV_WARNING, KIVEV_F_PORT, KIVEV_F_SERVICE, KIVEV_F_COUNT,          \
-    KIVEV_F_PERIOD, KIVEV_F_UNTIL)                                                             \
-  X(PORT_START_FAILED, 103, KIVEV_ERROR, KIVEV_F_PORT, KIVEV_F_SERVICE, KIVEV_F_SYSERROR,      \
-    KIVEV_F_ERRORTEXT, KIVEV_F_UNTIL)                                                          \
-  X(PORT_EXCEPTION, 104, KIVEV_WARNING, KIVEV_F_PORT, KIVEV_F_SERVICE, KIVEV_F_PID,            \
-    KIVEV_F_EXCEPTION, KIVEV_F_UNTIL)                                                          \
-  X(PORT_NO_PROGRAM, 105, KIVEV_WARNING, KIVEV_F_PORT, KIVEV_F_SERVICE)                        \
-  X(CONFIG_REFUSED, 106, KIVEV_WARNING, KIVEV_F_TEXT, KIVEV_F_VALUE)                           \
-  X(PORT_DISABLED, 107, KIVEV_INFO, KIVEV_F_PORT, KIVEV_F_SERVICE)                             \
-  X(PORT_ENABLED, 108, KIVEV_INFO, KIVEV_F_PORT, KIVEV_F_SERVICE)                              \
-  X(AGENT_ENDED, 201, KIVEV_WARNING, KIVEV_F_SERVICE, KIVEV_F_PID, KIVEV_F_EXIT)               \
-  X(PROG_ENDED, 202, KIVEV_WARNING, KIVEV_F_PROGRAM, KIVEV_F_PID, KIVEV_F_EXIT)                \
-  X(PROG_EXCEPTION, 203, KIVEV_WARNING, KIVEV_F_PROGRAM, KIVEV_F_PID, KIVEV_F_EXCEPTION,       \
-    KIVEV_F_UNTIL)                                                                             \
-  X(PROG_THROTTLED, 204, KIVEV_WARNING, KIVEV_F_PROGRAM, KIVEV_F_COUNT, KIVEV_F_PERIOD,        \
-    KIVEV_F_UNTIL)                                                                             \
-  X(PROG_START_FAILED, 205, KIVEV_ERROR, KIVEV_F_PROGRAM, KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT, \
-    KIVEV_F_UNTIL)                                                                             \
-  X(PIPE_CLIENT_HUNG_UP, 301, KIVEV_WARNING, KIVEV_F_COUNT, KIVEV_F_SIZE)                      \
-  X(WAIT_FAILED, 302, KIVEV_ERROR, KIVEV_F_COUNT, KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT)         \
-  X(OUT_OF_MEMORY, 303, KIVEV_ERROR, KIVEV_F_SIZE, KIVEV_F_TEXT)                               \
-  X(TRACE_FAILED, 304, KIVEV_WARNING, KIVEV_F_TEXT, KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT)       \
-  X(TRACE_RESUMED, 305, KIVEV_INFO, KIVEV_F_TEXT)
+// Every field an event's message takes as an insert: X(NAME, name in a line, kind).
+#define KIVEV_FIELDS(X)                                                                    \
+  X(PORT, "port", KIVEV_DECIMAL)         /* port number */                                 \
+  X(SERVICE, "service", KIVEV_WORDS)     /* service name */                                \
+  X(PROGRAM, "program", KIVEV_WORDS)     /* global program name */                         \
+  X(PID, "pid", KIVEV_DECIMAL)           /* process id */                                  \
+  X(EXIT, "exit", KIVEV_DECIMAL)         /* exit code */                                   \
+  X(EXCEPTION, "exception", KIVEV_HEX)   /* exit code of an ending by exception */         \
+  X(SYSERROR, "syserror", KIVEV_DECIMAL) /* the system's error number */                   \
+  X(ERRORTEXT, "errortext", KIVEV_WORDS) /* its text */                                    \
+  X(UNTIL, "until", KIVEV_TIME)          /* when a rest ends */                            \
+  X(COUNT, "count", KIVEV_DECIMAL)       /* a number of starts, handles, messages */       \
+  X(PERIOD, "period", KIVEV_DECIMAL)     /* seconds */                                     \
+  X(SIZE, "size", KIVEV_DECIMAL)         /* bytes */                                       \
+  X(TEXT, "text", KIVEV_WORDS)           /* a configuration value's path, a file, a tag */ \
+  X(VALUE, "value", KIVEV_WORDS)         /* a configuration value as read */               \
+  X(CODE, "code", KIVEV_DECIMAL)         /* a toolkit result code */
+
+#define KIVEV_FIELD_ID(name, ...) KIVEV_F_##name,
+enum kivev_field { KIVEV_FIELDS(KIVEV_FIELD_ID) };
+#undef KIVEV_FIELD_ID
+
+// What kivd does next after an event that has no rest: kivctl's words. An event whose
+// next step is its rest (an until field) says KIVEV_RESTS instead, and the build checks
+// that each event has one or the other.
+#define KIVEV_RESTS nullptr
+
+// Every event: X(NAME, number, severity, next step, inserts...). The number is the one the
+// message table gives it (service/kivd.mc, checked by the compiler against the generated
+// header); a new event is one row here and one message there.
+#define KIVEV_EVENTS(X)                                                                            \
+  X(SERVICE_STARTED, 1, KIVEV_INFO, "serving")                                                     \
+  X(SERVICE_STOPPED, 2, KIVEV_INFO, "stopped", KIVEV_F_CODE)                                       \
+  X(PORT_LISTEN_FAILED, 101, KIVEV_ERROR, KIVEV_RESTS, KIVEV_F_PORT, KIVEV_F_SERVICE,              \
+    KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT, KIVEV_F_UNTIL)                                            \
+  X(PORT_THROTTLED, 102, KIVEV_WARNING, KIVEV_RESTS, KIVEV_F_PORT, KIVEV_F_SERVICE, KIVEV_F_COUNT, \
+    KIVEV_F_PERIOD, KIVEV_F_UNTIL)                                                                 \
+  X(PORT_START_FAILED, 103, KIVEV_ERROR, KIVEV_RESTS, KIVEV_F_PORT, KIVEV_F_SERVICE,               \
+    KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT, KIVEV_F_UNTIL)                                            \
+  X(PORT_EXCEPTION, 104, KIVEV_WARNING, KIVEV_RESTS, KIVEV_F_PORT, KIVEV_F_SERVICE, KIVEV_F_PID,   \
+    KIVEV_F_EXCEPTION, KIVEV_F_UNTIL)                                                              \
+  X(PORT_NO_PROGRAM, 105, KIVEV_WARNING, "not serving the port until a program is configured",     \
+    KIVEV_F_PORT, KIVEV_F_SERVICE)                                                                 \
+  X(CONFIG_REFUSED, 106, KIVEV_WARNING, "going on without the value", KIVEV_F_TEXT, KIVEV_F_VALUE) \
+  X(PORT_DISABLED, 107, KIVEV_INFO, "disabled until enabled", KIVEV_F_PORT, KIVEV_F_SERVICE)       \
+  X(PORT_ENABLED, 108, KIVEV_INFO, "serving again", KIVEV_F_PORT, KIVEV_F_SERVICE)                 \
+  X(AGENT_ENDED, 201, KIVEV_WARNING, "serving again", KIVEV_F_SERVICE, KIVEV_F_PID, KIVEV_F_EXIT)  \
+  X(PROG_ENDED, 202, KIVEV_WARNING, "starting it again", KIVEV_F_PROGRAM, KIVEV_F_PID,             \
+    KIVEV_F_EXIT)                                                                                  \
+  X(PROG_EXCEPTION, 203, KIVEV_WARNING, KIVEV_RESTS, KIVEV_F_PROGRAM, KIVEV_F_PID,                 \
+    KIVEV_F_EXCEPTION, KIVEV_F_UNTIL)                                                              \
+  X(PROG_THROTTLED, 204, KIVEV_WARNING, KIVEV_RESTS, KIVEV_F_PROGRAM, KIVEV_F_COUNT,               \
+    KIVEV_F_PERIOD, KIVEV_F_UNTIL)                                                                 \
+  X(PROG_START_FAILED, 205, KIVEV_ERROR, KIVEV_RESTS, KIVEV_F_PROGRAM, KIVEV_F_SYSERROR,           \
+    KIVEV_F_ERRORTEXT, KIVEV_F_UNTIL)                                                              \
+  X(PIPE_CLIENT_HUNG_UP, 301, KIVEV_WARNING, "serving the other clients", KIVEV_F_COUNT,           \
+    KIVEV_F_SIZE)                                                                                  \
+  X(WAIT_FAILED, 302, KIVEV_ERROR, "trying the whole wait again each second", KIVEV_F_COUNT,       \
+    KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT)                                                           \
+  X(OUT_OF_MEMORY, 303, KIVEV_ERROR, "going on without what it asked for", KIVEV_F_SIZE,           \
+    KIVEV_F_TEXT)                                                                                  \
+  X(TRACE_FAILED, 304, KIVEV_WARNING, "going on, the trace resumes when it can", KIVEV_F_TEXT,     \
+    KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT)                                                           \
+  X(TRACE_RESUMED, 305, KIVEV_INFO, "tracing again", KIVEV_F_TEXT)
 
 #define KIVEV_NUMBER(name, number, ...) KIVEV_##name = number,
 enum kivev_id : int { KIVEV_EVENTS(KIVEV_NUMBER) };
@@ -118,6 +140,9 @@ int kivev_severity(int id);
 const char *kivev_name(int id);
 int kivev_fields(int id, const kivev_field **fields);
 int kivev_at(int i);
+// What kivd does next after the event, for people; null for an event whose next step is
+// the rest its until field names, and for a number that is no event.
+const char *kivev_next(int id);
 // The event's inserts as texts, in its message's order: each written into buffer (size
 // bytes, cut to fit, each terminated) and pointed to from inserts. Returns their count, or
 // KIV_EINVAL for a number that is no event.
@@ -147,10 +172,23 @@ void kivev_keep(kivev_ring **ring, const kivev_event *ev, const char *text);
 void kivev_forget(kivev_ring **ring);
 // The i-th kept line, oldest first (i from 0 to count-1); null past the end or for no ring.
 const char *kivev_kept(const kivev_ring *ring, int i);
-// A field's name in an event's line: "port", "service", ... "code".
+// A field's name in an event's line: "port", "service", ... "code"; its kind; the field of
+// a name (-1 for a name that is no field's).
 const char *kivev_fieldname(kivev_field field);
+kivev_kind kivev_fieldkind(kivev_field field);
+int kivev_fieldof(const char *name);
 // kivd's own ring: the events that name no port, service or program (the service started,
-// a pipe client hung up on, a wait that failed, ...). Any thread may keep and read; the
-// line is copied into buffer (size bytes). kivev_own_line: false past the end.
+// a pipe client hung up on, a wait that failed, ...), and those of records that have no
+// ring of their own. Any thread may keep and read; the line is copied into buffer (size
+// bytes). kivev_own_line: false past the end.
 void kivev_keep_own(const kivev_event *ev, const char *text);
 bool kivev_own_line(int i, char *buffer, int size);
+// Copies into *out, oldest first, kivd's own lines whose event names the port (field
+// KIVEV_F_PORT) or the service or program of that name (KIVEV_F_SERVICE, KIVEV_F_PROGRAM),
+// as its port, service or program. Returns how many.
+int kivev_own_named(kivev_field field, int port, const char *name, kivev_ring *out);
+// Forgets kivd's own ring (kivev_reset).
+void kivev_forget_own();
+// A record's name as the own ring keeps it: a registry key's name has at most 255
+// characters.
+constexpr int KIVEV_NAME_SIZE = 256;

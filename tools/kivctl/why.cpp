@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <initializer_list>
 
+#include "toolkit/runtime/events.h"
 #include "tools/kivctl/listing.h"
 
 namespace {
@@ -25,10 +25,10 @@ std::string format_time(long long t, const char *format, bool utc) {
   return text;
 }
 
-bool numeric(const std::string &name) {
-  for (const char *n : {"port", "pid", "exit", "syserror", "count", "period", "size", "code"})
-    if (name == n) return true;
-  return false;
+// The kind of a field by its name; the state line's own fields (state, parent) are words.
+kivev_kind kind(const std::string &name) {
+  int field = kivev_fieldof(name.c_str());
+  return field < 0 ? KIVEV_WORDS : kivev_fieldkind(static_cast<kivev_field>(field));
 }
 
 }  // namespace
@@ -57,7 +57,7 @@ bool parse_why_line(const std::string &line, why_event *out) {
 }
 
 std::string why_next(const why_event &e) {
-  std::string until = field(e, "until");
+  std::string until = field(e, kivev_fieldname(KIVEV_F_UNTIL));
   if (!until.empty() && e.number != WHY_STATE) {
     long long t = atoll(until.c_str());
     if (t >= UNTIL_ENABLED) return "disabled until enabled";
@@ -65,37 +65,9 @@ std::string why_next(const why_event &e) {
     bool today = format_time(t, "%Y-%m-%d", false) == format_time(e.time, "%Y-%m-%d", false);
     return "resting until " + format_time(t, today ? "%H:%M:%S" : "%Y-%m-%d %H:%M:%S", false);
   }
-  switch (e.number) {
-    case WHY_STATE:
-      return "";  // the state says it
-    case 1:
-      return "serving";
-    case 2:
-      return "stopped";
-    case 105:
-      return "not serving the port until a program is configured";
-    case 106:
-      return "going on without the value";
-    case 107:
-      return "disabled until enabled";
-    case 108:
-    case 201:
-      return "serving again";
-    case 202:
-      return "starting it again";
-    case 301:
-      return "serving the other clients";
-    case 302:
-      return "trying the whole wait again each second";
-    case 303:
-      return "going on without what it asked for";
-    case 304:
-      return "going on, the trace resumes when it can";
-    case 305:
-      return "tracing again";
-    default:
-      return "";
-  }
+  // The state line is no event and says it itself; an event newer than this kivctl has none.
+  const char *next = kivev_next(e.number);
+  return next ? next : "";
 }
 
 std::string why_table(const std::vector<why_event> &events) {
@@ -124,11 +96,11 @@ std::string why_json(const std::vector<why_event> &events) {
     for (size_t j = 0; j < e.fields.size(); j++) {
       const auto &f = e.fields[j];
       std::string value = json_string(f.second);
-      if (f.first == "until")
+      if (kind(f.first) == KIVEV_TIME)
         value = atoll(f.second.c_str()) >= UNTIL_ENABLED
                     ? "null"
                     : json_string(format_time(atoll(f.second.c_str()), iso, true));
-      else if (numeric(f.first) && !f.second.empty() &&
+      else if (kind(f.first) == KIVEV_DECIMAL && !f.second.empty() &&
                f.second.find_first_not_of("-0123456789") == std::string::npos)
         value = f.second;
       out += (j ? "," : "") + json_string(f.first) + ":" + value;
