@@ -49,3 +49,52 @@ constexpr int WIRE_PORT_LINE_MAX = sizeof WIRE_PORT "65535@" - 1 + WIRE_INFO_TEX
 #define WIRE_ROOT_PARENT "SOFTWARE\\Orvane"
 #define WIRE_ROOT_KEY "Agents"
 #define WIRE_ROOT "HKEY_LOCAL_MACHINE\\" WIRE_ROOT_PARENT "\\" WIRE_ROOT_KEY
+
+// The port listing, one line per port record: "%5d  %-11s   " with the port and the
+// service's name, the mode word, then " Name=value" items, each only when the port has a
+// value, so the line of a port that uses nothing newer stays as it always was. A reader
+// skips names it does not know, so an item is added here, with kivd's value for it.
+#define WIRE_MODE_AUTO "Auto"
+#define WIRE_MODE_HOOK "Hook"
+#define WIRE_MODE_ON "On"
+#define WIRE_ITEM_DISABLE "Disable"      // its end in kivd's local time, WIRE_DISABLE_DATE
+#define WIRE_ITEM_PARENT "Parent"        // the pid of the process that hooked the port
+#define WIRE_ITEM_AGENT "Agent"          // the pid of the agent that serves the port
+#define WIRE_ITEM_ADDRESS "Address"      // the configured local address
+#define WIRE_ITEM_ACCOUNT "Account"      // the service's account, when not kivd's own
+#define WIRE_ITEM_MEMORY "Memory"        // the service's job limits, each when set: megabytes,
+#define WIRE_ITEM_PROCESSES "Processes"  // processes at once,
+#define WIRE_ITEM_CPU "Cpu"              // percent of the machine
+#define WIRE_DISABLE_DATE "%d-%02d-%02d_%02d:%02d"  // year, month 1 to 12, day, hour, minute
+
+// A port's state in a word, as kivctl reads a listing line; `why`'s state field has these
+// words among its own.
+enum wire_state { WIRE_IDLE, WIRE_SERVING, WIRE_DISABLED, WIRE_STATE_COUNT };
+constexpr const char *WIRE_STATES[WIRE_STATE_COUNT] = {"idle", "serving", "disabled"};
+
+// A disable that only the enable command lifts lasts until the largest 32-bit time, and the
+// listing shows its end in kivd's local time. Whatever the reader's zone and kivd's, such
+// a date is within a day of the mark, and a disable for a time ends minutes after kivd's
+// clock: only a clock at the end of 32-bit times could show one there.
+constexpr long long WIRE_UNTIL_ENABLED = 0x7FFFFFFF;
+
+// Minutes since 1970-01-01 00:00 of a date and time in UTC (days from the civil date, in
+// 400-year eras).
+constexpr long long wire_minutes(int year, int month, int day, int hour, int minute) {
+  long long y = year - (month <= 2);
+  long long era = (y >= 0 ? y : y - 399) / 400;
+  long long yoe = y - era * 400;
+  long long doy = (153 * (month > 2 ? month - 3 : month + 9) + 2) / 5 + day - 1;
+  long long days = era * 146097 + yoe * 365 + yoe / 4 - yoe / 100 + doy - 719468;
+  return (days * 24 + hour) * 60 + minute;
+}
+static_assert(wire_minutes(2038, 1, 19, 3, 14) == WIRE_UNTIL_ENABLED / 60, "the mark's date");
+
+// Whether a listed disable's end (WIRE_DISABLE_DATE's fields) reads as "until enabled".
+constexpr bool wire_until_enabled(int year, int month, int day, int hour, int minute) {
+  if (month < 1 || month > 12 || day < 1 || day > 31 || hour < 0 || hour > 23 || minute < 0 ||
+      minute > 59)
+    return false;
+  long long from_mark = wire_minutes(year, month, day, hour, minute) - WIRE_UNTIL_ENABLED / 60;
+  return from_mark >= -24 * 60 && from_mark <= 24 * 60;
+}

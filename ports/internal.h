@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <ctime>
 
+#include "lib/wire.h"
 #include "ports/ssock.h"
 #include "ports/util.h"
 #include "toolkit/config/schema.h"
@@ -35,7 +36,8 @@ constexpr unsigned PROG_REMOVE = 0x1;
 constexpr unsigned PROG_DISABLED = 0x2;  // not started again before a pass after `until`
 constexpr unsigned PROG_KILLED = 0x4;    // TerminateProcess was sent
 
-constexpr time_t UNTIL_ENABLED = 0x7FFFFFFF;  // a disable that only the enable command lifts
+constexpr time_t UNTIL_ENABLED =
+    WIRE_UNTIL_ENABLED;  // a disable that only the enable command lifts
 
 // Throttle and restart constants (seconds).
 constexpr int AGENT_STARTS = 12;  // agent launches after the one that opened a period

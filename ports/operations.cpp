@@ -18,14 +18,20 @@
 
 namespace {
 
+// The room of a listing item with a value of up to `value` characters: " Name=value".
+template <size_t N>
+constexpr int item_room(const char (&)[N], int value) {
+  return static_cast<int>(N) + 1 + value;
+}
 // The longest pieces of a listing line besides the service name: "%5d  " of a port and
-// "  " after the name (9), " Hook" (5), " Disable=" with a date whose year takes up to 11
-// characters (32), " Parent=%d" (19) and " Agent=%d" (18); then the service's account and
-// limits: " Account=NetworkService" (23), " Memory=1048576" (15), " Processes=65536" (16)
-// and " Cpu=100" (8).
-constexpr int LISTING_FIXED = 83 + 62;
-// Room past LISTING_SIZE for " Address=" and the longest address.
-constexpr int LISTING_ADDRESS = 9 + WIRE_ADDRESS_MAX;
+// "  " after the name (9), " Hook" (5), the disable's date with a year of up to 11
+// characters, the pids, and the service's account and limits.
+constexpr int LISTING_FIXED = 9 + 5 + item_room(WIRE_ITEM_DISABLE, 23) +
+                              item_room(WIRE_ITEM_PARENT, 11) + item_room(WIRE_ITEM_AGENT, 11) +
+                              item_room(WIRE_ITEM_ACCOUNT, 14) + item_room(WIRE_ITEM_MEMORY, 7) +
+                              item_room(WIRE_ITEM_PROCESSES, 5) + item_room(WIRE_ITEM_CPU, 3);
+// Room past LISTING_SIZE for the items added since, so that the cut of a long name stays.
+constexpr int LISTING_LATER = item_room(WIRE_ITEM_ADDRESS, WIRE_ADDRESS_MAX);
 // Longer service names are cut in the listing so that the rest of the line always fits.
 constexpr int LISTING_NAME_MAX = LISTING_SIZE - 1 - LISTING_FIXED;
 static_assert(LISTING_NAME_MAX >= 160, "the listing shows long service names whole");
@@ -191,28 +197,34 @@ int ssock_enable(int port) {
 
 int ssock_info(int context, ssock_writefunc write) {
   for (port_record *p = ssock_ports; p; p = p->next) {
-    char line[LISTING_SIZE + LISTING_ADDRESS];
+    char line[LISTING_SIZE + LISTING_LATER];
     int n = xsnprintf(line, sizeof line, "%5d  %-11.*s   %s", p->port, LISTING_NAME_MAX,
                       p->service->name, START_NAMES[p->start]);
     if (p->flags & PORT_DISABLED) {
       tm when;
       local_breakdown(p->until, &when);
-      n += xsnprintf(line + n, sizeof line - n, " Disable=%d-%02d-%02d_%02d:%02d",
+      n += xsnprintf(line + n, sizeof line - n, " " WIRE_ITEM_DISABLE "=" WIRE_DISABLE_DATE,
                      when.tm_year + 1900, when.tm_mon + 1, when.tm_mday, when.tm_hour, when.tm_min);
     }
     if (p->parent)
-      n += xsnprintf(line + n, sizeof line - n, " Parent=%d", static_cast<int>(p->parent_pid));
+      n += xsnprintf(line + n, sizeof line - n, " " WIRE_ITEM_PARENT "=%d",
+                     static_cast<int>(p->parent_pid));
     if (p->agent)
-      n += xsnprintf(line + n, sizeof line - n, " Agent=%d", static_cast<int>(p->agent->pid));
-    if (p->address) n += xsnprintf(line + n, sizeof line - n, " Address=%s", p->address);
+      n += xsnprintf(line + n, sizeof line - n, " " WIRE_ITEM_AGENT "=%d",
+                     static_cast<int>(p->agent->pid));
+    if (p->address)
+      n += xsnprintf(line + n, sizeof line - n, " " WIRE_ITEM_ADDRESS "=%s", p->address);
     // Only what differs from kivd's own account and no limit, so other lines stay as they were.
     const service_record *s = p->service;
     if (s->account != ACCOUNT_SYSTEM)
-      n += xsnprintf(line + n, sizeof line - n, " Account=%s", ACCOUNT_NAMES[s->account]);
-    if (s->limits.memory) n += xsnprintf(line + n, sizeof line - n, " Memory=%u", s->limits.memory);
+      n += xsnprintf(line + n, sizeof line - n, " " WIRE_ITEM_ACCOUNT "=%s",
+                     ACCOUNT_NAMES[s->account]);
+    if (s->limits.memory)
+      n += xsnprintf(line + n, sizeof line - n, " " WIRE_ITEM_MEMORY "=%u", s->limits.memory);
     if (s->limits.processes)
-      n += xsnprintf(line + n, sizeof line - n, " Processes=%u", s->limits.processes);
-    if (s->limits.cpu) n += xsnprintf(line + n, sizeof line - n, " Cpu=%u", s->limits.cpu);
+      n += xsnprintf(line + n, sizeof line - n, " " WIRE_ITEM_PROCESSES "=%u", s->limits.processes);
+    if (s->limits.cpu)
+      n += xsnprintf(line + n, sizeof line - n, " " WIRE_ITEM_CPU "=%u", s->limits.cpu);
     write(context, line, n);
   }
   return 0;

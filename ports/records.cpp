@@ -14,7 +14,7 @@
 #include "toolkit/runtime/memory.h"
 
 const char SSOCK_ROOT[] = WIRE_ROOT;
-const char *const START_NAMES[4] = {"", "Auto", "Hook", "On"};
+const char *const START_NAMES[4] = {"", WIRE_MODE_AUTO, WIRE_MODE_HOOK, WIRE_MODE_ON};
 
 port_record *ssock_ports;
 service_record *ssock_services;

@@ -49,7 +49,8 @@ TEST(Listing, LinesBecomeTheTableAndJson) {
       "\"address\":null,\"account\":null,\"memory\":null,\"processes\":null,\"cpu\":null}]");
   EXPECT_EQ(listing_json({}), "[]");
   port_counts n = count_ports(ports);
-  EXPECT_EQ(std::vector<int>({n.total, n.idle, n.serving, n.disabled, n.hooked}),
+  EXPECT_EQ(std::vector<int>(
+                {n.total, n.in[WIRE_IDLE], n.in[WIRE_SERVING], n.in[WIRE_DISABLED], n.hooked}),
             std::vector<int>({9, 2, 3, 4, 1}));
   EXPECT_EQ(reply_json("+"), "{\"ok\":true}");
   EXPECT_EQ(reply_json("-Failed with code -4"), "{\"ok\":false,\"error\":\"Failed with code -4\"}");

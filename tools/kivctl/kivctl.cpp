@@ -185,14 +185,18 @@ int status(output mode) {
     if (!parse_listing_line(elements[i], &ports.back())) ports.pop_back();
   }
   port_counts n = count_ports(ports);
+  std::string by_state, json_by_state;  // "idle 1, serving 0, " and ",\"idle\":1,\"serving\":0"
+  for (int i = 0; i < WIRE_STATE_COUNT; i++) {
+    by_state += std::string(WIRE_STATES[i]) + " " + std::to_string(n.in[i]) + ", ";
+    json_by_state += ",\"" + std::string(WIRE_STATES[i]) + "\":" + std::to_string(n.in[i]);
+  }
   if (mode == output::json) {
     printf("{\"installed\":%s,\"state\":%s,\"running\":%s,\"pid\":%s,\"ports\":",
            installed ? "true" : "false",
            installed ? json_string(state_name(state)).c_str() : "null",
            answering ? "true" : "false", answering && pid ? std::to_string(pid).c_str() : "null");
     if (answering)
-      printf("{\"total\":%d,\"idle\":%d,\"serving\":%d,\"disabled\":%d,\"hooked\":%d}}\n", n.total,
-             n.idle, n.serving, n.disabled, n.hooked);
+      printf("{\"total\":%d%s,\"hooked\":%d}}\n", n.total, json_by_state.c_str(), n.hooked);
     else
       printf("null}\n");
     return 0;
@@ -200,9 +204,9 @@ int status(output mode) {
   printf("service:  %s\n",
          installed ? (std::string("installed, ") + state_name(state)).c_str() : "not installed");
   if (answering)
-    printf("kivd:     running%s\nports:    %d (idle %d, serving %d, disabled %d, hooked %d)\n",
-           pid ? (", pid " + std::to_string(pid)).c_str() : "", n.total, n.idle, n.serving,
-           n.disabled, n.hooked);
+    printf("kivd:     running%s\nports:    %d (%shooked %d)\n",
+           pid ? (", pid " + std::to_string(pid)).c_str() : "", n.total, by_state.c_str(),
+           n.hooked);
   else
     printf("kivd:     not running\n");
   // Each port that neither serves nor waits idle, with the latest reason kivd gave.

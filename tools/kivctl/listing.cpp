@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 
 namespace {
 
@@ -21,15 +20,10 @@ std::map<std::string, std::string> take_items(std::string *rest) {
   return items;
 }
 
-// The number of an item, or false when it is given and not a positive number.
-bool take_number(std::map<std::string, std::string> &items, const char *key, unsigned *n) {
-  auto it = items.find(key);
-  if (it == items.end()) return true;
+bool positive_number(const std::string &text) {
   char *end = nullptr;
-  unsigned long value = strtoul(it->second.c_str(), &end, 10);
-  if (it->second.empty() || *end != '\0' || value == 0) return false;
-  *n = static_cast<unsigned>(value);
-  return true;
+  unsigned long value = strtoul(text.c_str(), &end, 10);
+  return !text.empty() && *end == '\0' && value != 0;
 }
 
 std::string lower(std::string s) {
@@ -38,29 +32,102 @@ std::string lower(std::string s) {
   return s;
 }
 
-// The disable command's mark is the largest time, 2038-01-19 03:14 UTC, as kivd's local
-// time: within a day of that whatever kivd's zone. A disable for a time ends minutes after
-// kivd's clock, so it shows there only when that clock is there, where 32-bit times end.
-bool until_enabled(const std::string &until) {
+// A disable's end as listed, "until enabled" by the wire's rule; otherwise its date with
+// a blank for the underscore.
+void read_disable(const std::string &until, listed_port *out) {
   int year = 0, month = 0, day = 0, hour = 0, minute = 0;
-  if (sscanf(until.c_str(), "%d-%d-%d_%d:%d", &year, &month, &day, &hour, &minute) != 5 ||
-      year != 2038 || month != 1)
-    return false;
-  int from_mark = ((day - 19) * 24 + hour - 3) * 60 + minute - 14;
-  return from_mark >= -24 * 60 && from_mark <= 24 * 60;
+  out->disabled = true;
+  out->until_enabled =
+      sscanf(until.c_str(), "%d-%d-%d_%d:%d", &year, &month, &day, &hour, &minute) == 5 &&
+      wire_until_enabled(year, month, day, hour, minute);
+  if (out->until_enabled) return;
+  out->until = until;
+  size_t sep = out->until.find('_');
+  if (sep != std::string::npos) out->until[sep] = ' ';
 }
 
-const char *state_word(const listed_port &p) {
-  return p.disabled ? "disabled" : p.agent ? "serving" : "idle";
+wire_state state_of(const listed_port &p) {
+  return p.disabled ? WIRE_DISABLED : p.number(WIRE_ITEM_AGENT) ? WIRE_SERVING : WIRE_IDLE;
 }
-
-std::string number_or_null(unsigned n) { return n ? std::to_string(n) : "null"; }
 
 std::string padded(const std::string &s, size_t width) {
   return s.size() >= width ? s : s + std::string(width - s.size(), ' ');
 }
 
+// How a column shows.
+constexpr unsigned NUMBER = 1;    // its item is a positive number, bare in JSON
+constexpr unsigned RIGHT = 2;     // right-aligned in the table
+constexpr unsigned WHEN_SET = 4;  // in the table only once some port has its item
+
+// A column of the listing: the table shows those with a heading in this order, JSON those
+// with a key. One that shows an item as listed needs no functions.
+struct column {
+  const char *heading;  // the table's, nullptr when only JSON has the column
+  const char *key;      // JSON's, nullptr when only the table has it
+  const char *item;     // the listing's item it shows, or nullptr
+  unsigned how = 0;
+  size_t width = 0;                                    // the table's least width
+  std::string (*cell)(const listed_port &) = nullptr;  // the table's text otherwise
+  std::string (*json)(const listed_port &) = nullptr;  // JSON's value otherwise
+};
+
+const column COLUMNS[] = {
+    {"PORT", "port", nullptr, RIGHT, 5, port_text,
+     [](const listed_port &p) { return std::to_string(p.port); }},
+    {"SERVICE", "service", nullptr, 0, 0, [](const listed_port &p) { return p.service; },
+     [](const listed_port &p) { return json_string(p.service); }},
+    {"MODE", "mode", nullptr, 0, 0, [](const listed_port &p) { return p.mode; },
+     [](const listed_port &p) { return json_string(p.mode); }},
+    {nullptr, "state", nullptr, 0, 0, nullptr,
+     [](const listed_port &p) { return json_string(WIRE_STATES[state_of(p)]); }},
+    {nullptr, "agent", WIRE_ITEM_AGENT, NUMBER},
+    {nullptr, "parent", WIRE_ITEM_PARENT, NUMBER},
+    {nullptr, "disabled_until", nullptr, 0, 0, nullptr,
+     [](const listed_port &p) {
+       return p.disabled && !p.until_enabled ? json_string(p.until) : "null";
+     }},
+    {nullptr, "until_enabled", nullptr, 0, 0, nullptr,
+     [](const listed_port &p) { return std::string(p.until_enabled ? "true" : "false"); }},
+    {nullptr, "address", WIRE_ITEM_ADDRESS},
+    // kivd's own account shows as "system" once some other account has a column.
+    {"ACCOUNT", "account", WIRE_ITEM_ACCOUNT, WHEN_SET, 0,
+     [](const listed_port &p) {
+       std::string account = p.item(WIRE_ITEM_ACCOUNT);
+       return account.empty() ? "system" : account;
+     }},
+    {nullptr, "memory", WIRE_ITEM_MEMORY, NUMBER},
+    {nullptr, "processes", WIRE_ITEM_PROCESSES, NUMBER},
+    {nullptr, "cpu", WIRE_ITEM_CPU, NUMBER},
+    {"STATE", nullptr, nullptr, 0, 0, port_state},
+};
+
+// The column's item as listed, a number as read; "" when the port has none.
+std::string item_text(const column &c, const listed_port &p) {
+  if (!(c.how & NUMBER)) return p.item(c.item);
+  unsigned n = p.number(c.item);
+  return n ? std::to_string(n) : "";
+}
+
+std::string cell(const column &c, const listed_port &p) {
+  return c.cell ? c.cell(p) : item_text(c, p);
+}
+
+std::string json_value(const column &c, const listed_port &p) {
+  if (c.json) return c.json(p);
+  std::string text = item_text(c, p);
+  return text.empty() ? "null" : c.how & NUMBER ? text : json_string(text);
+}
+
 }  // namespace
+
+std::string listed_port::item(const char *name) const {
+  auto it = items.find(name);
+  return it == items.end() ? "" : it->second;
+}
+
+unsigned listed_port::number(const char *name) const {
+  return static_cast<unsigned>(strtoul(item(name).c_str(), nullptr, 10));
+}
 
 bool parse_listing_line(const std::string &line, listed_port *out) {
   *out = listed_port();
@@ -72,27 +139,16 @@ bool parse_listing_line(const std::string &line, listed_port *out) {
   if (end != line.c_str() + 5 || port < 1 || port > 65535) return false;
   out->port = static_cast<int>(port);
   std::string rest = line.substr(7);
-  std::map<std::string, std::string> items = take_items(&rest);
-  std::string until = items["Disable"];
-  out->address = items["Address"];
-  out->account = items["Account"];
-  if (!take_number(items, "Agent", &out->agent) || !take_number(items, "Parent", &out->parent) ||
-      !take_number(items, "Memory", &out->memory) ||
-      !take_number(items, "Processes", &out->processes) || !take_number(items, "Cpu", &out->cpu))
-    return false;
-  if (!until.empty()) {
-    out->disabled = true;
-    out->until_enabled = until_enabled(until);
-    if (!out->until_enabled) {
-      out->until = until;
-      size_t sep = out->until.find('_');
-      if (sep != std::string::npos) out->until[sep] = ' ';
-    }
-  }
+  out->items = take_items(&rest);
+  for (const column &c : COLUMNS)
+    if ((c.how & NUMBER) && out->items.count(c.item) && !positive_number(out->items[c.item]))
+      return false;
+  auto disable = out->items.find(WIRE_ITEM_DISABLE);
+  if (disable != out->items.end() && !disable->second.empty()) read_disable(disable->second, out);
   size_t blank = rest.rfind(' ');
   if (blank == std::string::npos) return false;
   std::string mode = rest.substr(blank + 1);
-  if (mode != "Auto" && mode != "Hook" && mode != "On") return false;
+  if (mode != WIRE_MODE_AUTO && mode != WIRE_MODE_HOOK && mode != WIRE_MODE_ON) return false;
   out->mode = lower(mode);
   // The name, padded to 11 columns, is followed by two blanks and then " Mode".
   size_t stop = rest.find_last_not_of(' ', blank);
@@ -105,11 +161,12 @@ std::string port_state(const listed_port &p) {
   std::string s;
   if (p.disabled)
     s = p.until_enabled ? "disabled until enabled" : "disabled until " + p.until;
-  else if (p.agent)
-    s = "serving (pid " + std::to_string(p.agent) + ")";
+  else if (unsigned agent = p.number(WIRE_ITEM_AGENT))
+    s = "serving (pid " + std::to_string(agent) + ")";
   else
     s = "idle";
-  if (p.parent) s += ", hooked by pid " + std::to_string(p.parent);
+  if (unsigned parent = p.number(WIRE_ITEM_PARENT))
+    s += ", hooked by pid " + std::to_string(parent);
   return s;
 }
 
@@ -117,40 +174,48 @@ port_counts count_ports(const std::vector<listed_port> &ports) {
   port_counts n;
   for (const listed_port &p : ports) {
     n.total++;
-    std::string state = state_word(p);
-    (state == "disabled" ? n.disabled : state == "serving" ? n.serving : n.idle)++;
-    n.hooked += p.parent != 0;
+    n.in[state_of(p)]++;
+    n.hooked += p.number(WIRE_ITEM_PARENT) != 0;
   }
   return n;
 }
 
 std::string port_text(const listed_port &p) {
-  std::string number = std::to_string(p.port);
-  if (p.address.empty()) return number;
-  bool v6 = p.address.find(':') != std::string::npos;
-  return (v6 ? "[" + p.address + "]" : p.address) + ":" + number;
+  std::string number = std::to_string(p.port), address = p.item(WIRE_ITEM_ADDRESS);
+  if (address.empty()) return number;
+  bool v6 = address.find(':') != std::string::npos;
+  return (v6 ? "[" + address + "]" : address) + ":" + number;
 }
 
 std::string listing_table(const std::vector<listed_port> &ports) {
-  size_t service_width = strlen("SERVICE"), port_width = 5, account_width = 0;
-  for (const auto &p : ports) {
-    if (p.service.size() > service_width) service_width = p.service.size();
-    if (port_text(p).size() > port_width) port_width = port_text(p).size();
-    if (!p.account.empty())
-      account_width = std::max(account_width, std::max(p.account.size(), strlen("ACCOUNT")));
+  std::vector<const column *> shown;
+  std::vector<size_t> widths;
+  for (const column &c : COLUMNS) {
+    if (!c.heading) continue;
+    bool set = !(c.how & WHEN_SET);
+    size_t width = std::max(c.width, strlen(c.heading));
+    for (const listed_port &p : ports) {
+      width = std::max(width, cell(c, p).size());
+      set = set || !p.item(c.item).empty();
+    }
+    if (!set) continue;
+    shown.push_back(&c);
+    widths.push_back(width);
   }
-  // kivd's own account shows as "system" once some other account has a column.
-  auto account = [&](const std::string &a) {
-    return account_width ? padded(a, account_width) + "  " : "";
+  // The heading and each port's cells, padded to the column's width but the last.
+  auto row = [&](const listed_port *p) {
+    std::string out;
+    for (size_t i = 0; i < shown.size(); i++) {
+      const column &c = *shown[i];
+      std::string s = p ? cell(c, *p) : c.heading;
+      if (i + 1 == shown.size()) return out + s + "\n";
+      bool right = p && (c.how & RIGHT);
+      out += (right ? std::string(widths[i] - s.size(), ' ') + s : padded(s, widths[i])) + "  ";
+    }
+    return out + "\n";
   };
-  std::string out = padded("PORT", port_width + 2) + padded("SERVICE", service_width) +
-                    "  MODE  " + account("ACCOUNT") + "STATE\n";
-  for (const auto &p : ports) {
-    std::string number = port_text(p);
-    number = std::string(port_width - number.size(), ' ') + number;
-    out += number + "  " + padded(p.service, service_width) + "  " + padded(p.mode, 4) + "  " +
-           account(p.account.empty() ? "system" : p.account) + port_state(p) + "\n";
-  }
+  std::string out = row(nullptr);
+  for (const listed_port &p : ports) out += row(&p);
   return out;
 }
 
@@ -174,21 +239,15 @@ std::string json_string(const std::string &text) {
 std::string listing_json(const std::vector<listed_port> &ports) {
   std::string out = "[";
   for (size_t i = 0; i < ports.size(); i++) {
-    const listed_port &p = ports[i];
-    out += i ? ",\n " : "";
-    out +=
-        "{\"port\":" + std::to_string(p.port) + ",\"service\":" + json_string(p.service) +
-        ",\"mode\":" + json_string(p.mode) + ",\"state\":\"" + state_word(p) + "\"" +
-        ",\"agent\":" + (p.agent ? std::to_string(p.agent) : "null") +
-        ",\"parent\":" + (p.parent ? std::to_string(p.parent) : "null") +
-        ",\"disabled_until\":" + (p.disabled && !p.until_enabled ? json_string(p.until) : "null") +
-        ",\"until_enabled\":" + (p.until_enabled ? "true" : "false") +
-        ",\"address\":" + (p.address.empty() ? "null" : json_string(p.address)) +
-        ",\"account\":" + (p.account.empty() ? "null" : json_string(p.account)) +
-        ",\"memory\":" + number_or_null(p.memory) +
-        ",\"processes\":" + number_or_null(p.processes) + ",\"cpu\":" + number_or_null(p.cpu) + "}";
+    out += i ? "},\n {" : "{";
+    const char *comma = "";
+    for (const column &c : COLUMNS) {
+      if (!c.key) continue;
+      out += comma + json_string(c.key) + ":" + json_value(c, ports[i]);
+      comma = ",";
+    }
   }
-  return out + "]";
+  return out + (ports.empty() ? "]" : "}]");
 }
 
 std::string reply_json(const std::string &reply) {
