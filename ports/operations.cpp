@@ -255,7 +255,7 @@ void write_state(const port_record *p, int number, int context, ssock_writefunc 
                  p->service->name);
   const char *state;
   if (disabled_by_command(p)) {
-    state = "disabled";
+    state = WIRE_STATES[WIRE_DISABLED];
     n += xsnprintf(line + n, sizeof line - n, "is disabled until enabled.");
     xsnprintf(fields, sizeof fields, "\tuntil=%lld", static_cast<long long>(p->until));
   } else if ((p->flags & PORT_DISABLED) && p->until > now) {
@@ -267,16 +267,16 @@ void write_state(const port_record *p, int number, int context, ssock_writefunc 
                    when.tm_sec);
     xsnprintf(fields, sizeof fields, "\tuntil=%lld", static_cast<long long>(p->until));
   } else if (p->agent) {
-    state = "serving";
+    state = WIRE_STATES[WIRE_SERVING];
     n += xsnprintf(line + n, sizeof line - n, "is served by its agent, process %lu.",
                    static_cast<unsigned long>(p->agent->pid));
     xsnprintf(fields, sizeof fields, "\tpid=%lu", static_cast<unsigned long>(p->agent->pid));
   } else if (p->sock != INVALID_SOCKET) {
-    state = "idle";
+    state = WIRE_STATES[WIRE_IDLE];
     n += xsnprintf(line + n, sizeof line - n,
                    "is listened on: its agent starts at the next connection.");
   } else {
-    state = "idle";
+    state = WIRE_STATES[WIRE_IDLE];
     n += xsnprintf(line + n, sizeof line - n, "is neither listened on nor served.");
   }
   if (p->start == START_HOOK && p->parent)

@@ -4,12 +4,11 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "lib/wire.h"
 #include "toolkit/runtime/events.h"
 #include "tools/kivctl/listing.h"
 
 namespace {
-
-constexpr long long UNTIL_ENABLED = 0x7FFFFFFF;  // kivd's mark of a disable by command
 
 std::string field(const why_event &e, const char *name) {
   for (const auto &f : e.fields)
@@ -60,7 +59,7 @@ std::string why_next(const why_event &e) {
   std::string until = field(e, kivev_fieldname(KIVEV_F_UNTIL));
   if (!until.empty() && e.number != WHY_STATE) {
     long long t = atoll(until.c_str());
-    if (t >= UNTIL_ENABLED) return "disabled until enabled";
+    if (t >= WIRE_UNTIL_ENABLED) return "disabled until enabled";
     // A rest that ends another day says the day too.
     bool today = format_time(t, "%Y-%m-%d", false) == format_time(e.time, "%Y-%m-%d", false);
     return "resting until " + format_time(t, today ? "%H:%M:%S" : "%Y-%m-%d %H:%M:%S", false);
@@ -97,7 +96,7 @@ std::string why_json(const std::vector<why_event> &events) {
       const auto &f = e.fields[j];
       std::string value = json_string(f.second);
       if (kind(f.first) == KIVEV_TIME)
-        value = atoll(f.second.c_str()) >= UNTIL_ENABLED
+        value = atoll(f.second.c_str()) >= WIRE_UNTIL_ENABLED
                     ? "null"
                     : json_string(format_time(atoll(f.second.c_str()), iso, true));
       else if (kind(f.first) == KIVEV_DECIMAL && !f.second.empty() &&
