@@ -81,18 +81,17 @@ static void refused(const schema_value &v, const char *name, int port, const cha
   kivev_emit(&ev);
 }
 
-// The account and job limits of the key name from the rows at first (its section's
-// account row). A value its row refuses is reported, naming the key and the value, and
+// The account and job limits of the key name from its section's rows (SCHEMA_*_LIMITS). A value its row refuses is reported, naming the key and the value, and
 // false returned: the caller starts nothing rather than fall back to kivd's own account
 // or to no limit.
-static bool getlimits(int first, const char *name, int *account, job_limits *limits,
-                      const char *tag) {
+static bool getlimits(const int (&rows)[SCHEMA_LIMITS], const char *name, int *account,
+                      job_limits *limits, const char *tag) {
   unsigned *numbers[SCHEMA_LIMITS] = {nullptr, &limits->memory, &limits->processes, &limits->cpu};
   *account = ACCOUNT_SYSTEM;
   *limits = job_limits();
   bool usable = true;
   for (int i = 0; i < SCHEMA_LIMITS; i++) {
-    const schema_value &v = schema_values[first + i];
+    const schema_value &v = schema_values[rows[i]];
     char *text = getvalue(v, name);
     if (!text) continue;
     int judged = kivschema_judge(v, text);
@@ -125,7 +124,7 @@ service_record *addservice(const char *name) {
   xfree(s->program);
   s->program = getvalue(schema_values[SCHEMA_SERVICE_PROGRAM], name);
   // Refused: no program, so that its ports rest as those of a service without one.
-  if (!getlimits(SCHEMA_SERVICE_ACCOUNT, name, &s->account, &s->limits, TAG)) {
+  if (!getlimits(SCHEMA_SERVICE_LIMITS, name, &s->account, &s->limits, TAG)) {
     xfree(s->program);
     s->program = nullptr;
   }
@@ -221,7 +220,7 @@ prog_record *addprog(const char *name) {
   int account;
   job_limits limits;
   // Refused: not counted, so that the reconfiguration ends a program already running.
-  if (!getlimits(SCHEMA_PROGRAM_ACCOUNT, name, &account, &limits, TAG)) return nullptr;
+  if (!getlimits(SCHEMA_PROGRAM_LIMITS, name, &account, &limits, TAG)) return nullptr;
   prog_record *g = find_prog(name);
   if (!g && !(g = push_new(ssock_progs, name, TAG))) return nullptr;
   g->account = account;

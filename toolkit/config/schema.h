@@ -118,6 +118,11 @@ enum {
   SCHEMA_LIMIT_CPU,
   SCHEMA_LIMITS
 };
+// Each section's account and limit rows by name, in SCHEMA_LIMIT_* order.
+constexpr int SCHEMA_SERVICE_LIMITS[SCHEMA_LIMITS] = {SCHEMA_SERVICE_ACCOUNT, SCHEMA_SERVICE_MEMORY,
+                                                      SCHEMA_SERVICE_PROCESSES, SCHEMA_SERVICE_CPU};
+constexpr int SCHEMA_PROGRAM_LIMITS[SCHEMA_LIMITS] = {SCHEMA_PROGRAM_ACCOUNT, SCHEMA_PROGRAM_MEMORY,
+                                                      SCHEMA_PROGRAM_PROCESSES, SCHEMA_PROGRAM_CPU};
 extern const schema_value schema_values[SCHEMA_VALUES];
 
 // kivd's judgement of text by v's row: for SCHEMA_WORDS the index of the word it is, for

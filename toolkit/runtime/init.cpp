@@ -1,6 +1,5 @@
 #include "toolkit/runtime/init.h"
 
-#include "toolkit/runtime/cinit.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/events.h"
 #include "toolkit/runtime/locks.h"

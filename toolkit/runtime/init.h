@@ -20,6 +20,9 @@ constexpr uint32_t KIV_INIT_NOSUB1 = 0x1;  // suppress an optional subsystem (no
 constexpr uint32_t KIV_INIT_NOSUB2 = 0x2;
 constexpr uint32_t KIV_INIT_POLICY = 0x8000;  // policymarker and policyhook are present
 constexpr uint32_t KIV_POLICY_NONEXPORTABLE = 1;
+// Fixed constant shared by kiv_cinit and kiv_init: the policy hook is taken only when
+// the record's marker equals it. The value is arbitrary.
+constexpr uint32_t KIV_POLICY_MARKER = 0x4B495650;  // "KIVP"
 constexpr int KIV_INTERFACE_VERSION = 5;  // the toolkit's, not the product's (kiv_version.h)
 constexpr int KIV_INTERFACE_REVISION = 0;
 
