@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <sstream>
 #include <thread>
 
 #include "tests/support/support.h"
@@ -40,13 +41,31 @@ std::string temp_file(const char *name) {
 }
 
 // How often text occurs in the file at path (0 when it cannot be read).
-int occurrences(const std::string &path, const std::string &text) {
+std::string file_text(const std::string &path) {
   std::string all;
   if (FILE *f = fopen(path.c_str(), "rb")) {
     char buf[4096];
     for (size_t got; (got = fread(buf, 1, sizeof buf, f)) > 0;) all.append(buf, got);
     fclose(f);
   }
+  return all;
+}
+
+// The lines of a log that hold any of needles: what a failed step shows of kivd's side.
+std::string lines_with(const std::string &path, std::initializer_list<std::string> needles) {
+  std::istringstream in(file_text(path));
+  std::string out;
+  for (std::string line; std::getline(in, line);)
+    for (const std::string &n : needles)
+      if (line.find(n) != std::string::npos) {
+        out += line + "\n";
+        break;
+      }
+  return out;
+}
+
+int occurrences(const std::string &path, const std::string &text) {
+  std::string all = file_text(path);
   int n = 0;
   for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) n++;
   return n;
@@ -180,8 +199,8 @@ TEST(Service, InstallStatesAndExitCodesThroughTheServiceManager) {
     // and its state is read while it is held again at the end of its loop.
     SCOPED_TRACE("a stop during start-up starts nothing and is never followed by running");
     std::string logpipe = "\\\\.\\pipe\\kivd_early_stop_" + std::to_string(GetCurrentProcessId());
-    HANDLE log = CreateNamedPipeA(logpipe.c_str(), PIPE_ACCESS_INBOUND, PIPE_TYPE_BYTE, 1, 0, 1,
-                                  0, nullptr);
+    HANDLE log =
+        CreateNamedPipeA(logpipe.c_str(), PIPE_ACCESS_INBOUND, PIPE_TYPE_BYTE, 1, 0, 1, 0, nullptr);
     auto set_cmdline = [&](const std::string &line) {
       return m.with(SERVICE_CHANGE_CONFIG, [&](SC_HANDLE s) {
         return ChangeServiceConfigA(s, SERVICE_NO_CHANGE, SERVICE_NO_CHANGE, SERVICE_NO_CHANGE,
@@ -366,7 +385,9 @@ TEST(Agents, OneKivdOfTwoHundredAgentPorts) {
     // The service changed while the port rests after its agent crashed: the new record is
     // listened on at once, the timed rest is not its own.
     SOCKET s = kt::connect_to(resting);
-    ASSERT_NE(kt::read_line(s), "");
+    ASSERT_NE(kt::read_line(s), "")
+        << lines_with(log, {"port " + std::to_string(resting), "Port " + std::to_string(resting),
+                            "killed", "does not read", "failed"});
     send(s, "crash\n", 6, 0);
     closesocket(s);
     ASSERT_TRUE(logged("Port " + std::to_string(resting) + " disabled for 3 seconds"));
