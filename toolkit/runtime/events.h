@@ -46,7 +46,7 @@ enum kivev_field { KIVEV_FIELDS(KIVEV_FIELD_ID) };
 #define KIVEV_RESTS nullptr
 
 // Every event: X(NAME, number, severity, next step, inserts...). The number is the one the
-// message table gives it (service/kivd.mc, checked by the compiler against the generated
+// message table gives it (service/kivd_messages.mc, checked by the compiler against the generated
 // header); a new event is one row here and one message there.
 #define KIVEV_EVENTS(X)                                                                            \
   X(SERVICE_STARTED, 1, KIVEV_INFO, "serving")                                                     \
