@@ -151,6 +151,9 @@ port_record *addport(int number, service_record *svc, int start, const char *add
 // is configured; KIV_ECONFIG (reported, naming the port and the value) for a value that
 // is not an address, which is never taken for every address.
 int port_address(int number, char **address);
+// Emits the CONFIG_REFUSED event of text, refused by v's row, naming the value's path and
+// the port (port non-zero) or the service or program `name` it belongs to.
+void refused(const schema_value &v, const char *name, int port, const char *text);
 // True when a and b are the same address text, or both are null.
 bool same_address(const char *a, const char *b);
 // Creates or refreshes the prog (flags cleared, program, account and limits re-read, refs

@@ -23,6 +23,13 @@ int tcpnode_cb(const char *path, const char *value, void *) {
   if (!kivschema_is(end, schema_values[SCHEMA_PORT_START])) return 0;
   KIV_LOG(3, TAG, "Found port %d, start=%s", static_cast<int>(number), value);
   int start = kivschema_judge(schema_values[SCHEMA_PORT_START], value) + 1;
+  if (start == 0) {
+    // A misspelt mode leaves the port out; it says so rather than go down in silence.
+    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ECONFIG,
+                 "Port %d: bad start mode \"%.40s\", not listened on", static_cast<int>(number),
+                 value);
+    refused(schema_values[SCHEMA_PORT_START], nullptr, static_cast<int>(number), value);
+  }
   if (start != START_AUTO && start != START_ON) return 0;
   char key[PATH_SIZE];
   kivschema_path(key, schema_values[SCHEMA_PORT_SERVICE], number);
@@ -66,7 +73,8 @@ int startnode_cb(const char *path, const char *value, void *) {
   size_t namelength = 0;
   const char *key = kivschema_key(path, row, &namelength);
   if (!key) return 0;
-  if (kivschema_judge(row, value) != 0) return 0;  // word 0: "on"
+  int judged = kivschema_judge(row, value);
+  if (judged > 0) return 0;  // "off"; word 0, "on", starts the program
   char name[PATH_SIZE];
   if (namelength >= sizeof name) {
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ECONFIG, "Prog name too long: %.40s...", key);
@@ -74,6 +82,12 @@ int startnode_cb(const char *path, const char *value, void *) {
   }
   memcpy(name, key, namelength);
   name[namelength] = '\0';
+  if (judged < 0) {
+    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ECONFIG,
+                 "Bad start mode %.40s of global program %s: not started", value, name);
+    refused(row, name, 0, value);
+    return 0;
+  }
   KIV_LOG(3, TAG, "Adding prog %s", name);
   addprog(name);
   return 0;

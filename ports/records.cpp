@@ -69,7 +69,7 @@ static char *getvalue(const schema_value &v, const char *name) {
 // or program it belongs to: `why` finds it by that name, and the repeat limit tells the
 // records apart. The record may rest without a program or be gone by the end of the
 // reconfiguration, so kivd's own events keep it too (service/).
-static void refused(const schema_value &v, const char *name, int port, const char *text) {
+void refused(const schema_value &v, const char *name, int port, const char *text) {
   char path[PATH_SIZE];
   int rc = port ? kivschema_path(path, v, port) : kivschema_path(path, v, name);
   kivev_event ev{};

@@ -296,15 +296,20 @@ TEST_F(Why, ARefusedValueNamesItsRecord) {
   set_port(ports[0] + 1, "auto", "nobody");
   set_global("sweeper", "on", agent_program(rec));
   kt::set_value("global\\start\\sweeper", "memory", "0");
+  // A misspelt start mode: the port, or the program, is left out and says so.
+  set_port(ports[0] + 2, "atuo", "nobody");
+  set_global("typo", "no", agent_program(rec));
   ssock_reconfig();
   kivev_reset();
   std::sort(refusals.begin(), refusals.end());
-  std::string p = std::to_string(ports[0]);
-  EXPECT_EQ(refusals, (std::vector<std::string>{
-                          "0|nobody||.services.nobody.account=admin",
-                          "0||sweeper|.global.start.sweeper.memory=0",
-                          p + "|||.tcp.s" + p + ".address=bogus",
-                      }));
+  std::string p = std::to_string(ports[0]), typo = std::to_string(ports[0] + 2);
+  std::vector<std::string> want = {
+      "0|nobody||.services.nobody.account=admin", "0||sweeper|.global.start.sweeper.memory=0",
+      "0||typo|.global.start.typo.start=no",      p + "|||.tcp.s" + p + ".address=bogus",
+      typo + "|||.tcp.s" + typo + ".start=atuo",
+  };
+  std::sort(want.begin(), want.end());
+  EXPECT_EQ(refusals, want);
 }
 
 std::vector<std::string> written;  // "number|note" of each event the event log got
