@@ -132,6 +132,10 @@ int port_pass(time_t now) {
           p->agent->listed = 0;
         else if (rc == KIV_ESYS)
           rest_failed_start(p, error);
+        else if (rc == KIV_ECONFIG)
+          // Its program cannot be used, and PORT_NO_PROGRAM said so once: the port rests
+          // rather than say it again at every pass; a reconfiguration lifts the rest.
+          disable_port(p, DISABLE_THROTTLED);
       }
     } else if (p->sock == INVALID_SOCKET) {
       if (!((p->flags & PORT_DISABLED) && now < p->until)) start_listening(p);

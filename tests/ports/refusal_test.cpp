@@ -5,6 +5,7 @@
 
 #include "ports/ssock.h"
 #include "tests/support/ports.h"
+#include "toolkit/config/schema.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/events.h"
 #include "toolkit/runtime/log.h"
@@ -145,6 +146,21 @@ TEST_F(Refusal, LaunchRefusedBySystemRestsThePort) {
     restart_manager();
     events.clear();
   }
+}
+
+// An "on" port whose service's program cannot be used says so once and rests, as listed,
+// instead of saying it again at every pass; a reconfiguration tries it again at once.
+TEST_F(Refusal, OnPortWithAnUnusableProgramRests) {
+  unsigned port = free_ports(1)[0];
+  set_service("long", std::string(SCHEMA_AGENT_PROGRAM_MAX + 1, 'x'));
+  set_port(port, "on", "long");
+  ASSERT_EQ(0, ssock_reconfig());
+  ssock_update();
+  ASSERT_EQ(1u, events.size());
+  EXPECT_EQ(KIVEV_PORT_NO_PROGRAM, events[0].id);
+  expect_rest({port}, "long", "On", now + 900);
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(2u, events.size());
 }
 
 // Each refused start's event carries its own failure's error, not an earlier one's: a
