@@ -102,7 +102,8 @@ TEST(Address, PortsListenWhereTheyAreConfigured) {
   EXPECT_TRUE(
       has(from4, "TCPREMOTEIP=127.0.0.1\nTCPREMOTEPORT=" + std::to_string(ntohs(me.sin_port)) +
                      "\nTCPLOCALIP=127.0.0.1\nTCPLOCALPORT=" + std::to_string(dual) + "\n"))
-      << from4;
+      << from4 << "\nkivd and its agents said:\n"
+      << d.err();
   EXPECT_TRUE(has(from6, "TCPREMOTEIP=::1\n") && has(from6, "TCPLOCALIP=::1\n")) << from6;
   EXPECT_TRUE(d.log_has("Port " + std::to_string(bad) + ": bad address \"localhost\""));
   EXPECT_EQ(ask_at("127.0.0.1", bad, "g"), REFUSED) << "never all addresses instead";
