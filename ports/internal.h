@@ -185,6 +185,9 @@ int startnode_cb(const char *path, const char *value, void *arg);
 // its event, in *error; other results leave *error as it was.
 // 0, KIV_ECONFIG, KIV_EINVAL (throttled), KIV_ESYS, KIV_ENOMEM.
 int start_agent(port_record *p, DWORD *error);
+// An agent's pipe of size bytes whose write end never waits (sendcmd): false, with the
+// system's error, when it cannot be made.
+bool agent_pipe(HANDLE *read, HANDLE *write, DWORD size);
 // Starts command_line plus " -C<read end>" as `account`, in a job of its own with `limits`;
 // the new process inherits the read end of a fresh pipe of pipe_size bytes (and the
 // standard handles, nothing else). c gets the process, its id, the pipe's write end and

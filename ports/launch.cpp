@@ -273,6 +273,20 @@ int start_agent(port_record *p, DWORD *error) {
   return 0;
 }
 
+bool agent_pipe(HANDLE *read, HANDLE *write, DWORD size) {
+  // kivd never waits for an agent to read: an anonymous pipe is a named pipe, whose write
+  // end can be made not to wait, once for all its writes.
+  DWORD nowait = PIPE_READMODE_BYTE | PIPE_NOWAIT;
+  if (!CreatePipe(read, write, nullptr, size)) return false;
+  if (SetNamedPipeHandleState(*write, &nowait, nullptr, nullptr)) return true;
+  DWORD error = GetLastError();
+  CloseHandle(*read);
+  CloseHandle(*write);
+  *read = *write = nullptr;
+  SetLastError(error);
+  return false;
+}
+
 int start_child(const char *application, const char *command_line, DWORD pipe_size, int account,
                 const job_limits &limits, child_record *c, DWORD *error) {
   static const char TAG[] = "ssock.start_child";
@@ -287,7 +301,7 @@ int start_child(const char *application, const char *command_line, DWORD pipe_si
   HANDLE inheritable = nullptr;
   PROCESS_INFORMATION info = {};
   int rc = KIV_ESYS;
-  if (!CreatePipe(read.put(), write.put(), nullptr, pipe_size)) {
+  if (!agent_pipe(read.put(), write.put(), pipe_size)) {
     *error = GetLastError();
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "CreatePipe() failed %d",
                  static_cast<int>(*error));
@@ -350,17 +364,10 @@ namespace {
 const char NOTICE[] = WIRE_RECONFIG "\r\n";
 constexpr DWORD NOTICE_LENGTH = sizeof NOTICE - 1;
 
-// Writes what the agent's pipe takes at once: the count written, or -1 once the agent
-// has closed its end (its end is handled as any other). kivd never waits for an agent to
-// read: an anonymous pipe is a named pipe, whose write end can be made not to wait.
+// Writes what the agent's pipe (made not to wait by start_child) takes at once: the
+// count written, or -1 once the agent has closed its end (handled as any other end).
 long write_nowait(child_record *c, const char *text, DWORD length) {
-  DWORD mode = PIPE_READMODE_BYTE | PIPE_NOWAIT, written = 0;
-  if (!SetNamedPipeHandleState(c->pipe, &mode, nullptr, nullptr)) {
-    kiv_logerror(nullptr, "ssock.sendcmd", KIV_SEV_ERROR, KIV_ESYS,
-                 "Pipe of %d cannot be written without waiting [%d]", static_cast<int>(c->pid),
-                 static_cast<int>(GetLastError()));
-    return 0;
-  }
+  DWORD written = 0;
   if (!WriteFile(c->pipe, text, length, &written, nullptr))
     return GetLastError() == ERROR_NO_DATA ? -1 : 0;
   return static_cast<long>(written);

@@ -279,16 +279,16 @@ void write_state(const port_record *p, int number, int context, ssock_writefunc 
     state = WIRE_STATES[WIRE_IDLE];
     n += xsnprintf(line + n, sizeof line - n, "is neither listened on nor served.");
   }
-  if (p->start == START_HOOK && p->parent)
+  char parent[24] = "";
+  if (p->start == START_HOOK && p->parent) {
     n += xsnprintf(line + n, sizeof line - n, " It is hooked by process %lu.",
                    static_cast<unsigned long>(p->parent_pid));
-  else if (p->start == START_HOOK)
+    xsnprintf(parent, sizeof parent, "\tparent=%lu", static_cast<unsigned long>(p->parent_pid));
+  } else if (p->start == START_HOOK) {
     n += xsnprintf(line + n, sizeof line - n, " It is hooked.");
-  n += xsnprintf(line + n, sizeof line - n, "\tport=%d\tservice=%.*s\tstate=%s%s", number, 160,
-                 p->service->name, state, fields);
-  if (p->start == START_HOOK && p->parent)
-    n += xsnprintf(line + n, sizeof line - n, "\tparent=%lu",
-                   static_cast<unsigned long>(p->parent_pid));
+  }
+  n += xsnprintf(line + n, sizeof line - n, "\tport=%d\tservice=%.*s\tstate=%s%s%s", number, 160,
+                 p->service->name, state, fields, parent);
   write(context, line, n);
 }
 

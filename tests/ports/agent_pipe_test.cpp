@@ -54,7 +54,7 @@ TEST_F(AgentPipe, AnAgentThatNeverReadsCannotStallKivd) {
 // pipe cannot take ends the agent at once.
 TEST_F(AgentPipe, FullPipeDropsNoticesAndEndsAnAgentThatMustHear) {
   HANDLE read = nullptr, write = nullptr;
-  ASSERT_TRUE(CreatePipe(&read, &write, nullptr, 100));
+  ASSERT_TRUE(agent_pipe(&read, &write, 100));
   kt::process agent("\"" + kt::testagent_exe() + "\"");  // without a pipe: lives until ended
   child_record c = {};
   c.pid = agent.pid;
