@@ -98,3 +98,122 @@ constexpr bool wire_until_enabled(int year, int month, int day, int hour, int mi
   long long from_mark = wire_minutes(year, month, day, hour, minute) - WIRE_UNTIL_ENABLED / 60;
   return from_mark >= -24 * 60 && from_mark <= 24 * 60;
 }
+
+// The stats listing: one line per port record, service, global program and kivd itself.
+// Its first item names what the line counts ("Port=7000", "Service=echo", "Program=sync",
+// "Kivd=<pid>"); a port's line then has "Service=<name>" and "State=<word>"; then every
+// counter of that kind of line as Name=value, a count of 0 too. A reader skips items it
+// does not know, so a counter is added as one row of WIRE_STATS_ROWS.
+#define WIRE_STATS_PORT "Port"
+#define WIRE_STATS_SERVICE "Service"
+#define WIRE_STATS_PROGRAM "Program"
+#define WIRE_STATS_KIVD "Kivd"
+#define WIRE_STATS_STATE "State"
+enum wire_stats_kind { WIRE_OF_PORT, WIRE_OF_SERVICE, WIRE_OF_PROGRAM, WIRE_OF_KIVD };
+// A port's state in the stats listing, one word each: a rest is what a failure or the
+// throttle imposes, a disable a pause kivd or the operator chose (a mode change's, the
+// disable command's until enabled).
+enum wire_stats_state {
+  WIRE_STATS_SERVING,
+  WIRE_STATS_IDLE,
+  WIRE_STATS_RESTING,
+  WIRE_STATS_DISABLED,
+  WIRE_STATS_UNTIL_ENABLED,
+  WIRE_STATS_STATES
+};
+constexpr const char *WIRE_STATS_WORDS[WIRE_STATS_STATES] = {"serving", "idle", "resting",
+                                                             "disabled", "disabled-until-enabled"};
+
+// Every counter: X(ID, kind of line, item name, metric name after the "kivd_" prefix, the
+// metric's extra label or "", its type, its help). Rows of one metric name are adjacent and
+// share type and help; the monitoring file writes "# HELP" and "# TYPE" once per name.
+#define WIRE_STATS_ROWS(X)                                                                         \
+  X(PORT_CONNECTIONS, WIRE_OF_PORT, "Connections", "port_connections_total", "", "counter",        \
+    "Connections that woke kivd on the port.")                                                     \
+  X(PORT_STARTS, WIRE_OF_PORT, "Starts", "port_agent_starts_total", "", "counter",                 \
+    "Agents started for the port.")                                                                \
+  X(PORT_ENDS_ZERO, WIRE_OF_PORT, "EndsZero", "port_agent_ends_total", "kind=\"zero\"", "counter", \
+    "Ends of the port's agents: exit code 0, another code, an exception.")                         \
+  X(PORT_ENDS_CODE, WIRE_OF_PORT, "EndsCode", "port_agent_ends_total", "kind=\"code\"", "counter", \
+    "Ends of the port's agents: exit code 0, another code, an exception.")                         \
+  X(PORT_ENDS_EXCEPTION, WIRE_OF_PORT, "EndsException", "port_agent_ends_total",                   \
+    "kind=\"exception\"", "counter",                                                               \
+    "Ends of the port's agents: exit code 0, another code, an exception.")                         \
+  X(PORT_RESTS_THROTTLED, WIRE_OF_PORT, "RestsThrottled", "port_rests_total",                      \
+    "cause=\"throttled\"", "counter", "Rests of the port by cause.")                               \
+  X(PORT_RESTS_START_FAILED, WIRE_OF_PORT, "RestsStartFailed", "port_rests_total",                 \
+    "cause=\"start_failed\"", "counter", "Rests of the port by cause.")                            \
+  X(PORT_RESTS_EXCEPTION, WIRE_OF_PORT, "RestsException", "port_rests_total",                      \
+    "cause=\"exception\"", "counter", "Rests of the port by cause.")                               \
+  X(PORT_RESTS_LISTEN_FAILED, WIRE_OF_PORT, "RestsListenFailed", "port_rests_total",               \
+    "cause=\"listen_failed\"", "counter", "Rests of the port by cause.")                           \
+  X(PORT_DISABLES, WIRE_OF_PORT, "Disables", "port_disables_total", "", "counter",                 \
+    "Disables of the port by command.")                                                            \
+  X(PORT_SERVING_SECONDS, WIRE_OF_PORT, "ServingSeconds", "port_state_seconds_total",              \
+    "state=\"serving\"", "counter", "Seconds the port spent in each state.")                       \
+  X(PORT_IDLE_SECONDS, WIRE_OF_PORT, "IdleSeconds", "port_state_seconds_total", "state=\"idle\"",  \
+    "counter", "Seconds the port spent in each state.")                                            \
+  X(PORT_RESTING_SECONDS, WIRE_OF_PORT, "RestingSeconds", "port_state_seconds_total",              \
+    "state=\"resting\"", "counter", "Seconds the port spent in each state.")                       \
+  X(PORT_DISABLED_SECONDS, WIRE_OF_PORT, "DisabledSeconds", "port_state_seconds_total",            \
+    "state=\"disabled\"", "counter", "Seconds the port spent in each state.")                      \
+  X(SERVICE_STARTS, WIRE_OF_SERVICE, "Starts", "service_starts_total", "", "counter",              \
+    "Agents of the service started.")                                                              \
+  X(SERVICE_START_FAILURES, WIRE_OF_SERVICE, "StartFailures", "service_start_failures_total", "",  \
+    "counter", "Agent starts of the service the system refused.")                                  \
+  X(SERVICE_ENDS_ZERO, WIRE_OF_SERVICE, "EndsZero", "service_ends_total", "kind=\"zero\"",         \
+    "counter", "Ends of the service's agents: exit code 0, another code, an exception.")           \
+  X(SERVICE_ENDS_CODE, WIRE_OF_SERVICE, "EndsCode", "service_ends_total", "kind=\"code\"",         \
+    "counter", "Ends of the service's agents: exit code 0, another code, an exception.")           \
+  X(SERVICE_ENDS_EXCEPTION, WIRE_OF_SERVICE, "EndsException", "service_ends_total",                \
+    "kind=\"exception\"", "counter",                                                               \
+    "Ends of the service's agents: exit code 0, another code, an exception.")                      \
+  X(SERVICE_THROTTLES, WIRE_OF_SERVICE, "Throttles", "service_throttles_total", "", "counter",     \
+    "Times the service's starts were throttled.")                                                  \
+  X(SERVICE_LAST_EXIT, WIRE_OF_SERVICE, "LastExit", "service_last_exit_code", "", "gauge",         \
+    "Exit code of the service's last agent to end.")                                               \
+  X(SERVICE_LAST_EXIT_TIME, WIRE_OF_SERVICE, "LastExitTime", "service_last_exit_time_seconds", "", \
+    "gauge", "When the service's last agent ended, in seconds since 1970 (0: none yet).")          \
+  X(PROGRAM_STARTS, WIRE_OF_PROGRAM, "Starts", "program_starts_total", "", "counter",              \
+    "Starts of the global program.")                                                               \
+  X(PROGRAM_START_FAILURES, WIRE_OF_PROGRAM, "StartFailures", "program_start_failures_total", "",  \
+    "counter", "Starts of the global program the system refused.")                                 \
+  X(PROGRAM_ENDS_ZERO, WIRE_OF_PROGRAM, "EndsZero", "program_ends_total", "kind=\"zero\"",         \
+    "counter", "Ends of the global program: exit code 0, another code, an exception.")             \
+  X(PROGRAM_ENDS_CODE, WIRE_OF_PROGRAM, "EndsCode", "program_ends_total", "kind=\"code\"",         \
+    "counter", "Ends of the global program: exit code 0, another code, an exception.")             \
+  X(PROGRAM_ENDS_EXCEPTION, WIRE_OF_PROGRAM, "EndsException", "program_ends_total",                \
+    "kind=\"exception\"", "counter",                                                               \
+    "Ends of the global program: exit code 0, another code, an exception.")                        \
+  X(PROGRAM_THROTTLES, WIRE_OF_PROGRAM, "Throttles", "program_throttles_total", "", "counter",     \
+    "Times the global program's starts were throttled.")                                           \
+  X(PROGRAM_LAST_EXIT, WIRE_OF_PROGRAM, "LastExit", "program_last_exit_code", "", "gauge",         \
+    "Exit code of the global program's last end.")                                                 \
+  X(PROGRAM_LAST_EXIT_TIME, WIRE_OF_PROGRAM, "LastExitTime", "program_last_exit_time_seconds", "", \
+    "gauge", "When the global program last ended, in seconds since 1970 (0: never yet).")          \
+  X(KIVD_UPTIME, WIRE_OF_KIVD, "Uptime", "uptime_seconds", "", "gauge",                            \
+    "Seconds since the counters began: kivd's start, carried across hand-overs.")                  \
+  X(KIVD_COMMANDS, WIRE_OF_KIVD, "Commands", "commands_total", "", "counter",                      \
+    "Control commands served.")                                                                    \
+  X(KIVD_COMMANDS_REFUSED, WIRE_OF_KIVD, "CommandsRefused", "commands_refused_total", "",          \
+    "counter", "Control commands refused (unknown, malformed or failed).")                         \
+  X(KIVD_HUNG_UP, WIRE_OF_KIVD, "ClientsHungUp", "pipe_clients_hung_up_total", "", "counter",      \
+    "Control pipe clients kivd hung up on.")                                                       \
+  X(KIVD_EVENTS, WIRE_OF_KIVD, "Events", "events_total", "", "counter", "Events written.")         \
+  X(KIVD_EVENTS_HELD, WIRE_OF_KIVD, "EventsHeld", "events_held_total", "", "counter",              \
+    "Events held back by the repeat limit.")                                                       \
+  X(KIVD_HANDOVERS, WIRE_OF_KIVD, "Handovers", "handovers_total", "", "counter",                   \
+    "Hand-overs this kivd's counters came through.")
+
+#define WIRE_STATS_ID(id, ...) WIRE_STAT_##id,
+enum wire_stat { WIRE_STATS_ROWS(WIRE_STATS_ID) WIRE_STAT_COUNT };
+#undef WIRE_STATS_ID
+
+// The launch histogram of a port: the time from its connection's event to the agent's
+// start-up lines written. Items "Launch<ms>ms" per bucket (a launch counts in the first
+// bucket it fits, not cumulatively), "LaunchMore" above the last, and "LaunchMicroseconds"
+// their sum; the monitoring file writes kivd_port_launch_seconds, cumulative, in seconds.
+constexpr int WIRE_LAUNCH_BUCKETS_MS[] = {1, 5, 20, 100, 500};
+constexpr int WIRE_LAUNCH_BUCKETS = sizeof WIRE_LAUNCH_BUCKETS_MS / sizeof(int);
+#define WIRE_LAUNCH_MORE "LaunchMore"
+#define WIRE_LAUNCH_SUM "LaunchMicroseconds"
