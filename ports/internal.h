@@ -30,11 +30,13 @@ constexpr unsigned PORT_REMOVE = 0x1;    // find_port no longer sees it; the pas
 constexpr unsigned PORT_TOLD = 0x2;      // its agent was told to drop it; waits for its exit
 constexpr unsigned PORT_DISABLED = 0x4;  // neither listened on nor started before `until`
 constexpr unsigned PORT_EXIT = 0x8;      // removal tells a sole-port agent "exit"
+constexpr unsigned PORT_ADOPTED = 0x10;  // handed over: the next reconfiguration acts as at start
 
 // Prog flags.
 constexpr unsigned PROG_REMOVE = 0x1;
 constexpr unsigned PROG_DISABLED = 0x2;  // not started again before a pass after `until`
 constexpr unsigned PROG_KILLED = 0x4;    // TerminateProcess was sent
+constexpr unsigned PROG_ADOPTED = 0x8;   // handed over: the next reconfiguration keeps its rest
 
 constexpr time_t UNTIL_ENABLED =
     WIRE_UNTIL_ENABLED;  // a disable that only the enable command lifts

@@ -58,7 +58,8 @@ int tcpnode_cb(const char *path, const char *value, void *) {
     p = addport(static_cast<int>(number), svc, start, address);
     xfree(address);
     if (!p) return 0;
-  } else if (xfree(address), (p->flags & PORT_DISABLED) && p->until != UNTIL_ENABLED) {
+  } else if (xfree(address), (p->flags & PORT_DISABLED) && p->until != UNTIL_ENABLED &&
+                                 !(p->flags & PORT_ADOPTED)) {
     KIV_LOG(3, TAG, "Reenable port %d", static_cast<int>(number));
     p->flags &= ~PORT_DISABLED;
   }
@@ -104,8 +105,9 @@ int ssock_reconfig() {
     kivinfo_set(path, source, KIVINFO_REGISTRY);
   }
   int oldcount = 0;
+  // Records handed over count as none, as at a start: their agents hear nothing.
   for (port_record *p = ssock_ports; p; p = p->next) {
-    oldcount++;
+    oldcount += !(p->flags & PORT_ADOPTED);
     p->refs = 0;
   }
   for (service_record *s = ssock_services; s; s = s->next) s->refs = 0;
@@ -119,12 +121,14 @@ int ssock_reconfig() {
   }
 
   for (port_record *p = ssock_ports; p; p = p->next) {
+    p->flags &= ~PORT_ADOPTED;
     if (p->refs == 0 && !(p->flags & PORT_REMOVE) && p->start != START_HOOK) {
       KIV_LOG(3, TAG, "Port %d no longer used", p->port);
       p->flags = PORT_REMOVE | (p->flags & PORT_TOLD);  // a disable goes with the record
     }
   }
   for (prog_record *g = ssock_progs; g; g = g->next) {
+    g->flags &= ~PROG_ADOPTED;
     if (g->refs == 0) {
       KIV_LOG(3, TAG, "Prog %s no longer used", g->name);
       g->flags |= PROG_REMOVE;

@@ -225,7 +225,8 @@ prog_record *addprog(const char *name) {
   if (!g && !(g = push_new(ssock_progs, name, TAG))) return nullptr;
   g->account = account;
   g->limits = limits;
-  g->flags = 0;
+  // A rest handed over with the program outlives the first reconfiguration, as at a start.
+  g->flags = g->flags & PROG_ADOPTED ? g->flags & PROG_DISABLED : 0;
   xfree(g->program);
   g->program = getvalue(schema_values[SCHEMA_PROGRAM_PROGRAM], name);
   g->refs++;

@@ -7,6 +7,7 @@
 
 #include <ctime>
 
+#include "lib/dstr.h"
 #include "toolkit/runtime/events.h"
 
 // Registry key that holds the configuration (subkeys "tcp", "services", "global").
@@ -66,3 +67,40 @@ int ssock_cleanup();
 // Frees every record, socket, handle and the wait list and returns the manager to its
 // state at process start (after ssock_cleanup, or with nothing running). For tests.
 void ssock_reset();
+
+// The hand-over of the records to another process, so that a restart or an upgrade cuts
+// nothing: sockets, agents and programs live on in the receiver.
+struct ssock_handed {
+  int ports;
+  int agents;
+  int programs;
+};
+// Writes into *out (appended; cut back on failure) the hand-over of every record for the
+// process `target` (id target_pid, opened with PROCESS_DUP_HANDLE): each port's listening
+// socket duplicated for it (WSADuplicateSocketA, as for agents), each agent's process, pipe
+// write end and job, each global program's process and job, each hooked port's parent
+// process handle duplicated into it (DuplicateHandle, DUPLICATE_SAME_ACCESS, not
+// inheritable). An idle port's event selection is cancelled first (the receiver selects
+// again). Nothing of this process's own changes otherwise: on failure the caller goes on
+// serving (call ssock_handover_resume()); the handles already duplicated are closed in the
+// target again, but a socket's duplicate cannot be recalled: it goes with the target's end.
+// counts (may be null) gets what the block carries. 0, KIV_ESYS (the failing call's error
+// in *error), KIV_ENOMEM.
+int ssock_handover_write(HANDLE target, DWORD target_pid, dstr *out, ssock_handed *counts,
+                         DWORD *error);
+// Selects FD_ACCEPT again on every idle listening socket after a hand-over that failed.
+void ssock_handover_resume();
+// Builds the records from a block written for this process, into a manager that holds
+// none (at a process's start or after ssock_reset): ports (number, start mode, address,
+// service by name, extra args and parent of a hooked port, flags with `until`: disables
+// by command and rests with their ends), services (created with addservice(name), so they
+// read the registry, then their start throttle state), agents (process, pid, pipe, job,
+// owed, links recounted from the ports), global programs (name, program line, flags,
+// until, throttle state, process, pid, job). `serve` true (the new kivd): each idle
+// listening socket gets FD_ACCEPT selected on a new event, and the next ssock_reconfig
+// keeps the rests and tells agents nothing, as at a start. `serve` false (a holder): no
+// selection, no accept, nothing else. Nothing is said to any agent. A block it cannot read
+// whole (or a manager that holds records) adopts nothing and returns KIV_EINVAL, closing
+// every handle and socket the block named that it could take over. counts may be null.
+// 0, KIV_EINVAL, KIV_ENOMEM.
+int ssock_handover_read(const char *block, size_t length, bool serve, ssock_handed *counts);
