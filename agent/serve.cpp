@@ -13,6 +13,9 @@ namespace {
 
 // An agent built against the first header sets this size; what it does not reach is zero.
 constexpr size_t SERVING_FIRST = offsetof(kivagent_serving, stop_ms) + sizeof(DWORD);
+// How long the end waits for an accept thread whose socket it closed: it ends at once,
+// unless the system is starved.
+constexpr DWORD ACCEPT_END_MS = 5000;
 
 struct serving_state;
 
@@ -21,6 +24,8 @@ struct server {
   unsigned port;
   SOCKET sock;
   volatile LONG stopping;  // set before the serving thread closes sock under the accept
+  HANDLE accepting;        // its accept thread: the end waits for it, so that a connection it
+                           // took just as the socket closed is counted and served
 };
 
 // Shared by the serving thread, the port threads and the client threads; the last to let
@@ -29,12 +34,12 @@ struct serving_state {
   volatile LONG refs;
   kivagent_serving serving;
   CRITICAL_SECTION lock;
-  unsigned clients;     // under lock
-  ULONGLONG idle_since; // under lock: since when there has been no client (GetTickCount64)
-  HANDLE changed;       // auto reset: a client returned, the lifespan is reckoned again
-  HANDLE stopping;      // manual reset: accept nothing more
-  HANDLE stop;          // manual reset: the clients' grace is over
-  HANDLE places;        // semaphore of max free places; null without a limit
+  unsigned clients;      // under lock
+  ULONGLONG idle_since;  // under lock: since when there has been no client (GetTickCount64)
+  HANDLE changed;        // auto reset: a client returned, the lifespan is reckoned again
+  HANDLE stopping;       // manual reset: accept nothing more
+  HANDLE stop;           // manual reset: the clients' grace is over
+  HANDLE places;         // semaphore of max free places; null without a limit
   server *servers;
   unsigned nservers;
 };
@@ -180,7 +185,7 @@ bool waiting(serving_state *st) {
 bool follow(serving_state *st, kivagent *agent, bool accepting) {
   for (;;) {
     // The backlog first: a connection taken from it since is counted by the time the count
-    // is read, unless its thread stalls between its accept and its count.
+    // is read, or at the latest when its accept thread ends, which the end waits for.
     bool queued = accepting && waiting(st);
     DWORD timeout = INFINITE;
     EnterCriticalSection(&st->lock);
@@ -228,13 +233,12 @@ unsigned start_servers(serving_state *st, kivagent *agent) {
     sv->port = p->port;
     sv->sock = p->sock;
     InterlockedIncrement(&st->refs);
-    HANDLE t = thread(accept_loop, sv);
-    if (!t) {
+    sv->accepting = thread(accept_loop, sv);
+    if (!sv->accepting) {
       InterlockedDecrement(&st->refs);
       sv->st = nullptr;
       continue;
     }
-    CloseHandle(t);
     serving++;
   }
   return serving;
@@ -293,6 +297,13 @@ int kivagent_serve(int argc, char **argv, const kivagent_serving *serving) {
   }
   SetEvent(st->stopping);
   for (unsigned i = 0; i < st->nservers; i++) stop_server(&agent, &st->servers[i]);
+  // An accept that returned a connection as its socket closed counts it before its thread
+  // ends: only then is the count of clients final.
+  for (unsigned i = 0; i < st->nservers; i++) {
+    if (!st->servers[i].accepting) continue;
+    WaitForSingleObject(st->servers[i].accepting, ACCEPT_END_MS);
+    CloseHandle(st->servers[i].accepting);
+  }
   // A connection taken as the lifespan ended is served to its end, as any other.
   if (!told) follow(st, &agent, false);
   kivagent_end(&agent);

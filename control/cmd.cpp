@@ -19,6 +19,7 @@
 namespace {
 
 cmd_stopfunc stop_request;
+cmd_handoverfunc handover_request;
 
 using handler = void (*)(int pipe, int argc, char **argv);
 struct command {
@@ -26,9 +27,10 @@ struct command {
   handler run;
 };
 const command table[] = {
-    {"quit", cmd_quit}, {"info", cmd_info},     {"reconfig", cmd_reconfig}, {"update", cmd_update},
-    {"add", cmd_add},   {"remove", cmd_remove}, {"disable", cmd_disable},   {"enable", cmd_enable},
-    {"ls", cmd_ls},     {"why", cmd_why},
+    {"quit", cmd_quit},       {"info", cmd_info},       {"reconfig", cmd_reconfig},
+    {"update", cmd_update},   {"add", cmd_add},         {"remove", cmd_remove},
+    {"disable", cmd_disable}, {"enable", cmd_enable},   {"ls", cmd_ls},
+    {"why", cmd_why},         {"restart", cmd_restart}, {"handover", cmd_handover},
 };
 
 void reply(int pipe, const char *text) { npipe_write(pipe, text, static_cast<int>(strlen(text))); }
@@ -53,9 +55,35 @@ void port_command(int pipe, int argc, char **argv, int (*op)(int), const char *u
   reply_result(pipe, op(port));
 }
 
+// restart and handover: an optional bound in seconds, 1 to CMD_HANDOVER_BOUND_MAX.
+void handover_command(int pipe, int argc, char **argv, bool restart, const char *usage) {
+  int bound = CMD_HANDOVER_BOUND;
+  if (argc > 2 ||
+      (argc == 2 && (strspn(argv[1], "0123456789") != strlen(argv[1]) || strlen(argv[1]) > 4 ||
+                     (bound = atoi(argv[1])) < 1 || bound > CMD_HANDOVER_BOUND_MAX))) {
+    reply(pipe, usage);
+    return;
+  }
+  if (!handover_request) {
+    reply(pipe, "-Hand-over not available");
+    return;
+  }
+  handover_request(pipe, restart, bound);
+}
+
 }  // namespace
 
 void cmd_setstop(cmd_stopfunc stop) { stop_request = stop; }
+
+void cmd_sethandover(cmd_handoverfunc handover) { handover_request = handover; }
+
+void cmd_restart(int pipe, int argc, char **argv) {
+  handover_command(pipe, argc, argv, true, "-Usage: restart [seconds]");
+}
+
+void cmd_handover(int pipe, int argc, char **argv) {
+  handover_command(pipe, argc, argv, false, "-Usage: handover [seconds]");
+}
 
 void cmd(int pipe, char *line) {
   if (pipe >= 0) KIV_LOG(3, "sserv.cmd", "\"%s\"", line);

@@ -15,6 +15,13 @@ int cmd_addargs(int argc, char **argv, int *port, const char **pid, dstr *extra)
 // The service host hands the interpreter its stop request ("quit -Q") at start-up.
 using cmd_stopfunc = void (*)();
 void cmd_setstop(cmd_stopfunc stop);
+// And its hand-over ("restart", "handover"): it replies on pipe itself. Without one both
+// commands are refused.
+using cmd_handoverfunc = void (*)(int pipe, bool restart, int bound);
+void cmd_sethandover(cmd_handoverfunc handover);
+// The seconds a holder waits for its successor unless a command names others.
+constexpr int CMD_HANDOVER_BOUND = 60;
+constexpr int CMD_HANDOVER_BOUND_MAX = 3600;
 
 // Runs one command line (NUL-terminated, at most CMD_LINE bytes; modified) from pipe
 // number `pipe`, or -1 for the main loop's own "update", whose reply is dropped.
@@ -33,3 +40,8 @@ void cmd_ls(int pipe, int argc, char **argv);
 // why [port|name]: a listing of the recent events of a port, service or global program,
 // or without a word of kivd itself; "-Failed with code -..." for one it does not know.
 void cmd_why(int pipe, int argc, char **argv);
+// restart [seconds], handover [seconds]: kivd hands everything to a holder that waits
+// that long for its successor; restart has the successor started, handover leaves that to
+// an installer. "+Handed over ..." or a "-" text (kivd serves on).
+void cmd_restart(int pipe, int argc, char **argv);
+void cmd_handover(int pipe, int argc, char **argv);

@@ -46,6 +46,8 @@ constexpr int WIRE_PORT_LINE_MAX = sizeof WIRE_PORT "65535@" - 1 + WIRE_INFO_TEX
 // under HKEY_LOCAL_MACHINE (WIRE_ROOT_PARENT\WIRE_ROOT_KEY).
 #define WIRE_SERVICE "vesk_kivd"
 #define WIRE_PIPE "\\\\.\\pipe\\vesk_kivd"
+// The pipe a holder gives a hand-over on to kivd's successor.
+#define WIRE_HANDOVER_PIPE "\\\\.\\pipe\\vesk_kivd_handover"
 #define WIRE_ROOT_PARENT "SOFTWARE\\Orvane"
 #define WIRE_ROOT_KEY "Agents"
 #define WIRE_ROOT "HKEY_LOCAL_MACHINE\\" WIRE_ROOT_PARENT "\\" WIRE_ROOT_KEY

@@ -13,6 +13,7 @@
 #include "lib/wire.h"
 #include "ports/ssock.h"
 #include "service/evlog.h"
+#include "service/handover.h"
 #include "toolkit/config/info.h"
 #include "toolkit/runtime/cinit.h"
 #include "toolkit/runtime/clock.h"
@@ -93,7 +94,9 @@ void WINAPI kivw32_service_start(DWORD, char **argv) {
   }
   KIV_LOG(3, tag, "Service stopped with code %d", result);
   kivw32_service_ctrl(SERVICE_CONTROL_STOP);
-  Sleep(1500);
+  // After a hand-over every millisecond counts: the successor starts once this ends.
+  bool quick = handed_over();
+  if (!quick) Sleep(1500);
   EnterCriticalSection(&status_lock);
   status.dwCurrentState = SERVICE_STOPPED;
   status.dwWin32ExitCode = result ? ERROR_SERVICE_SPECIFIC_ERROR : 0;
@@ -103,7 +106,7 @@ void WINAPI kivw32_service_start(DWORD, char **argv) {
   BOOL reported = SetServiceStatus(status_handle, &status);
   LeaveCriticalSection(&status_lock);
   if (reported) {
-    Sleep(1500);
+    if (!quick) Sleep(1500);
   } else {
     KIV_LOG(1, tag, "SetServiceStatus() error %d", static_cast<int>(GetLastError()));
   }
@@ -236,13 +239,22 @@ int initialize() {
   }
   KIV_LOG(3, tag, "OK");
   cmd_setstop(stop_service);
+  cmd_sethandover(handover_begin);
   ssock_setstopping(stop_requested);
   kiv_cinit(nullptr);
   kivinfo_init(0);
+  // What a holder keeps for this process is adopted first; reading the configuration then
+  // makes it agree, as a reconfiguration does.
+  bool claimed = handover_claim();
   ssock_reconfig();
-  kivev_event started{};
-  started.id = KIVEV_SERVICE_STARTED;
-  kivev_emit(&started);
+  if (claimed) {
+    handover_completed();
+  } else {
+    handover_sweep();
+    kivev_event started{};
+    started.id = KIVEV_SERVICE_STARTED;
+    kivev_emit(&started);
+  }
   return 0;
 }
 
@@ -326,6 +338,8 @@ int run_service() {
       } else if (rc >= 0) {
         line[rc] = '\0';
         cmd(p, line);
+        // Handed over: nothing more may happen to what the holder now holds.
+        if (handed_over()) break;
       } else if (rc == KIV_EOVERFLOW) {
         // The message was read whole and dropped; the client learns why, and its next
         // message is read as usual.
@@ -346,7 +360,12 @@ int run_service() {
     }
   }
   KIV_LOG(3, tag, "RIP!");
-  ssock_cleanup();
+  if (handed_over()) {
+    handover_release();
+  } else {
+    ssock_cleanup();
+    handover_sweep();
+  }
   evlog_stop(0);
   return 0;
 }

@@ -99,6 +99,18 @@ TEST(Messages, EveryEventFormatsFromKivdsOwnTable) {
        "The trace file c:/kivd.txt cannot be written: Address in use (error 10048). Its lines go "
        "to standard error until it can be written again."},
       {KIVEV_TRACE_RESUMED, I, 0, "c:/kivd.txt", "The trace file c:/kivd.txt is written again."},
+      {KIVEV_HANDOVER_BEGUN, I, 0, "",
+       "kivd handed its 8 ports, 2 running agents and 1 global programs to the holder, process "
+       "4242, and ends: its successor claims them from the holder, and no agent notices."},
+      {KIVEV_HANDOVER_COMPLETED, I, 0, "",
+       "kivd took over 8 ports, 2 running agents and 1 global programs from process 4242, and "
+       "serves them: the service was 412 ms between processes."},
+      {KIVEV_HANDOVER_EXPIRED, W, 0, "",
+       "No successor claimed what the holder, process 4242, held for 60 seconds: its 2 agents "
+       "were told to exit, its 8 ports closed and its 1 global programs ended, as a stop does."},
+      {KIVEV_HANDOVER_FAILED, E, 0, "the holder's start",
+       "The hand-over failed at the holder's start: Address in use (system error 10048). kivd "
+       "serves on and handed nothing over."},
   };
   ASSERT_EQ(sizeof rows / sizeof rows[0], static_cast<size_t>(KIVEV_NEVENTS));
   int i = 0;
@@ -121,6 +133,9 @@ TEST(Messages, EveryEventFormatsFromKivdsOwnTable) {
     ev.text = row.text;
     ev.value = "sometimes";
     ev.code = -12;
+    ev.agents = 2;
+    ev.programs = 1;
+    ev.gap = 412;
     std::string expected = row.expected;
     for (size_t at; (at = expected.find('@')) != std::string::npos;) expected.replace(at, 1, when);
     EXPECT_EQ(sentence(module, ev), expected) << kivev_name(row.id);

@@ -265,6 +265,15 @@ int kivev_inserts(const kivev_event *ev, char *buffer, int size, const char **in
       case KIVEV_F_CODE:
         kind = SIGNED, number = ev->code;
         break;
+      case KIVEV_F_AGENTS:
+        kind = SIGNED, number = ev->agents;
+        break;
+      case KIVEV_F_PROGRAMS:
+        kind = SIGNED, number = ev->programs;
+        break;
+      case KIVEV_F_GAP:
+        kind = SIGNED, number = ev->gap;
+        break;
     }
     if (kind == SIGNED)
       snprintf(text, sizeof text, "%ld", number);

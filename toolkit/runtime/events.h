@@ -34,7 +34,10 @@ enum kivev_kind {
   X(SIZE, "size", KIVEV_DECIMAL)         /* bytes */                                       \
   X(TEXT, "text", KIVEV_WORDS)           /* a configuration value's path, a file, a tag */ \
   X(VALUE, "value", KIVEV_WORDS)         /* a configuration value as read */               \
-  X(CODE, "code", KIVEV_DECIMAL)         /* a toolkit result code */
+  X(CODE, "code", KIVEV_DECIMAL)         /* a toolkit result code */                       \
+  X(AGENTS, "agents", KIVEV_DECIMAL)     /* running agents handed over */                  \
+  X(PROGRAMS, "programs", KIVEV_DECIMAL) /* running global programs handed over */         \
+  X(GAP, "gap", KIVEV_DECIMAL)           /* milliseconds between two kivd processes */
 
 #define KIVEV_FIELD_ID(name, ...) KIVEV_F_##name,
 enum kivev_field { KIVEV_FIELDS(KIVEV_FIELD_ID) };
@@ -81,7 +84,15 @@ enum kivev_field { KIVEV_FIELDS(KIVEV_FIELD_ID) };
     KIVEV_F_TEXT)                                                                                  \
   X(TRACE_FAILED, 304, KIVEV_WARNING, "going on, the trace resumes when it can", KIVEV_F_TEXT,     \
     KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT)                                                           \
-  X(TRACE_RESUMED, 305, KIVEV_INFO, "tracing again", KIVEV_F_TEXT)
+  X(TRACE_RESUMED, 305, KIVEV_INFO, "tracing again", KIVEV_F_TEXT)                                 \
+  X(HANDOVER_BEGUN, 401, KIVEV_INFO, "ending, its successor claims from the holder", KIVEV_F_PID,  \
+    KIVEV_F_COUNT, KIVEV_F_AGENTS, KIVEV_F_PROGRAMS)                                               \
+  X(HANDOVER_COMPLETED, 402, KIVEV_INFO, "serving", KIVEV_F_PID, KIVEV_F_COUNT, KIVEV_F_AGENTS,    \
+    KIVEV_F_PROGRAMS, KIVEV_F_GAP)                                                                 \
+  X(HANDOVER_EXPIRED, 403, KIVEV_WARNING, "stopped: agents told to exit, ports closed",            \
+    KIVEV_F_PID, KIVEV_F_PERIOD, KIVEV_F_COUNT, KIVEV_F_AGENTS, KIVEV_F_PROGRAMS)                  \
+  X(HANDOVER_FAILED, 404, KIVEV_ERROR, "serving on, nothing handed over", KIVEV_F_TEXT,            \
+    KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT)
 
 #define KIVEV_NUMBER(name, number, ...) KIVEV_##name = number,
 enum kivev_id : int { KIVEV_EVENTS(KIVEV_NUMBER) };
@@ -106,8 +117,11 @@ struct kivev_event {
   unsigned long size;
   const char *text;
   const char *value;
-  int code;  // a toolkit result code
-  int held;  // limited outlets: identical events held back before this one
+  int code;       // a toolkit result code
+  long agents;    // a hand-over's running agents,
+  long programs;  // its running global programs,
+  long gap;       // and the milliseconds without a kivd process
+  int held;       // limited outlets: identical events held back before this one
 };
 
 #define KIVEV_COUNT_ONE(...) +1

@@ -25,6 +25,7 @@
 #include "tools/kivctl/apply.h"
 #include "tools/kivctl/client.h"
 #include "tools/kivctl/listing.h"
+#include "tools/kivctl/restart.h"
 #include "tools/kivctl/why.h"
 #include "toolkit/runtime/scoped_win.h"
 
@@ -53,6 +54,11 @@ const char USAGE[] =
     "  update                         run the port manager's pass now\n"
     "  info                           the account kivd runs as\n"
     "  quit [-Q]                      hang up; with -Q kivd stops\n"
+    "  restart [SECONDS]              hand everything to the successor, which takes it\n"
+    "                                 over: nothing refused, nothing cut (the holder\n"
+    "                                 waits SECONDS for it, 60 by default)\n"
+    "  handover [SECONDS]             the same, for installers: returns once kivd has\n"
+    "                                 ended, and whoever starts it again claims\n"
     "\n"
     "Commands of kivctl:\n"
     "  status                         the service, kivd's pid and its ports by state\n"
@@ -298,6 +304,8 @@ int main(int argc, char **argv) {
   // apply and export work on the registry; they are not commands of the pipe.
   if (argc > 1 && strcmp(argv[1], "apply") == 0) return kivctl_apply(argc - 1, argv + 1);
   if (argc > 1 && strcmp(argv[1], "export") == 0) return kivctl_export(argc - 1, argv + 1);
+  if (argc > 1 && (strcmp(argv[1], "restart") == 0 || strcmp(argv[1], "handover") == 0))
+    return kivctl_restart(argc - 1, argv + 1, mode == output::json);
   scoped_handle pipe;
   int code = client_open(pipe.put(), if_absent::report);
   if (code) return code;

@@ -1,0 +1,114 @@
+#include "tools/kivctl/restart.h"
+
+#include <windows.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "tools/kivctl/client.h"
+#include "tools/kivctl/why.h"
+#include "toolkit/runtime/scoped_win.h"
+
+bool parse_handover_reply(const std::string &text, handover_reply *out) {
+  char tail = 0;
+  return sscanf(text.c_str(),
+                "+Handed over to holder %lu: ports=%d agents=%d programs=%d kivd=%lu%c",
+                &out->holder, &out->ports, &out->agents, &out->programs, &out->kivd, &tail) == 5;
+}
+
+namespace {
+
+// The event a successor writes once it serves what it took over (its number in kivd's
+// events), and the field naming the process it took over from.
+constexpr int HANDOVER_COMPLETED = 402;
+
+// Waits for process pid to end, at most ms; true when it has (or was gone already).
+bool wait_end(unsigned long pid, DWORD ms) {
+  scoped_handle process(OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(pid)));
+  return !process.valid() || WaitForSingleObject(process.get(), ms) == WAIT_OBJECT_0;
+}
+
+// The successor's completed hand-over from predecessor, read from its own events once its
+// pipe answers; false until then.
+bool successor_event(unsigned long predecessor, why_event *out) {
+  scoped_handle pipe;
+  if (client_open(pipe.put(), if_absent::quiet) != 0) return false;
+  std::vector<std::string> elements;
+  if (client_exchange(pipe.get(), "why", 3, &elements) != 0) return false;
+  for (const std::string &line : elements) {
+    why_event e;
+    if (!parse_why_line(line, &e) || e.number != HANDOVER_COMPLETED) continue;
+    for (const auto &f : e.fields)
+      if (f.first == "pid" && strtoul(f.second.c_str(), nullptr, 10) == predecessor) {
+        *out = e;
+        return true;
+      }
+  }
+  return false;
+}
+
+std::string field(const why_event &e, const char *name) {
+  for (const auto &f : e.fields)
+    if (f.first == name) return f.second;
+  return "?";
+}
+
+}  // namespace
+
+int kivctl_restart(int argc, char **argv, bool json) {
+  bool restart = strcmp(argv[0], "restart") == 0;
+  int bound = 60;
+  if (argc > 2 || (argc == 2 && (bound = atoi(argv[1])) <= 0)) {
+    fprintf(stderr, "kivctl: usage: kivctl %s [SECONDS]\n", argv[0]);
+    return 1;
+  }
+  scoped_handle pipe;
+  if (int code = client_open(pipe.put(), if_absent::report)) return code;
+  std::string line = std::string(argv[0]) + (argc == 2 ? std::string(" ") + argv[1] : "");
+  std::vector<std::string> elements;
+  int code = client_exchange(pipe.get(), line.c_str(), static_cast<int>(line.size()), &elements);
+  pipe.reset();
+  if (code == 2) return 2;
+  handover_reply r;
+  if (elements.empty() || !parse_handover_reply(elements.front(), &r)) {
+    fprintf(
+        stderr, "kivctl: %s\n",
+        elements.empty() ? "no reply" : elements.front().c_str() + (elements.front()[0] == '-'));
+    return 1;
+  }
+  // The holder waits `bound` seconds; kivctl a little longer, so it sees how it ended.
+  DWORD patience = static_cast<DWORD>(bound) * 1000 + 30000;
+  ULONGLONG start = GetTickCount64();
+  if (!wait_end(r.kivd, patience)) {
+    fprintf(stderr, "kivctl: kivd %lu handed over but has not ended\n", r.kivd);
+    return 1;
+  }
+  if (!restart) {
+    if (json)
+      printf("{\"holder\":%lu,\"kivd\":%lu,\"ports\":%d,\"agents\":%d,\"programs\":%d}\n", r.holder,
+             r.kivd, r.ports, r.agents, r.programs);
+    else
+      printf("Handed over to holder %lu: %d ports, %d agents, %d programs; kivd %lu has ended\n",
+             r.holder, r.ports, r.agents, r.programs, r.kivd);
+    return 0;
+  }
+  why_event e;
+  while (!successor_event(r.kivd, &e)) {
+    if (GetTickCount64() - start > patience) {
+      fprintf(stderr, "kivctl: no successor took over from kivd %lu\n", r.kivd);
+      return 1;
+    }
+    Sleep(20);
+  }
+  if (json)
+    printf("{\"predecessor\":%lu,\"ports\":%s,\"agents\":%s,\"programs\":%s,\"gap_ms\":%s}\n",
+           r.kivd, field(e, "count").c_str(), field(e, "agents").c_str(),
+           field(e, "programs").c_str(), field(e, "gap").c_str());
+  else
+    printf("Restarted: %s ports, %s agents, %s programs taken over; %s ms between processes\n",
+           field(e, "count").c_str(), field(e, "agents").c_str(), field(e, "programs").c_str(),
+           field(e, "gap").c_str());
+  return 0;
+}
