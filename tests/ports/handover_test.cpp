@@ -308,6 +308,11 @@ TEST_F(Handover, DamagedBlockAdoptsNothingAndLeaksNothing) {
     ASSERT_EQ(0, read_block(block, false));
     ssock_reset();
   }
+  // An event of the test's own, which a block names as a job: not taken, so not closed.
+  HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  char event_value[24];
+  snprintf(event_value, sizeof event_value, "0x%llx",
+           static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(event)));
   using change = std::function<std::string(const std::string &)>;
   struct {
     const char *damage;
@@ -371,7 +376,11 @@ TEST_F(Handover, DamagedBlockAdoptsNothingAndLeaksNothing) {
        {"job"},
        false},
       {"a handle named twice",
-       [](const std::string &b) { return with(b, "prog", "job", value_of(b, "agent", "process")); },
+       [](const std::string &b) { return with(b, "prog", "job", value_of(b, "agent", "job")); },
+       {"job"},
+       false},
+      {"a handle of another kind",
+       [&](const std::string &b) { return with(b, "prog", "job", event_value); },
        {"job"},
        false},
       {"a process of another id",
@@ -409,6 +418,7 @@ TEST_F(Handover, DamagedBlockAdoptsNothingAndLeaksNothing) {
   }
   EXPECT_TRUE(running(agent));
   EXPECT_NE(0u, start_agent_on(p[1], idle));  // its selection came back each time
+  CloseHandle(event);
 }
 
 // A write that fails closes what it made in the target and, resumed, the giver serves on.
