@@ -254,11 +254,15 @@ TEST_F(Handover, UnclaimedHolderStopsAsAStopDoes) {
   std::string block = write_block();
   ssock_reset();
   ASSERT_EQ(0, read_block(block, false));
-  ssock_setstopping([] { return true; });
+  struct holder {  // its stopping hook always answers true
+    holder() {
+      ssock_setstopping([] { return true; });
+    }
+    ~holder() { ssock_setstopping(nullptr); }
+  } stopping;
   logs.clear();
   cleaned_up = true;
   EXPECT_EQ(0, ssock_cleanup());
-  ssock_setstopping(nullptr);
   for (const char *never : {"timeout", "Listening", "started", "Started"})
     EXPECT_EQ(0, logged(never)) << never;
   EXPECT_EQ(lines({handover_of(p[0]), handover_of(p[1]), "--", "lifespan 86400",
