@@ -29,6 +29,7 @@
 
 #include "lib/b64.h"
 #include "lib/heap.h"
+#include "lib/printf.h"
 #include "lib/wire.h"
 #include "ports/internal.h"
 #include "toolkit/runtime/error.h"
@@ -179,6 +180,7 @@ struct writer {
       failed = true;
       return;
     }
+    b64[0] = '\0';  // an empty text encodes to nothing
     b64_encode(data, count, b64);
     text(b64);
     xfree(b64);
@@ -192,16 +194,10 @@ struct writer {
   void handle(const char *k, HANDLE h) {
     key(k);
     if (!h) return text("-");
-    char hex[20];
-    int i = sizeof hex;
-    hex[--i] = '\0';
-    auto v = static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(h));
-    do {
-      hex[--i] = "0123456789abcdef"[v & 15];
-      v >>= 4;
-    } while (v);
-    text("0x");
-    text(hex + i);
+    // Handle values fit in 32 bits, as an agent's -C relies on too.
+    char hex[16];
+    xsnprintf(hex, sizeof hex, "%#x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(h)));
+    text(hex);
   }
   template <size_t N>
   void numbers(const number_field (&table)[N], const void *record) {
@@ -299,6 +295,7 @@ struct reader {
     return field(key, &v, &n) && decimal_text(v, n, min, max, out);
   }
   bool decimal_text(const char *v, size_t n, long long min, unsigned long long max, number *out) {
+    if (n == 0) return fail();
     out->negative = *v == '-';
     if (out->negative) v++, n--;
     if (n == 0 || n > 20 || (n > 1 && *v == '0')) return fail();

@@ -97,9 +97,9 @@ void ssock_handover_resume();
 // read the registry, then their start throttle state), agents (process, pid, pipe, job,
 // owed, links recounted from the ports), global programs (name, program line, flags,
 // until, throttle state, process, pid, job). `serve` true (the new kivd): each idle
-// listening socket gets FD_ACCEPT selected on a new event, and the next ssock_reconfig
-// keeps the rests and tells agents nothing, as at a start. `serve` false (a holder): no
-// selection, no accept, nothing else. Nothing is said to any agent. A block it cannot read
+// listening socket gets FD_ACCEPT selected on a new event. `serve` false (a holder): no
+// selection, no accept, nothing else. Nothing is said to any agent, and the next
+// ssock_reconfig keeps the rests and tells agents nothing, as at a start. A block it cannot read
 // whole (or a manager that holds records) adopts nothing and returns KIV_EINVAL, closing
 // every handle and socket the block named that it could take over. counts may be null.
 // 0, KIV_EINVAL, KIV_ENOMEM.

@@ -174,15 +174,20 @@ TEST_F(Handover, RoundTripKeepsAgentsSocketsAndDecisionsAndTellsNobody) {
 // told "remove"), one moved to another address, one new.
 TEST_F(Handover, ConfigurationChangedBetweenTheTwoProcesses) {
   auto p = port_each({"a", "b"});
-  std::string a = record_path("a"), b = record_path("b");
+  std::string a = record_path("a"), b = record_path("b"), job = record_path("job");
+  set_global("job", "on", agent_program(job));
   ASSERT_EQ(0, ssock_reconfig());
   p.push_back(free_ports(1)[0]);  // the first two listen: not free
   DWORD agent = start_agent_on(p[0], a);
+  ASSERT_TRUE(pump_until([&] { return !agents(job).empty(); }));
+  DWORD program = agents(job)[0];
+  std::string line = agent_program(job, "-Q");
   std::string block = write_block();
   ssock_reset();
   remove_key("tcp\\s" + std::to_string(p[0]));
   kt::set_value("tcp\\s" + std::to_string(p[1]), "address", "127.0.0.1");
   set_port(p[2], "auto", "b");
+  set_global("job", "on", line);
   ASSERT_EQ(0, read_block(block, true));
   ASSERT_EQ(0, ssock_reconfig());
   ASSERT_TRUE(pump_until([&] { return has_text(a, "#eof", agent) && listing().size() == 2; }));
@@ -192,6 +197,9 @@ TEST_F(Handover, ConfigurationChangedBetweenTheTwoProcesses) {
   lines expected = {line_of(p[1], "b", "Auto") + " Address=127.0.0.1", line_of(p[2], "b", "Auto")};
   if (p[2] < p[1]) std::swap(expected[0], expected[1]);  // the listing ascends
   EXPECT_EQ(expected, listing());
+  // A program whose line changed runs on as it is; the new line is for its next start.
+  EXPECT_TRUE(running(program));
+  EXPECT_EQ(line, find_prog("job")->program);
   // One agent takes both idle ports of its service, the moved one at its new address.
   DWORD served = start_agent_on(p[1], b);
   SOCKET client = connect_to(p[2]);
@@ -246,11 +254,15 @@ TEST_F(Handover, UnclaimedHolderStopsAsAStopDoes) {
   std::string block = write_block();
   ssock_reset();
   ASSERT_EQ(0, read_block(block, false));
-  ssock_setstopping([] { return true; });
+  struct holder {  // its stopping hook always answers true
+    holder() {
+      ssock_setstopping([] { return true; });
+    }
+    ~holder() { ssock_setstopping(nullptr); }
+  } stopping;
   logs.clear();
   cleaned_up = true;
   EXPECT_EQ(0, ssock_cleanup());
-  ssock_setstopping(nullptr);
   for (const char *never : {"timeout", "Listening", "started", "Started"})
     EXPECT_EQ(0, logged(never)) << never;
   EXPECT_EQ(lines({handover_of(p[0]), handover_of(p[1]), "--", "lifespan 86400",
@@ -293,6 +305,56 @@ TEST_F(Handover, RestsAndThrottleStateOutliveTheFirstReconfiguration) {
   EXPECT_EQ(1, logged("Started pid"));
 }
 
+// A removed record whose agent has not ended yet travels with its successor, which waits
+// for that agent's end (through the adopted process handle) and then listens.
+TEST_F(Handover, RemovedRecordHeldByItsAgentTravelsWithItsSuccessor) {
+  auto p = port_each({"a"});
+  std::string a = record_path("a");
+  set_service("a", agent_program(a, "-I"));  // ignores "exit" and its pipe's end
+  ASSERT_EQ(0, ssock_reconfig());
+  DWORD agent = start_agent_on(p[0], a);
+  std::string key = "tcp\\s" + std::to_string(p[0]);
+  remove_key(key);
+  ASSERT_EQ(0, ssock_reconfig());
+  set_port(p[0], "auto", "a");
+  ASSERT_EQ(0, ssock_reconfig());
+  lines listed = listing();
+  ASSERT_EQ(2u, listed.size());
+  std::string block = write_block();
+  ssock_reset();
+  ASSERT_EQ(0, read_block(block, true));
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_EQ(listed, listing());
+  EXPECT_EQ(waits(0, {agent}), waits());
+  HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION,
+                               FALSE, agent);
+  ASSERT_TRUE(TerminateProcess(process, 5));
+  EXPECT_EQ(5u, exit_code(process));
+  std::string listening = "Listening on port " + std::to_string(p[0]) + " for a";
+  ASSERT_TRUE(pump_until([&] { return logged(listening) == 2; }));
+  set_service("a", agent_program(a));  // a successor that stops when told
+  ASSERT_EQ(0, ssock_reconfig());
+  EXPECT_NE(agent, start_agent_on(p[0], a));
+  EXPECT_EQ(
+      lines({handover_of(p[0]), "--", "lifespan 86400", "remove tcp::" + std::to_string(p[0])}),
+      pipe_lines(a, agent));
+}
+
+// Every block cut short is refused, whatever line or field the cut falls in, and nothing is
+// adopted from it.
+TEST_F(Handover, EveryTruncationIsRefused) {
+  auto p = port_each({"a", "idle"});
+  set_global("job", "on", agent_program(record_path("job")));
+  ASSERT_EQ(0, ssock_reconfig());
+  start_agent_on(p[0], record_path("a"));
+  std::string block = write_block();
+  aside held;
+  for (size_t length = 0; length < block.size(); length++) {
+    ASSERT_EQ(KIV_EINVAL, ssock_handover_read(block.data(), length, false, nullptr)) << length;
+    ASSERT_TRUE(!ssock_ports && !ssock_services && !ssock_progs) << length;
+  }
+}
+
 // A block it cannot read whole adopts nothing and closes every handle it took over; one
 // refused before anything was taken leaves all for a block read whole.
 TEST_F(Handover, DamagedBlockAdoptsNothingAndLeaksNothing) {
@@ -308,6 +370,11 @@ TEST_F(Handover, DamagedBlockAdoptsNothingAndLeaksNothing) {
     ASSERT_EQ(0, read_block(block, false));
     ssock_reset();
   }
+  // An event of the test's own, which a block names as a job: not taken, so not closed.
+  HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  char event_value[24];
+  snprintf(event_value, sizeof event_value, "0x%llx",
+           static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(event)));
   using change = std::function<std::string(const std::string &)>;
   struct {
     const char *damage;
@@ -371,7 +438,11 @@ TEST_F(Handover, DamagedBlockAdoptsNothingAndLeaksNothing) {
        {"job"},
        false},
       {"a handle named twice",
-       [](const std::string &b) { return with(b, "prog", "job", value_of(b, "agent", "process")); },
+       [](const std::string &b) { return with(b, "prog", "job", value_of(b, "agent", "job")); },
+       {"job"},
+       false},
+      {"a handle of another kind",
+       [&](const std::string &b) { return with(b, "prog", "job", event_value); },
        {"job"},
        false},
       {"a process of another id",
@@ -409,6 +480,7 @@ TEST_F(Handover, DamagedBlockAdoptsNothingAndLeaksNothing) {
   }
   EXPECT_TRUE(running(agent));
   EXPECT_NE(0u, start_agent_on(p[1], idle));  // its selection came back each time
+  CloseHandle(event);
 }
 
 // A write that fails closes what it made in the target and, resumed, the giver serves on.
