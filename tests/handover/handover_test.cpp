@@ -119,6 +119,53 @@ TEST(Restart, ThreeRestartsUnderLoadRefuseNothingAndCutNothing) {
   stop_all();
 }
 
+// Through the service manager: the holder starts the service once the old process has
+// ended, and gives only to the process the service manager names. Two restarts under load,
+// the service's process new each time, the live agent the same.
+TEST(Restart, TheServiceRestartsThroughTheServiceManager) {
+  kt::registry reg;
+  std::vector<int> ports = kt::free_ports(2);
+  int fresh = ports[0], live = ports[1];
+  std::string echo = "\"" + kt::echo_agent_exe() + "\"";
+  reg.service("fresh", echo);
+  reg.set("services\\fresh", "lifespan", "0");
+  reg.port(fresh, "auto", "fresh");
+  reg.auto_ports("live", echo, {live});
+  kt::service_manager m;
+  auto remove = [&] {
+    kt::run("\"" + kt::kivd_exe() + "\" -U");
+    kt::poll([&] { return !m.installed() && kt::processes_named("kivd.exe") == 0; }, 30000);
+  };
+  remove();
+  ASSERT_EQ(kt::run("\"" + kt::kivd_exe() + "\" -I").code, 0u);
+  ASSERT_TRUE(m.start());
+  ASSERT_TRUE(m.state_is(SERVICE_RUNNING));
+  ASSERT_TRUE(kt::poll([&] { return kt::echoes(live); }));
+  kt::load_options options;
+  options.port = fresh;
+  options.live_port = live;
+  kt::client_load load(options);
+  load.start();
+  ASSERT_TRUE(kt::poll([&] { return load.counts().live_echoed >= 2; }))
+      << kt::describe(load.counts());
+  DWORD agent = agent_of(live);
+  for (int i = 0; i < 2; i++) {
+    DWORD before = m.status().dwProcessId;
+    kt::ran r = kivctl("restart 30");
+    ASSERT_EQ(r.code, 0u) << r.out << r.err;
+    EXPECT_EQ(r.out.rfind("Restarted: 2 ports, ", 0), 0u) << r.out;
+    SERVICE_STATUS_PROCESS st = m.status();
+    EXPECT_EQ(st.dwCurrentState, static_cast<DWORD>(SERVICE_RUNNING));
+    EXPECT_NE(st.dwProcessId, before);
+    EXPECT_EQ(agent_of(live), agent);
+  }
+  kt::load_counts c = load.stop();
+  EXPECT_TRUE(c.clean()) << kt::describe(c);
+  EXPECT_EQ(c.live_echoed, c.live_sent);
+  remove();
+  EXPECT_FALSE(m.installed());
+}
+
 // The configuration changed between the two processes: the port kept keeps its agent,
 // which hears nothing; the removed port's agent is told to drop it; the new port listens.
 TEST(Restart, TheSuccessorMakesTheHandedOverRecordsAgreeWithTheConfiguration) {
