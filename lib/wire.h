@@ -51,6 +51,10 @@ constexpr int WIRE_PORT_LINE_MAX = sizeof WIRE_PORT "65535@" - 1 + WIRE_INFO_TEX
 #define WIRE_ROOT_PARENT "SOFTWARE\\Orvane"
 #define WIRE_ROOT_KEY "Agents"
 #define WIRE_ROOT "HKEY_LOCAL_MACHINE\\" WIRE_ROOT_PARENT "\\" WIRE_ROOT_KEY
+// Where an upgrade moves the package's agent files that still run, so the installer finds
+// none in its way: "<install folder>\retired\<one folder per upgrade>\". kivctl moves
+// them there and kivd deletes each once nothing runs from it.
+#define WIRE_RETIRED "retired"
 
 // The port listing, one line per port record: "%5d  %-11s   " with the port and the
 // service's name, the mode word, then " Name=value" items, each only when the port has a

@@ -5,9 +5,15 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 #include "kiv_version.h"
+#include "lib/wire.h"
+#include "service/retired.h"
 #include "service/sserv.h"
 #include "tests/dist/pe_sections.h"
+#include "tests/support/load.h"
+#include "tools/kivctl/retire.h"
 
 namespace {
 
@@ -120,6 +126,193 @@ TEST(Package, InstallUpgradeAndRemoveKeepTheConfiguration) {
   ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE,
                           ("SOFTWARE\\Orvane\\Agents\\tcp\\s" + std::to_string(port)).c_str(), 0,
                           KEY_READ, &key),
+            ERROR_SUCCESS)
+      << "the configuration was touched";
+  RegCloseKey(key);
+}
+
+}  // namespace
+
+namespace {
+
+using kt::exists;
+using kt::names;
+
+// The hand-over's holder folder under the machine's program data, and its parent.
+std::string program_data(const char *below) {
+  char dir[MAX_PATH];
+  DWORD n = GetEnvironmentVariableA("ProgramData", dir, sizeof dir);
+  return std::string(dir, n) + below;
+}
+
+// Removes what an earlier run left: the service, both packages, the retired folder.
+void clean_install(const std::string &dir) {
+  kt::service_manager m;
+  if (m.installed()) stop_service();
+  msiexec("x", MSI_NEXT);
+  msiexec("x", MSI);
+  // An upgrade that failed under Wine leaves files it moved aside for a reboot.
+  kt::remove_tree(dir);
+}
+
+// The pid of the agent that serves port, from the listing; 0 when none.
+DWORD agent_of(int port) {
+  kt::client c;
+  for (const std::string &line : kt::listed_ports(c.command("ls"))) {
+    size_t at = line.find(" " WIRE_ITEM_AGENT "=");
+    if (atoi(line.c_str()) == port && at != std::string::npos)
+      return static_cast<DWORD>(
+          strtoul(line.c_str() + at + sizeof WIRE_ITEM_AGENT + 1, nullptr, 10));
+  }
+  return 0;
+}
+
+bool running(DWORD pid) {
+  HANDLE h = OpenProcess(SYNCHRONIZE, FALSE, pid);
+  bool alive = h && WaitForSingleObject(h, 0) == WAIT_TIMEOUT;
+  if (h) CloseHandle(h);
+  return alive;
+}
+
+// Sends a line through kivexec's program (upcase) and reads it back in capitals.
+bool upcases(int port) {
+  SOCKET s = kt::connect_to(port);
+  if (s == INVALID_SOCKET) return false;
+  kt::send_text(s, "abc\n");
+  bool ok = kt::read_line(s) == "ABC";
+  closesocket(s);
+  return ok;
+}
+
+const std::string UPCASE = kt::build_dir() + "\\tests\\kivexec\\upcase.exe";
+
+TEST(Package, AnUpgradeReplacesTheRetiredAgentFilesWithoutAReboot) {
+  const std::string dir = program_files();
+  clean_install(dir);
+  kt::service_manager m;
+  ASSERT_FALSE(m.installed()) << "a service not from the package is installed";
+  kt::registry config;
+  kt::ran r = msiexec("i", MSI);
+  ASSERT_EQ(r.code, 0u) << r.out << r.err;
+  // Nothing of the hand-over's or of an upgrade's folders exists before one.
+  EXPECT_FALSE(exists(dir + "\\" WIRE_RETIRED));
+  EXPECT_FALSE(exists(program_data("\\Orvane")));
+  stop_service();
+
+  // The package's agents run from the install folder, started here as kivd would.
+  kt::launched echo, exec;
+  ASSERT_TRUE(kt::launch("\"" + dir + "\\echo-agent.exe\"", &echo));
+  ASSERT_TRUE(kt::launch("\"" + dir + "\\kivexec.exe\" -- \"" + UPCASE + "\"", &exec));
+  char report[512];
+  ASSERT_EQ(retire_package_agents(dir.c_str(), report, sizeof report), 0) << report;
+
+  r = msiexec("i", MSI_NEXT);
+  EXPECT_EQ(r.code, 0u) << "3010 is a reboot asked for\n" << r.out << r.err;
+  for (const char *exe : {"echo-agent.exe", "kivexec.exe"})
+    EXPECT_EQ(file_version(dir + "\\" + exe, "FileVersion"), KIV_VERSION) << exe;
+  std::vector<std::string> upgrades = names(dir + "\\" WIRE_RETIRED);
+  ASSERT_EQ(upgrades.size(), 1u);
+  EXPECT_EQ(names(dir + "\\" WIRE_RETIRED "\\" + upgrades[0]),
+            (std::vector<std::string>{"echo-agent.exe", "kivexec.exe"}));
+  EXPECT_TRUE(running(echo.pid) && running(exec.pid));
+
+  // The retired files go once their agents ended, and the folder with them.
+  sweep_retired(dir.c_str());
+  EXPECT_EQ(names(dir + "\\" WIRE_RETIRED).size(), 1u);
+  for (kt::launched *l : {&echo, &exec}) {
+    TerminateProcess(l->process, 1);
+    WaitForSingleObject(l->process, 30000);
+    kt::end_launch(l);
+  }
+  EXPECT_TRUE(kt::poll([&] {
+    sweep_retired(dir.c_str());
+    return !exists(dir + "\\" WIRE_RETIRED);
+  }));
+
+  stop_service();
+  r = msiexec("x", MSI_NEXT);
+  ASSERT_EQ(r.code, 0u) << r.out << r.err;
+  EXPECT_FALSE(exists(dir)) << dir;
+  EXPECT_FALSE(exists(program_data("\\Orvane\\kivd")));
+}
+
+// The upgrade an operator's software distribution pushes, under a client load: the
+// package hands the running service over before the installer replaces anything, so no
+// client is refused or cut, the agents (the package's own among them) keep running, and
+// no reboot is asked for.
+TEST(Package, AnUpgradeUnderLoadRefusesNothingAndCutsNothing) {
+  const std::string dir = program_files();
+  clean_install(dir);
+  kt::ran handover = kt::run("\"" + kt::kivctl_exe() + "\" handover");
+  if (handover.code != 0 && handover.err.find("cannot open " WIRE_PIPE) != std::string::npos)
+    GTEST_SKIP() << "this kivctl sends handover to kivd as a command: it cannot hand over";
+  ASSERT_EQ(handover.code, 0u) << "with no service installed: " << handover.out << handover.err;
+
+  kt::registry config;
+  int echo_port = kt::free_port(), exec_port = kt::free_port();
+  config.service("echo", "\"" + dir + "\\echo-agent.exe\"");
+  config.port(echo_port, "auto", "echo");
+  config.service("exec", "\"" + dir + "\\kivexec.exe\" -- \"" + UPCASE + "\"");
+  config.port(exec_port, "auto", "exec");
+  kt::ran r = msiexec("i", MSI);
+  ASSERT_EQ(r.code, 0u) << r.out << r.err;
+  kt::service_manager m;
+  ASSERT_TRUE(m.state_is(SERVICE_RUNNING));
+  DWORD old_kivd = m.status().dwProcessId;
+
+  kt::load_options o;
+  o.port = echo_port;
+  kt::client_load load(o);
+  load.start();
+  ASSERT_TRUE(kt::poll([&] {
+    kt::load_counts c = load.counts();
+    return c.made >= 5 && c.live_echoed >= 3;
+  })) << kt::describe(load.counts());
+  ASSERT_TRUE(upcases(exec_port));
+  DWORD echo_agent = agent_of(echo_port), exec_agent = agent_of(exec_port);
+  ASSERT_NE(echo_agent, 0u);
+  ASSERT_NE(exec_agent, 0u);
+
+  r = msiexec("i", MSI_NEXT);
+  EXPECT_EQ(r.code, 0u) << "3010 is a reboot asked for\n" << r.out << r.err;
+  ASSERT_TRUE(m.state_is(SERVICE_RUNNING));
+  EXPECT_NE(m.status().dwProcessId, old_kivd);
+  // The load goes on against the new kivd before it is counted.
+  kt::load_counts during = load.counts();
+  EXPECT_TRUE(kt::poll([&] {
+    kt::load_counts c = load.counts();
+    return c.made >= during.made + 10 && c.live_echoed >= during.live_echoed + 3;
+  })) << kt::describe(load.counts());
+  kt::load_counts c = load.stop();
+  EXPECT_TRUE(c.clean()) << kt::describe(c);
+  EXPECT_EQ(c.live_echoed, c.live_sent) << kt::describe(c);
+  EXPECT_EQ(agent_of(echo_port), echo_agent);
+  EXPECT_EQ(agent_of(exec_port), exec_agent);
+  EXPECT_TRUE(running(echo_agent) && running(exec_agent));
+  EXPECT_TRUE(upcases(exec_port));
+  // The agents run from their retired files; the new ones are in place for the next.
+  std::vector<std::string> upgrades = names(dir + "\\" WIRE_RETIRED);
+  ASSERT_EQ(upgrades.size(), 1u);
+  EXPECT_EQ(names(dir + "\\" WIRE_RETIRED "\\" + upgrades[0]),
+            (std::vector<std::string>{"echo-agent.exe", "kivexec.exe"}));
+  EXPECT_TRUE(exists(dir + "\\echo-agent.exe") && exists(dir + "\\kivexec.exe"));
+  EXPECT_EQ(kt::processes_named("kivd.exe"), 1) << "a holder outlived the hand-over";
+
+  // A stop ends the agents, and with them goes what they ran from.
+  stop_service();
+  EXPECT_FALSE(running(echo_agent) || running(exec_agent));
+  EXPECT_TRUE(kt::poll([&] { return !exists(dir + "\\" WIRE_RETIRED); }))
+      << names(dir + "\\" WIRE_RETIRED).size();
+
+  r = msiexec("x", MSI_NEXT);
+  ASSERT_EQ(r.code, 0u) << r.out << r.err;
+  EXPECT_EQ(kt::processes_named("kivd.exe"), 0);
+  EXPECT_FALSE(exists(dir)) << dir;
+  EXPECT_FALSE(exists(program_data("\\Orvane\\kivd")));
+  HKEY key;
+  ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE,
+                          ("SOFTWARE\\Orvane\\Agents\\tcp\\s" + std::to_string(echo_port)).c_str(),
+                          0, KEY_READ, &key),
             ERROR_SUCCESS)
       << "the configuration was touched";
   RegCloseKey(key);

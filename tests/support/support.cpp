@@ -120,9 +120,11 @@ std::string event_source() {
     return "";
   char file[MAX_PATH] = "";
   DWORD types = 0, size = sizeof file - 1;
-  RegQueryValueExA(key, "EventMessageFile", nullptr, nullptr, reinterpret_cast<BYTE *>(file), &size);
+  RegQueryValueExA(key, "EventMessageFile", nullptr, nullptr, reinterpret_cast<BYTE *>(file),
+                   &size);
   size = sizeof types;
-  RegQueryValueExA(key, "TypesSupported", nullptr, nullptr, reinterpret_cast<BYTE *>(&types), &size);
+  RegQueryValueExA(key, "TypesSupported", nullptr, nullptr, reinterpret_cast<BYTE *>(&types),
+                   &size);
   RegCloseKey(key);
   return std::string(file) + "|" + std::to_string(types);
 }
@@ -238,6 +240,36 @@ bool echoes(int port) {
   bool ok = echoes(s, "ping\n");
   closesocket(s);  // the client closes first: no TIME_WAIT on the port
   return ok;
+}
+
+std::vector<std::string> names(const std::string &dir) {
+  std::vector<std::string> out;
+  WIN32_FIND_DATAA f;
+  HANDLE h = FindFirstFileA((dir + "\\*").c_str(), &f);
+  if (h == INVALID_HANDLE_VALUE) return out;
+  do {
+    std::string n = f.cFileName;
+    if (n != "." && n != "..") out.push_back(n);
+  } while (FindNextFileA(h, &f));
+  FindClose(h);
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+void remove_tree(const std::string &dir) {
+  for (const std::string &n : names(dir)) {
+    std::string p = dir + "\\" + n;
+    DWORD a = GetFileAttributesA(p.c_str());
+    if ((a & FILE_ATTRIBUTE_DIRECTORY) && !(a & FILE_ATTRIBUTE_REPARSE_POINT))
+      remove_tree(p);
+    else
+      DeleteFileA(p.c_str());
+  }
+  RemoveDirectoryA(dir.c_str());
+}
+
+bool exists(const std::string &path) {
+  return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
 process::process(const std::string &cmdline, const std::string &input) {

@@ -68,6 +68,12 @@ bool echoes(SOCKET c, const std::string &text);
 // Sends a line to port and reads it back: an echo agent serves the port.
 bool echoes(int port);
 
+// The names in folder dir (without "." and ".."), sorted; empty when it does not exist.
+std::vector<std::string> names(const std::string &dir);
+// Deletes folder dir with everything in it that can be deleted.
+void remove_tree(const std::string &dir);
+bool exists(const std::string &path);
+
 // A process started with its standard output and error in files.
 struct process {
   HANDLE h = nullptr;
