@@ -14,6 +14,7 @@
 #include "ports/ssock.h"
 #include "service/evlog.h"
 #include "service/handover.h"
+#include "service/retired.h"
 #include "toolkit/config/info.h"
 #include "toolkit/runtime/cinit.h"
 #include "toolkit/runtime/clock.h"
@@ -34,6 +35,8 @@ const DWORD SSERV_RESTART_MS[3] = {5000, 10000, 60000};
 namespace {
 
 HANDLE die;
+ULONGLONG swept;  // the last sweep of the retired agent files (GetTickCount64)
+constexpr ULONGLONG SWEEP_EVERY_MS = 60000;
 // Set by the first stop, from whatever thread: initialize then signals `die` at once, and
 // the port manager starts nothing more.
 volatile LONG stop_early;
@@ -45,6 +48,18 @@ SERVICE_STATUS_HANDLE status_handle;
 CRITICAL_SECTION status_lock;
 
 bool stop_requested() { return InterlockedCompareExchange(&stop_early, 0, 0) != 0; }
+
+// The agent files an upgrade moved aside go once nothing runs from them: looked for at
+// start and stop, and after a process's end at most once a minute.
+void sweep_install_folder() {
+  char folder[MAX_PATH];
+  DWORD length = GetModuleFileNameA(nullptr, folder, sizeof folder);
+  char *slash = length > 0 && length < sizeof folder ? strrchr(folder, '\\') : nullptr;
+  if (!slash) return;
+  *slash = '\0';
+  sweep_retired(folder);
+  swept = GetTickCount64();
+}
 
 constexpr DWORD STATUS_TYPE = 0x30;  // own-process and share-process bits, as reported
 constexpr int LOGGED_WAIT = 7200;    // waits shorter than this are logged
@@ -247,6 +262,7 @@ int initialize() {
   // makes it agree, as a reconfiguration does.
   bool claimed = handover_claim();
   ssock_reconfig();
+  sweep_install_folder();
   if (claimed) {
     handover_completed();
   } else {
@@ -357,6 +373,7 @@ int run_service() {
     } else if (index < n) {
       KIV_LOG(3, tag, "wait -> %d/%d", static_cast<int>(index), n + 1);
       ssock_callback(index);
+      if (GetTickCount64() - swept >= SWEEP_EVERY_MS) sweep_install_folder();
     }
   }
   KIV_LOG(3, tag, "RIP!");
@@ -365,6 +382,7 @@ int run_service() {
   } else {
     ssock_cleanup();
     handover_sweep();
+    sweep_install_folder();
   }
   evlog_stop(0);
   return 0;

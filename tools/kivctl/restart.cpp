@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tools/kivctl/client.h"
+#include "tools/kivctl/retire.h"
 #include "tools/kivctl/why.h"
 #include "toolkit/runtime/scoped_win.h"
 
@@ -65,7 +66,13 @@ int kivctl_restart(int argc, char **argv, bool json) {
     return 1;
   }
   scoped_handle pipe;
-  if (int code = client_open(pipe.put(), if_absent::report)) return code;
+  // An installer hands over whatever runs: no kivd, nothing to hand over.
+  int opened = client_open(pipe.put(), restart ? if_absent::report : if_absent::pass);
+  if (opened == -1) {
+    printf("kivd is not running: nothing to hand over\n");
+    return 0;
+  }
+  if (opened) return opened;
   std::string line = std::string(argv[0]) + (argc == 2 ? std::string(" ") + argv[1] : "");
   std::vector<std::string> elements;
   int code = client_exchange(pipe.get(), line.c_str(), static_cast<int>(line.size()), &elements);
@@ -86,6 +93,14 @@ int kivctl_restart(int argc, char **argv, bool json) {
     return 1;
   }
   if (!restart) {
+    // The package's agent files that still run are moved out of the installer's way.
+    char folder[MAX_PATH], report[1024] = "";
+    DWORD length = GetModuleFileNameA(nullptr, folder, sizeof folder);
+    if (length > 0 && length < sizeof folder && strrchr(folder, '\\')) {
+      *strrchr(folder, '\\') = '\0';
+      if (retire_package_agents(folder, report, sizeof report) != 0)
+        fprintf(stderr, "kivctl: %s\n", report);
+    }
     if (json)
       printf("{\"holder\":%lu,\"kivd\":%lu,\"ports\":%d,\"agents\":%d,\"programs\":%d}\n", r.holder,
              r.kivd, r.ports, r.agents, r.programs);

@@ -14,6 +14,7 @@ struct handover_reply {
 };
 bool parse_handover_reply(const std::string &text, handover_reply *out);
 
-// argv[0] is "restart" or "handover". Exit codes as kivctl's: 0 done, 1 refused (a "-"
-// reply, a wrong word, no successor in time), 2 the pipe failed.
+// argv[0] is "restart" or "handover". Exit codes as kivctl's: 0 done (handover: also when
+// no kivd runs), 1 refused (a "-" reply, a wrong word, no successor in time), 2 the pipe
+// failed.
 int kivctl_restart(int argc, char **argv, bool json);
