@@ -169,7 +169,7 @@ std::string metrics_text(const std::string &lines) {
     std::vector<item> items = items_of(line);
     if (items.empty()) continue;
     int kind = -1;
-    for (int k = 0; k < 4; k++)
+    for (int k = 0; k < static_cast<int>(sizeof KINDS / sizeof KINDS[0]); k++)
       if (items[0].name == KINDS[k]) kind = k;
     if (kind < 0) continue;
     std::string labels, word;
@@ -289,7 +289,8 @@ std::string configured() {
 // ---------------------------------------------------------------------------------------
 // THE SEAM to the port manager's counters: the stats lines of every port, service, global
 // program and of kivd itself, as the stats command lists them (lib/wire.h). Until the port
-// manager keeps counters, kivd's own line alone, with what the service host knows.
+// manager keeps counters, kivd's own line alone, with what the service host knows; then
+// the manager's lines (each appended with its line end by a write function) and kivd's.
 void gather(std::string *lines) {
   *lines += std::string(WIRE_STATS_KIVD "=") + std::to_string(GetCurrentProcessId()) + " " +
             ROWS[WIRE_STAT_KIVD_UPTIME].item + "=" + std::to_string(kiv_time() - began) + "\n";
@@ -342,11 +343,12 @@ DWORD metrics_write(const std::string &path, const std::string &text) {
   return error;
 }
 
-void metrics_post(const std::string &path, const std::string &text) {
+void metrics_post(std::string path, std::string text) {
   if (!writer) return;
+  // Swapped, not copied: nothing under the lock allocates, so nothing there can throw.
   EnterCriticalSection(&lock);
-  queued_path = path;
-  queued_text = text;
+  queued_path.swap(path);
+  queued_text.swap(text);
   queued = true;
   ResetEvent(idle);
   LeaveCriticalSection(&lock);

@@ -41,7 +41,7 @@ void metrics_stop();
 // replacing any text not yet written. A failed write is one event (KIVEV_METRICS_FAILED)
 // until a write succeeds again (KIVEV_METRICS_RESUMED). metrics_flush waits up to ms for
 // what was queued to be written: true when it was.
-void metrics_post(const std::string &path, const std::string &text);
+void metrics_post(std::string path, std::string text);
 bool metrics_flush(DWORD ms);
 // Writes text to path as the writer does: to path METRICS_TEMP, flushed, then renamed over
 // path. 0, or the system's error (the temporary file is removed).
