@@ -113,8 +113,11 @@ int ssock_reconfig() {
   for (service_record *s = ssock_services; s; s = s->next) s->refs = 0;
   for (prog_record *g = ssock_progs; g; g = g->next) g->refs = 0;
 
-  static const kivinfo_walkfunc WALKS[SCHEMA_SECTIONS] = {servnode_cb, tcpnode_cb, startnode_cb};
+  // The global key's own values are looked up by their readers, not walked.
+  static const kivinfo_walkfunc WALKS[SCHEMA_SECTIONS] = {servnode_cb, tcpnode_cb, startnode_cb,
+                                                          nullptr};
   for (int i = 0; i < SCHEMA_SECTIONS; i++) {
+    if (!WALKS[i]) continue;
     char path[PATH_SIZE];
     xsnprintf(path, sizeof path, ".%s", schema_sections[i].folder);
     kivinfo_walk(path, WALKS[i], nullptr);

@@ -15,6 +15,7 @@
 #include "service/evlog.h"
 #include "service/handover.h"
 #include "service/retired.h"
+#include "service/metrics.h"
 #include "toolkit/config/info.h"
 #include "toolkit/runtime/cinit.h"
 #include "toolkit/runtime/clock.h"
@@ -263,6 +264,7 @@ int initialize() {
   bool claimed = handover_claim();
   ssock_reconfig();
   sweep_install_folder();
+  metrics_start();
   if (claimed) {
     handover_completed();
   } else {
@@ -339,13 +341,17 @@ int run_service() {
       cmd(-1, line);
       continue;
     }
+    // The monitoring file's timer shares the one wait: a time-out before the port
+    // manager's due time only lets it write.
+    DWORD metrics_ms = metrics_tick();
     HANDLE alone[1];
     if (n == 0) handles = alone;
     handles[n] = die;
     int t = wait_seconds(due, kiv_time());
     if (t < LOGGED_WAIT) KIV_LOG(3, tag, "Waiting ... (%d seconds)", t);
-    DWORD index = 0;
-    int p = loop_wait(n + 1, handles, static_cast<DWORD>(t) * 1000, &index);
+    DWORD index = 0, timeout = static_cast<DWORD>(t) * 1000;
+    bool ports_due = timeout <= metrics_ms;
+    int p = loop_wait(n + 1, handles, ports_due ? timeout : metrics_ms, &index);
     if (p >= 1) {
       int connected = 0;
       int rc = npipe_read(p, line, CMD_LINE, &connected);
@@ -368,6 +374,7 @@ int run_service() {
     }
     if (index == n) break;
     if (index == MWAIT_TIMEOUT) {
+      if (!ports_due) continue;
       strcpy(line, "update");
       cmd(-1, line);
     } else if (index < n) {
@@ -383,6 +390,8 @@ int run_service() {
     ssock_cleanup();
     handover_sweep();
     sweep_install_folder();
+    // Not after a hand-over: the successor writes the file as it starts.
+    metrics_stop();
   }
   evlog_stop(0);
   return 0;

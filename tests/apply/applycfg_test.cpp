@@ -42,7 +42,8 @@ TEST(ApplyCfg, ValuesJudgedAsThePortManagerReadsThem) {
   } rows[] = {
       {SCHEMA_PORT_START, port + "\tservice = e\n@", {"auto", "on", "hook"}, {"Auto", "off", "-"}},
       {SCHEMA_PORT_SERVICE, relay + "\tstart = on\n@", {"mail.relay"}, {"", name, "-"}},
-      {SCHEMA_PORT_ADDRESS, port + "\tservice = e\n\tstart = auto\n@",
+      {SCHEMA_PORT_ADDRESS,
+       port + "\tservice = e\n\tstart = auto\n@",
        {"127.0.0.1", "0.0.0.0", "::1", "::", "fe80::1%12", "::ffff:127.0.0.1", "-"},
        {"", "localhost", "127.0.0.1:7007", "[::1]", "1.2.3.4.5", "fe80::1%", "1::2::3",
         std::string(64, '1')}},
@@ -62,6 +63,10 @@ TEST(ApplyCfg, ValuesJudgedAsThePortManagerReadsThem) {
       {SCHEMA_PROGRAM_MEMORY, prog + "@", {"64", "65537", "1048576", "-"}, {"0", "1048577"}},
       {SCHEMA_PROGRAM_PROCESSES, prog + "@", {"10", "-"}, {"0"}},
       {SCHEMA_PROGRAM_CPU, prog + "@", {"100", "-"}, {"101"}},
+      {SCHEMA_GLOBAL_METRICS,
+       "global:\n@",
+       {"C:\\metrics\\kivd.prom", "", std::string(240, 'p'), "-"},
+       {std::string(241, 'p')}},
   };
   for (const row &r : rows)
     for (bool taken : {true, false})
@@ -104,11 +109,17 @@ TEST(ApplyCfg, RefusesWithTheLineAndTheMessage) {
        "3: memory 0 of service e is not a number of megabytes from 1 to 1048576"},
       {"global.start.g:\n\tprogram = p\n\tcpu = 101\n",
        "3: cpu 101 of global program g is not a number of percent from 1 to 100"},
+      {"global:\n\tmetrics = " + std::string(241, 'p') + "\n",
+       "2: monitoring file of the global key is longer than 240 characters"},
+      {"global:\n\tmetrics = \"C:/k\\tprom\"\n",
+       "2: monitoring file of the global key holds a control character"},
       // Anything else is refused rather than written where nothing reads it.
       {SVC + "\tprogam = y\n", "3: unknown value progam in services.e"},
       {SVC + "tcp:\n\tx = 1\n", "4: unknown value x in tcp"},
       {SVC + "tcp.s25.extra:\n", "3: unknown section tcp.s25.extra"},
       {"foo:\n", "1: unknown section foo"},
+      {"global:\n\tmetric = m\n", "2: unknown value metric in global"},
+      {"global.metrics:\n\tx = 1\n", "1: unknown section global.metrics"},
       {"\tx = 1\n", "1: unknown entry x"},
       {SVC + "\tPROGRAM = y\n", "3: value services.e.PROGRAM given twice"},
       // Lines are counted with CR LF ends and without a final line feed alike.
@@ -143,6 +154,14 @@ TEST(ApplyCfg, TakesWhatThePortManagerReads) {
   EXPECT_EQ(cfg.keys.at("services.echo").values.at("program").name, "program");
   EXPECT_EQ(cfg.keys.at("services.echo").values.at("program").text, "a b");
   EXPECT_EQ(cfg.keys.at("tcp.s25").values.at("service").text, "Echo");
+  // kivd's own values sit in the global key itself, beside the global programs' folder.
+  applycfg global;
+  ASSERT_EQ(
+      read_text("global:\n\tMetrics = C:\\m\\kivd.prom\nglobal.start.g:\n\tprogram = p\n", &global),
+      "");
+  EXPECT_EQ(global.keys.at("global").values.at("metrics").name, "metrics");
+  EXPECT_EQ(global.keys.at("global").values.at("metrics").text, "C:\\m\\kivd.prom");
+  EXPECT_EQ(global.keys.at("global.start.g").values.at("program").text, "p");
 }
 
 applycfg model(std::initializer_list<std::pair<const char *, const char *>> values) {
@@ -201,6 +220,7 @@ TEST(ApplyCfg, ExportReadsBackAsTheSameConfiguration) {
       {"tcp.s8.service", "e"},
       {"tcp.s10.start", "hook"},
       {"tcp.s10.service", "odd"},
+      {"global.metrics", "C:\\metrics dir\\kivd.prom"},
   });
   // What the syntax cannot carry, or the port manager would not read, is left out.
   applycfg all = reg;
@@ -211,7 +231,8 @@ TEST(ApplyCfg, ExportReadsBackAsTheSameConfiguration) {
   std::string text = applycfg_export(all, &skipped);
   EXPECT_EQ(joined(skipped),
             "other.key.v\nservices.a=b.program\ntcp.v\ntcp.sx.start\ntcp.s11.foo\n");
-  // Ports come in number order after the services and global programs.
+  // Ports come in number order after the global key, the services and global programs.
+  EXPECT_EQ(text.find("global:\n\tmetrics = C:\\metrics dir\\kivd.prom\n"), 0u) << text;
   EXPECT_LT(text.find("services.e:"), text.find("global.start.g:"));
   EXPECT_LT(text.find("global.start.g:"), text.find("tcp.s8:"));
   EXPECT_LT(text.find("tcp.s8:"), text.find("tcp.s10:"));

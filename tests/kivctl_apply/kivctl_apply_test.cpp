@@ -65,8 +65,10 @@ TEST(KivctlApply, DryRunApplyExportNoOpAndRefusal) {
                "services.echo:\n\tprogram = C:\\agents\\echo.exe -v\n\tdescription = \" padded \"\n"
                "tcp.s7101:\n\tstart = auto\n\tservice = echo\n"
                "tcp.S7102:\n\tstart = on\n\tservice = Echo\n"
-               "global.start.tick:\n\tstart = ON\n\tprogram = tick.exe\n");
+               "global.start.tick:\n\tstart = ON\n\tprogram = tick.exe\n"
+               "global:\n\tmetrics = C:\\monitoring\\kivd.prom\n");
   const std::string adds =
+      "add global.metrics = C:\\monitoring\\kivd.prom\n"
       "add global.start.tick.program = tick.exe\n"
       "add global.start.tick.start = ON\n"
       "add services.echo.description =  padded \n"
@@ -92,6 +94,7 @@ TEST(KivctlApply, DryRunApplyExportNoOpAndRefusal) {
   const std::string exported = kivctl("export").out;
   EXPECT_NE(exported.find("tcp.S7102:\n\tservice = Echo\n\tstart = on\n"), std::string::npos)
       << exported;
+  EXPECT_EQ(exported.find("global:\n\tmetrics = C:\\monitoring\\kivd.prom\n"), 0u) << exported;
   r = kivctl_apply(tempfile("again.cfg", exported));
   EXPECT_EQ(r.out, "");
   EXPECT_EQ(r.code, 0u) << r.err;  // already so

@@ -99,6 +99,11 @@ TEST(Messages, EveryEventFormatsFromKivdsOwnTable) {
        "The trace file c:/kivd.txt cannot be written: Address in use (error 10048). Its lines go "
        "to standard error until it can be written again."},
       {KIVEV_TRACE_RESUMED, I, 0, "c:/kivd.txt", "The trace file c:/kivd.txt is written again."},
+      {KIVEV_METRICS_FAILED, W, 0, "c:/kivd.prom",
+       "The monitoring file c:/kivd.prom cannot be written: Address in use (system error 10048). "
+       "It is tried again at each write, every 15 seconds."},
+      {KIVEV_METRICS_RESUMED, I, 0, "c:/kivd.prom",
+       "The monitoring file c:/kivd.prom is written again."},
       {KIVEV_HANDOVER_BEGUN, I, 0, "",
        "kivd handed its 8 ports, 2 running agents and 1 global programs to the holder, process "
        "4242, and ends: its successor claims them from the holder, and no agent notices."},

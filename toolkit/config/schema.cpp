@@ -18,9 +18,10 @@
 #include "toolkit/runtime/init.h"
 
 const schema_section schema_sections[SCHEMA_SECTIONS] = {
-    {"services", "", "service"},
-    {"tcp", "s", "port"},
-    {"global.start", "", "global program"},
+    {"services", "", "service", false},
+    {"tcp", "s", "port", false},
+    {"global.start", "", "global program", false},
+    {"global", "", "the global key", true},
 };
 
 namespace {
@@ -80,6 +81,11 @@ int kivschema_judge(const schema_value &v, const char *text) {
                      numeric_address(text)
                  ? 0
                  : -1;
+    case SCHEMA_FILE:
+      if (length > static_cast<size_t>(v.max)) return -1;
+      for (const char *c = text; *c; c++)
+        if (static_cast<unsigned char>(*c) < 0x20 || *c == 0x7f) return -1;
+      return 0;
     default:
       return 0;
   }
@@ -87,6 +93,7 @@ int kivschema_judge(const schema_value &v, const char *text) {
 
 size_t kivschema_name_max(int section) {
   const schema_section &s = schema_sections[section];
+  if (s.single) return 0;
   size_t longest = 0;
   for (const schema_value &v : schema_values)
     if (v.section == section && strlen(v.name) > longest) longest = strlen(v.name);
@@ -96,6 +103,10 @@ size_t kivschema_name_max(int section) {
 
 int kivschema_path(char *buffer, const schema_value &v, const char *name) {
   const schema_section &s = schema_sections[v.section];
+  if (s.single) {
+    int n = xsnprintf(buffer, SCHEMA_PATH_SIZE, ".%s.%s", s.folder, v.name);
+    return n < 0 || n >= SCHEMA_PATH_SIZE ? KIV_EOVERFLOW : 0;
+  }
   int n = xsnprintf(buffer, SCHEMA_PATH_SIZE, ".%s.%s%s.%s", s.folder, s.prefix, name, v.name);
   if (n < 0 || n >= SCHEMA_PATH_SIZE) return KIV_EOVERFLOW;
   // The registry loader stores a key's name with its dots made "_".

@@ -20,13 +20,15 @@ constexpr long SCHEMA_AGENT_PROGRAM_MAX = 256;
 constexpr int SCHEMA_ACCOUNT_KINDS = 4;
 extern const char *const SCHEMA_ACCOUNTS[SCHEMA_ACCOUNT_KINDS + 1];  // null-terminated
 
-// Sections, in the order kivd walks them: one key per service, port or global program.
-enum { SCHEMA_SERVICES, SCHEMA_PORTS, SCHEMA_PROGRAMS, SCHEMA_SECTIONS };
+// Sections, in the order kivd walks them: one key per service, port or global program;
+// then the global key, whose values are kivd's own and are looked up, not walked.
+enum { SCHEMA_SERVICES, SCHEMA_PORTS, SCHEMA_PROGRAMS, SCHEMA_GLOBAL, SCHEMA_SECTIONS };
 
 struct schema_section {
   const char *folder;  // the keys' parent, dotted below the root: "tcp", "global.start"
   const char *prefix;  // what a key's name begins with: "s" before a port's number
   const char *what;    // how messages name one key: "port", "global program"
+  bool single;         // the folder is itself the section's one key, with no name below it
 };
 extern const schema_section schema_sections[SCHEMA_SECTIONS];
 
@@ -39,6 +41,8 @@ enum {
   SCHEMA_NAME,     // a service's name, one its section's paths can be built from
   SCHEMA_ADDRESS,  // a numeric IPv4 or IPv6 address of at most `max` characters, as the
                    // system's getaddrinfo reads it with AI_NUMERICHOST
+  SCHEMA_FILE,     // a file's path of at most `max` characters, no control character in
+                   // it; empty means no file
 };
 
 struct schema_value {
@@ -67,6 +71,9 @@ constexpr long SCHEMA_MEMORY_MAX = 1048576;
 // Processes alive in one job at once: one agent and the programs it starts. The bound is
 // a sanity check of the number, well below what any machine can run.
 constexpr long SCHEMA_PROCESSES_MAX = 65536;
+// The monitoring file's path: with the temporary name written beside it (".tmp" behind)
+// it fits the system's path limit (MAX_PATH, 260 with the terminator).
+constexpr long SCHEMA_FILE_PATH_MAX = 240;
 #define SCHEMA_TEXT_OF(x) SCHEMA_TEXT_OF2(x)
 #define SCHEMA_TEXT_OF2(x) #x
 
@@ -105,7 +112,10 @@ constexpr long SCHEMA_PROCESSES_MAX = 65536;
     true, 0, 0, nullptr, nullptr, false)                                                          \
   X(PROGRAM_PROGRAM, SCHEMA_PROGRAMS, "program", "program", SCHEMA_LINE, nullptr, false, 1,       \
     SCHEMA_PROGRAM_LINE_MAX, nullptr, nullptr, true)                                              \
-  SCHEMA_LIMIT_ROWS(X, PROGRAM, SCHEMA_PROGRAMS)
+  SCHEMA_LIMIT_ROWS(X, PROGRAM, SCHEMA_PROGRAMS)                                                  \
+  /* the file kivd writes its counters into for monitoring; absent or empty: none */              \
+  X(GLOBAL_METRICS, SCHEMA_GLOBAL, "metrics", "monitoring file", SCHEMA_FILE, nullptr, false, 0,  \
+    SCHEMA_FILE_PATH_MAX, nullptr, nullptr, false)
 
 #define SCHEMA_ID(NAME, ...) SCHEMA_##NAME,
 enum { SCHEMA_ROWS(SCHEMA_ID) SCHEMA_VALUES };
@@ -128,11 +138,13 @@ extern const schema_value schema_values[SCHEMA_VALUES];
 // kivd's judgement of text by v's row: for SCHEMA_WORDS the index of the word it is, for
 // the other kinds 0; -1 when kivd cannot use it.
 int kivschema_judge(const schema_value &v, const char *text);
-// The longest key name of a section whose every value path fits SCHEMA_PATH_SIZE.
+// The longest key name of a section whose every value path fits SCHEMA_PATH_SIZE (0 for
+// a single key: it has no name of its own).
 size_t kivschema_name_max(int section);
 // The tree path of value v of the key named name (a port's decimal number), as the
 // registry loader stores it: ".<folder>.<prefix><name>.<value>" with every "." of the
-// name made "_". 0, or KIV_EOVERFLOW when it would not fit SCHEMA_PATH_SIZE.
+// name made "_"; of a single key's value ".<folder>.<value>", name unused. 0, or
+// KIV_EOVERFLOW when it would not fit SCHEMA_PATH_SIZE.
 int kivschema_path(char *buffer, const schema_value &v, const char *name);
 int kivschema_path(char *buffer, const schema_value &v, long port);
 // The port number of a tree path below the ports' folder as kivd reads it: the folder and

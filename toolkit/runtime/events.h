@@ -85,6 +85,9 @@ enum kivev_field { KIVEV_FIELDS(KIVEV_FIELD_ID) };
   X(TRACE_FAILED, 304, KIVEV_WARNING, "going on, the trace resumes when it can", KIVEV_F_TEXT,     \
     KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT)                                                           \
   X(TRACE_RESUMED, 305, KIVEV_INFO, "tracing again", KIVEV_F_TEXT)                                 \
+  X(METRICS_FAILED, 306, KIVEV_WARNING, "trying again at each write", KIVEV_F_TEXT,                \
+    KIVEV_F_SYSERROR, KIVEV_F_ERRORTEXT)                                                           \
+  X(METRICS_RESUMED, 307, KIVEV_INFO, "writing it again", KIVEV_F_TEXT)                            \
   X(HANDOVER_BEGUN, 401, KIVEV_INFO, "ending, its successor claims from the holder", KIVEV_F_PID,  \
     KIVEV_F_COUNT, KIVEV_F_AGENTS, KIVEV_F_PROGRAMS)                                               \
   X(HANDOVER_COMPLETED, 402, KIVEV_INFO, "serving", KIVEV_F_PID, KIVEV_F_COUNT, KIVEV_F_AGENTS,    \

@@ -25,8 +25,12 @@ constexpr int NODE = SCHEMA_SECTIONS, UNKNOWN = -1;
 
 // What a key is by its name: a section's folder or a folder above one ("global"), NODE;
 // one key of a section (the last component being its name), that section; else UNKNOWN.
+// A single key's section is the key itself ("global"), though it is a folder above another.
 int section_of(const std::string &foldedname) {
+  for (int s = 0; s < SCHEMA_SECTIONS; s++)
+    if (schema_sections[s].single && foldedname == schema_sections[s].folder) return s;
   for (int s = 0; s < SCHEMA_SECTIONS; s++) {
+    if (schema_sections[s].single) continue;
     std::string folder = schema_sections[s].folder;
     if (folder == foldedname || folder.compare(0, foldedname.size() + 1, foldedname + ".") == 0)
       return NODE;
@@ -92,7 +96,7 @@ std::string service_key(const std::string &service) {
 // names as id, or "" when the port manager can use it.
 std::string fault_of(const applycfg &cfg, const schema_value &v, const applycfg_value *given,
                      const std::string &id) {
-  std::string key = std::string(schema_sections[v.section].what) + " " + id;
+  std::string key = std::string(schema_sections[v.section].what) + (id.empty() ? "" : " " + id);
   if (!given) return v.required ? key + " has no " + v.label : "";
   const std::string &text = given->text;
   bool usable = kivschema_judge(v, text.c_str()) >= 0;
@@ -118,6 +122,12 @@ std::string fault_of(const applycfg &cfg, const schema_value &v, const applycfg_
       return usable ? ""
                     : std::string(v.label) + " " + text + " of " + key +
                           " is not a numeric IPv4 or IPv6 address";
+    case SCHEMA_FILE:
+      if (usable) return "";
+      return std::string(v.label) + " of " + key +
+             (text.size() > static_cast<size_t>(v.max)
+                  ? " is longer than " + std::to_string(v.max) + " characters"
+                  : " holds a control character");
     default:
       return "";
   }
@@ -140,10 +150,10 @@ void check(const applycfg &cfg, faults *f) {
       if (s == NODE || !row_of(s, v.first))
         f->add(v.second.line, "unknown value " + v.second.name + " in " + key.name);
     if (s == NODE) continue;
-    if (name.size() > kivschema_name_max(s))
+    if (!schema_sections[s].single && name.size() > kivschema_name_max(s))
       f->add(key.line, "name too long (" + std::to_string(name.size()) + " characters, at most " +
                            std::to_string(kivschema_name_max(s)) + ")");
-    std::string id = name;
+    std::string id = schema_sections[s].single ? "" : name;
     if (s == SCHEMA_PORTS) {
       int port = port_number(name);
       if (!port) {
@@ -318,8 +328,9 @@ std::string applycfg_export(const applycfg &cfg, std::vector<std::string> *skipp
     keys[s].emplace_back(port, &key);
   }
   std::string out;
-  // Services, then global programs, then ports by number: what a port names comes first.
-  for (int s : {SCHEMA_SERVICES, SCHEMA_PROGRAMS, SCHEMA_PORTS}) {
+  // kivd's own values, services, then global programs, then ports by number: what a port
+  // names comes before it.
+  for (int s : {SCHEMA_GLOBAL, SCHEMA_SERVICES, SCHEMA_PROGRAMS, SCHEMA_PORTS}) {
     std::stable_sort(keys[s].begin(), keys[s].end(),
                      [](const auto &a, const auto &b) { return a.first < b.first; });
     for (const auto &k : keys[s]) {
@@ -333,7 +344,9 @@ std::string applycfg_export(const applycfg &cfg, std::vector<std::string> *skipp
         }
         body += "\t" + v.first + " = " + value_text(v.second.text) + "\n";
       }
-      if (!body.empty()) out += std::string(schema_sections[s].folder) + "." + name + ":\n" + body;
+      std::string head =
+          schema_sections[s].single ? key.name : schema_sections[s].folder + ("." + name);
+      if (!body.empty()) out += head + ":\n" + body;
     }
   }
   return out;

@@ -45,7 +45,7 @@ int applycfg_read(FILE *stream, applycfg *out, char **error);
 // left out.
 std::vector<std::string> applycfg_diff(const applycfg &old, const applycfg &next);
 
-// cfg in the text syntax: services, then global programs, then ports by number; values
+// cfg in the text syntax: the global key, services, then global programs, then ports by number; values
 // quoted only where the unquoted form would not read back the same. What the syntax
 // cannot hold (names the parser refuses or rewrites) is left out and named in *skipped.
 std::string applycfg_export(const applycfg &cfg, std::vector<std::string> *skipped);
