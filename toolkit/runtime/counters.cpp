@@ -18,15 +18,17 @@ std::atomic<long long> began{0};  // kiv_time of the counts' start; 0: not begun
 
 bool is_kivd(wire_stat id) { return id >= KIVD_FIRST && id < KIVD_FIRST + KIVD_ROWS; }
 
-// Appends " name=value", or nothing when it does not fit whole: a line holds whole items.
-void append(char *buffer, int size, int *length, const char *name, uint64_t value) {
-  if (*length >= size - 1) return;
+// Appends " name=value"; false, with nothing appended, when it does not fit whole.
+bool append(char *buffer, int size, int *length, const char *name, uint64_t value) {
+  if (*length >= size - 1) return false;
   int n = snprintf(buffer + *length, static_cast<size_t>(size - *length), " %s=%llu", name,
                    static_cast<unsigned long long>(value));
-  if (n < 0 || n >= size - *length)
+  if (n < 0 || n >= size - *length) {
     buffer[*length] = '\0';
-  else
-    *length += n;
+    return false;
+  }
+  *length += n;
+  return true;
 }
 
 }  // namespace
@@ -45,17 +47,18 @@ void kiv_count_launch(uint64_t *counts, uint64_t microseconds) {
 
 void kiv_stats_items(char *buffer, int size, int *length, wire_stats_kind kind,
                      const uint64_t *counts) {
+  // The items stop at the first that does not fit: a line never skips one.
   int first = kiv_stats_first(kind);
   for (int i = 0; i < kiv_stats_rows(kind); i++)
-    append(buffer, size, length, KIV_STAT_ITEM[first + i], counts[i]);
+    if (!append(buffer, size, length, KIV_STAT_ITEM[first + i], counts[i])) return;
   if (kind != WIRE_OF_PORT) return;
   for (int i = 0; i < WIRE_LAUNCH_BUCKETS; i++) {
     char name[24];
     snprintf(name, sizeof name, "Launch%dms", WIRE_LAUNCH_BUCKETS_MS[i]);
-    append(buffer, size, length, name, counts[KIV_LAUNCH_FIRST + i]);
+    if (!append(buffer, size, length, name, counts[KIV_LAUNCH_FIRST + i])) return;
   }
-  append(buffer, size, length, WIRE_LAUNCH_MORE, counts[KIV_LAUNCH_MORE]);
-  append(buffer, size, length, WIRE_LAUNCH_SUM, counts[KIV_LAUNCH_SUM]);
+  if (append(buffer, size, length, WIRE_LAUNCH_MORE, counts[KIV_LAUNCH_MORE]))
+    append(buffer, size, length, WIRE_LAUNCH_SUM, counts[KIV_LAUNCH_SUM]);
 }
 
 void kiv_count(wire_stat id) {

@@ -51,7 +51,7 @@ int kiv_launch_bucket(uint64_t microseconds);
 void kiv_count_launch(uint64_t *counts, uint64_t microseconds);
 
 // Appends the items of a kind's counts to buffer at *length (the port's histogram too):
-// " Name=value" each, 0s included; an item that does not fit whole is left out.
+// " Name=value" each, 0s included; they stop before the first that does not fit whole.
 void kiv_stats_items(char *buffer, int size, int *length, wire_stats_kind kind,
                      const uint64_t *counts);
 
