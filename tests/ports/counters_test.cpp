@@ -184,6 +184,36 @@ TEST_F(Counters, EachCauseMovesItsCountersAndNoOther) {
          return std::map<std::string, items>{{port_key(port), {{"Disables", "1"}}},
                                              {"Service=svc", {}}};
        }},
+      {"an agent the system cannot start",
+       [&] {
+         unsigned port = svc_ports(1, "auto", "C:\\kivd-no-such-folder\\agent.exe")[0];
+         ssock_reconfig();
+         closesocket(connect_to(port));
+         EXPECT_TRUE(
+             pump_until([] { return logged("Failed to start agent for service svc") == 1; }));
+         return port;
+       },
+       "resting", 0,
+       [](unsigned port) {
+         return std::map<std::string, items>{
+             {port_key(port), {{"Connections", "1"}, {"RestsStartFailed", "1"}}},
+             {"Service=svc", {{"StartFailures", "1"}}}};
+       }},
+      {"a global program that ends at once until throttled",
+       [&] {
+         set_global("job", "on", agent_program(rec, "-Q"));
+         ssock_reconfig();
+         EXPECT_TRUE(pump_until([] { return logged("Too many prog started for job") == 1; }));
+         return 0u;
+       },
+       nullptr, 0,
+       [&](unsigned) {
+         return std::map<std::string, items>{{"Program=job",
+                                              {{"Starts", "7"},
+                                               {"EndsZero", "7"},
+                                               {"Throttles", "1"},
+                                               {"LastExitTime", now_text}}}};
+       }},
       {"a global program that crashes",
        [&] {
          set_global("job", "on", agent_program(rec, "-V"));
