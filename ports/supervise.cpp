@@ -505,8 +505,9 @@ void account_state(port_record *p, time_t now) {
                     WIRE_STATS_DISABLED == WIRE_STATS_SERVING + 3,
                 "a state's seconds by its word's order");
   int state = p->state == WIRE_STATS_UNTIL_ENABLED ? WIRE_STATS_DISABLED : p->state;
-  // A clock set back counts no time.
-  if (now > p->state_since)
+  // A clock set back counts no time, nor does a record not yet accounted (one built from a
+  // hand-over: its time starts here).
+  if (p->state_since != 0 && now > p->state_since)
     p->counts[WIRE_STAT_PORT_SERVING_SECONDS - kiv_stats_first(WIRE_OF_PORT) + state] +=
         static_cast<uint64_t>(now - p->state_since);
   p->state_since = now;
