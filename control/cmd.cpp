@@ -12,6 +12,7 @@
 #include "lib/printf.h"
 #include "lib/strcase.h"
 #include "ports/ssock.h"
+#include "toolkit/runtime/counters.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/events.h"
 #include "toolkit/runtime/log.h"
@@ -31,9 +32,16 @@ const command table[] = {
     {"update", cmd_update},   {"add", cmd_add},         {"remove", cmd_remove},
     {"disable", cmd_disable}, {"enable", cmd_enable},   {"ls", cmd_ls},
     {"why", cmd_why},         {"restart", cmd_restart}, {"handover", cmd_handover},
+    {"stats", cmd_stats},
 };
 
-void reply(int pipe, const char *text) { npipe_write(pipe, text, static_cast<int>(strlen(text))); }
+// Whether the command being run has answered "-...": it is then counted as refused.
+bool refused;
+
+void reply(int pipe, const char *text) {
+  refused |= text[0] == '-';
+  npipe_write(pipe, text, static_cast<int>(strlen(text)));
+}
 
 void reply_result(int pipe, int rc) {
   if (rc == 0) {
@@ -90,17 +98,18 @@ void cmd(int pipe, char *line) {
   char *words[CMD_MAXWORDS];
   int count = cmd_split(line, words);
   if (words[0][0] == '\0') return;
-  if (count > CMD_MAXWORDS) {
+  refused = false;
+  const command *found = nullptr;
+  for (const command &c : table)
+    if (xstrncasecmp(words[0], c.name, CMD_LINE + 1) == 0) found = &c;
+  if (count > CMD_MAXWORDS)
     reply(pipe, "-Too many words");
-    return;
-  }
-  for (const command &c : table) {
-    if (xstrncasecmp(words[0], c.name, CMD_LINE + 1) == 0) {
-      c.run(pipe, count, words);
-      return;
-    }
-  }
-  reply(pipe, "-Unknown command");
+  else if (found)
+    found->run(pipe, count, words);
+  else
+    reply(pipe, "-Unknown command");
+  // The loop's own "update" is no client's command.
+  if (pipe >= 0) kiv_count(refused ? WIRE_STAT_KIVD_COMMANDS_REFUSED : WIRE_STAT_KIVD_COMMANDS);
 }
 
 void cmd_quit(int pipe, int argc, char **argv) {
@@ -160,6 +169,22 @@ void cmd_enable(int pipe, int argc, char **argv) {
 void cmd_ls(int pipe, int, char **) {
   reply(pipe, "!");
   ssock_info(pipe, npipe_write);
+  reply(pipe, ".");
+}
+
+void cmd_stats(int pipe, int argc, char **argv) {
+  if (argc > 1) {
+    if (int rc = ssock_stats(pipe, npipe_write, argv[1], "!"))
+      reply_result(pipe, rc);
+    else
+      reply(pipe, ".");
+    return;
+  }
+  reply(pipe, "!");
+  ssock_stats(pipe, npipe_write);
+  char line[KIV_STATS_LINE];
+  int length = kiv_counters_line(line, sizeof line, GetCurrentProcessId());
+  npipe_write(pipe, line, length);
   reply(pipe, ".");
 }
 

@@ -45,3 +45,8 @@ void cmd_why(int pipe, int argc, char **argv);
 // an installer. "+Handed over ..." or a "-" text (kivd serves on).
 void cmd_restart(int pipe, int argc, char **argv);
 void cmd_handover(int pipe, int argc, char **argv);
+// stats [port|name]: a listing of the counters (lib/wire.h's stats lines): every port,
+// service and global program, then kivd's own line; with a word, the lines of that port or
+// of the service and the program of that name; "-Failed with code -..." (KIV_ENOTFOUND)
+// for a word that names none.
+void cmd_stats(int pipe, int argc, char **argv);

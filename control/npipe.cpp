@@ -1,6 +1,7 @@
 #include "control/npipe.h"
 
 #include "lib/heap.h"
+#include "toolkit/runtime/counters.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/events.h"
 #include "toolkit/runtime/log.h"
@@ -57,6 +58,7 @@ bool drain(instance *in) {
       DWORD e = GetLastError();
       if (e == ERROR_IO_PENDING) {
         if (WaitForSingleObject(in->rd.hEvent, DRAIN_MS) != WAIT_OBJECT_0) {
+          kiv_count(WIRE_STAT_KIVD_HUNG_UP);
           CancelIo(in->pipe);
           GetOverlappedResult(in->pipe, &in->rd, &got, TRUE);
           return false;
@@ -300,6 +302,7 @@ int npipe_write(int pipe, const char *bytes, int length) {
     ev.count = in->queued_count;
     ev.size = static_cast<unsigned long>(in->queued_bytes);
     kivev_emit(&ev);
+    kiv_count(WIRE_STAT_KIVD_HUNG_UP);
     reset_pipe(pipe - 1);
     return KIV_EOVERFLOW;
   }

@@ -58,7 +58,8 @@ struct number_field {
   }
 
 constexpr long long TIME_MAX = LLONG_MAX;
-constexpr unsigned PORT_FLAGS = PORT_REMOVE | PORT_TOLD | PORT_DISABLED | PORT_EXIT | PORT_ADOPTED;
+constexpr unsigned PORT_FLAGS =
+    PORT_REMOVE | PORT_TOLD | PORT_DISABLED | PORT_EXIT | PORT_ADOPTED | PORT_REST;
 constexpr unsigned PROG_FLAGS = PROG_REMOVE | PROG_DISABLED | PROG_KILLED | PROG_ADOPTED;
 // A range from 0 holds every combination of the flags only while they are contiguous bits.
 static_assert((PORT_FLAGS & (PORT_FLAGS + 1)) == 0 && (PROG_FLAGS & (PROG_FLAGS + 1)) == 0,

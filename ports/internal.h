@@ -13,6 +13,7 @@
 #include "ports/ssock.h"
 #include "ports/util.h"
 #include "toolkit/config/schema.h"
+#include "toolkit/runtime/counters.h"
 #include "toolkit/runtime/events.h"
 #include "toolkit/runtime/log.h"
 
@@ -31,6 +32,8 @@ constexpr unsigned PORT_TOLD = 0x2;      // its agent was told to drop it; waits
 constexpr unsigned PORT_DISABLED = 0x4;  // neither listened on nor started before `until`
 constexpr unsigned PORT_EXIT = 0x8;      // removal tells a sole-port agent "exit"
 constexpr unsigned PORT_ADOPTED = 0x10;  // handed over: the next reconfiguration acts as at start
+// Set by every rest (disable_port): a timed disable without it is kivd's own pause.
+constexpr unsigned PORT_REST = 0x20;
 
 // Prog flags.
 constexpr unsigned PROG_REMOVE = 0x1;
@@ -83,6 +86,10 @@ struct port_record {
   port_record *next;
   kivev_ring *ring;  // its recent events, for `why`; a successor of its number takes it over
   char *address;     // the configured local address (text); null: every IPv4 address
+  // Its counts (counters.h's layout); a successor of its number takes them over.
+  uint64_t counts[KIV_PORT_COUNTS];
+  wire_stats_state state;  // as last accounted
+  time_t state_since;      // when it was last accounted
 };
 
 struct service_record {
@@ -97,6 +104,7 @@ struct service_record {
   job_limits limits;    // of each agent's job
   service_record *next;
   kivev_ring *ring;  // its recent events, for `why`
+  uint64_t counts[KIV_SERVICE_COUNTS];
 };
 
 struct prog_record {
@@ -114,6 +122,7 @@ struct prog_record {
   HANDLE job;         // holds the running process and what it starts; closed at its end
   prog_record *next;
   kivev_ring *ring;  // its recent events, for `why`
+  uint64_t counts[KIV_PROGRAM_COUNTS];
 };
 
 struct child_record {
@@ -206,11 +215,39 @@ void send_reconfig(child_record *c);
 // false when `limit` starts already followed the one that opened a period still running.
 bool start_allowed(int *starts, time_t *period_start, int limit);
 
+// A record's count of row ID, checked to be a row of the record's kind.
+template <wire_stat ID>
+uint64_t &count_of(port_record *p) {
+  static_assert(KIV_STAT_KIND[ID] == WIRE_OF_PORT, "a port's row");
+  return p->counts[ID - kiv_stats_first(WIRE_OF_PORT)];
+}
+template <wire_stat ID>
+uint64_t &count_of(service_record *s) {
+  static_assert(KIV_STAT_KIND[ID] == WIRE_OF_SERVICE, "a service's row");
+  return s->counts[ID - kiv_stats_first(WIRE_OF_SERVICE)];
+}
+template <wire_stat ID>
+uint64_t &count_of(prog_record *g) {
+  static_assert(KIV_STAT_KIND[ID] == WIRE_OF_PROGRAM, "a program's row");
+  return g->counts[ID - kiv_stats_first(WIRE_OF_PROGRAM)];
+}
+// Counts an end of exit code `code` in a record's ZERO, CODE, EXCEPTION rows, the first
+// of them at `ends`, and sets its last exit and its time when it has them (last, not null).
+void count_end(uint64_t *ends, DWORD code, uint64_t *last = nullptr);
+
+// The port's state in the stats listing at now.
+wire_stats_state stats_state(const port_record *p, time_t now);
+// Adds the time since p was last accounted to the seconds of the state it had then, and
+// takes its state now: run by every pass and the stats listing, so a state's time is
+// counted up to the pass that ends it.
+void account_state(port_record *p, time_t now);
+
 // Supervision (supervise.cpp).
 // Rests p for `seconds` (its socket closed), unless it is marked for removal or disabled
-// by command: a rest neither revives a removed record nor shortens such a disable.
-// A rest that takes effect emits `why` (when given) with p's port, service and the rest's end.
-void disable_port(port_record *p, int seconds, kivev_event *why = nullptr);
+// by command: a rest neither revives a removed record nor shortens such a disable. A rest
+// that takes effect counts in p's row `cause` and emits `why` (when given) with p's port,
+// service and the rest's end.
+void disable_port(port_record *p, int seconds, wire_stat cause, kivev_event *why = nullptr);
 // A live record taken out of service by the disable command: the pass tells its agent and
 // closes its socket, and it stays, disabled, until enabled. Its successor inherits it.
 inline bool disabled_by_command(const port_record *p) {

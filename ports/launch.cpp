@@ -199,15 +199,16 @@ int start_agent(port_record *p, DWORD *error) {
   }
   if (!start_allowed(&svc->starts, &svc->period_start, AGENT_STARTS)) {
     KIV_LOG(3, TAG, "Too many agents started for service %s", svc->name);
+    count_of<WIRE_STAT_SERVICE_THROTTLES>(svc)++;
     kivev_event ev{};
     ev.id = KIVEV_PORT_THROTTLED;
     ev.count = AGENT_STARTS + 1;
     ev.period = START_PERIOD;
-    disable_port(p, DISABLE_THROTTLED, &ev);
+    disable_port(p, DISABLE_THROTTLED, WIRE_STAT_PORT_RESTS_THROTTLED, &ev);
     for (port_record *q = ssock_ports; q; q = q->next)
       if (q != p && q->service == svc && !q->agent && q->sock != INVALID_SOCKET &&
           !(q->flags & PORT_REMOVE))
-        disable_port(q, DISABLE_THROTTLED, &ev);
+        disable_port(q, DISABLE_THROTTLED, WIRE_STAT_PORT_RESTS_THROTTLED, &ev);
     return KIV_EINVAL;
   }
   if (p->extra_args && strlen(p->extra_args) > EXTRA_ARGS_MAX) {
@@ -223,6 +224,7 @@ int start_agent(port_record *p, DWORD *error) {
                : KIV_ENOMEM;
   if (line != fixed) xfree(line);
   if (rc != 0) {
+    if (rc == KIV_ESYS) count_of<WIRE_STAT_SERVICE_START_FAILURES>(svc)++;
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, rc, "Failed to start agent for service %s. Code = %d",
                  svc->name, rc);
     xfree(c);
@@ -247,6 +249,7 @@ int start_agent(port_record *p, DWORD *error) {
       kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS,
                    "Failed to WSADuplicateSocket(). Error %d", static_cast<int>(*error));
       WSAEventSelect(p->sock, p->event, FD_ACCEPT);
+      count_of<WIRE_STAT_SERVICE_START_FAILURES>(svc)++;
       // The agent runs on without its port; closing its pipe tells it so.
       free_child(c);
       return KIV_ESYS;
@@ -270,6 +273,8 @@ int start_agent(port_record *p, DWORD *error) {
   if (kivschema_path(path, row, svc->name) == 0) kivinfo_get(nullptr, path, &lifespan);
   sendcmd(c, WIRE_LIFESPAN "%s", lifespan ? lifespan : row.fallback);
   xfree(lifespan);
+  count_of<WIRE_STAT_PORT_STARTS>(p)++;
+  count_of<WIRE_STAT_SERVICE_STARTS>(svc)++;
   return 0;
 }
 
@@ -335,6 +340,7 @@ int start_prog(prog_record *pg, DWORD *error) {
   static const char TAG[] = "ssock.start_prog";
   if (!start_allowed(&pg->starts, &pg->period_start, PROG_STARTS)) {
     KIV_LOG(3, TAG, "Too many prog started for %s", pg->name);
+    count_of<WIRE_STAT_PROGRAM_THROTTLES>(pg)++;
     pg->flags |= PROG_DISABLED;
     return KIV_EINVAL;
   }
@@ -352,7 +358,11 @@ int start_prog(prog_record *pg, DWORD *error) {
                  static_cast<int>(ERROR_INVALID_PARAMETER));
   }
   xfree(line);
-  if (rc != 0) return rc;
+  if (rc != 0) {
+    count_of<WIRE_STAT_PROGRAM_START_FAILURES>(pg)++;
+    return rc;
+  }
+  count_of<WIRE_STAT_PROGRAM_STARTS>(pg)++;
   pg->process = info.hProcess;
   pg->pid = info.dwProcessId;
   KIV_LOG(3, TAG, "Started pid %d: %s", static_cast<int>(pg->pid), pg->program);

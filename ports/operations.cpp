@@ -166,6 +166,7 @@ static int configured_port(int port, port_record **out) {
 int ssock_disable(int port) {
   port_record *p;
   if (int rc = configured_port(port, &p)) return rc;
+  if (!disabled_by_command(p)) count_of<WIRE_STAT_PORT_DISABLES>(p)++;
   p->until = UNTIL_ENABLED;
   p->flags |= PORT_DISABLED;  // the pass tells its agent and closes its socket
   KIV_LOG(3, "ssock.ssock_disable", "Port %d disabled", port);
@@ -227,6 +228,53 @@ int ssock_info(int context, ssock_writefunc write) {
       n += xsnprintf(line + n, sizeof line - n, " " WIRE_ITEM_CPU "=%u", s->limits.cpu);
     write(context, line, n);
   }
+  return 0;
+}
+
+namespace {
+
+// A stats line: what it counts (first item name and value), then the record's counts.
+void write_stats(int context, ssock_writefunc write, const char *first, const char *name,
+                 const port_record *p, wire_stats_kind kind, const uint64_t *counts) {
+  char line[KIV_STATS_LINE];
+  int n = p ? xsnprintf(line, sizeof line,
+                        WIRE_STATS_PORT "=%d " WIRE_STATS_SERVICE "=%.*s " WIRE_STATS_STATE "=%s",
+                        p->port, KIV_STATS_NAME_MAX, p->service->name, WIRE_STATS_WORDS[p->state])
+            : xsnprintf(line, sizeof line, "%s=%.*s", first, KIV_STATS_NAME_MAX, name);
+  kiv_stats_items(line, sizeof line, &n, kind, counts);
+  write(context, line, n);
+}
+
+// Whether a record's number has a current record besides it: a removed record's counts
+// join its successor's, whose line alone is written.
+bool superseded(const port_record *p) { return (p->flags & PORT_REMOVE) && find_port(p->port); }
+
+}  // namespace
+
+int ssock_stats(int context, ssock_writefunc write, const char *what, const char *head) {
+  int number = -1;
+  if (what && *what && strspn(what, "0123456789") == strlen(what))
+    number = strlen(what) <= 5 ? atoi(what) : 0;
+  port_record *port = number > 0 ? find_port(number) : nullptr;
+  // A number without a current record may still have a removed one.
+  for (port_record *p = ssock_ports; number > 0 && !port && p; p = p->next)
+    if (p->port == number) port = p;
+  service_record *service = what && number < 0 ? find_service(what) : nullptr;
+  prog_record *prog = what && number < 0 ? find_prog(what) : nullptr;
+  if (what && !port && !service && !prog) return KIV_ENOTFOUND;
+  if (head) write(context, head, static_cast<int>(strlen(head)));
+  time_t now = kiv_time();
+  for (port_record *p = ssock_ports; p; p = p->next) {
+    if (what ? p != port : superseded(p)) continue;
+    account_state(p, now);
+    write_stats(context, write, nullptr, nullptr, p, WIRE_OF_PORT, p->counts);
+  }
+  for (service_record *s = ssock_services; s; s = s->next)
+    if (!what || s == service)
+      write_stats(context, write, WIRE_STATS_SERVICE, s->name, nullptr, WIRE_OF_SERVICE, s->counts);
+  for (prog_record *g = ssock_progs; g; g = g->next)
+    if (!what || g == prog)
+      write_stats(context, write, WIRE_STATS_PROGRAM, g->name, nullptr, WIRE_OF_PROGRAM, g->counts);
   return 0;
 }
 

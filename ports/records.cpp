@@ -161,6 +161,8 @@ port_record *addport(int number, service_record *svc, int start, const char *add
   p->start = start;
   p->service = svc;
   p->sock = INVALID_SOCKET;
+  p->state = WIRE_STATS_IDLE;
+  p->state_since = kiv_time();
   svc->nports++;
   if (!ssock_ports || p->port < ssock_ports->port) {
     p->next = ssock_ports;
@@ -175,6 +177,9 @@ port_record *addport(int number, service_record *svc, int start, const char *add
     bool held_off = !(cur->flags & PORT_REMOVE) && disabled_by_command(cur);
     p->ring = cur->ring;  // `why` goes on with the number's history
     cur->ring = nullptr;
+    // And so do its counts: what the old record counts from now on joins them at its end.
+    memcpy(p->counts, cur->counts, sizeof p->counts);
+    memset(cur->counts, 0, sizeof cur->counts);
     cur->flags |= PORT_REMOVE;
     if (cur->start == start && same_address(cur->address, p->address)) {
       p->sock = cur->sock;

@@ -60,6 +60,14 @@ int ssock_why(const char *what, int context, ssock_writefunc write, const char *
 // True when a record took it (for an event of a port: the port's record).
 bool ssock_keep(const kivev_event *ev, const char *text);
 
+// The stats listing: one line per port number (its current record; a removed one while no
+// current record has its number), service and global program (lib/wire.h's stats lines),
+// each a call of write as ssock_info's. With what: only the line of that port (all digits)
+// or of the service and the program of that name; head, when given, is written before the
+// first line. 0, or KIV_ENOTFOUND with nothing written when what names none.
+int ssock_stats(int context, ssock_writefunc write, const char *what = nullptr,
+                const char *head = nullptr);
+
 // Shutdown, after the main loop has ended: agents told to exit and waited for up to 5 s,
 // then terminated with the global programs. Always 0; the records are not freed.
 int ssock_cleanup();

@@ -20,6 +20,15 @@ ssock_stopfunc stopping_hook;
 
 bool stopping() { return stopping_hook && stopping_hook(); }
 
+// Adds the counts of a removed record to its successor's, its state's seconds excepted:
+// the successor counts its own time.
+void merge_counts(port_record *to, const port_record *from) {
+  constexpr int SECONDS_FIRST = WIRE_STAT_PORT_SERVING_SECONDS - kiv_stats_first(WIRE_OF_PORT);
+  constexpr int SECONDS_LAST = WIRE_STAT_PORT_DISABLED_SECONDS - kiv_stats_first(WIRE_OF_PORT);
+  for (int i = 0; i < KIV_PORT_COUNTS; i++)
+    if (i < SECONDS_FIRST || i > SECONDS_LAST) to->counts[i] += from->counts[i];
+}
+
 // Unlinks the port *link points at and frees it; *link then points at its successor.
 void unlink_port(port_record **link) {
   port_record *p = *link;
@@ -70,7 +79,7 @@ void start_listening(port_record *p) {
     kivev_event ev{};
     ev.id = KIVEV_PORT_LISTEN_FAILED;
     ev.syserror = error;
-    disable_port(p, DISABLE_THROTTLED, &ev);
+    disable_port(p, DISABLE_THROTTLED, WIRE_STAT_PORT_RESTS_LISTEN_FAILED, &ev);
     return;
   }
   p->flags &= ~PORT_DISABLED;
@@ -85,7 +94,7 @@ void rest_failed_start(port_record *p, DWORD error) {
   kivev_event ev{};
   ev.id = KIVEV_PORT_START_FAILED;
   ev.syserror = static_cast<long>(error);
-  disable_port(p, DISABLE_CRASHED, &ev);
+  disable_port(p, DISABLE_CRASHED, WIRE_STAT_PORT_RESTS_START_FAILED, &ev);
 }
 
 // Takes a port out of service: its agent is told, its socket closed.
@@ -114,6 +123,8 @@ int port_pass(time_t now) {
       // A removed record is never live again: once no agent holds it, it goes, whatever
       // disable it carries (a disable by command lives on in its successor).
       if (!p->agent) {
+        // What its agent did after its successor took its counts over joins them.
+        if (port_record *successor = find_port(p->port)) merge_counts(successor, p);
         unlink_port(link);
         continue;
       }
@@ -135,7 +146,7 @@ int port_pass(time_t now) {
         else if (rc == KIV_ECONFIG)
           // Its program cannot be used, and PORT_NO_PROGRAM said so once: the port rests
           // rather than say it again at every pass; a reconfiguration lifts the rest.
-          disable_port(p, DISABLE_THROTTLED);
+          disable_port(p, DISABLE_THROTTLED, WIRE_STAT_PORT_RESTS_START_FAILED);
       }
     } else if (p->sock == INVALID_SOCKET) {
       if (!((p->flags & PORT_DISABLED) && now < p->until)) start_listening(p);
@@ -144,6 +155,7 @@ int port_pass(time_t now) {
       ssock_nextdue = p->until;
       nextport = p->port;
     }
+    account_state(p, now);
     link = &p->next;
   }
   return nextport;
@@ -244,6 +256,17 @@ void build_waitlist() {
   ssock_waitcount = n;
 }
 
+// Performance counter ticks in microseconds; the counter's frequency never changes.
+uint64_t microseconds(long long ticks) {
+  static long long frequency = [] {
+    LARGE_INTEGER f;
+    return QueryPerformanceFrequency(&f) && f.QuadPart > 0 ? f.QuadPart : 1000000LL;
+  }();
+  if (ticks <= 0) return 0;
+  return static_cast<uint64_t>(ticks / frequency * 1000000 +
+                               ticks % frequency * 1000000 / frequency);
+}
+
 DWORD exit_code(HANDLE process) {
   DWORD code;
   return GetExitCodeProcess(process, &code) ? code : EXIT_UNKNOWN;
@@ -267,6 +290,8 @@ void refuse_connection(port_record *p) {
 
 // A connection on a listening port: launch its agent, or refuse the connection.
 int port_event(uint16_t number, HANDLE h) {
+  LARGE_INTEGER woken;
+  QueryPerformanceCounter(&woken);
   port_record *p = find_port(number);
   if (!p) {
     kiv_logerror(nullptr, CALLBACK_TAG, KIV_SEV_ERROR, KIV_EINTERNAL, "Port %d not found. Argh!",
@@ -291,10 +316,15 @@ int port_event(uint16_t number, HANDLE h) {
     KIV_LOG(3, CALLBACK_TAG, "NetEvents = %#x", static_cast<unsigned>(events.lNetworkEvents));
     return 0;
   }
+  count_of<WIRE_STAT_PORT_CONNECTIONS>(p)++;
   // A stopping service starts nothing: the connection is refused like one without agent.
   DWORD error = 0;
   int rc = stopping() ? KIV_ENOTREADY : start_agent(p, &error);
-  if (rc == KIV_ESYS) {
+  if (rc == 0) {
+    LARGE_INTEGER started;
+    QueryPerformanceCounter(&started);
+    kiv_count_launch(p->counts, microseconds(started.QuadPart - woken.QuadPart));
+  } else if (rc == KIV_ESYS) {
     rest_failed_start(p, error);
   } else if (rc != 0 && p->sock != INVALID_SOCKET) {
     refuse_connection(p);
@@ -310,6 +340,8 @@ int process_event(unsigned index, HANDLE h) {
     DWORD code = exit_code(h);
     KIV_LOG(3, CALLBACK_TAG, "Prog %s/%d died with code %#x", g->name, static_cast<int>(g->pid),
             static_cast<unsigned>(code));
+    count_end(&count_of<WIRE_STAT_PROGRAM_ENDS_ZERO>(g), code,
+              &count_of<WIRE_STAT_PROGRAM_LAST_EXIT>(g));
     CloseHandle(g->process);
     g->process = nullptr;
     // What the program left running ends with it.
@@ -359,17 +391,23 @@ int process_event(unsigned index, HANDLE h) {
   if (code >= EXIT_EXCEPTION)
     kiv_logerror(nullptr, CALLBACK_TAG, KIV_SEV_WARNING, KIV_EINVAL, "Child %d caused exeption %#x",
                  static_cast<int>(c->pid), static_cast<unsigned>(code));
+  bool counted = false;  // the agent's end in its service's counts
   for (port_record *p = ssock_ports; p; p = p->next) {
     if (p->agent != c) continue;
     p->agent = nullptr;
     p->flags &= ~PORT_TOLD;
     c->links--;
+    count_end(&count_of<WIRE_STAT_PORT_ENDS_ZERO>(p), code);
+    if (!counted)
+      count_end(&count_of<WIRE_STAT_SERVICE_ENDS_ZERO>(p->service), code,
+                &count_of<WIRE_STAT_SERVICE_LAST_EXIT>(p->service));
+    counted = true;
     kivev_event ev{};
     ev.pid = c->pid;
     ev.exitcode = code;
     if (code >= EXIT_EXCEPTION) {
       ev.id = KIVEV_PORT_EXCEPTION;
-      disable_port(p, DISABLE_CRASHED, &ev);
+      disable_port(p, DISABLE_CRASHED, WIRE_STAT_PORT_RESTS_EXCEPTION, &ev);
     } else if (code != 0) {
       close_socket(p);  // the next pass listens on a new socket
       ev.id = KIVEV_AGENT_ENDED;
@@ -419,17 +457,59 @@ int ssock_callback(unsigned index) {
   return number > 0 ? port_event(number, h) : process_event(index, h);
 }
 
-void disable_port(port_record *p, int seconds, kivev_event *why) {
+void disable_port(port_record *p, int seconds, wire_stat cause, kivev_event *why) {
   close_socket(p);
   // A rest never revives a removed record (it would stand beside its successor) and
   // never cuts short a disable by command.
   if ((p->flags & PORT_REMOVE) || disabled_by_command(p)) return;
   KIV_LOG(3, "ssock.disable_port", "Port %d disabled for %d seconds", p->port, seconds);
-  p->flags |= PORT_DISABLED;
+  p->counts[cause - kiv_stats_first(WIRE_OF_PORT)]++;
+  p->flags |= PORT_DISABLED | PORT_REST;
   p->until = kiv_time() + seconds;
   if (!why) return;
   why->port = p->port;
   why->service = p->service->name;
   why->until = p->until;
   kivev_emit(why);
+}
+
+void count_end(uint64_t *ends, DWORD code, uint64_t *last) {
+  static_assert(WIRE_STAT_PORT_ENDS_CODE == WIRE_STAT_PORT_ENDS_ZERO + 1 &&
+                    WIRE_STAT_PORT_ENDS_EXCEPTION == WIRE_STAT_PORT_ENDS_ZERO + 2 &&
+                    WIRE_STAT_SERVICE_ENDS_EXCEPTION == WIRE_STAT_SERVICE_ENDS_ZERO + 2 &&
+                    WIRE_STAT_PROGRAM_ENDS_EXCEPTION == WIRE_STAT_PROGRAM_ENDS_ZERO + 2,
+                "ends by kind in the order zero, code, exception");
+  static_assert(WIRE_STAT_SERVICE_LAST_EXIT_TIME == WIRE_STAT_SERVICE_LAST_EXIT + 1 &&
+                    WIRE_STAT_PROGRAM_LAST_EXIT_TIME == WIRE_STAT_PROGRAM_LAST_EXIT + 1,
+                "a last exit's time follows its code");
+  ends[code == 0 ? 0 : code >= EXIT_EXCEPTION ? 2 : 1]++;
+  if (!last) return;
+  last[0] = code;
+  time_t now = kiv_time();
+  last[1] = now > 0 ? static_cast<uint64_t>(now) : 0;
+}
+
+wire_stats_state stats_state(const port_record *p, time_t now) {
+  if (disabled_by_command(p)) return WIRE_STATS_UNTIL_ENABLED;
+  if ((p->flags & PORT_DISABLED) && now < p->until)
+    return p->flags & PORT_REST ? WIRE_STATS_RESTING : WIRE_STATS_DISABLED;
+  return p->agent ? WIRE_STATS_SERVING : WIRE_STATS_IDLE;
+}
+
+void account_state(port_record *p, time_t now) {
+  static_assert(WIRE_STAT_PORT_IDLE_SECONDS == WIRE_STAT_PORT_SERVING_SECONDS + 1 &&
+                    WIRE_STAT_PORT_RESTING_SECONDS == WIRE_STAT_PORT_SERVING_SECONDS + 2 &&
+                    WIRE_STAT_PORT_DISABLED_SECONDS == WIRE_STAT_PORT_SERVING_SECONDS + 3 &&
+                    WIRE_STATS_IDLE == WIRE_STATS_SERVING + 1 &&
+                    WIRE_STATS_RESTING == WIRE_STATS_SERVING + 2 &&
+                    WIRE_STATS_DISABLED == WIRE_STATS_SERVING + 3,
+                "a state's seconds by its word's order");
+  int state = p->state == WIRE_STATS_UNTIL_ENABLED ? WIRE_STATS_DISABLED : p->state;
+  // A clock set back counts no time, nor does a record not yet accounted (one built from a
+  // hand-over: its time starts here).
+  if (p->state_since != 0 && now > p->state_since)
+    p->counts[WIRE_STAT_PORT_SERVING_SECONDS - kiv_stats_first(WIRE_OF_PORT) + state] +=
+        static_cast<uint64_t>(now - p->state_since);
+  p->state_since = now;
+  p->state = stats_state(p, now);
 }

@@ -18,6 +18,7 @@
 #include "service/metrics.h"
 #include "toolkit/config/info.h"
 #include "toolkit/runtime/cinit.h"
+#include "toolkit/runtime/counters.h"
 #include "toolkit/runtime/clock.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/events.h"
@@ -235,6 +236,7 @@ int initialize() {
   static const char tag[] = "sserv.initialize";
   WSADATA wsa;
   if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return KIV_ESYS;
+  kiv_counters_begin();
   evlog_start(nullptr);
   kivev_addoutlet(keep_event, nullptr, 0);
   HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);

@@ -8,6 +8,7 @@
 
 #include "toolkit/runtime/mwait.h"
 #include "control/npipe.h"
+#include "toolkit/runtime/counters.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/log.h"
 
@@ -162,9 +163,11 @@ TEST(Npipe, OneServerAndItsClients) {
     int p = accept_client(c);
     ASSERT_GE(p, 1);
     int rc = 0;
+    uint64_t hung_up = kiv_counter(WIRE_STAT_KIVD_HUNG_UP);
     for (int i = 0; i < 2 * NPIPE_QUEUE_MESSAGES && rc == 0; i++) rc = npipe_write(p, "+", 1);
     EXPECT_EQ(rc, KIV_EOVERFLOW);
     EXPECT_EQ(npipe_state(p - 1), NPIPE_LISTEN);
+    EXPECT_EQ(hung_up + 1, kiv_counter(WIRE_STAT_KIVD_HUNG_UP));
   }
   SCOPED_TRACE("two clients at once and the status line");
   client a;

@@ -282,7 +282,7 @@ TEST_F(Ports, ExceptionExitOfRemovedPorts) {
   EXPECT_TRUE(logged_with("caused exeption 0xc0000005"));
   EXPECT_FALSE(logged_with("Link count"));
   ASSERT_EQ((std::vector<port_record *>{live, off}), port_order());
-  EXPECT_EQ(PORT_DISABLED, live->flags);
+  EXPECT_EQ(PORT_DISABLED | PORT_REST, live->flags);  // a rest, not a pause
   EXPECT_EQ(now + 3, live->until);
   EXPECT_EQ(PORT_DISABLED, off->flags);
   EXPECT_EQ(UNTIL_ENABLED, off->until);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "toolkit/runtime/clock.h"
+#include "toolkit/runtime/counters.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/events.h"
 
@@ -64,6 +65,7 @@ TEST_F(Events, RepeatLimit) {
       {1400, KIVEV_PORT_START_FAILED, 1, "svc", "103 1 svc 0"},  // the clock set back
   };
   std::vector<std::string> expected;
+  kiv_counters_begin();
   for (auto &s : steps) {
     now = s.t;
     emit(s.id, s.port, s.service);
@@ -71,6 +73,9 @@ TEST_F(Events, RepeatLimit) {
   }
   EXPECT_EQ(expected, limited);
   EXPECT_EQ(sizeof steps / sizeof steps[0], unlimited.size());
+  // kivd's counts: each event written or held back, never both.
+  EXPECT_EQ(expected.size(), kiv_counter(WIRE_STAT_KIVD_EVENTS));
+  EXPECT_EQ(unlimited.size() - expected.size(), kiv_counter(WIRE_STAT_KIVD_EVENTS_HELD));
   for (auto &line : unlimited) EXPECT_EQ('0', line.back()) << line;  // held is not theirs
 }
 

@@ -80,15 +80,7 @@ TEST_F(Why, EachCauseShowsItsEventAndWhatComesNext) {
        KIVEV_PORT_LISTEN_FAILED, [] { return "resting until " + at(now + 900); }},
       {"an agent that crashes until throttled", "svc",
        [&] {
-         unsigned port = svc_ports(1, "auto", agent_program(rec, "-V"))[0];
-         ssock_reconfig();
-         for (int crash = 1; crash <= 13; crash++) {
-           closesocket(connect_to(port));
-           EXPECT_TRUE(pump_until([&] { return logged("caused exeption") == crash; })) << crash;
-           advance(3);
-         }
-         closesocket(connect_to(port));
-         EXPECT_TRUE(pump_until([] { return logged("Too many agents started") == 1; }));
+         unsigned port = crash_until_throttled(rec);
          EXPECT_EQ(port_events(port).front().number, KIVEV_PORT_EXCEPTION);
          return port;
        },

@@ -248,6 +248,19 @@ std::vector<unsigned> free_ports(unsigned count) {
   return std::vector<unsigned>(ports.begin(), ports.end());
 }
 
+unsigned crash_until_throttled(const std::string &record) {
+  unsigned port = svc_ports(1, "auto", agent_program(record, "-V"))[0];
+  ssock_reconfig();
+  for (int crash = 1; crash <= 13; crash++) {
+    closesocket(connect_to(port));
+    EXPECT_TRUE(pump_until([&] { return logged("caused exeption") == crash; })) << crash;
+    advance(3);
+  }
+  closesocket(connect_to(port));
+  EXPECT_TRUE(pump_until([] { return logged("Too many agents started") == 1; }));
+  return port;
+}
+
 DWORD start_agent_on(unsigned port, const std::string &record, SOCKET *keep) {
   size_t before = agents(record).size();
   SOCKET client = connect_to(port);

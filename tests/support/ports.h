@@ -84,6 +84,10 @@ std::vector<unsigned> svc_ports(unsigned count, const char *mode, const std::str
 void expect_rest(const std::vector<unsigned> &ports, const std::string &service, const char *mode,
                  time_t until);
 
+// Service "svc" on one auto port whose agents crash at once: thirteen connections, three
+// seconds apart, each crash it, and the fourteenth finds it throttled. Returns the port.
+unsigned crash_until_throttled(const std::string &record);
+
 // Ports free on loopback right now, ascending.
 std::vector<unsigned> free_ports(unsigned count);
 using kt::connect_to;

@@ -7,6 +7,7 @@
 #include <initializer_list>
 
 #include "toolkit/runtime/clock.h"
+#include "toolkit/runtime/counters.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/locks.h"
 #include "toolkit/runtime/platform.h"
@@ -167,6 +168,7 @@ void kivev_emit(kivev_event *ev) {
   for (int i = 0; i < n; i++) limited |= (copy[i].flags & KIVEV_LIMITED) != 0;
   bool pass = !limited || pass_limit(ev);
   kiv_unlock(KIV_LOCK_EVENTS);
+  kiv_count(pass ? WIRE_STAT_KIVD_EVENTS : WIRE_STAT_KIVD_EVENTS_HELD);
   for (int i = 0; i < n; i++) {
     if (!(copy[i].flags & KIVEV_LIMITED)) {
       int held = ev->held;

@@ -26,6 +26,7 @@
 #include "tools/kivctl/client.h"
 #include "tools/kivctl/listing.h"
 #include "tools/kivctl/restart.h"
+#include "tools/kivctl/stats.h"
 #include "tools/kivctl/why.h"
 #include "toolkit/runtime/scoped_win.h"
 
@@ -46,6 +47,10 @@ const char USAGE[] =
     "  ls                             the ports: service, mode, state, agent\n"
     "  why [PORT|NAME]                the last events of a port, service or global program\n"
     "                                 and what kivd does next; no word: kivd's own\n"
+    "  stats [PORT|NAME]              what each port, service, global program and kivd\n"
+    "                                 counted since kivd started: ports with the most\n"
+    "                                 connections first, services and programs with the\n"
+    "                                 most starts; a word: that port, service or program\n"
     "  disable PORT                   take a port out of service until enabled\n"
     "  enable PORT                    put a disabled port back into service\n"
     "  add -p PORT [-i PID] [-- ARGS] hook a port (for process PID, extra agent arguments)\n"
@@ -128,6 +133,12 @@ void print_reply(output mode, const std::string &word, const std::vector<std::st
   if (_stricmp(word.c_str(), "why") == 0 && parse_all(inner, parse_why_line, &events)) {
     printf("%s",
            mode == output::json ? (why_json(events) + "\n").c_str() : why_table(events).c_str());
+    return;
+  }
+  std::vector<stats_line> counted;
+  if (_stricmp(word.c_str(), "stats") == 0 && parse_all(inner, parse_stats_line, &counted)) {
+    printf("%s", mode == output::json ? (stats_json(counted) + "\n").c_str()
+                                      : stats_table(counted).c_str());
     return;
   }
   std::vector<listed_port> ports;
