@@ -8,9 +8,11 @@
 
 #include "lib/heap.h"
 #include "lib/wire.h"
+#include "ports/ssock.h"
 #include "toolkit/config/info.h"
 #include "toolkit/config/schema.h"
 #include "toolkit/runtime/clock.h"
+#include "toolkit/runtime/counters.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/events.h"
 #include "toolkit/runtime/log.h"
@@ -55,6 +57,9 @@ std::vector<item> items_of(const std::string &line) {
     size_t equal = line.find('=', at);
     if (equal != std::string::npos && equal > at && equal < end)
       out.push_back({line.substr(at, equal - at), line.substr(equal + 1, end - equal - 1)});
+    else if (!out.empty() && end > at)
+      // A name may hold blanks: a word that is no item goes on the value before it.
+      out.back().value += " " + line.substr(at, end - at);
     at = end + 1;
   }
   return out;
@@ -253,7 +258,6 @@ DWORD WINAPI write_files(void *) {
   }
 }
 
-time_t began;
 uint32_t due;
 bool running, first;
 std::string refused;  // the last value refused, said once
@@ -287,15 +291,24 @@ std::string configured() {
 }
 
 // ---------------------------------------------------------------------------------------
-// THE SEAM to the port manager's counters: the stats lines of every port, service, global
-// program and of kivd itself, as the stats command lists them (lib/wire.h). Until the port
-// manager keeps counters, kivd's own line alone, with what the service host knows; then
-// the manager's lines (each appended with its line end by a write function) and kivd's.
-void gather(std::string *lines) {
-  *lines += std::string(WIRE_STATS_KIVD "=") + std::to_string(GetCurrentProcessId()) + " " +
-            ROWS[WIRE_STAT_KIVD_UPTIME].item + "=" + std::to_string(kiv_time() - began) + "\n";
+// The stats lines of every port, service and global program and of kivd itself, as the
+// stats command lists them, each with its line end.
+std::string *gathering;
+
+int append_line(int, const char *text, int length) {
+  gathering->append(text, static_cast<size_t>(length));
+  *gathering += '\n';
+  return 0;
 }
-// ---------------------------------------------------------------------------------------
+
+void gather(std::string *lines) {
+  gathering = lines;
+  ssock_stats(0, append_line);
+  char line[KIV_STATS_LINE];
+  int length = kiv_counters_line(line, sizeof line, GetCurrentProcessId());
+  append_line(0, line, length);
+  gathering = nullptr;
+}
 
 void post_gathered() {
   std::string path = configured();
@@ -361,7 +374,6 @@ int metrics_start() {
   if (writer) return 0;
   InitializeCriticalSection(&lock);
   queued = stopping = failing = false;
-  began = kiv_time();
   first = true;
   ready = CreateEventA(nullptr, FALSE, FALSE, nullptr);
   idle = CreateEventA(nullptr, TRUE, TRUE, nullptr);

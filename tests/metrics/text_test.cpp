@@ -43,6 +43,11 @@ TEST(MetricsText, LinesBecomeFamiliesWithTheirSamplesTogether) {
        "# HELP kivd_commands_total Control commands served.\n"
        "# TYPE kivd_commands_total counter\n"
        "kivd_commands_total 3\n"},
+      {"a service's name with blanks: the words that are no item belong to it",
+       "Service=web shop Starts=2\n",
+       "# HELP kivd_service_starts_total Agents of the service started.\n"
+       "# TYPE kivd_service_starts_total counter\n"
+       "kivd_service_starts_total{service=\"web shop\"} 2\n"},
       {"ports grouped by family, escaped labels, the row's own label, the state as a gauge; a "
        "service's Starts is its own family; repeats, strangers and bad values left out",
        "Port=7000 Service=we\"b\\x State=serving Connections=3 Starts=2 EndsCode=1\r\n"
