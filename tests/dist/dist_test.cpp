@@ -300,11 +300,12 @@ TEST(Package, AnUpgradeUnderLoadRefusesNothingAndCutsNothing) {
   EXPECT_EQ(names(dir + "\\" WIRE_RETIRED "\\" + upgrades[0]),
             (std::vector<std::string>{"echo-agent.exe", "kivexec.exe"}));
   EXPECT_TRUE(exists(dir + "\\echo-agent.exe") && exists(dir + "\\kivexec.exe"));
-  EXPECT_EQ(kt::processes_named("kivd.exe"), 1) << "a holder outlived the hand-over";
+  EXPECT_TRUE(kt::poll([] { return kt::processes_named("kivd.exe") == 1; }))
+      << "a holder outlived the hand-over";
 
   // A stop ends the agents, and with them goes what they ran from.
   stop_service();
-  EXPECT_FALSE(running(echo_agent) || running(exec_agent));
+  EXPECT_TRUE(kt::poll([&] { return !running(echo_agent) && !running(exec_agent); }));
   EXPECT_TRUE(kt::poll([&] { return !exists(dir + "\\" WIRE_RETIRED); }))
       << names(dir + "\\" WIRE_RETIRED).size();
 

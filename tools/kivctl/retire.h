@@ -10,8 +10,8 @@
 extern const char *const RETIRE_AGENTS[];
 extern const int RETIRE_AGENT_COUNT;
 
-// Moves each of RETIRE_AGENTS in `folder` that is in use (a process runs from it or
-// holds it open for writing) into a new folder "<folder>\retired\<unique name>\", under
+// Moves each of RETIRE_AGENTS in `folder` that is in use (a process runs from it, or
+// holds it open without sharing writes) into a new folder "<folder>\retired\<unique name>\", under
 // its own name; a file not in use, and every other file, stays where it is. Writes into
 // report (size bytes, terminated when size > 0, cut to fit) what moved where, or what
 // failed. 0, also when nothing is in use or the folder does not exist; KIV_EINVAL for a
