@@ -14,6 +14,7 @@
 #include "ports/ssock.h"
 #include "service/evlog.h"
 #include "service/handover.h"
+#include "service/retired.h"
 #include "toolkit/config/info.h"
 #include "toolkit/runtime/cinit.h"
 #include "toolkit/runtime/clock.h"
@@ -255,6 +256,7 @@ int initialize() {
     started.id = KIVEV_SERVICE_STARTED;
     kivev_emit(&started);
   }
+  sweep_retired_here();
   return 0;
 }
 
@@ -365,6 +367,7 @@ int run_service() {
   } else {
     ssock_cleanup();
     handover_sweep();
+    sweep_retired_here();  // the agents have ended: what they ran from goes
   }
   evlog_stop(0);
   return 0;

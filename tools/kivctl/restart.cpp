@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tools/kivctl/client.h"
+#include "tools/kivctl/retire.h"
 #include "tools/kivctl/why.h"
 #include "toolkit/runtime/scoped_win.h"
 
@@ -86,6 +87,13 @@ int kivctl_restart(int argc, char **argv, bool json) {
     return 1;
   }
   if (!restart) {
+    // The installer replaces the package's files next: those its agents still run from
+    // move out of its way.
+    char report[1024];
+    if (retire_package_agents_here(report, sizeof report)) {
+      fprintf(stderr, "kivctl: %s\n", report);
+      return 1;
+    }
     if (json)
       printf("{\"holder\":%lu,\"kivd\":%lu,\"ports\":%d,\"agents\":%d,\"programs\":%d}\n", r.holder,
              r.kivd, r.ports, r.agents, r.programs);

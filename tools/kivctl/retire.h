@@ -18,3 +18,5 @@ extern const int RETIRE_AGENT_COUNT;
 // null or empty folder; KIV_ESYS when a folder cannot be made or a file cannot be moved
 // (files moved before stay moved: each is whole in one place or the other).
 int retire_package_agents(const char *folder, char *report, int size);
+// The same for the folder of the running executable: the installed kivctl.exe's.
+int retire_package_agents_here(char *report, int size);
