@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <cstring>
 #include <string>
 
 #include "lib/wire.h"
@@ -48,4 +49,13 @@ void sweep_retired(const char *install_folder) {
       (a & FILE_ATTRIBUTE_REPARSE_POINT))
     return;
   sweep(retired);
+}
+
+void sweep_retired_here() {
+  char path[MAX_PATH];
+  DWORD n = GetModuleFileNameA(nullptr, path, sizeof path);
+  char *slash = n && n < sizeof path ? strrchr(path, '\\') : nullptr;
+  if (!slash) return;
+  *slash = 0;
+  sweep_retired(path);
 }

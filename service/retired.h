@@ -8,3 +8,5 @@
 // use stays, and so do the folders that hold it. Follows no link out of the folder. A
 // null folder or one without a retired folder is nothing to do.
 void sweep_retired(const char *install_folder);
+// The same for the folder of the running executable: kivd.exe's install folder.
+void sweep_retired_here();

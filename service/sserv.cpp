@@ -54,12 +54,7 @@ bool stop_requested() { return InterlockedCompareExchange(&stop_early, 0, 0) != 
 // The agent files an upgrade moved aside go once nothing runs from them: looked for at
 // start and stop, and after a process's end at most once a minute.
 void sweep_install_folder() {
-  char folder[MAX_PATH];
-  DWORD length = GetModuleFileNameA(nullptr, folder, sizeof folder);
-  char *slash = length > 0 && length < sizeof folder ? strrchr(folder, '\\') : nullptr;
-  if (!slash) return;
-  *slash = '\0';
-  sweep_retired(folder);
+  sweep_retired_here();
   swept = GetTickCount64();
 }
 

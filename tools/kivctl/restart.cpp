@@ -93,13 +93,12 @@ int kivctl_restart(int argc, char **argv, bool json) {
     return 1;
   }
   if (!restart) {
-    // The package's agent files that still run are moved out of the installer's way.
-    char folder[MAX_PATH], report[1024] = "";
-    DWORD length = GetModuleFileNameA(nullptr, folder, sizeof folder);
-    if (length > 0 && length < sizeof folder && strrchr(folder, '\\')) {
-      *strrchr(folder, '\\') = '\0';
-      if (retire_package_agents(folder, report, sizeof report) != 0)
-        fprintf(stderr, "kivctl: %s\n", report);
+    // The installer replaces the package's files next: those its agents still run from
+    // move out of its way.
+    char report[1024];
+    if (retire_package_agents_here(report, sizeof report)) {
+      fprintf(stderr, "kivctl: %s\n", report);
+      return 1;
     }
     if (json)
       printf("{\"holder\":%lu,\"kivd\":%lu,\"ports\":%d,\"agents\":%d,\"programs\":%d}\n", r.holder,

@@ -103,3 +103,15 @@ int retire_package_agents(const char *folder, char *report, int size) {
   put(error.empty() ? text : text + "; " + error, report, size);
   return error.empty() ? 0 : KIV_ESYS;
 }
+
+int retire_package_agents_here(char *report, int size) {
+  char path[MAX_PATH];
+  DWORD n = GetModuleFileNameA(nullptr, path, sizeof path);
+  char *slash = n && n < sizeof path ? strrchr(path, '\\') : nullptr;
+  if (!slash) {
+    put("cannot tell kivctl's own folder", report, size);
+    return KIV_ESYS;
+  }
+  *slash = 0;
+  return retire_package_agents(path, report, size);
+}
