@@ -1,16 +1,17 @@
 // The hand-over: every record written as a block of text for another process, each socket
 // and handle duplicated into it, and the records built back from such a block.
 //
-// The block, version 1: lines that end in LF, fields separated by one blank.
-//   kivd-handover 1
-//   service name=<text> starts=<n> period_start=<n>
+// The block, version 2: lines that end in LF, fields separated by one blank.
+//   kivd-handover 2
+//   kivd counts=<counts>
+//   service name=<text> counts=<counts> starts=<n> period_start=<n>
 //   agent pid=<n> process=<handle> pipe=<handle> job=<handle> owed=<n>
 //   port number=<n> start=<n> service=<text> address=<text> agent=<index> socket=<info>
-//        parent=<handle> extra_args=<text> parent_pid=<n> flags=<n> until=<n>
-//   prog name=<text> program=<text> pid=<n> process=<handle> job=<handle> flags=<n>
-//        until=<n> starts=<n> period_start=<n>
+//        parent=<handle> extra_args=<text> counts=<counts> parent_pid=<n> flags=<n> until=<n>
+//   prog name=<text> program=<text> pid=<n> process=<handle> job=<handle> counts=<counts>
+//        flags=<n> until=<n> starts=<n> period_start=<n>
 //   end
-// (each record on one line). The kinds come in that order: services, agents, ports as
+// (each record on one line). The kinds come in that order: kivd's own, services, agents, ports as
 // their list holds them (ascending, a removed record before its successor), programs;
 // each line has exactly its kind's fields in that order, and nothing follows "end".
 // <text> is "-" for none, else the base64 of its bytes (no zero byte), so that blanks and
@@ -19,7 +20,9 @@
 // WSAPROTOCOL_INFOA duplicated for the receiver; <index> is "-" or the agent's place among
 // the agent lines, from 0; <n> is a decimal number in its field's range. The numbers that
 // end a line come from one table per kind (SERVICE_NUMBERS ...): a new field is one entry
-// there, and a changed layout a new version.
+// there, and a changed layout a new version. <counts> is the record's (or kivd's own)
+// counters (toolkit/runtime/counters.h), each decimal, comma-separated, exactly as many as
+// its kind has: they travel with the records.
 #include <algorithm>
 #include <climits>
 #include <cstddef>
@@ -32,13 +35,14 @@
 #include "lib/printf.h"
 #include "lib/wire.h"
 #include "ports/internal.h"
+#include "toolkit/runtime/counters.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/memory.h"
 
 namespace {
 
 const char TAG[] = "ssock.handover";
-const char HEADER[] = "kivd-handover 1\n";
+const char HEADER[] = "kivd-handover 2\n";
 constexpr size_t HEADER_LENGTH = sizeof HEADER - 1;
 
 // A number of a record: its key, where it is, how it is stored and its range.
@@ -200,6 +204,13 @@ struct writer {
     xsnprintf(hex, sizeof hex, "%#x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(h)));
     text(hex);
   }
+  void counts(const uint64_t *values, int n) {
+    key("counts");
+    for (int i = 0; i < n; i++) {
+      if (i) text(",");
+      decimal({false, values[i]});
+    }
+  }
   template <size_t N>
   void numbers(const number_field (&table)[N], const void *record) {
     for (const number_field &f : table) {
@@ -209,6 +220,10 @@ struct writer {
     text("\n");
   }
 };
+
+// kivd's own counts, in their rows' order.
+constexpr int KIVD_FIRST = kiv_stats_first(WIRE_OF_KIVD);
+constexpr int KIVD_COUNTS = kiv_stats_rows(WIRE_OF_KIVD);
 
 // The handles made in the target, closed there again when the hand-over fails.
 struct duplicates {
@@ -319,6 +334,28 @@ struct reader {
     *out = n.magnitude;
     return true;
   }
+  // Exactly n comma-separated counts, each canonical decimal.
+  bool counts(uint64_t *values, int n) {
+    const char *v;
+    size_t length;
+    if (!field("counts", &v, &length)) return false;
+    const char *stop = v + length;
+    for (int i = 0; i < n; i++) {
+      const char *comma = static_cast<const char *>(memchr(v, ',', static_cast<size_t>(stop - v)));
+      const char *piece_end = comma ? comma : stop;
+      number value;
+      if ((i + 1 < n) != (comma != nullptr) ||
+          !decimal_text(v, static_cast<size_t>(piece_end - v), 0, ULLONG_MAX, &value))
+        return fail();
+      values[i] = value.magnitude;
+      v = comma ? comma + 1 : stop;
+    }
+    return true;
+  }
+  uint64_t kivd[KIVD_COUNTS] = {};
+  bool kivd_seen = false;
+  bool kivd_line() { return counts(kivd, KIVD_COUNTS) && line_done(); }
+
   template <size_t N>
   bool numbers(const number_field (&table)[N], void *record) {
     for (const number_field &f : table) {
@@ -393,7 +430,7 @@ struct reader {
     service_record *s = find_service(name) ? nullptr : addservice(name);
     xfree(name);
     if (!s) return fail();
-    return numbers(SERVICE_NUMBERS, s);
+    return counts(s->counts, KIV_SERVICE_COUNTS) && numbers(SERVICE_NUMBERS, s);
   }
 
   bool agent_line() {
@@ -440,7 +477,8 @@ struct reader {
       p->agent = agents[index.magnitude];
     }
     if (!socket_field(p) || !handle("parent", handle_kind::WAITABLE, 0, &p->parent) ||
-        !text("extra_args", &p->extra_args, false) || !numbers(PORT_NUMBERS, p))
+        !text("extra_args", &p->extra_args, false) || !counts(p->counts, KIV_PORT_COUNTS) ||
+        !numbers(PORT_NUMBERS, p))
       return false;
     // What only a hooked port has, what only an agent's port is, one live record a number.
     if ((p->start != START_HOOK && (p->parent || p->extra_args || p->parent_pid)) ||
@@ -489,27 +527,33 @@ struct reader {
       return false;
     g->pid = static_cast<DWORD>(pid);
     return handle("process", handle_kind::PROCESS, g->pid, &g->process) &&
-           handle("job", handle_kind::JOB, 0, &g->job) && numbers(PROG_NUMBERS, g);
+           handle("job", handle_kind::JOB, 0, &g->job) && counts(g->counts, KIV_PROGRAM_COUNTS) &&
+           numbers(PROG_NUMBERS, g);
   }
 
   int run() {
-    static const char *const KINDS[] = {"service", "agent", "port", "prog", "end"};
+    static const char *const KINDS[] = {"kivd", "service", "agent", "port", "prog", "end"};
+    constexpr size_t NKINDS = sizeof KINDS / sizeof KINDS[0];
     size_t rank = 0;
     while (next_line()) {
       const char *kind;
       size_t length;
       if (!word(&kind, &length)) break;
       size_t k = 0;
-      while (k < 5 && !(strlen(KINDS[k]) == length && memcmp(kind, KINDS[k], length) == 0)) k++;
-      if (k == 5 || k < rank) return fail(), rc;
+      while (k < NKINDS && !(strlen(KINDS[k]) == length && memcmp(kind, KINDS[k], length) == 0))
+        k++;
+      // kivd's own line comes first, once.
+      if (k == NKINDS || k < rank || (k == 0) != (rank == 0 && !kivd_seen)) return fail(), rc;
       rank = k;
-      bool ok = k == 0   ? service_line()
-                : k == 1 ? agent_line()
-                : k == 2 ? port_line()
-                : k == 3 ? prog_line()
+      kivd_seen = true;
+      bool ok = k == 0   ? kivd_line()
+                : k == 1 ? service_line()
+                : k == 2 ? agent_line()
+                : k == 3 ? port_line()
+                : k == 4 ? prog_line()
                          : line_done();
       if (!ok) break;
-      if (k == 4) {
+      if (k == NKINDS - 1) {
         if (at != end) break;
         for (port_record *p = ssock_ports; p; p = p->next)
           if (p->agent) p->agent->links++;
@@ -557,10 +601,17 @@ int ssock_handover_write(HANDLE target, DWORD target_pid, dstr *out, ssock_hande
   ssock_handed n{};
   bool duplicated = true;
   w.text(HEADER);
+  uint64_t own[KIVD_COUNTS];
+  for (int i = 0; i < KIVD_COUNTS; i++)
+    own[i] = kiv_counter(static_cast<wire_stat>(KIVD_FIRST + i));
+  w.text("kivd");
+  w.counts(own, KIVD_COUNTS);
+  w.text("\n");
   for (service_record *s = ssock_services; s; s = s->next) {
     if (s->nports == 0) continue;  // the next pass frees it
     w.text("service");
     w.string("name", s->name);
+    w.counts(s->counts, KIV_SERVICE_COUNTS);
     w.numbers(SERVICE_NUMBERS, s);
   }
   for (port_record *p = ssock_ports; p; p = p->next)
@@ -611,6 +662,7 @@ int ssock_handover_write(HANDLE target, DWORD target_pid, dstr *out, ssock_hande
       w.string("socket", nullptr);
     w.handle("parent", parent);
     w.string("extra_args", p->extra_args);
+    w.counts(p->counts, KIV_PORT_COUNTS);
     w.numbers(PORT_NUMBERS, p);
     n.ports++;
   }
@@ -624,6 +676,7 @@ int ssock_handover_write(HANDLE target, DWORD target_pid, dstr *out, ssock_hande
     w.value("pid", g->pid);
     w.handle("process", process);
     w.handle("job", job);
+    w.counts(g->counts, KIV_PROGRAM_COUNTS);
     w.numbers(PROG_NUMBERS, g);
     n.programs++;
   }
@@ -668,6 +721,9 @@ int ssock_handover_read(const char *block, size_t length, bool serve, ssock_hand
     return rc;
   }
   before.exchange_waitlist();
+  // kivd's own counts go on from the giver's (the uptime from when they began).
+  for (int i = 0; i < KIVD_COUNTS; i++)
+    kiv_counter_set(static_cast<wire_stat>(KIVD_FIRST + i), r.kivd[i]);
   ssock_handed n{};
   for (port_record *p = ssock_ports; p; p = p->next) {
     n.ports++;

@@ -16,6 +16,7 @@
 #include "service/evlog.h"
 #include "toolkit/config/info.h"
 #include "toolkit/runtime/cinit.h"
+#include "toolkit/runtime/counters.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/events.h"
 #include "toolkit/runtime/log.h"
@@ -488,6 +489,7 @@ bool handover_claim() {
     kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, rc, "The holder's hand-over was refused (%d)", rc);
     return false;
   }
+  kiv_count(WIRE_STAT_KIVD_HANDOVERS);  // the counts came through one more
   claim.adopted = true;
   claim.predecessor = static_cast<DWORD>(predecessor);
   claim.ended = ended;

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "lib/wire.h"
@@ -35,6 +36,17 @@ DWORD agent_of(int port) {
     return at == std::string::npos ? 0 : strtoul(line.c_str() + at + 7, nullptr, 10);
   }
   return 0;
+}
+
+// An item of the stats line that starts with `line` ("Port=7000", "Kivd="); -1 for none.
+long long stat(const std::string &line, const char *item) {
+  kt::client c;
+  for (const std::string &l : c.command("stats")) {
+    if (l.rfind(line + " ", 0) != 0 && !(line.back() == '=' && l.rfind(line, 0) == 0)) continue;
+    size_t at = l.find(std::string(" ") + item + "=");
+    return at == std::string::npos ? -1 : atoll(l.c_str() + at + strlen(item) + 2);
+  }
+  return -1;
 }
 
 // Stops whichever kivd serves now (the successor of the one the test started) and waits
@@ -88,6 +100,11 @@ TEST(Restart, ThreeRestartsUnderLoadRefuseNothingAndCutNothing) {
       << kt::describe(load.counts());
   DWORD agent = agent_of(live);
   ASSERT_NE(agent, 0u);
+  std::string fresh_line = "Port=" + std::to_string(fresh),
+              live_line = "Port=" + std::to_string(live);
+  long long connections = stat(fresh_line, "Connections");
+  ASSERT_GT(connections, 0);
+  ASSERT_EQ(stat(live_line, "Starts"), 1);
   for (int i = 0; i < 3; i++) {
     int before = load.counts().made;
     kt::ran r = kivctl("restart 30");
@@ -116,6 +133,11 @@ TEST(Restart, ThreeRestartsUnderLoadRefuseNothingAndCutNothing) {
   EXPECT_GT(c.live_echoed, 0);
   EXPECT_EQ(c.live_echoed, c.live_sent);
   EXPECT_EQ(agent_of(live), agent);
+  // The counters came through the three hand-overs: the live port's one start, the fresh
+  // port's connections counted on, kivd's own hand-overs.
+  EXPECT_EQ(stat(live_line, "Starts"), 1);
+  EXPECT_GT(stat(fresh_line, "Connections"), connections);
+  EXPECT_EQ(stat("Kivd=", "Handovers"), 3);
   stop_all();
 }
 

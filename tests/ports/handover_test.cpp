@@ -7,6 +7,7 @@
 #include "lib/b64.h"
 #include "lib/dstr.h"
 #include "ports/internal.h"
+#include "toolkit/runtime/counters.h"
 #include "ports/ssock.h"
 #include "tests/support/ports.h"
 #include "toolkit/runtime/error.h"
@@ -384,7 +385,7 @@ TEST_F(Handover, DamagedBlockAdoptsNothingAndLeaksNothing) {
     bool holding = false;               // read into the giver's own manager
   } rows[] = {
       {"another version",
-       [](const std::string &b) { return "kivd-handover 2" + b.substr(15); },
+       [](const std::string &b) { return "kivd-handover 1" + b.substr(15); },
        {},
        true},
       {"no end", [](const std::string &b) { return b.substr(0, b.size() - 4); }, {}, false},
@@ -392,7 +393,9 @@ TEST_F(Handover, DamagedBlockAdoptsNothingAndLeaksNothing) {
       {"an unknown kind", [](const std::string &b) { return before_end(b, "hello\n"); }, {}, false},
       {"a service after the programs",
        [](const std::string &b) {
-         return before_end(b, "service name=YQ== starts=0 period_start=0\n");
+         std::string zeros = "0";
+         for (int i = 1; i < KIV_SERVICE_COUNTS; i++) zeros += ",0";
+         return before_end(b, "service name=YQ== counts=" + zeros + " starts=0 period_start=0\n");
        },
        {},
        false},
@@ -453,6 +456,32 @@ TEST_F(Handover, DamagedBlockAdoptsNothingAndLeaksNothing) {
        [](const std::string &b) { return with(b, "prog", "program", "a!b="); },
        {"process", "job"},
        false},
+      {"a count missing",
+       [](const std::string &b) {
+         std::string counts = value_of(b, "prog", "counts");
+         return with(b, "prog", "counts", counts.substr(0, counts.rfind(',')));
+       },
+       {},
+       false},
+      {"a count too many",
+       [](const std::string &b) {
+         return with(b, "prog", "counts", value_of(b, "prog", "counts") + ",0");
+       },
+       {},
+       false},
+      {"an empty count",
+       [](const std::string &b) {
+         return with(b, "prog", "counts", "," + value_of(b, "prog", "counts").substr(1));
+       },
+       {},
+       false},
+      {"kivd's own line missing",
+       [](const std::string &b) {
+         return std::string(b).erase(b.find("kivd "),
+                                     b.find('\n', b.find("kivd ")) - b.find("kivd ") + 1);
+       },
+       {},
+       true},
       {"a manager that holds records", [](const std::string &b) { return b; }, {}, false, true},
   };
   for (auto &r : rows) {
