@@ -1,3 +1,5 @@
+// The giving kivd's and the successor's halves of the hand-over, and what the holder
+// (service/holder.cpp) shares with them (service/handover_internal.h).
 #include "service/handover.h"
 
 #include <aclapi.h>
@@ -13,9 +15,7 @@
 #include "lib/printf.h"
 #include "lib/wire.h"
 #include "ports/ssock.h"
-#include "service/evlog.h"
-#include "toolkit/config/info.h"
-#include "toolkit/runtime/cinit.h"
+#include "service/handover_internal.h"
 #include "toolkit/runtime/counters.h"
 #include "toolkit/runtime/error.h"
 #include "toolkit/runtime/events.h"
@@ -30,26 +30,6 @@
 // and from the holder to the successor:
 //   kivd-claim 1 / predecessor PID / ended FILETIME / holder HEX / block LENGTH
 // The receiver answers "+" once it has adopted everything, "-" otherwise.
-
-namespace {
-
-const char TAG[] = "sserv.handover";
-const char HOLDER_MAGIC[] = "kivd-holder 1";
-const char CLAIM_MAGIC[] = "kivd-claim 1";
-const char HOLDER_EXE[] = "kivd.exe";
-constexpr size_t BLOCK_MAX = 64u << 20;  // far above any block 65,535 ports make
-
-bool handed;
-
-// What a claim brought, for the completed event.
-struct claimed {
-  bool adopted;
-  DWORD predecessor;
-  ULONGLONG ended;  // the predecessor's end, as a FILETIME
-  ssock_handed counts;
-  DWORD holder;
-  std::string holder_exe;
-} claim;
 
 ULONGLONG filetime_now() {
   FILETIME ft;
@@ -79,28 +59,6 @@ bool unhex(const std::string &text, std::string *out) {
   }
   return true;
 }
-
-// A header read from the front of `all`: its lines up to "block LENGTH", the block after.
-struct header {
-  std::string magic;
-  std::string values[8][2];
-  int count = 0;
-  const char *block = nullptr;
-  size_t length = 0;
-
-  const std::string *get(const char *name) const {
-    for (int i = 0; i < count; i++)
-      if (values[i][0] == name) return &values[i][1];
-    return nullptr;
-  }
-  bool number(const char *name, unsigned long long max, unsigned long long *out) const {
-    const std::string *v = get(name);
-    if (!v || v->empty() || v->size() > 20) return false;
-    char *end = nullptr;
-    *out = strtoull(v->c_str(), &end, 10);
-    return *end == '\0' && *out <= max && isdigit(static_cast<unsigned char>((*v)[0]));
-  }
-};
 
 // Parses `all` (size bytes): false for anything but the expected magic, known lines and a
 // block of exactly the length named.
@@ -180,40 +138,6 @@ bool trusted_peer(DWORD pid) {
          !IsTokenRestricted(token.get()) && peer_level >= own_level;
 }
 
-// <CommonAppData>\Orvane\kivd: the holders' root, its access list the system account and
-// administrators only, inherited by each holder's folder and copy. False when it cannot
-// be made so (nothing is then handed over: a copy others could replace would run as kivd).
-bool holder_root(char (&root)[MAX_PATH], DWORD *error) {
-  char base[MAX_PATH];
-  HRESULT hr = SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, 0, base);
-  if (FAILED(hr)) {
-    *error = static_cast<DWORD>(hr);
-    return false;
-  }
-  xsnprintf(root, sizeof root, "%s\\Orvane", base);
-  CreateDirectoryA(root, nullptr);
-  xsnprintf(root, sizeof root, "%s\\Orvane\\kivd", base);
-  if (!CreateDirectoryA(root, nullptr) && GetLastError() != ERROR_ALREADY_EXISTS) {
-    *error = GetLastError();
-    return false;
-  }
-  char system[] = "SYSTEM", admins[] = "ADMINISTRATORS";
-  EXPLICIT_ACCESSA entries[2];
-  BuildExplicitAccessWithNameA(&entries[0], system, GENERIC_ALL, SET_ACCESS,
-                               SUB_CONTAINERS_AND_OBJECTS_INHERIT);
-  BuildExplicitAccessWithNameA(&entries[1], admins, GENERIC_ALL, SET_ACCESS,
-                               SUB_CONTAINERS_AND_OBJECTS_INHERIT);
-  PACL acl = nullptr;
-  DWORD rc = SetEntriesInAclA(2, entries, nullptr, &acl);
-  scoped_local acl_memory(acl);
-  if (rc == ERROR_SUCCESS)
-    rc = SetNamedSecurityInfoA(root, SE_FILE_OBJECT,
-                               DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
-                               nullptr, nullptr, acl, nullptr);
-  *error = rc;
-  return rc == ERROR_SUCCESS;
-}
-
 // Deletes a holder's folder once its copy can go: false while the copy still runs.
 bool remove_holder_folder(const std::string &folder) {
   std::string exe = folder + "\\" + HOLDER_EXE;
@@ -245,29 +169,6 @@ bool read_all(HANDLE h, std::string *out) {
     out->append(buffer, n);
     if (out->size() > BLOCK_MAX + 4096) return false;
   }
-}
-
-// Reads a header and its whole block from a pipe that stays open (the claim's channel).
-bool read_message(HANDLE h, const char *magic, std::string *all, header *out) {
-  char buffer[65536];
-  for (;;) {
-    *out = header();
-    if (parse(all->data(), all->size(), magic, out)) return true;
-    if (all->size() > BLOCK_MAX + 4096) return false;
-    DWORD n = 0;
-    if (!ReadFile(h, buffer, sizeof buffer, &n, nullptr) || n == 0) return false;
-    all->append(buffer, n);
-  }
-}
-
-void emit_failed(const char *step, DWORD error) {
-  kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "Hand-over failed at %s [%d]", step,
-               static_cast<int>(error));
-  kivev_event ev{};
-  ev.id = KIVEV_HANDOVER_FAILED;
-  ev.text = step;
-  ev.syserror = static_cast<long>(error);
-  kivev_emit(&ev);
 }
 
 // Starts exe with line, inheriting `extra` handles and the standard handles (so that a
@@ -310,6 +211,79 @@ bool spawn(const std::string &exe, std::string line, const HANDLE *extra, int ne
   if (!ok) *error = GetLastError();
   if (startup.lpAttributeList) DeleteProcThreadAttributeList(attributes);
   return ok != 0;
+}
+
+namespace {
+
+const char TAG[] = "sserv.handover";
+
+bool handed;
+
+// What a claim brought, for the completed event.
+struct claimed {
+  bool adopted;
+  DWORD predecessor;
+  ULONGLONG ended;  // the predecessor's end, as a FILETIME
+  ssock_handed counts;
+  DWORD holder;
+  std::string holder_exe;
+} claim;
+
+// <CommonAppData>\Orvane\kivd: the holders' root, its access list the system account and
+// administrators only, inherited by each holder's folder and copy. False when it cannot
+// be made so (nothing is then handed over: a copy others could replace would run as kivd).
+bool holder_root(char (&root)[MAX_PATH], DWORD *error) {
+  char base[MAX_PATH];
+  HRESULT hr = SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, 0, base);
+  if (FAILED(hr)) {
+    *error = static_cast<DWORD>(hr);
+    return false;
+  }
+  xsnprintf(root, sizeof root, "%s\\Orvane", base);
+  CreateDirectoryA(root, nullptr);
+  xsnprintf(root, sizeof root, "%s\\Orvane\\kivd", base);
+  if (!CreateDirectoryA(root, nullptr) && GetLastError() != ERROR_ALREADY_EXISTS) {
+    *error = GetLastError();
+    return false;
+  }
+  char system[] = "SYSTEM", admins[] = "ADMINISTRATORS";
+  EXPLICIT_ACCESSA entries[2];
+  BuildExplicitAccessWithNameA(&entries[0], system, GENERIC_ALL, SET_ACCESS,
+                               SUB_CONTAINERS_AND_OBJECTS_INHERIT);
+  BuildExplicitAccessWithNameA(&entries[1], admins, GENERIC_ALL, SET_ACCESS,
+                               SUB_CONTAINERS_AND_OBJECTS_INHERIT);
+  PACL acl = nullptr;
+  DWORD rc = SetEntriesInAclA(2, entries, nullptr, &acl);
+  scoped_local acl_memory(acl);
+  if (rc == ERROR_SUCCESS)
+    rc = SetNamedSecurityInfoA(root, SE_FILE_OBJECT,
+                               DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
+                               nullptr, nullptr, acl, nullptr);
+  *error = rc;
+  return rc == ERROR_SUCCESS;
+}
+
+// Reads a header and its whole block from a pipe that stays open (the claim's channel).
+bool read_message(HANDLE h, const char *magic, std::string *all, header *out) {
+  char buffer[65536];
+  for (;;) {
+    *out = header();
+    if (parse(all->data(), all->size(), magic, out)) return true;
+    if (all->size() > BLOCK_MAX + 4096) return false;
+    DWORD n = 0;
+    if (!ReadFile(h, buffer, sizeof buffer, &n, nullptr) || n == 0) return false;
+    all->append(buffer, n);
+  }
+}
+
+void emit_failed(const char *step, DWORD error) {
+  kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "Hand-over failed at %s [%d]", step,
+               static_cast<int>(error));
+  kivev_event ev{};
+  ev.id = KIVEV_HANDOVER_FAILED;
+  ev.text = step;
+  ev.syserror = static_cast<long>(error);
+  kivev_emit(&ev);
 }
 
 // The holder's process, started from its copy with the two pipe ends it inherits.
@@ -553,272 +527,4 @@ void handover_sweep() {
   RemoveDirectoryA(root);  // only when empty
   xsnprintf(root, sizeof root, "%s\\Orvane", base);
   RemoveDirectoryA(root);
-}
-
-// The holder.
-namespace {
-
-bool always_stopping() { return true; }
-
-// The claim's pipe: one instance, kivd's own account alone, never a remote client.
-HANDLE claim_pipe(DWORD *error) {
-  alignas(8) BYTE user[SECURITY_MAX_SID_SIZE + sizeof(TOKEN_USER)];
-  DWORD level = 0;
-  scoped_handle token;
-  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put()) ||
-      !token_identity(token.get(), user, &level)) {
-    *error = GetLastError();
-    return INVALID_HANDLE_VALUE;
-  }
-  EXPLICIT_ACCESSA entry;
-  BuildExplicitAccessWithNameA(&entry, const_cast<char *>(""), GENERIC_READ | GENERIC_WRITE,
-                               SET_ACCESS, NO_INHERITANCE);
-  BuildTrusteeWithSidA(&entry.Trustee, reinterpret_cast<TOKEN_USER *>(user)->User.Sid);
-  PACL acl = nullptr;
-  DWORD rc = SetEntriesInAclA(1, &entry, nullptr, &acl);
-  scoped_local acl_memory(acl);
-  SECURITY_DESCRIPTOR sd;
-  if (rc != ERROR_SUCCESS || !InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION) ||
-      !SetSecurityDescriptorDacl(&sd, TRUE, acl, FALSE)) {
-    *error = rc != ERROR_SUCCESS ? rc : GetLastError();
-    return INVALID_HANDLE_VALUE;
-  }
-  SECURITY_ATTRIBUTES sa = {sizeof sa, &sd, FALSE};
-  HANDLE pipe = CreateNamedPipeA(
-      WIRE_HANDOVER_PIPE, PIPE_ACCESS_DUPLEX | FILE_FLAG_FIRST_PIPE_INSTANCE | FILE_FLAG_OVERLAPPED,
-      PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS, 1, 65536, 65536,
-      0, &sa);
-  if (pipe == INVALID_HANDLE_VALUE) *error = GetLastError();
-  return pipe;
-}
-
-// One overlapped transfer on the claim's pipe, waited for at most ms.
-bool transfer(HANDLE pipe, bool write, char *bytes, DWORD length, DWORD ms, DWORD *done) {
-  scoped_handle event(CreateEventA(nullptr, TRUE, FALSE, nullptr));
-  OVERLAPPED o = {};
-  o.hEvent = event.get();
-  *done = 0;
-  BOOL ok = write ? WriteFile(pipe, bytes, length, nullptr, &o)
-                  : ReadFile(pipe, bytes, length, nullptr, &o);
-  if (!ok && GetLastError() != ERROR_IO_PENDING) return false;
-  if (WaitForSingleObject(event.get(), ms) != WAIT_OBJECT_0) {
-    CancelIo(pipe);
-    GetOverlappedResult(pipe, &o, done, TRUE);
-    return false;
-  }
-  return GetOverlappedResult(pipe, &o, done, FALSE) && *done > 0;
-}
-
-struct holding {
-  bool restart = false;
-  bool service = false;
-  int bound = 0;
-  DWORD kivd = 0;
-  std::string exe, cmdline;
-  ssock_handed counts{};
-  ULONGLONG ended = 0;
-  DWORD successor = 0;  // the console successor it started; 0: the service's process
-};
-
-// Gives everything to the client of `pipe` when it is the process expected. True when the
-// client took it.
-bool give(HANDLE pipe, const holding &held) {
-  ULONG client = 0;
-  if (!GetNamedPipeClientProcessId(pipe, &client)) return false;
-  DWORD expected = held.service ? service_pid() : held.successor;
-  if (client != expected || !trusted_peer(client)) {
-    kiv_logerror(nullptr, TAG, KIV_SEV_WARNING, KIV_EINVAL,
-                 "Process %lu claimed the hand-over, not kivd's successor (%lu): refused",
-                 static_cast<unsigned long>(client), static_cast<unsigned long>(expected));
-    return false;
-  }
-  scoped_handle process(OpenProcess(PROCESS_DUP_HANDLE, FALSE, client));
-  if (!process.valid()) return false;
-  dstr block;
-  dstr_init(&block);
-  ssock_handed counts{};
-  DWORD error = 0, done = 0;
-  bool ok = ssock_handover_write(process.get(), client, &block, &counts, &error) == 0;
-  char own[MAX_PATH];
-  DWORD length = GetModuleFileNameA(nullptr, own, sizeof own);
-  if (ok && length > 0 && length < sizeof own) {
-    char head[1024];
-    // The toolkit's printf has no 64-bit conversion: the C library's writes the time.
-    snprintf(head, sizeof head, "%s\npredecessor %lu\nended %llu\nholder %s\nblock %d\n",
-             CLAIM_MAGIC, static_cast<unsigned long>(held.kivd), held.ended, hex(own).c_str(),
-             block.length);
-    std::string all = std::string(head) + std::string(block.buffer, block.length);
-    for (size_t at = 0; ok && at < all.size(); at += done) {
-      DWORD chunk = all.size() - at > 65536 ? 65536 : static_cast<DWORD>(all.size() - at);
-      ok = transfer(pipe, true, &all[at], chunk, HANDOVER_REPLY_MS, &done);
-    }
-    char answer[2] = {};
-    ok = ok && transfer(pipe, false, answer, 2, HANDOVER_REPLY_MS, &done) && answer[0] == '+';
-  }
-  dstr_free(&block, 0);
-  return ok;
-}
-
-// Starts the successor: the service, once the service manager has it stopped, or in a
-// console the same command line in the same console.
-bool start_successor(holding *held, ULONGLONG deadline) {
-  if (!held->service) {
-    PROCESS_INFORMATION info = {};
-    DWORD error = 0;
-    if (!spawn(held->exe, held->cmdline, nullptr, 0, &info, &error)) {
-      kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "The successor cannot start [%d]",
-                   static_cast<int>(error));
-      return false;
-    }
-    held->successor = info.dwProcessId;
-    CloseHandle(info.hThread);
-    CloseHandle(info.hProcess);
-    return true;
-  }
-  kiv_scoped<kiv_service_traits> scm(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT));
-  kiv_scoped<kiv_service_traits> s(
-      scm.valid() ? OpenServiceA(scm.get(), WIRE_SERVICE, SERVICE_START | SERVICE_QUERY_STATUS)
-                  : nullptr);
-  if (!s.valid()) return false;
-  // The service manager may see the predecessor's end a little after the process's.
-  while (GetTickCount64() < deadline) {
-    if (StartServiceA(s.get(), 0, nullptr)) return true;
-    DWORD e = GetLastError();
-    if (e != ERROR_SERVICE_ALREADY_RUNNING && e != ERROR_SERVICE_CANNOT_ACCEPT_CTRL) {
-      kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_ESYS, "The service cannot start [%d]",
-                   static_cast<int>(e));
-      return false;
-    }
-    Sleep(20);
-  }
-  return false;
-}
-
-}  // namespace
-
-int holder_main(const char *handles) {
-  char *end = nullptr;
-  HANDLE in = reinterpret_cast<HANDLE>(static_cast<uintptr_t>(strtoul(handles, &end, 0)));
-  HANDLE out = nullptr;
-  if (*end == ',')
-    out = reinterpret_cast<HANDLE>(static_cast<uintptr_t>(strtoul(end + 1, &end, 0)));
-  if (!in || !out || *end) return 2;
-  WSADATA wsa;
-  if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return 2;
-  evlog_start(nullptr);
-  ssock_setstopping(always_stopping);  // a holder never listens, accepts or starts anything
-  kiv_cinit(nullptr);
-  kivinfo_init(0);
-  std::string all;
-  header h;
-  holding held;
-  unsigned long long number = 0;
-  const std::string *mode = nullptr, *exe = nullptr, *cmdline = nullptr;
-  bool ok = read_all(in, &all) && parse(all.data(), all.size(), HOLDER_MAGIC, &h) &&
-            (mode = h.get("mode")) && (*mode == "restart" || *mode == "handover") &&
-            h.number("bound", 86400, &number) && number > 0 &&
-            ((held.bound = static_cast<int>(number)), h.number("kivd", 0xFFFFFFFFu, &number)) &&
-            ((held.kivd = static_cast<DWORD>(number)), h.number("service", 1, &number)) &&
-            ((held.service = number == 1), (exe = h.get("exe"))) && unhex(*exe, &held.exe) &&
-            (cmdline = h.get("cmdline")) && unhex(*cmdline, &held.cmdline);
-  CloseHandle(in);
-  held.restart = ok && *mode == "restart";
-  ULONGLONG deadline = GetTickCount64() + static_cast<ULONGLONG>(held.bound) * 1000;
-  scoped_handle kivd(
-      ok ? OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, held.kivd)
-         : nullptr);
-  DWORD error = 0;
-  scoped_handle pipe(ok && kivd.valid() ? claim_pipe(&error) : INVALID_HANDLE_VALUE);
-  ok = ok && pipe.valid() && ssock_handover_read(h.block, h.length, false, &held.counts) == 0;
-  write_all(out, ok ? "+\n" : "-\n", 2);
-  CloseHandle(out);
-  all.clear();
-  if (!ok) {
-    kiv_logerror(nullptr, TAG, KIV_SEV_ERROR, KIV_EINVAL, "Holder: nothing taken [%d]",
-                 static_cast<int>(error));
-    evlog_stop(0);
-    return 1;
-  }
-  KIV_LOG(3, TAG, "Holding %d ports, %d agents, %d programs for %d seconds", held.counts.ports,
-          held.counts.agents, held.counts.programs, held.bound);
-  // The gap is measured from the predecessor's end.
-  ULONGLONG left = deadline > GetTickCount64() ? deadline - GetTickCount64() : 0;
-  if (WaitForSingleObject(kivd.get(), static_cast<DWORD>(left)) == WAIT_OBJECT_0) {
-    held.ended = filetime_now();  // when the end was seen: within the wait's wake-up
-    if (held.restart) start_successor(&held, deadline);
-  }
-  bool given = false;
-  scoped_handle event(CreateEventA(nullptr, TRUE, FALSE, nullptr));
-  while (!given && GetTickCount64() < deadline) {
-    OVERLAPPED o = {};
-    o.hEvent = event.get();
-    ResetEvent(event.get());
-    BOOL connected = ConnectNamedPipe(pipe.get(), &o);
-    DWORD e = GetLastError();
-    if (!connected && e == ERROR_IO_PENDING) {
-      left = deadline > GetTickCount64() ? deadline - GetTickCount64() : 0;
-      DWORD n = 0;
-      if (WaitForSingleObject(event.get(), static_cast<DWORD>(left)) != WAIT_OBJECT_0) {
-        CancelIo(pipe.get());
-        GetOverlappedResult(pipe.get(), &o, &n, TRUE);
-        break;
-      }
-      connected = GetOverlappedResult(pipe.get(), &o, &n, FALSE);
-    } else if (!connected && e == ERROR_PIPE_CONNECTED) {
-      connected = TRUE;
-    }
-    if (connected) given = give(pipe.get(), held);
-    if (!given) {
-      DisconnectNamedPipe(pipe.get());
-      if (!connected) Sleep(20);  // a failing connect is not retried at once
-    }
-  }
-  if (given) {
-    KIV_LOG(3, TAG, "Claimed: the holder ends");
-    ssock_reset();  // the successor's duplicates keep everything alive
-  } else {
-    kiv_logerror(nullptr, TAG, KIV_SEV_WARNING, KIV_ETIMEDOUT,
-                 "No successor claimed in %d seconds: stopping what was held", held.bound);
-    kivev_event ev{};
-    ev.id = KIVEV_HANDOVER_EXPIRED;
-    ev.pid = GetCurrentProcessId();
-    ev.period = held.bound;
-    ev.count = held.counts.ports;
-    ev.agents = held.counts.agents;
-    ev.programs = held.counts.programs;
-    kivev_emit(&ev);
-    ssock_cleanup();
-    ssock_reset();
-    // A running program's file cannot be deleted: kivd.exe of the install folder, run for
-    // the moment it takes, removes the copy once this process has ended. Without it, the
-    // next kivd's start does.
-    PROCESS_INFORMATION info = {};
-    char line[40];
-    xsnprintf(line, sizeof line, " -R%lu", static_cast<unsigned long>(GetCurrentProcessId()));
-    if (spawn(held.exe, "\"" + held.exe + "\"" + line, nullptr, 0, &info, &error)) {
-      CloseHandle(info.hThread);
-      CloseHandle(info.hProcess);
-    }
-  }
-  pipe.reset();
-  evlog_stop(0);
-  return given ? 0 : 3;
-}
-
-int holder_remover(const char *pid) {
-  char *end = nullptr;
-  unsigned long holder = strtoul(pid, &end, 10);
-  if (*end || holder == 0) return 2;
-  scoped_handle process(OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(holder)));
-  if (process.valid()) WaitForSingleObject(process.get(), HANDOVER_REPLY_MS);
-  // The image may be released a little after the process's end.
-  for (int i = 0; i < 50; i++) {
-    handover_sweep();
-    char base[MAX_PATH], root[MAX_PATH];
-    if (FAILED(SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, 0, base))) return 1;
-    xsnprintf(root, sizeof root, "%s\\Orvane\\kivd", base);
-    if (GetFileAttributesA(root) == INVALID_FILE_ATTRIBUTES) return 0;
-    Sleep(100);
-  }
-  return 1;
 }
