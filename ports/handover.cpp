@@ -4,11 +4,13 @@
 // The block, version 2: lines that end in LF, fields separated by one blank.
 //   kivd-handover 2
 //   kivd counts=<counts>
-//   service name=<text> counts=<counts> starts=<n> period_start=<n>
+//   service name=<text> ring=<text> counts=<counts> starts=<n> period_start=<n>
 //   agent pid=<n> process=<handle> pipe=<handle> job=<handle> owed=<n>
 //   port number=<n> start=<n> service=<text> address=<text> agent=<index> socket=<info>
-//        parent=<handle> extra_args=<text> counts=<counts> parent_pid=<n> flags=<n> until=<n>
-//   prog name=<text> program=<text> pid=<n> process=<handle> job=<handle> counts=<counts>
+//        parent=<handle> extra_args=<text> ring=<text> counts=<counts> parent_pid=<n>
+//        flags=<n> until=<n>
+//   prog name=<text> program=<text> pid=<n> process=<handle> job=<handle> ring=<text>
+//        counts=<counts>
 //        flags=<n> until=<n> starts=<n> period_start=<n>
 //   end
 // (each record on one line). The kinds come in that order: kivd's own, services, agents, ports as
@@ -22,11 +24,13 @@
 // end a line come from one table per kind (SERVICE_NUMBERS ...): a new field is one entry
 // there, and a changed layout a new version. <counts> is the record's (or kivd's own)
 // counters (toolkit/runtime/counters.h), each decimal, comma-separated, exactly as many as
-// its kind has: they travel with the records.
+// its kind has: they travel with the records, and so does a record's ring of recent events
+// (`why`), its lines joined by line ends in one <text>.
 #include <algorithm>
 #include <climits>
 #include <cstddef>
 #include <cstring>
+#include <string>
 #include <type_traits>
 #include <vector>
 
@@ -204,6 +208,11 @@ struct writer {
     xsnprintf(hex, sizeof hex, "%#x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(h)));
     text(hex);
   }
+  void ring(const kivev_ring *r) {
+    std::string lines;
+    for (int i = 0; const char *line = kivev_kept(r, i); i++) (lines += line) += '\n';
+    string("ring", lines.empty() ? nullptr : lines.c_str());
+  }
   void counts(const uint64_t *values, int n) {
     key("counts");
     for (int i = 0; i < n; i++) {
@@ -352,6 +361,19 @@ struct reader {
     }
     return true;
   }
+  // A record's ring: the lines of the text, each kept as the record's.
+  bool ring(kivev_ring **r) {
+    char *lines;
+    if (!text("ring", &lines, false)) return false;
+    for (char *line = lines; line && *line;) {
+      char *end = strchr(line, '\n');
+      if (end) *end = '\0';
+      kivev_keep_line(r, line);
+      line = end ? end + 1 : nullptr;
+    }
+    xfree(lines);
+    return true;
+  }
   uint64_t kivd[KIVD_COUNTS] = {};
   bool kivd_seen = false;
   bool kivd_line() { return counts(kivd, KIVD_COUNTS) && line_done(); }
@@ -430,7 +452,7 @@ struct reader {
     service_record *s = find_service(name) ? nullptr : addservice(name);
     xfree(name);
     if (!s) return fail();
-    return counts(s->counts, KIV_SERVICE_COUNTS) && numbers(SERVICE_NUMBERS, s);
+    return ring(&s->ring) && counts(s->counts, KIV_SERVICE_COUNTS) && numbers(SERVICE_NUMBERS, s);
   }
 
   bool agent_line() {
@@ -477,8 +499,8 @@ struct reader {
       p->agent = agents[index.magnitude];
     }
     if (!socket_field(p) || !handle("parent", handle_kind::WAITABLE, 0, &p->parent) ||
-        !text("extra_args", &p->extra_args, false) || !counts(p->counts, KIV_PORT_COUNTS) ||
-        !numbers(PORT_NUMBERS, p))
+        !text("extra_args", &p->extra_args, false) || !ring(&p->ring) ||
+        !counts(p->counts, KIV_PORT_COUNTS) || !numbers(PORT_NUMBERS, p))
       return false;
     // What only a hooked port has, what only an agent's port is, one live record a number.
     if ((p->start != START_HOOK && (p->parent || p->extra_args || p->parent_pid)) ||
@@ -527,8 +549,8 @@ struct reader {
       return false;
     g->pid = static_cast<DWORD>(pid);
     return handle("process", handle_kind::PROCESS, g->pid, &g->process) &&
-           handle("job", handle_kind::JOB, 0, &g->job) && counts(g->counts, KIV_PROGRAM_COUNTS) &&
-           numbers(PROG_NUMBERS, g);
+           handle("job", handle_kind::JOB, 0, &g->job) && ring(&g->ring) &&
+           counts(g->counts, KIV_PROGRAM_COUNTS) && numbers(PROG_NUMBERS, g);
   }
 
   int run() {
@@ -611,6 +633,7 @@ int ssock_handover_write(HANDLE target, DWORD target_pid, dstr *out, ssock_hande
     if (s->nports == 0) continue;  // the next pass frees it
     w.text("service");
     w.string("name", s->name);
+    w.ring(s->ring);
     w.counts(s->counts, KIV_SERVICE_COUNTS);
     w.numbers(SERVICE_NUMBERS, s);
   }
@@ -662,6 +685,7 @@ int ssock_handover_write(HANDLE target, DWORD target_pid, dstr *out, ssock_hande
       w.string("socket", nullptr);
     w.handle("parent", parent);
     w.string("extra_args", p->extra_args);
+    w.ring(p->ring);
     w.counts(p->counts, KIV_PORT_COUNTS);
     w.numbers(PORT_NUMBERS, p);
     n.ports++;
@@ -676,6 +700,7 @@ int ssock_handover_write(HANDLE target, DWORD target_pid, dstr *out, ssock_hande
     w.value("pid", g->pid);
     w.handle("process", process);
     w.handle("job", job);
+    w.ring(g->ring);
     w.counts(g->counts, KIV_PROGRAM_COUNTS);
     w.numbers(PROG_NUMBERS, g);
     n.programs++;

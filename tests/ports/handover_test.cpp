@@ -113,6 +113,13 @@ std::vector<unsigned> port_each(const std::vector<std::string> &services) {
 
 using Handover = Ports;
 
+// The lines of a record's ring for `why`, oldest first.
+lines ring_of(const kivev_ring *ring) {
+  lines out;
+  for (int i = 0; const char *line = kivev_kept(ring, i); i++) out.push_back(line);
+  return out;
+}
+
 // The giver lets go of its own handles only: its agent, its program and every socket live
 // on in the receiver, which serves as the giver did, and the agent hears nothing of it.
 TEST_F(Handover, RoundTripKeepsAgentsSocketsAndDecisionsAndTellsNobody) {
@@ -137,6 +144,13 @@ TEST_F(Handover, RoundTripKeepsAgentsSocketsAndDecisionsAndTellsNobody) {
   lines listed = listing();
   std::string waiting = waits();
   ASSERT_EQ(4u, listed.size());
+  // What `why` lists of a port, a service and a program goes with them.
+  kivev_keep_line(&find_port(int(p[2]))->ring, "107\t1800000000\tinfo\tdisabled\tport=1");
+  kivev_keep_line(&find_port(int(p[2]))->ring, "108\t1800000001\tinfo\tenabled");
+  kivev_keep_line(&find_service("two words")->ring, "201\t1800000002\twarning\tended");
+  kivev_keep_line(&find_prog("job")->ring, "202\t1800000003\twarning\tended");
+  lines port_ring = ring_of(find_port(int(p[2]))->ring);
+  ASSERT_EQ(2u, port_ring.size());
 
   ssock_handed n{};
   std::string block = write_block(&n);
@@ -151,6 +165,10 @@ TEST_F(Handover, RoundTripKeepsAgentsSocketsAndDecisionsAndTellsNobody) {
   ASSERT_EQ(0, ssock_reconfig());
   EXPECT_EQ(listed, listing());
   EXPECT_EQ(waiting, waits());
+  EXPECT_EQ(port_ring, ring_of(find_port(int(p[2]))->ring));
+  EXPECT_EQ(lines{"201\t1800000002\twarning\tended"}, ring_of(find_service("two words")->ring));
+  EXPECT_EQ(lines{"202\t1800000003\twarning\tended"}, ring_of(find_prog("job")->ring));
+  EXPECT_EQ(lines{}, ring_of(find_port(int(p[1]))->ring));
   for (const char *never : {"Listening on port", "Started pid", "started for port", "marked"})
     EXPECT_EQ(0, logged(never)) << never;
 
@@ -395,7 +413,8 @@ TEST_F(Handover, DamagedBlockAdoptsNothingAndLeaksNothing) {
        [](const std::string &b) {
          std::string zeros = "0";
          for (int i = 1; i < KIV_SERVICE_COUNTS; i++) zeros += ",0";
-         return before_end(b, "service name=YQ== counts=" + zeros + " starts=0 period_start=0\n");
+         return before_end(
+             b, "service name=YQ== ring=- counts=" + zeros + " starts=0 period_start=0\n");
        },
        {},
        false},

@@ -186,6 +186,8 @@ int kivev_line(const kivev_event *ev, const char *text, char *buffer, int size);
 // Appends ev's line to *ring, allocating the ring at its first event (nothing is kept when
 // the heap refuses). kivev_forget frees it and sets *ring null.
 void kivev_keep(kivev_ring **ring, const kivev_event *ev, const char *text);
+// Appends a line as kivev_line wrote it (one a hand-over carried), cut to fit.
+void kivev_keep_line(kivev_ring **ring, const char *line);
 void kivev_forget(kivev_ring **ring);
 // The i-th kept line, oldest first (i from 0 to count-1); null past the end or for no ring.
 const char *kivev_kept(const kivev_ring *ring, int i);

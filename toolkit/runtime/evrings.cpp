@@ -17,6 +17,15 @@ void kivev_keep(kivev_ring **ring, const kivev_event *ev, const char *text) {
   if (r->count < KIVEV_RING) r->count++;
 }
 
+void kivev_keep_line(kivev_ring **ring, const char *line) {
+  if (!*ring) *ring = static_cast<kivev_ring *>(kiv_zalloc(sizeof(kivev_ring), "kivev_keep"));
+  kivev_ring *r = *ring;
+  if (!r) return;
+  snprintf(r->lines[r->next], KIVEV_LINE_SIZE, "%s", line);
+  r->next = (r->next + 1) % KIVEV_RING;
+  if (r->count < KIVEV_RING) r->count++;
+}
+
 void kivev_forget(kivev_ring **ring) {
   xfree(*ring);
   *ring = nullptr;
