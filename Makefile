@@ -118,7 +118,8 @@ soak: windows
 # project's Wine prefix: the echo agent on a free loopback port ("auto": started for the
 # first connection) and on a second one ("on": started at once). Ctrl-C sends
 # "quit -Q", so kivd shuts its agents down before it ends (kivd runs in a session of its
-# own: Wine would end it on the terminal's interrupt before it could clean up).
+# own: Wine would end it on the terminal's interrupt before it could clean up). After
+# `kivctl restart` the successor serves in the same console, and make run waits for it.
 WIN        := $(BUILD)/windows
 KIVD_EXE   := $(WIN)/service/kivd.exe
 KIVCTL_EXE := $(WIN)/tools/kivctl/kivctl.exe
@@ -146,7 +147,13 @@ run: windows
 	 echo "   stop:     Ctrl-C, or make kivctl ARGS='quit -Q'"; \
 	 set +e; setsid wine $(KIVD_EXE) -D3 & pid=$$!; \
 	 trap 'echo "== stopping kivd"; wine $(KIVCTL_EXE) quit -Q; wait $$pid' INT TERM; \
-	 wait $$pid; trap - INT TERM; wait $$pid 2>/dev/null; echo "== kivd ended"
+	 wait $$pid; \
+	 while wine $(KIVCTL_EXE) info >/dev/null 2>&1; do \
+	   echo "== kivd restarted (kivctl restart): its successor serves in this console"; \
+	   trap 'echo "== stopping kivd"; wine $(KIVCTL_EXE) quit -Q' INT TERM; \
+	   while wine $(KIVCTL_EXE) info >/dev/null 2>&1; do sleep 1; done; \
+	 done; \
+	 trap - INT TERM; wait $$pid 2>/dev/null; echo "== kivd ended"
 
 # make kivctl ARGS="ls": one command to the running kivd (no ARGS: commands from stdin).
 kivctl:
