@@ -234,6 +234,8 @@ uint64_t &count_of(prog_record *g) {
 // Counts an end of exit code `code` in a record's ZERO, CODE, EXCEPTION rows, the first
 // of them at `ends`, and sets its last exit and its time when it has them (last, not null).
 void count_end(uint64_t *ends, DWORD code, uint64_t *last = nullptr);
+// Performance counter ticks in microseconds (0 for none or fewer), as a launch is counted.
+uint64_t microseconds(long long ticks);
 
 // The port's state in the stats listing at now.
 wire_stats_state stats_state(const port_record *p, time_t now);

@@ -256,17 +256,6 @@ void build_waitlist() {
   ssock_waitcount = n;
 }
 
-// Performance counter ticks in microseconds; the counter's frequency never changes.
-uint64_t microseconds(long long ticks) {
-  static long long frequency = [] {
-    LARGE_INTEGER f;
-    return QueryPerformanceFrequency(&f) && f.QuadPart > 0 ? f.QuadPart : 1000000LL;
-  }();
-  if (ticks <= 0) return 0;
-  return static_cast<uint64_t>(ticks / frequency * 1000000 +
-                               ticks % frequency * 1000000 / frequency);
-}
-
 DWORD exit_code(HANDLE process) {
   DWORD code;
   return GetExitCodeProcess(process, &code) ? code : EXIT_UNKNOWN;
@@ -429,6 +418,17 @@ int process_event(unsigned index, HANDLE h) {
 }
 
 }  // namespace
+
+// The counter's frequency never changes.
+uint64_t microseconds(long long ticks) {
+  static long long frequency = [] {
+    LARGE_INTEGER f;
+    return QueryPerformanceFrequency(&f) && f.QuadPart > 0 ? f.QuadPart : 1000000LL;
+  }();
+  if (ticks <= 0) return 0;
+  return static_cast<uint64_t>(ticks / frequency * 1000000 +
+                               ticks % frequency * 1000000 / frequency);
+}
 
 void ssock_setstopping(ssock_stopfunc stopping) { stopping_hook = stopping; }
 
