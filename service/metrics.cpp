@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "lib/heap.h"
@@ -216,8 +217,9 @@ namespace {
 CRITICAL_SECTION lock;
 std::string queued_path, queued_text;
 bool queued, stopping;
-HANDLE ready;  // auto-reset: something was queued, or stop
-HANDLE idle;   // manual-reset: nothing queued and nothing being written
+bool queued_lines;  // queued_text is stats lines, made into the file's text by the writer
+HANDLE ready;       // auto-reset: something was queued, or stop
+HANDLE idle;        // manual-reset: nothing queued and nothing being written
 HANDLE writer;
 bool failing;  // the writer's own: the last write failed, and said so once
 
@@ -251,8 +253,16 @@ DWORD WINAPI write_files(void *) {
       std::string path, text;
       path.swap(queued_path);
       text.swap(queued_text);
+      bool lines = queued_lines;
       queued = false;
       LeaveCriticalSection(&lock);
+      // The text of 1,000 ports takes tens of milliseconds: made here, off the loop.
+      try {
+        if (lines) text = metrics_text(text);
+      } catch (const std::bad_alloc &) {
+        KIV_LOG(1, TAG, "Out of memory: %s not written", path.c_str());
+        continue;
+      }
       if (!path.empty()) tell(path, metrics_write(path, text));
     }
   }
@@ -310,6 +320,20 @@ void gather(std::string *lines) {
   gathering = nullptr;
 }
 
+// Hands the writer text for path, or stats lines it makes the text of.
+void queue(std::string path, std::string text, bool lines) {
+  if (!writer) return;
+  // Swapped, not copied: nothing under the lock allocates, so nothing there can throw.
+  EnterCriticalSection(&lock);
+  queued_path.swap(path);
+  queued_text.swap(text);
+  queued_lines = lines;
+  queued = true;
+  ResetEvent(idle);
+  LeaveCriticalSection(&lock);
+  SetEvent(ready);
+}
+
 void post_gathered() {
   std::string path = configured();
   if (path.empty()) return;
@@ -317,7 +341,7 @@ void post_gathered() {
   try {
     std::string lines;
     gather(&lines);
-    metrics_post(path, metrics_text(lines));
+    queue(std::move(path), std::move(lines), true);
   } catch (const std::bad_alloc &) {
     KIV_LOG(1, TAG, "Out of memory: %s not written", path.c_str());
   }
@@ -357,15 +381,7 @@ DWORD metrics_write(const std::string &path, const std::string &text) {
 }
 
 void metrics_post(std::string path, std::string text) {
-  if (!writer) return;
-  // Swapped, not copied: nothing under the lock allocates, so nothing there can throw.
-  EnterCriticalSection(&lock);
-  queued_path.swap(path);
-  queued_text.swap(text);
-  queued = true;
-  ResetEvent(idle);
-  LeaveCriticalSection(&lock);
-  SetEvent(ready);
+  queue(std::move(path), std::move(text), false);
 }
 
 bool metrics_flush(DWORD ms) { return writer && WaitForSingleObject(idle, ms) == WAIT_OBJECT_0; }

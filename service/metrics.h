@@ -31,8 +31,9 @@ std::string metrics_text(const std::string &lines);
 // when the thread cannot start (kivd then writes no file and runs on).
 int metrics_start();
 // Called by the loop before each wait: when the write is due, reads the file's value (so a
-// reconfiguration's takes effect at the next write), gathers and hands the text to the
-// writer. Returns the milliseconds until the next write is due.
+// reconfiguration's takes effect at the next write), gathers the stats lines and hands
+// them to the writer, which makes the text. Returns the milliseconds until the next write
+// is due.
 DWORD metrics_tick();
 // The last write: gathers, hands on, and waits up to METRICS_DRAIN_MS for the writer.
 void metrics_stop();
