@@ -10,9 +10,11 @@
 #include <thread>
 #include <vector>
 
+#include "lib/wire.h"
 #include "service/metrics.h"
 #include "tests/metrics/exposition.h"
 #include "tests/support/support.h"
+#include "toolkit/runtime/counters.h"
 #include "toolkit/runtime/events.h"
 
 namespace {
@@ -196,6 +198,61 @@ TEST(MetricsFile, KivdWritesTheFileAtStartEveryIntervalAndAtStop) {
   EXPECT_GT(daemon.log_count("Wrote " + file), written) << "no write at stop";
   EXPECT_EQ(expo::parse(read_file(file)).error, "");
   EXPECT_FALSE(exists(file + METRICS_TEMP));
+}
+
+// What the file says of a port is what `stats` says: every count that does not move with
+// the clock, read from the file kivd wrote after the port last changed.
+TEST(MetricsFile, TheFileSaysWhatStatsSays) {
+  kt::registry reg;
+  std::string file = folder() + "\\agree.prom";
+  DeleteFileA(file.c_str());
+  int port = kt::free_port();
+  reg.auto_ports("echo", "\"" + kt::echo_agent_exe() + "\"", {port});
+  reg.set("global", "metrics", file);
+  kt::kivd daemon("-D3");
+  ASSERT_TRUE(daemon.log_has(kt::listening(port))) << daemon.err();
+  ASSERT_TRUE(kt::echoes(port));
+  // A write after the connection: the uptime it holds is past the one of the first file.
+  double began = -1;
+  ASSERT_TRUE(kt::poll([&] { return !read_file(file).empty(); })) << daemon.err();
+  began = expo::parse(read_file(file)).samples["kivd_uptime_seconds{}"];
+  expo::parsed written;
+  ASSERT_TRUE(kt::poll(
+      [&] {
+        written = expo::parse(read_file(file));
+        return written.error.empty() && written.samples["kivd_uptime_seconds{}"] > began;
+      },
+      (METRICS_SECONDS + 30) * 1000));
+  kt::client c;
+  std::string line;
+  for (const std::string &l : c.command("stats " + std::to_string(port)))
+    if (l.rfind("Port=", 0) == 0) line = l;
+  ASSERT_FALSE(line.empty());
+  struct row {
+    const char *item, *metric, *label;
+  };
+#define ROW_OF(id, kind, item, metric, label, ...) {item, metric, label},
+  const row rows[] = {WIRE_STATS_ROWS(ROW_OF)};
+#undef ROW_OF
+  int compared = 0;
+  int first = kiv_stats_first(WIRE_OF_PORT);
+  for (int i = first; i < first + kiv_stats_rows(WIRE_OF_PORT); i++) {
+    std::string item = rows[i].item;
+    if (item.find("Seconds") != std::string::npos) continue;  // moves with the clock
+    size_t at = line.find(" " + item + "=");
+    ASSERT_NE(at, std::string::npos) << item << " in " << line;
+    double value = atof(line.c_str() + at + item.size() + 2);
+    std::string key = "kivd_" + std::string(rows[i].metric) + "{port=\"" + std::to_string(port) +
+                      "\",service=\"echo\"" +
+                      (*rows[i].label ? "," + std::string(rows[i].label) : "") + "}";
+    ASSERT_EQ(written.samples.count(key), 1u) << key;
+    EXPECT_EQ(written.samples[key], value) << key;
+    compared++;
+  }
+  EXPECT_GE(compared, 10);
+  EXPECT_EQ(written.samples["kivd_port_connections_total{port=\"" + std::to_string(port) +
+                            "\",service=\"echo\"}"],
+            1);
 }
 
 // The lines of kivd's own events of one number.
