@@ -233,15 +233,13 @@ struct claimed {
 // administrators only, inherited by each holder's folder and copy. False when it cannot
 // be made so (nothing is then handed over: a copy others could replace would run as kivd).
 bool holder_root(char (&root)[MAX_PATH], DWORD *error) {
-  char base[MAX_PATH];
-  HRESULT hr = SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, 0, base);
-  if (FAILED(hr)) {
-    *error = static_cast<DWORD>(hr);
+  std::string parent = holders_parent();
+  if (parent.empty()) {
+    *error = ERROR_PATH_NOT_FOUND;
     return false;
   }
-  xsnprintf(root, sizeof root, "%s\\Orvane", base);
-  CreateDirectoryA(root, nullptr);
-  xsnprintf(root, sizeof root, "%s\\Orvane\\kivd", base);
+  CreateDirectoryA(parent.c_str(), nullptr);
+  xsnprintf(root, sizeof root, "%s\\kivd", parent.c_str());
   if (!CreateDirectoryA(root, nullptr) && GetLastError() != ERROR_ALREADY_EXISTS) {
     *error = GetLastError();
     return false;
@@ -510,21 +508,28 @@ void handover_completed() {
   claim.adopted = false;
 }
 
-void handover_sweep() {
-  char root[MAX_PATH], base[MAX_PATH];
-  if (FAILED(SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, 0, base))) return;
-  xsnprintf(root, sizeof root, "%s\\Orvane\\kivd", base);
+std::string holders_parent() {
+  char base[MAX_PATH];
+  if (FAILED(SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, 0, base))) return "";
+  return std::string(base) + "\\Orvane";
+}
+
+bool handover_sweep() {
+  std::string parent = holders_parent();
+  if (parent.empty()) return false;
+  std::string root = parent + "\\kivd";
   WIN32_FIND_DATAA found;
-  std::string pattern = std::string(root) + "\\holder-*";
+  std::string pattern = root + "\\holder-*";
   HANDLE find = FindFirstFileA(pattern.c_str(), &found);
   if (find != INVALID_HANDLE_VALUE) {
     do {
       if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-        remove_holder_folder(std::string(root) + "\\" + found.cFileName);
+        remove_holder_folder(root + "\\" + found.cFileName);
     } while (FindNextFileA(find, &found));
     FindClose(find);
   }
-  RemoveDirectoryA(root);  // only when empty
-  xsnprintf(root, sizeof root, "%s\\Orvane", base);
-  RemoveDirectoryA(root);
+  // Each only when empty.
+  bool gone = RemoveDirectoryA(root.c_str()) || GetLastError() == ERROR_FILE_NOT_FOUND;
+  RemoveDirectoryA(parent.c_str());
+  return gone;
 }

@@ -39,5 +39,5 @@ int holder_main(const char *handles);
 int holder_remover(const char *pid);
 
 // Removes the folders of holders that no longer run (their copy can be deleted), and the
-// holders' root when it is empty. At every start and stop.
-void handover_sweep();
+// holders' root when it is empty. At every start and stop. True when the root is gone.
+bool handover_sweep();

@@ -42,6 +42,8 @@ struct header {
 // block of exactly the length named.
 bool parse(const char *all, size_t size, const char *magic, header *h);
 
+// <CommonAppData>\Orvane, the holders' root's parent; "" when the system names none.
+std::string holders_parent();
 // The system time as a FILETIME's 100-ns count.
 ULONGLONG filetime_now();
 // Any bytes as hexadecimal text, and back (false for text that is not).

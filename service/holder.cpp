@@ -289,11 +289,7 @@ int holder_remover(const char *pid) {
   if (process.valid()) WaitForSingleObject(process.get(), HANDOVER_REPLY_MS);
   // The image may be released a little after the process's end.
   for (int i = 0; i < 50; i++) {
-    handover_sweep();
-    char base[MAX_PATH], root[MAX_PATH];
-    if (FAILED(SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, 0, base))) return 1;
-    xsnprintf(root, sizeof root, "%s\\Orvane\\kivd", base);
-    if (GetFileAttributesA(root) == INVALID_FILE_ATTRIBUTES) return 0;
+    if (handover_sweep()) return 0;
     Sleep(100);
   }
   return 1;

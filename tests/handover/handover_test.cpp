@@ -49,6 +49,27 @@ long long stat(const std::string &line, const char *item) {
   return -1;
 }
 
+// The echo agent on two ports: `fresh`, whose agents serve what waits and end, so each
+// connection needs kivd, and `live`, whose agent runs throughout.
+void configure_fresh_and_live(kt::registry &reg, int *fresh, int *live) {
+  std::vector<int> ports = kt::free_ports(2);
+  *fresh = ports[0];
+  *live = ports[1];
+  std::string echo = "\"" + kt::echo_agent_exe() + "\"";
+  reg.service("fresh", echo);
+  reg.set("services\\fresh", "lifespan", "0");
+  reg.port(*fresh, "auto", "fresh");
+  reg.auto_ports("live", echo, {*live});
+}
+
+// The restart tests' load: new connections to `fresh`, the live one to `live`.
+kt::load_options load_on(int fresh, int live) {
+  kt::load_options options;
+  options.port = fresh;
+  options.live_port = live;
+  return options;
+}
+
 // Stops whichever kivd serves now (the successor of the one the test started) and waits
 // until no kivd.exe runs, holders included.
 void stop_all() {
@@ -82,19 +103,11 @@ bool handed(const std::string &reply, unsigned long *holder, unsigned long *kivd
 // throughout. Nothing refused, nothing cut, the live agent the same process all along.
 TEST(Restart, ThreeRestartsUnderLoadRefuseNothingAndCutNothing) {
   kt::registry reg;
-  std::vector<int> ports = kt::free_ports(2);
-  int fresh = ports[0], live = ports[1];
-  std::string echo = "\"" + kt::echo_agent_exe() + "\"";
-  reg.service("fresh", echo);
-  reg.set("services\\fresh", "lifespan", "0");  // each agent serves what waits, then ends
-  reg.port(fresh, "auto", "fresh");
-  reg.auto_ports("live", echo, {live});
+  int fresh = 0, live = 0;
+  configure_fresh_and_live(reg, &fresh, &live);
   kt::kivd d;
   ASSERT_TRUE(d.log_has(kt::listening(fresh)) && d.log_has(kt::listening(live))) << d.err();
-  kt::load_options options;
-  options.port = fresh;
-  options.live_port = live;
-  kt::client_load load(options);
+  kt::client_load load(load_on(fresh, live));
   load.start();
   ASSERT_TRUE(kt::poll([&] { return load.counts().live_echoed >= 2; }))
       << kt::describe(load.counts());
@@ -146,13 +159,8 @@ TEST(Restart, ThreeRestartsUnderLoadRefuseNothingAndCutNothing) {
 // the service's process new each time, the live agent the same.
 TEST(Restart, TheServiceRestartsThroughTheServiceManager) {
   kt::registry reg;
-  std::vector<int> ports = kt::free_ports(2);
-  int fresh = ports[0], live = ports[1];
-  std::string echo = "\"" + kt::echo_agent_exe() + "\"";
-  reg.service("fresh", echo);
-  reg.set("services\\fresh", "lifespan", "0");
-  reg.port(fresh, "auto", "fresh");
-  reg.auto_ports("live", echo, {live});
+  int fresh = 0, live = 0;
+  configure_fresh_and_live(reg, &fresh, &live);
   kt::service_manager m;
   auto remove = [&] {
     kt::run("\"" + kt::kivd_exe() + "\" -U");
@@ -163,10 +171,7 @@ TEST(Restart, TheServiceRestartsThroughTheServiceManager) {
   ASSERT_TRUE(m.start());
   ASSERT_TRUE(m.state_is(SERVICE_RUNNING));
   ASSERT_TRUE(kt::poll([&] { return kt::echoes(live); }));
-  kt::load_options options;
-  options.port = fresh;
-  options.live_port = live;
-  kt::client_load load(options);
+  kt::client_load load(load_on(fresh, live));
   load.start();
   ASSERT_TRUE(kt::poll([&] { return load.counts().live_echoed >= 2; }))
       << kt::describe(load.counts());

@@ -10,6 +10,7 @@
 #include "tools/kivctl/client.h"
 #include "tools/kivctl/retire.h"
 #include "tools/kivctl/why.h"
+#include "toolkit/runtime/events.h"
 #include "toolkit/runtime/scoped_win.h"
 
 bool parse_handover_reply(const std::string &text, handover_reply *out) {
@@ -20,10 +21,6 @@ bool parse_handover_reply(const std::string &text, handover_reply *out) {
 }
 
 namespace {
-
-// The event a successor writes once it serves what it took over (its number in kivd's
-// events), and the field naming the process it took over from.
-constexpr int HANDOVER_COMPLETED = 402;
 
 // Waits for process pid to end, at most ms; true when it has (or was gone already).
 bool wait_end(unsigned long pid, DWORD ms) {
@@ -40,9 +37,10 @@ bool successor_event(unsigned long predecessor, why_event *out) {
   if (client_exchange(pipe.get(), "why", 3, &elements) != 0) return false;
   for (const std::string &line : elements) {
     why_event e;
-    if (!parse_why_line(line, &e) || e.number != HANDOVER_COMPLETED) continue;
+    if (!parse_why_line(line, &e) || e.number != KIVEV_HANDOVER_COMPLETED) continue;
     for (const auto &f : e.fields)
-      if (f.first == "pid" && strtoul(f.second.c_str(), nullptr, 10) == predecessor) {
+      if (f.first == kivev_fieldname(KIVEV_F_PID) &&
+          strtoul(f.second.c_str(), nullptr, 10) == predecessor) {
         *out = e;
         return true;
       }
@@ -118,11 +116,15 @@ int kivctl_restart(int argc, char **argv, bool json) {
   }
   if (json)
     printf("{\"predecessor\":%lu,\"ports\":%s,\"agents\":%s,\"programs\":%s,\"gap_ms\":%s}\n",
-           r.kivd, field(e, "count").c_str(), field(e, "agents").c_str(),
-           field(e, "programs").c_str(), field(e, "gap").c_str());
+           r.kivd, field(e, kivev_fieldname(KIVEV_F_COUNT)).c_str(),
+           field(e, kivev_fieldname(KIVEV_F_AGENTS)).c_str(),
+           field(e, kivev_fieldname(KIVEV_F_PROGRAMS)).c_str(),
+           field(e, kivev_fieldname(KIVEV_F_GAP)).c_str());
   else
     printf("Restarted: %s ports, %s agents, %s programs taken over; %s ms between processes\n",
-           field(e, "count").c_str(), field(e, "agents").c_str(), field(e, "programs").c_str(),
-           field(e, "gap").c_str());
+           field(e, kivev_fieldname(KIVEV_F_COUNT)).c_str(),
+           field(e, kivev_fieldname(KIVEV_F_AGENTS)).c_str(),
+           field(e, kivev_fieldname(KIVEV_F_PROGRAMS)).c_str(),
+           field(e, kivev_fieldname(KIVEV_F_GAP)).c_str());
   return 0;
 }
